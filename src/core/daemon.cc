@@ -1,0 +1,205 @@
+#include "core/daemon.h"
+
+#include <linux/rtnetlink.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+#include "core/config.h"
+#include "core/input_thread.h"
+#include "db/db.h"
+#include "iface/interface.h"
+#include "iface/netlink.h"
+#include "kernel/mroute.h"
+
+namespace {
+
+bool g_thread_joinable = false;
+
+uint8_t* allocate(uint32_t size, const char* failure) {
+    auto* p = static_cast<uint8_t*>(calloc(1, size));
+    if (!p) {
+        puts(failure);
+    }
+    return p;
+}
+
+bool allocate_buffers(mldrt_router* r) {
+    r->buf = allocate(r->buf_size, "MLDRT: Router buffer allocation failed");
+    if (!r->buf) {
+        return false;
+    }
+    r->scratch = allocate(r->scratch_size, "MLDRT: Router Scratch Mem allocation failed");
+    if (!r->scratch) {
+        return false;
+    }
+    r->nl_buf = allocate(r->nl_buf_size, "MLDRT: Router Netlink Mem allocation failed");
+    return r->nl_buf != nullptr;
+}
+
+bool set_router_option(int sock, int level, int name, int value, const char* failure) {
+    int rc = setsockopt(sock, level, name, &value, sizeof value);
+    if (rc < 0) {
+        printf(failure, rc);
+        return false;
+    }
+    return true;
+}
+
+bool open_router_socket(mldrt_router* r) {
+    r->router_sock = socket(AF_INET6, SOCK_RAW, MLDRT_PROTO_ICMPV6);
+    if (r->router_sock < 0) {
+        printf("MLDRT: Can't open router socket %d\n", r->router_sock);
+        return false;
+    }
+    int s = r->router_sock;
+    if (!set_router_option(s, SOL_SOCKET, SO_REUSEADDR, 1,
+                           "MLDRT: Can't setsockopt for SO_REUSEADDR %d\n") ||
+        !set_router_option(s, IPPROTO_IPV6, IPV6_RECVPKTINFO, 1,
+                           "MLDRT: Can't setsockopt for IPV6_RECVPKTINFO %d\n") ||
+        !set_router_option(s, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 1,
+                           "MLDRT: Can't setsockopt for IPV6_MULTICAST_HOPS %d\n") ||
+        !set_router_option(s, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 0,
+                           "MLDRT: Can't setsockopt for IPV6_MULTICAST_LOOP %d\n")) {
+        return false;
+    }
+    if (mldrt_set_mld_icmp_filter(s) < 0) {
+        puts("MLDRT: Can't setsockopt for ICMP6_FILTER");
+        return false;
+    }
+    return true;
+}
+
+int create_input_thread(mldrt_router* r) {
+    g_input_thread_done = 0;
+    r->input_thread = pthread_t{};
+    if (pthread_create(&r->input_thread, nullptr, mldrt_input_thread, r) != 0) {
+        r->running = 0;
+        puts("MLDRT: Can't start input thread");
+        return -1;
+    }
+    g_thread_joinable = true;
+    return 0;
+}
+
+intptr_t join_input_thread(mldrt_router* r) {
+    void* value = nullptr;
+    pthread_join(r->input_thread, &value);
+    g_thread_joinable = false;
+    return reinterpret_cast<intptr_t>(value);
+}
+
+}  // namespace
+
+int mldv2_init(mldrt_router* r) {
+    mldrt_router_zero(r);
+    r->buf_size = MLDRT_BUF_SIZE;
+    r->scratch_size = MLDRT_SCRATCH_SIZE;
+    r->nl_buf_size = MLDRT_NL_BUF_SIZE;
+    if (!allocate_buffers(r) || mldrt_get_config(r) == -1 || !open_router_socket(r) ||
+        mldrt_k_init(r->router_sock) == -1) {
+        return -1;
+    }
+    mld_init_scan_link = 1;
+    int rc = scan_available_interfaces(&r->netlink_sock, RTM_GETLINK);
+    if (rc == -1) {
+        mld_init_scan_link = 0;
+        printf("MLDRT: Can't get interface info %d\n", rc);
+        return -1;
+    }
+    return 0;
+}
+
+int mldrt_start_threads(mldrt_router* r) {
+    // Both flags are stored before the thread exists, so it never races with these writes.
+    r->running = 1;
+    r->active = r->upstream ? 1 : 0;
+    return create_input_thread(r);
+}
+
+int restart_rt_input_thread(mldrt_router* r) {
+    if (g_scan_ifaddr == 1) {
+        int rc = scan_available_interfaces(&r->netlink_sock, RTM_GETADDR);
+        if (rc == -1) {
+            printf("MLDRT: Can't get interface info for RTM_GETADDR %d\n", rc);
+            return -1;
+        }
+        g_scan_ifaddr = 0;
+    }
+    r->running = 1;
+    uc_restart_rt_input_thread = 0;
+    return create_input_thread(r);
+}
+
+void mldrt_stop_threads(mldrt_router* r) {
+    g_stop_requested = 1;
+    r->active = 0;
+    r->running = 0;
+    if (g_thread_joinable) {
+        join_input_thread(r);
+    }
+}
+
+void mldrt_cleanup_interfaces(mldrt_router* r) {
+    mldrt_interface* next = nullptr;
+    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = next) {
+        next = ifp->next;
+        if (ifp->is_upstream) {
+            r->upstream = nullptr;
+        }
+        mldrt_release_interface_groups(r, ifp);
+        mldrt_delete_k_vif(r->router_sock, ifp);
+        mldrt_delete_interface(ifp);
+    }
+}
+
+void mldrt_uninit(mldrt_router* r) {
+    if (r->router_sock > 0) {
+        mldrt_k_stop(r->router_sock);
+        close(r->router_sock);
+    }
+    if (r->netlink_sock > 0) {
+        close(r->netlink_sock);
+    }
+    free(r->buf);
+    free(r->scratch);
+    free(r->nl_buf);
+    mldrt_router_zero(r);
+}
+
+void mldv2_done() {
+    mldrt_stop_threads(&router);
+    mldrt_cleanup_memberships(&router);
+    mldrt_cleanup_interfaces(&router);
+    mldrt_uninit(&router);
+    mldrt_sysif_reset();
+    exit(0);
+}
+
+void mldrt_shutdown_signals(sigset_t* set) {
+    sigemptyset(set);
+    static const int kSignals[] = {SIGUSR1, SIGKILL, SIGABRT, SIGTERM, SIGHUP};
+    for (int sig : kSignals) {
+        sigaddset(set, sig);
+    }
+}
+
+void mldrt_main_wait(mldrt_router* r, const sigset_t* signals) {
+    const timespec step{0, 200 * 1000 * 1000};
+    for (;;) {
+        if (sigtimedwait(signals, nullptr, &step) > 0) {
+            mldv2_done();
+        }
+        if (g_thread_joinable && g_input_thread_done) {
+            // Exit value 1: the thread asked to be restarted. Anything else leaves the daemon
+            // waiting for a signal without an input thread.
+            if (join_input_thread(r) == 1) {
+                restart_rt_input_thread(r);
+            }
+        }
+    }
+}

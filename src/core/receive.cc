@@ -1,0 +1,105 @@
+#include "core/receive.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+#include "iface/interface.h"
+#include "kernel/mroute.h"
+#include "kernel/upcall.h"
+#include "mld/mld.h"
+
+namespace {
+
+constexpr size_t kControlLen = 128;
+constexpr size_t kClearedLen = 128;
+
+struct receive_frame {
+    sockaddr_in6 from;
+    iovec iov;
+    alignas(cmsghdr) uint8_t control[kControlLen];
+    msghdr msg;
+};
+
+void prepare(receive_frame* f, uint8_t* buf, uint32_t size) {
+    std::memset(f, 0, sizeof *f);
+    f->iov.iov_base = buf;
+    f->iov.iov_len = size;
+    f->msg.msg_name = &f->from;
+    f->msg.msg_namelen = sizeof f->from;
+    f->msg.msg_iov = &f->iov;
+    f->msg.msg_iovlen = 1;
+    f->msg.msg_control = f->control;
+    f->msg.msg_controllen = sizeof f->control;
+}
+
+// The last IPV6_PKTINFO record of the ancillary data, if any.
+bool find_pktinfo(msghdr* msg, in6_pktinfo* info) {
+    bool found = false;
+    for (cmsghdr* c = CMSG_FIRSTHDR(msg); c; c = CMSG_NXTHDR(msg, c)) {
+        if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_PKTINFO &&
+            c->cmsg_len >= CMSG_LEN(sizeof *info)) {
+            std::memcpy(info, CMSG_DATA(c), sizeof *info);
+            found = true;
+        }
+    }
+    return found;
+}
+
+// A kernel upcall starts with a zero byte and names its MIF in host order at bytes 2 and 3;
+// only those for the upstream MIF are upcalls to us. The test needs no length: the first bytes
+// of the buffer were cleared before the read.
+bool is_upstream_upcall(const mldrt_router* r, const uint8_t* buf) {
+    uint16_t mif;
+    std::memcpy(&mif, buf + offsetof(mldrt_mrt6msg, im6_mif), sizeof mif);
+    return buf[0] == 0 && mif == r->upstream->mifi;
+}
+
+}  // namespace
+
+void mldrt_handle_input(mldrt_router* r, int proto) {
+    if (!r->upstream) {
+        return;
+    }
+    receive_frame f;
+    prepare(&f, r->buf, r->buf_size);
+    std::memset(r->buf, 0, kClearedLen);
+    if (proto != MLDRT_PROTO_ICMPV6) {
+        return;
+    }
+    ssize_t n = recvmsg(r->router_sock, &f.msg, MSG_DONTWAIT);
+    if (n < 0 || r->active == 0) {
+        return;
+    }
+    in6_pktinfo info;
+    if (!find_pktinfo(&f.msg, &info)) {
+        printf("MLDRT: Could not get receive interface info index was %d\n", 0);
+        return;
+    }
+    if (is_upstream_upcall(r, r->buf)) {
+        mldrt_handle_mrt6_msg(r, r->buf, static_cast<int>(n));
+        return;
+    }
+    mldrt_interface* ifp = mldrt_lookup_interface_index(r, info.ipi6_ifindex);
+    if (!ifp) {
+        return;
+    }
+    char text[INET6_ADDRSTRLEN];
+    if (!inet_ntop(AF_INET6, &f.from.sin6_addr, text, sizeof text)) {
+        puts("mld_rcv : Problem with sender address resolution");
+        return;
+    }
+    uint8_t src[16];
+    std::memcpy(src, &f.from.sin6_addr, 16);
+    mldrt_handle_mld_message(r, ifp, r->buf, src, static_cast<int>(n));
+}
+
+int mldrt_handle_other_pkts(mldrt_router* r, mldrt_interface* ifp) {
+    receive_frame f;
+    prepare(&f, r->buf, r->buf_size);
+    return static_cast<int>(recvmsg(ifp->sock, &f.msg, MSG_DONTWAIT));
+}

@@ -1,0 +1,36 @@
+#include "core/router.h"
+
+#include <cstring>
+
+mldrt_router router;
+std::atomic<int> uc_restart_rt_input_thread{0};
+std::atomic<int> g_scan_ifaddr{0};
+std::atomic<int> mld_init_scan_link{0};
+std::atomic<int> g_stop_requested{0};
+
+void mldrt_router_zero(mldrt_router* r) {
+    r->active = 0;
+    r->running = 0;
+    r->input_thread = pthread_t{};
+    r->router_sock = 0;
+    r->netlink_sock = 0;
+    r->buf_size = 0;
+    r->buf = nullptr;
+    r->scratch_size = 0;
+    r->scratch = nullptr;
+    r->nl_buf_size = 0;
+    r->nl_buf = nullptr;
+    r->interfaces = nullptr;
+    r->mfdb_list = nullptr;
+    r->upstream = nullptr;
+    r->robustness = 0;
+    r->query_interval = 0;
+    r->query_response_interval = 0;
+    r->last_listener_query_interval = 0;
+    r->last_listener_query_count = 0;
+    r->verbose = 0;
+    r->del_mifi = 0;
+    std::memset(r->upstream_addr, 0, sizeof r->upstream_addr);
+    std::memset(r->upstream_ifname, 0, sizeof r->upstream_ifname);
+    std::memset(r->group_text, 0, sizeof r->group_text);
+}

@@ -1,0 +1,62 @@
+// The one router context and the process-wide flags shared by the main thread and the input
+// thread. Everything else in the daemon hangs off `router`.
+#ifndef MLDPROXYD_CORE_ROUTER_H
+#define MLDPROXYD_CORE_ROUTER_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+struct mldrt_interface;
+struct mldrt_mfdb_entry;
+
+constexpr uint32_t MLDRT_BUF_SIZE = 2048;
+constexpr uint32_t MLDRT_SCRATCH_SIZE = 2048;
+constexpr uint32_t MLDRT_NL_BUF_SIZE = 4096;
+constexpr uint32_t MLDRT_IFNAME_LEN = 16;  // characters kept of an interface name
+constexpr int MLDRT_PROTO_ICMPV6 = 58;
+
+struct mldrt_router {
+    // Written by the main thread while the input thread runs, hence atomic.
+    std::atomic<int> active;
+    std::atomic<int> running;
+    pthread_t input_thread;
+    int32_t router_sock;
+    int32_t netlink_sock;
+    uint32_t buf_size;
+    uint8_t* buf;
+    uint32_t scratch_size;
+    uint8_t* scratch;
+    uint32_t nl_buf_size;
+    uint8_t* nl_buf;
+    mldrt_interface* interfaces;
+    mldrt_mfdb_entry* mfdb_list;
+    mldrt_interface* upstream;
+    uint32_t robustness;
+    uint32_t query_interval;
+    uint32_t query_response_interval;
+    uint32_t last_listener_query_interval;
+    uint32_t last_listener_query_count;
+    uint32_t verbose;
+    uint32_t del_mifi;
+    uint8_t upstream_addr[16];
+    char upstream_ifname[MLDRT_IFNAME_LEN + 1];  // always terminated
+    char group_text[48];
+};
+
+extern mldrt_router router;
+
+// Restart protocol between the input thread and main (see daemon.h).
+extern std::atomic<int> uc_restart_rt_input_thread;
+extern std::atomic<int> g_scan_ifaddr;
+extern std::atomic<int> mld_init_scan_link;
+
+// Set once a shutdown has begun. Unlike `running`, nothing but the shutdown path writes it, so
+// the netlink code's "keep running during the first dump" cannot undo a stop request.
+extern std::atomic<int> g_stop_requested;
+
+// Zero every field of a router record (the record holds atomics, so no memset).
+void mldrt_router_zero(mldrt_router* r);
+
+#endif

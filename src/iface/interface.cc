@@ -1,0 +1,243 @@
+#include "iface/interface.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/icmp6.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "mld/mld.h"
+
+namespace {
+
+// IPV6_CHECKSUM lives at the raw-socket level on Linux (EINVAL at IPPROTO_IPV6).
+constexpr int kSolRaw = 255;
+// Offset of the ICMPv6 checksum that the kernel computes and verifies.
+constexpr int kIcmp6ChecksumOffset = 2;
+
+const uint8_t kAllRouters[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x02};
+const uint8_t kAllMldv2Routers[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x16};
+
+int set_int_option(int sock, int level, int name, int value) {
+    return setsockopt(sock, level, name, &value, sizeof value);
+}
+
+int join_group(int sock, const uint8_t* group, uint32_t ifindex) {
+    ipv6_mreq mreq{};
+    std::memcpy(&mreq.ipv6mr_multiaddr, group, 16);
+    mreq.ipv6mr_interface = ifindex;
+    return setsockopt(sock, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &mreq, sizeof mreq);
+}
+
+// The per-interface socket options, in the order routers have always set them; false after
+// the failing option's message.
+bool set_interface_options(mldrt_interface* ifp) {
+    int s = ifp->sock;
+    if (set_int_option(s, SOL_SOCKET, SO_REUSEADDR, 1) < 0) {
+        puts("MLDRT: SetSockOpt failed for SO_REUSEADDR");
+        return false;
+    }
+    if (set_int_option(s, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 1) < 0) {
+        puts("MLDRT: SetSockOpt failed for IPV6_MULTICAST_HOPS");
+        return false;
+    }
+    if (set_int_option(s, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 0) < 0) {
+        puts("MLDRT: SetSockOpt failed for IPV6_MULTICAST_LOOP");
+        return false;
+    }
+    int rc = set_int_option(s, IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(ifp->ifindex));
+    if (rc < 0) {
+        printf("MLDRT: SetSockOpt failed for IP_MULTICAST_IF %d\n", rc);
+        return false;
+    }
+    if (join_group(s, kAllRouters, ifp->ifindex) < 0) {
+        puts("MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP1");
+        return false;
+    }
+    if (join_group(s, kAllMldv2Routers, ifp->ifindex) < 0) {
+        puts("MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP2");
+        return false;
+    }
+    if (set_int_option(s, kSolRaw, IPV6_CHECKSUM, kIcmp6ChecksumOffset) < 0) {
+        puts("MLDRT: SetSockOpt failed for IPV6_CHECKSUM");
+        return false;
+    }
+    if (set_int_option(s, IPPROTO_IPV6, IPV6_RECVPKTINFO, 1) < 0) {
+        puts("MLDRT: SetSockOpt failed for IPV6_RECVPKTINFO");
+        return false;
+    }
+    if (mldrt_set_mld_icmp_filter(s) < 0) {
+        puts("MLDRT: SetSockOpt failed for ICMP Filter");
+        return false;
+    }
+    return true;
+}
+
+void copy_name(char* dst, const char* src) {
+    std::strncpy(dst, src, MLDRT_IFNAME_LEN);
+    dst[MLDRT_IFNAME_LEN] = '\0';
+}
+
+void fill_record(mldrt_router* r, mldrt_interface* ifp, const mldrt_interface_desc* desc,
+                 uint16_t mifi) {
+    copy_name(ifp->name, desc->name);
+    if (std::strcmp(ifp->name, r->upstream_ifname) == 0) {
+        ifp->is_upstream = 1;
+        ifp->querier = 0;
+        std::memcpy(r->upstream_addr, desc->addr, 16);
+    } else {
+        ifp->is_upstream = 0;
+        ifp->querier = 1;
+    }
+    ifp->ifindex = desc->ifindex;
+    ifp->query_interval = r->query_interval;
+    ifp->query_timer = r->query_interval;
+    ifp->query_response_interval = r->query_response_interval;
+    ifp->mifi = mifi;
+    ifp->mld_version = 2;
+    ifp->startup_query_count = r->robustness - 1;  // wraps for robustness 0, as deployed
+}
+
+void release_record(mldrt_interface* ifp) {
+    if (ifp->sock > 0) {
+        close(ifp->sock);
+    }
+    free(ifp->buf);
+    free(ifp);
+}
+
+}  // namespace
+
+int mldrt_set_mld_icmp_filter(int sock) {
+    icmp6_filter filter;
+    ICMP6_FILTER_SETBLOCKALL(&filter);
+    ICMP6_FILTER_SETPASS(MLDRT_TYPE_QUERY, &filter);
+    ICMP6_FILTER_SETPASS(MLDRT_TYPE_V1_REPORT, &filter);
+    ICMP6_FILTER_SETPASS(MLDRT_TYPE_V1_DONE, &filter);
+    ICMP6_FILTER_SETPASS(MLDRT_TYPE_V2_REPORT, &filter);
+    return setsockopt(sock, IPPROTO_ICMPV6, ICMP6_FILTER, &filter, sizeof filter);
+}
+
+int ipv6_addr_equal(const void* a, const void* b) {
+    return std::memcmp(a, b, 16) == 0 ? 1 : 0;
+}
+
+int get_interface_mtu(const char* name) {
+    int s = socket(AF_INET, SOCK_DGRAM, 0);
+    if (s < 1) {
+        return -1;
+    }
+    ifreq ifr{};
+    std::strncpy(ifr.ifr_name, name, IFNAMSIZ - 1);
+    int rc = ioctl(s, SIOCGIFMTU, &ifr);
+    close(s);
+    return rc < 0 ? -1 : ifr.ifr_mtu;
+}
+
+mldrt_interface* mldrt_create_interface(mldrt_router* r, const mldrt_interface_desc* desc,
+                                        uint16_t mifi) {
+    auto* ifp = static_cast<mldrt_interface*>(calloc(1, sizeof(mldrt_interface)));
+    if (!ifp) {
+        puts("MLDRT: Router interface allocation failed");
+        return nullptr;
+    }
+    int mtu = get_interface_mtu(desc->name);
+    ifp->buf_size = mtu > 0 ? static_cast<uint32_t>(mtu) : MLDRT_DEFAULT_IF_BUF_SIZE;
+    ifp->buf = static_cast<uint8_t*>(calloc(1, ifp->buf_size));
+    if (!ifp->buf) {
+        free(ifp);
+        puts("MLDRT: Interface buffer allocation failed");
+        return nullptr;
+    }
+    ifp->sock = socket(AF_INET6, SOCK_RAW, MLDRT_PROTO_ICMPV6);
+    // A descriptor that select() cannot watch is as useless as none at all.
+    if (ifp->sock < 0 || ifp->sock >= FD_SETSIZE) {
+        release_record(ifp);
+        puts("MLDRT: Cant open interface socket");
+        return nullptr;
+    }
+    fill_record(r, ifp, desc, mifi);
+    if (!set_interface_options(ifp)) {
+        // Released, unlike older routers that kept the half-made record: the next netlink
+        // batch for this link tries again from scratch.
+        release_record(ifp);
+        return nullptr;
+    }
+    return ifp;
+}
+
+mldrt_interface* mld_add_interface(mldrt_router* r, const mldrt_interface_desc* desc,
+                                   uint16_t mifi) {
+    mldrt_interface* ifp = mldrt_lookup_interface_name(r, desc->name);
+    if (ifp) {
+        return ifp;
+    }
+    ifp = mldrt_create_interface(r, desc, mifi);
+    if (!ifp) {
+        return nullptr;
+    }
+    ifp->next = r->interfaces;
+    if (r->interfaces) {
+        r->interfaces->pprev = &ifp->next;
+    }
+    ifp->pprev = &r->interfaces;
+    r->interfaces = ifp;
+    std::memcpy(ifp->addr, desc->addr, 16);
+    return ifp;
+}
+
+void mldrt_delete_interface(mldrt_interface* ifp) {
+    if (ifp->pprev) {
+        *ifp->pprev = ifp->next;
+    }
+    if (ifp->next) {
+        ifp->next->pprev = ifp->pprev;
+    }
+    release_record(ifp);
+}
+
+mldrt_interface* mldrt_lookup_interface_name(mldrt_router* r, const char* name) {
+    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
+        if (std::strncmp(ifp->name, name, MLDRT_IFNAME_LEN) == 0) {
+            return ifp;
+        }
+    }
+    return nullptr;
+}
+
+mldrt_interface* mldrt_lookup_interface_index(mldrt_router* r, uint32_t ifindex) {
+    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
+        if (ifp->ifindex == ifindex) {
+            return ifp;
+        }
+    }
+    return nullptr;
+}
+
+mldrt_interface* mldrt_lookup_interface_addr(mldrt_router* r, const uint8_t* addr) {
+    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
+        if (ipv6_addr_equal(ifp->addr, addr)) {
+            return ifp;
+        }
+    }
+    return nullptr;
+}
+
+uint16_t mldrt_get_new_vifi(mldrt_router* r) {
+    for (uint32_t candidate = 0;; candidate++) {
+        mldrt_interface* ifp = r->interfaces;
+        while (ifp && ifp->mifi != candidate) {
+            ifp = ifp->next;
+        }
+        if (!ifp) {
+            return static_cast<uint16_t>(candidate);
+        }
+    }
+}

@@ -1,0 +1,303 @@
+#include "iface/netlink.h"
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "core/input_thread.h"
+#include "db/db.h"
+#include "iface/interface.h"
+#include "kernel/mroute.h"
+
+namespace {
+
+constexpr uint32_t kNlHdrLen = 16;
+constexpr uint32_t kIfInfoLen = 16;
+constexpr uint32_t kIfAddrLen = 8;
+constexpr uint32_t kRtaHdrLen = 4;
+constexpr int kMaxLinkAttr = 20;
+constexpr int kMaxAddrAttr = 7;
+static_assert(sizeof(nlmsghdr) == kNlHdrLen, "netlink header is 16 bytes");
+static_assert(sizeof(ifinfomsg) == kIfInfoLen, "link message header is 16 bytes");
+static_assert(sizeof(ifaddrmsg) == kIfAddrLen, "address message header is 8 bytes");
+
+uint32_t g_nl_seq = 0;
+
+uint32_t align4(uint32_t n) {
+    return (n + 3u) & ~3u;
+}
+
+const uint8_t* rta_payload(const rtattr* rta) {
+    return reinterpret_cast<const uint8_t*>(rta) + kRtaHdrLen;
+}
+// Attributes are read by copy: nothing guarantees their alignment inside a received buffer.
+rtattr rta_header(const void* p) {
+    rtattr hdr;
+    std::memcpy(&hdr, p, sizeof hdr);
+    return hdr;
+}
+uint32_t rta_payload_len(const rtattr* rta) {
+    return rta_header(rta).rta_len - kRtaHdrLen;
+}
+
+// Every batch after the first link dump restarts the input thread, so that it watches the
+// sockets of interfaces created meanwhile and takes their start-up actions.
+void request_restart(mldrt_router* r) {
+    uc_restart_rt_input_thread = 1;
+    r->running = 0;
+}
+
+void end_of_dump(mldrt_router* r) {
+    mld_init_scan_link = 0;
+    request_restart(r);
+}
+
+void copy_link_name(mldrt_sysif* entry, const rtattr* attr) {
+    uint32_t n = rta_payload_len(attr);
+    if (n > sizeof entry->name - 1) {
+        n = sizeof entry->name - 1;
+    }
+    std::memcpy(entry->name, rta_payload(attr), n);
+    entry->name[n] = '\0';  // the kernel's own terminator, if any, ends the name earlier
+}
+
+bool is_link_local(const uint8_t* addr) {
+    return addr[0] == 0xfe && (addr[1] & 0xc0) == 0x80;
+}
+
+void handle_one_message(mldrt_router* r, const nlmsghdr* hdr, const uint8_t* msg) {
+    switch (hdr->nlmsg_type) {
+        case RTM_NEWLINK:
+        case RTM_DELLINK:
+            handle_intf_link_event(hdr->nlmsg_type != RTM_DELLINK, msg, hdr->nlmsg_len, r);
+            break;
+        case RTM_NEWADDR:
+        case RTM_DELADDR:
+            handle_intf_addr_event(hdr->nlmsg_type != RTM_DELADDR, msg, hdr->nlmsg_len, r);
+            break;
+        default:
+            break;
+    }
+}
+
+}  // namespace
+
+int scan_available_interfaces(int32_t* sockp, int type) {
+    if (type == RTM_GETLINK) {
+        int s = socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
+        if (s < 0) {
+            printf("MLDRT: Can't open bcast socket %d\n", s);
+            return -1;
+        }
+        sockaddr_nl local{};
+        local.nl_family = AF_NETLINK;
+        local.nl_groups = MLDRT_NL_GROUPS;
+        int rc = bind(s, reinterpret_cast<sockaddr*>(&local), sizeof local);
+        if (rc < 0) {
+            printf("MLDRT: Can't bind bcast socket %d\n", rc);
+            close(s);
+            return -1;
+        }
+        *sockp = s;
+    }
+    // Netlink header and a one-byte rtgenmsg (family AF_UNSPEC), padded to 20 bytes.
+    struct {
+        nlmsghdr hdr;
+        uint8_t family[4];
+    } req{};
+    static_assert(sizeof req == 20, "dump request is 20 bytes");
+    req.hdr.nlmsg_len = kNlHdrLen + 1;
+    req.hdr.nlmsg_type = static_cast<uint16_t>(type);
+    req.hdr.nlmsg_flags = NLM_F_REQUEST | NLM_F_ROOT | NLM_F_MATCH;
+    req.hdr.nlmsg_seq = g_nl_seq++;
+    send(*sockp, &req, sizeof req, 0);
+    return 0;
+}
+
+int mldrt_handle_interface(mldrt_router* r) {
+    ssize_t n = recv(r->netlink_sock, r->nl_buf, r->nl_buf_size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (n < 0) {
+        end_of_dump(r);
+        return 0;
+    }
+    uint32_t left = static_cast<uint32_t>(n);
+    const uint8_t* p = r->nl_buf;
+    while (left >= kNlHdrLen) {
+        nlmsghdr hdr;
+        std::memcpy(&hdr, p, sizeof hdr);
+        if (hdr.nlmsg_len < kNlHdrLen || hdr.nlmsg_len > left) {
+            break;
+        }
+        if (hdr.nlmsg_type == NLMSG_DONE) {
+            mldrt_take_startup_actions(r);
+            end_of_dump(r);
+            return 0;  // whatever follows in this batch is dropped
+        }
+        if (hdr.nlmsg_type == NLMSG_ERROR) {
+            end_of_dump(r);
+            return 0;
+        }
+        handle_one_message(r, &hdr, p);
+        uint32_t step = align4(hdr.nlmsg_len);
+        if (step >= left) {
+            break;
+        }
+        p += step;
+        left -= step;
+    }
+    if (mld_init_scan_link == 0) {
+        request_restart(r);
+    } else {
+        // The first link dump may come in several batches: keep reading it in this thread.
+        uc_restart_rt_input_thread = 0;
+        r->running = 1;
+    }
+    return 0;
+}
+
+void parse_rtatable(const rtattr** tb, int max, const rtattr* rta, uint32_t len) {
+    std::memset(tb, 0, sizeof(*tb) * static_cast<size_t>(max + 1));
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(rta);
+    while (len >= kRtaHdrLen) {
+        rtattr hdr = rta_header(p);
+        if (hdr.rta_len < kRtaHdrLen || hdr.rta_len > len) {
+            return;
+        }
+        if (hdr.rta_type <= max) {
+            tb[hdr.rta_type] = reinterpret_cast<const rtattr*>(p);
+        }
+        uint32_t step = align4(hdr.rta_len);
+        if (step >= len) {
+            return;
+        }
+        p += step;
+        len -= step;
+    }
+}
+
+void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, mldrt_router* r) {
+    if (len < kNlHdrLen + kIfInfoLen) {
+        return;
+    }
+    ifinfomsg ifi;
+    std::memcpy(&ifi, msg + kNlHdrLen, sizeof ifi);
+    const rtattr* tb[kMaxLinkAttr + 1];
+    const auto* attrs = reinterpret_cast<const rtattr*>(msg + kNlHdrLen + kIfInfoLen);
+    parse_rtatable(tb, kMaxLinkAttr, attrs, len - kNlHdrLen - kIfInfoLen);
+    bool usable = (ifi.ifi_flags & IFF_MULTICAST) && !(ifi.ifi_flags & IFF_LOOPBACK);
+    mldrt_sysif* entry = nullptr;
+    if (tb[IFLA_IFNAME] && tb[IFLA_MTU] && usable) {
+        entry = mldrt_sysif_get(static_cast<uint32_t>(ifi.ifi_index));
+    }
+    if (entry) {
+        // A link message forgets the address: the address dump after the restart refills it.
+        uint32_t ifindex = entry->ifindex;
+        std::memset(entry, 0, sizeof *entry);
+        entry->state = MLDRT_SYSIF_FILLED;
+        entry->ifindex = ifindex;
+        copy_link_name(entry, tb[IFLA_IFNAME]);
+        entry->event = is_new ? MLDRT_SYSIF_NEWLINK : MLDRT_SYSIF_DELLINK;
+        entry->up = (ifi.ifi_flags & IFF_UP) ? 1 : 0;
+        if (!is_new) {
+            mldrt_handle_sysif(r, entry);
+            mldrt_sysif_remove(ifindex);
+        }
+    }
+    r->running = 0;
+    g_scan_ifaddr = 1;
+    uc_restart_rt_input_thread = 1;
+}
+
+void handle_intf_addr_event(int, const uint8_t* msg, uint32_t len, mldrt_router* r) {
+    if (len < kNlHdrLen + kIfAddrLen) {
+        return;
+    }
+    ifaddrmsg ifa;
+    std::memcpy(&ifa, msg + kNlHdrLen, sizeof ifa);
+    if (ifa.ifa_family != AF_INET6) {
+        return;
+    }
+    const rtattr* tb[kMaxAddrAttr + 1];
+    const auto* attrs = reinterpret_cast<const rtattr*>(msg + kNlHdrLen + kIfAddrLen);
+    parse_rtatable(tb, kMaxAddrAttr, attrs, len - kNlHdrLen - kIfAddrLen);
+    const rtattr* attr = tb[IFA_LOCAL] ? tb[IFA_LOCAL] : tb[IFA_ADDRESS];
+    // New and deleted addresses are handled alike: either way the entry learns the address.
+    if (attr && rta_payload_len(attr) == 16 && is_link_local(rta_payload(attr))) {
+        mldrt_sysif* entry = mldrt_sysif_find(ifa.ifa_index);
+        if (entry && entry->state == MLDRT_SYSIF_FILLED) {
+            std::memcpy(entry->addr, rta_payload(attr), 16);
+            mldrt_handle_sysif(r, entry);
+        }
+    }
+    request_restart(r);
+}
+
+void mldrt_handle_sysif(mldrt_router* r, mldrt_sysif* entry) {
+    if (entry->state != MLDRT_SYSIF_FILLED) {
+        return;
+    }
+    uint8_t ev = entry->event;
+    if (ev & MLDRT_SYSIF_EV_RESTART) {
+        mldrt_handle_interface_down(r, entry);
+        mldrt_handle_interface_up(r, entry);
+    } else if (ev & MLDRT_SYSIF_EV_UP) {
+        mldrt_handle_interface_up(r, entry);
+    } else if (ev & MLDRT_SYSIF_EV_DOWN) {
+        mldrt_handle_interface_down(r, entry);
+    } else if (ev & MLDRT_SYSIF_EV_BY_FLAG) {
+        if (entry->up) {
+            mldrt_handle_interface_up(r, entry);
+        } else {
+            mldrt_handle_interface_down(r, entry);
+        }
+    }
+}
+
+void mldrt_handle_interface_up(mldrt_router* r, const mldrt_sysif* entry) {
+    if (mldrt_lookup_interface_name(r, entry->name)) {
+        return;
+    }
+    mldrt_interface_desc desc{};
+    std::strncpy(desc.name, entry->name, MLDRT_IFNAME_LEN);
+    std::memcpy(desc.addr, entry->addr, 16);
+    desc.ifindex = entry->ifindex;
+    mldrt_interface* ifp = mld_add_interface(r, &desc, mldrt_get_new_vifi(r));
+    if (!ifp) {
+        return;
+    }
+    if (mldrt_add_k_vif(r->router_sock, ifp) == -1) {
+        mldrt_delete_interface(ifp);
+        return;
+    }
+    if (ifp->is_upstream) {
+        r->upstream = ifp;
+        r->active = 1;
+        // Every querier sends a general query at the next tick.
+        for (mldrt_interface* it = r->interfaces; it; it = it->next) {
+            it->query_timer = r->query_interval;
+        }
+        mldrt_rewrite_kernel_forwarding(r);
+    }
+}
+
+void mldrt_handle_interface_down(mldrt_router* r, const mldrt_sysif* entry) {
+    mldrt_interface* ifp = mldrt_lookup_interface_name(r, entry->name);
+    if (!ifp) {
+        return;
+    }
+    if (ifp->is_upstream) {
+        r->active = 0;
+        mldrt_cleanup_memberships(r);
+        r->upstream = nullptr;
+    } else {
+        mldrt_update_memberships(r, ifp, 1);
+    }
+    mldrt_release_interface_groups(r, ifp);
+    mldrt_delete_k_vif(r->router_sock, ifp);
+    mldrt_delete_interface(ifp);
+}

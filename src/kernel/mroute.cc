@@ -1,0 +1,126 @@
+#include "kernel/mroute.h"
+
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "iface/interface.h"
+
+namespace {
+
+const uint8_t kAnySource[16] = {};
+
+bool is_any_source(const uint8_t* source) {
+    return std::memcmp(source, kAnySource, 16) == 0;
+}
+
+mldrt_mif6ctl make_mif6ctl(const mldrt_interface* ifp) {
+    mldrt_mif6ctl mc{};
+    mc.mif6c_mifi = ifp->mifi;
+    mc.mif6c_flags = 0;
+    mc.mif6c_pifi = static_cast<uint16_t>(ifp->ifindex);
+    return mc;
+}
+
+mldrt_mf6cctl make_mf6cctl(const uint8_t* group, const uint8_t* source) {
+    mldrt_mf6cctl mc;
+    std::memset(&mc, 0, sizeof mc);
+    std::memcpy(&mc.mf6cc_origin.sin6_addr, source, 16);
+    std::memcpy(&mc.mf6cc_mcastgrp.sin6_addr, group, 16);
+    return mc;
+}
+
+int set_mfc(int sock, int option, const mldrt_mf6cctl* mc) {
+    return setsockopt(sock, MLDRT_K_LEVEL, option, mc, sizeof *mc);
+}
+
+}  // namespace
+
+int mldrt_k_init(int sock) {
+    int one = 1;
+    int rc = setsockopt(sock, MLDRT_K_LEVEL, MRT6_INIT_OPT, &one, sizeof one);
+    if (rc < 0) {
+        printf("MLDRT: Setsockopt error on MRT6_INIT %d\n", rc);
+        return -1;
+    }
+    return 0;
+}
+
+int mldrt_k_stop(int sock) {
+    if (setsockopt(sock, MLDRT_K_LEVEL, MRT6_DONE_OPT, nullptr, 0) < 0) {
+        puts("MLDRT: Setsockopt error on MRT_DONE");
+        return -1;
+    }
+    return 0;
+}
+
+int mldrt_add_k_vif(int sock, const mldrt_interface* ifp) {
+    // mif6c_pifi holds 16 bits and the kernel has 32 MIFs: never register a truncated index.
+    if (ifp->ifindex > MLDRT_MAX_PIFI || ifp->mifi >= MLDRT_MAXMIFS) {
+        puts("MLDRT: Setsockopt error on MRT_ADD_MIF");
+        return -1;
+    }
+    mldrt_mif6ctl mc = make_mif6ctl(ifp);
+    if (setsockopt(sock, MLDRT_K_LEVEL, MRT6_ADD_MIF_OPT, &mc, sizeof mc) < 0) {
+        puts("MLDRT: Setsockopt error on MRT_ADD_MIF");
+        return -1;
+    }
+    return 0;
+}
+
+int mldrt_delete_k_vif(int sock, const mldrt_interface* ifp) {
+    mldrt_mif6ctl mc = make_mif6ctl(ifp);
+    if (setsockopt(sock, MLDRT_K_LEVEL, MRT6_DEL_MIF_OPT, &mc, sizeof mc) < 0) {
+        puts("MLDRT: Setsockopt error on MRT_DEL_VIF");
+        return -1;
+    }
+    return 0;
+}
+
+uint32_t mldrt_k_ifset_word(const uint8_t* oifs) {
+    uint32_t word = 0;
+    for (uint32_t i = 0; i < MLDRT_MAXMIFS; i++) {
+        if (oifs[i]) {
+            word |= 1u << i;
+        }
+    }
+    return word;
+}
+
+int mldrt_add_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source,
+                    const uint8_t* oifs) {
+    if (!r->upstream) {
+        return -1;  // no parent MIF to name yet; written again when the upstream appears
+    }
+    mldrt_mf6cctl mc = make_mf6cctl(group, source);
+    mc.mf6cc_parent = r->upstream->mifi;
+    mc.mf6cc_ifset[0] = mldrt_k_ifset_word(oifs);
+    if (is_any_source(source) && r->upstream->mifi < MLDRT_MAXMIFS) {
+        mc.mf6cc_ifset[0] |= 1u << r->upstream->mifi;
+    }
+    if (set_mfc(r->router_sock, MRT6_ADD_MFC_OPT, &mc) < 0) {
+        puts("MLDRT: Setsockopt error on MRT_ADD_MFC");
+        return -1;
+    }
+    return 0;
+}
+
+int mldrt_delete_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source) {
+    mldrt_mf6cctl mc = make_mf6cctl(group, source);
+    if (set_mfc(r->router_sock, MRT6_DEL_MFC_OPT, &mc) < 0) {
+        if (is_any_source(source)) {
+            puts("MLDRT: Setsockopt error on MRT_DEL_ADD_MFC");
+        }
+        return -1;
+    }
+    return 0;
+}
+
+int mldrt_add_k_membership() {
+    return 0;
+}
+
+int mldrt_delete_k_membership() {
+    return 0;
+}

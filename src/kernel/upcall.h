@@ -1,0 +1,12 @@
+// The kernel's cache-miss upcalls for traffic arriving on the upstream link.
+#ifndef MLDPROXYD_KERNEL_UPCALL_H
+#define MLDPROXYD_KERNEL_UPCALL_H
+
+#include <cstdint>
+
+#include "core/router.h"
+
+// `msg` holds `len` bytes read from the router socket that begin like an mrt6msg.
+void mldrt_handle_mrt6_msg(mldrt_router* r, const uint8_t* msg, int len);
+
+#endif
