@@ -1,0 +1,33 @@
+// Arbitrary bytes as the configuration file: the reader must stay within its line buffer and
+// keep the upstream name terminated.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/config.h"
+#include "core/router.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size == 0) {
+        return 0;
+    }
+    void* copy = malloc(size);
+    std::memcpy(copy, data, size);
+    FILE* fp = fmemopen(copy, size, "r");
+    if (!fp) {
+        free(copy);
+        return 0;
+    }
+    mldrt_router_zero(&router);
+    router.buf_size = MLDRT_BUF_SIZE;
+    router.buf = static_cast<uint8_t*>(calloc(1, router.buf_size));
+    mldrt_read_config(&router, fp);
+    if (std::strlen(router.upstream_ifname) > MLDRT_IFNAME_LEN) {
+        abort();
+    }
+    fclose(fp);
+    free(router.buf);
+    free(copy);
+    return 0;
+}

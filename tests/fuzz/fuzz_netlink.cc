@@ -1,0 +1,44 @@
+// Arbitrary bytes as netlink batches: the walk, the link and address handlers, interface
+// creation and MIF registration must stay within the buffer and release what they create.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/daemon.h"
+#include "core/router.h"
+#include "fake_kernel.h"
+#include "iface/netlink.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    fake::reset();
+    mldrt_sysif_reset();
+    mldrt_router_zero(&router);
+    router.buf_size = MLDRT_BUF_SIZE;
+    router.scratch_size = MLDRT_SCRATCH_SIZE;
+    router.nl_buf_size = MLDRT_NL_BUF_SIZE;
+    router.buf = static_cast<uint8_t*>(calloc(1, router.buf_size));
+    router.scratch = static_cast<uint8_t*>(calloc(1, router.scratch_size));
+    router.nl_buf = static_cast<uint8_t*>(calloc(1, router.nl_buf_size));
+    router.robustness = 1;
+    router.router_sock = fake::kernel().next_fd++;
+    router.netlink_sock = fake::kernel().next_fd++;
+    std::strcpy(router.upstream_ifname, "up0");
+
+    // The first byte picks the phase (first link dump or later); the rest is split into two
+    // batches at the second byte, so state carries from one batch to the next.
+    if (size < 2) {
+        mldrt_uninit(&router);
+        return 0;
+    }
+    mld_init_scan_link = data[0] & 1;
+    size_t cut = 2 + (size - 2) * data[1] / 256;
+    fake::kernel().netlink_batches.emplace_back(data + 2, data + cut);
+    fake::kernel().netlink_batches.emplace_back(data + cut, data + size);
+    mldrt_handle_interface(&router);
+    mldrt_handle_interface(&router);
+
+    mldrt_cleanup_interfaces(&router);
+    mldrt_uninit(&router);
+    mldrt_sysif_reset();
+    return 0;
+}

@@ -1,0 +1,226 @@
+#include "fake_kernel.h"
+
+#include <sys/ioctl.h>
+#include <net/if.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstring>
+#include <string>
+
+extern "C" {
+int __real_close(int fd);
+ssize_t __real_send(int fd, const void* buf, size_t len, int flags);
+ssize_t __real_recv(int fd, void* buf, size_t len, int flags);
+ssize_t __real_recvmsg(int fd, msghdr* msg, int flags);
+ssize_t __real_sendmsg(int fd, const msghdr* msg, int flags);
+int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t len);
+int __real_bind(int fd, const sockaddr* addr, socklen_t len);
+int __real_ioctl(int fd, unsigned long request, ...);
+int __real_select(int n, fd_set* r, fd_set* w, fd_set* e, timeval* t);
+}
+
+namespace fake {
+
+namespace {
+kernel_state g_kernel;
+
+bool is_fake(int fd) {
+    return fd >= kFirstFakeFd;
+}
+
+void log_call(const std::string& what) {
+    g_kernel.log.push_back(what);
+}
+
+void fill_control(msghdr* msg, const datagram& d) {
+    size_t room = msg->msg_controllen;
+    msg->msg_controllen = 0;
+    if (!d.with_pktinfo || room < CMSG_SPACE(sizeof(in6_pktinfo))) {
+        return;
+    }
+    msg->msg_controllen = CMSG_SPACE(sizeof(in6_pktinfo));
+    cmsghdr* c = CMSG_FIRSTHDR(msg);
+    c->cmsg_level = IPPROTO_IPV6;
+    c->cmsg_type = IPV6_PKTINFO;
+    c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
+    in6_pktinfo info{};
+    info.ipi6_ifindex = d.ifindex;
+    std::memcpy(CMSG_DATA(c), &info, sizeof info);
+}
+}  // namespace
+
+kernel_state& kernel() {
+    return g_kernel;
+}
+
+void reset() {
+    g_kernel = kernel_state{};
+}
+
+std::vector<sockopt_call> sockopts(int level, int name) {
+    std::vector<sockopt_call> out;
+    for (const auto& c : g_kernel.sockopts) {
+        if (c.level == level && c.name == name) {
+            out.push_back(c);
+        }
+    }
+    return out;
+}
+
+}  // namespace fake
+
+using fake::g_kernel;
+using fake::is_fake;
+
+extern "C" {
+
+int __wrap_socket(int domain, int type, int protocol) {
+    fake::log_call("socket");
+    if (g_kernel.socket_result != 0) {
+        return g_kernel.socket_result;
+    }
+    int fd = g_kernel.next_fd++;
+    g_kernel.sockets.push_back({fd, domain, type, protocol});
+    return fd;
+}
+
+int __wrap_close(int fd) {
+    if (!is_fake(fd)) {
+        return __real_close(fd);
+    }
+    fake::log_call("close " + std::to_string(fd));
+    g_kernel.closed.push_back(fd);
+    return 0;
+}
+
+int __wrap_bind(int fd, const sockaddr* addr, socklen_t len) {
+    if (!is_fake(fd)) {
+        return __real_bind(fd, addr, len);
+    }
+    fake::log_call("bind");
+    return g_kernel.bind_result;
+}
+
+ssize_t __wrap_send(int fd, const void* buf, size_t len, int flags) {
+    if (!is_fake(fd)) {
+        return __real_send(fd, buf, len, flags);
+    }
+    fake::log_call("send");
+    const auto* p = static_cast<const uint8_t*>(buf);
+    g_kernel.sent.emplace_back(p, p + len);
+    return static_cast<ssize_t>(len);
+}
+
+ssize_t __wrap_recv(int fd, void* buf, size_t len, int flags) {
+    if (!is_fake(fd)) {
+        return __real_recv(fd, buf, len, flags);
+    }
+    if (g_kernel.netlink_batches.empty()) {
+        return -1;
+    }
+    std::vector<uint8_t> batch = std::move(g_kernel.netlink_batches.front());
+    g_kernel.netlink_batches.pop_front();
+    size_t n = batch.size() < len ? batch.size() : len;
+    if (n > 0) {
+        std::memcpy(buf, batch.data(), n);
+    }
+    return static_cast<ssize_t>(n);
+}
+
+ssize_t __wrap_recvmsg(int fd, msghdr* msg, int flags) {
+    if (!is_fake(fd)) {
+        return __real_recvmsg(fd, msg, flags);
+    }
+    fake::log_call("recvmsg");
+    if (g_kernel.datagrams.empty()) {
+        return -1;
+    }
+    fake::datagram d = std::move(g_kernel.datagrams.front());
+    g_kernel.datagrams.pop_front();
+    size_t n =
+        d.payload.size() < msg->msg_iov[0].iov_len ? d.payload.size() : msg->msg_iov[0].iov_len;
+    if (n > 0) {
+        std::memcpy(msg->msg_iov[0].iov_base, d.payload.data(), n);
+    }
+    if (msg->msg_name && msg->msg_namelen >= sizeof(sockaddr_in6)) {
+        sockaddr_in6 from{};
+        from.sin6_family = AF_INET6;
+        std::memcpy(&from.sin6_addr, d.src, 16);
+        std::memcpy(msg->msg_name, &from, sizeof from);
+    }
+    fake::fill_control(msg, d);
+    return static_cast<ssize_t>(n);
+}
+
+ssize_t __wrap_sendmsg(int fd, const msghdr* msg, int flags) {
+    if (!is_fake(fd)) {
+        return __real_sendmsg(fd, msg, flags);
+    }
+    fake::log_call("sendmsg");
+    fake::sent_message m{};
+    m.fd = fd;
+    m.flags = flags;
+    if (msg->msg_name) {
+        std::memcpy(&m.dst, msg->msg_name, sizeof m.dst);
+    }
+    for (size_t i = 0; i < msg->msg_iovlen; i++) {
+        const auto* p = static_cast<const uint8_t*>(msg->msg_iov[i].iov_base);
+        m.payload.insert(m.payload.end(), p, p + msg->msg_iov[i].iov_len);
+    }
+    const auto* c = static_cast<const uint8_t*>(msg->msg_control);
+    m.control.assign(c, c + msg->msg_controllen);
+    g_kernel.sent_msgs.push_back(m);
+    return static_cast<ssize_t>(m.payload.size());
+}
+
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t len) {
+    if (!is_fake(fd)) {
+        return __real_setsockopt(fd, level, name, value, len);
+    }
+    fake::log_call("setsockopt " + std::to_string(level) + "/" + std::to_string(name));
+    fake::sockopt_call call{fd, level, name, {}, value == nullptr};
+    if (value) {
+        const auto* p = static_cast<const uint8_t*>(value);
+        call.value.assign(p, p + len);
+    }
+    g_kernel.sockopts.push_back(call);
+    return g_kernel.sockopt_result ? g_kernel.sockopt_result(call) : 0;
+}
+
+int __wrap_ioctl(int fd, unsigned long request, ...) {
+    va_list ap;
+    va_start(ap, request);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    if (!is_fake(fd)) {
+        return __real_ioctl(fd, request, arg);
+    }
+    fake::log_call("ioctl");
+    if (request != SIOCGIFMTU || g_kernel.mtu < 0) {
+        return -1;
+    }
+    static_cast<ifreq*>(arg)->ifr_mtu = g_kernel.mtu;
+    return 0;
+}
+
+int __wrap_select(int n, fd_set* r, fd_set* w, fd_set* e, timeval* t) {
+    if (n <= fake::kFirstFakeFd) {
+        return __real_select(n, r, w, e, t);
+    }
+    fake::log_call("select");
+    if (g_kernel.select_result == 0 && t) {
+        *t = timeval{0, 0};
+    }
+    return g_kernel.select_result;
+}
+
+int __wrap_usleep(useconds_t usec) {
+    g_kernel.slept_usec += usec;
+    if (g_kernel.on_usleep) {
+        g_kernel.on_usleep();
+    }
+    return 0;
+}
+}

@@ -1,0 +1,76 @@
+// The kernel as the unit tests see it: the daemon's system calls are redirected here at link
+// time (GNU ld --wrap), recorded, and answered from what the test queued. Descriptors handed
+// out by the fake start at kFirstFakeFd; calls on lower (real) descriptors pass through, so the
+// test framework's own I/O is untouched.
+#ifndef MLDPROXYD_TESTS_FAKE_KERNEL_H
+#define MLDPROXYD_TESTS_FAKE_KERNEL_H
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace fake {
+
+constexpr int kFirstFakeFd = 500;
+
+struct socket_call {
+    int fd, domain, type, protocol;
+};
+
+struct sockopt_call {
+    int fd, level, name;
+    std::vector<uint8_t> value;  // empty for a null option value
+    bool null_value;
+};
+
+struct sent_message {
+    int fd;
+    int flags;
+    sockaddr_in6 dst;
+    std::vector<uint8_t> payload;
+    std::vector<uint8_t> control;
+};
+
+// One datagram for recvmsg(): payload, sender, and the arrival index as IPV6_PKTINFO.
+struct datagram {
+    std::vector<uint8_t> payload;
+    uint8_t src[16];
+    uint32_t ifindex;
+    bool with_pktinfo;
+};
+
+struct kernel_state {
+    int next_fd = kFirstFakeFd;
+    int socket_result = 0;  // non-zero: socket() fails with this result
+    std::vector<socket_call> sockets;
+    std::vector<int> closed;
+    std::vector<sockopt_call> sockopts;
+    // Decides the result of each setsockopt (default: success).
+    std::function<int(const sockopt_call&)> sockopt_result;
+    std::vector<std::vector<uint8_t>> sent;            // send(): netlink requests
+    std::vector<sent_message> sent_msgs;               // sendmsg()
+    std::deque<std::vector<uint8_t>> netlink_batches;  // recv(): one batch per call
+    std::deque<datagram> datagrams;                    // recvmsg()
+    int bind_result = 0;
+    int mtu = 1500;  // SIOCGIFMTU answer; negative: the ioctl fails
+    uint64_t slept_usec = 0;
+    std::function<void()> on_usleep;  // runs inside every usleep()
+    int select_result = 0;
+    // Every call in order, as "socket", "setsockopt 41/203", "close 503", ... for sequences.
+    std::vector<std::string> log;
+};
+
+kernel_state& kernel();
+void reset();
+
+// The setsockopt calls at one level and option, in order.
+std::vector<sockopt_call> sockopts(int level, int name);
+
+}  // namespace fake
+
+#endif
