@@ -218,7 +218,8 @@ stage_packages() {
 }
 
 stage_build() {
-  configure_and_build build -DCMAKE_BUILD_TYPE=MinSizeRel -DMLD_WERROR=ON
+  configure_and_build build -DCMAKE_BUILD_TYPE=MinSizeRel -DMLD_WERROR=ON -DMLD_TESTS=ON \
+    -DMLD_FUZZ=OFF -DMLD_SANITIZE=
   run_ctest build "$SCRATCH/ctest-build.log"
 }
 
@@ -232,12 +233,14 @@ stage_size() {
 }
 
 stage_asan() {
-  configure_and_build build-asan -DCMAKE_BUILD_TYPE=Debug -DMLD_SANITIZE=address,undefined
+  configure_and_build build-asan -DCMAKE_BUILD_TYPE=Debug -DMLD_WERROR=ON -DMLD_TESTS=ON \
+    -DMLD_FUZZ=OFF -DMLD_SANITIZE=address,undefined
   run_ctest build-asan "$SCRATCH/ctest-asan.log"
 }
 
 stage_tsan() {
-  configure_and_build build-tsan -DCMAKE_BUILD_TYPE=Debug -DMLD_SANITIZE=thread -DMLD_TESTS=OFF
+  configure_and_build build-tsan -DCMAKE_BUILD_TYPE=Debug -DMLD_WERROR=ON -DMLD_TESTS=OFF \
+    -DMLD_FUZZ=OFF -DMLD_SANITIZE=thread
   test -x build-tsan/mldproxyd
   note "build-tsan/mldproxyd built (run by the lab)"
 }
@@ -263,7 +266,8 @@ stage_mips() {
   local rc=0
   build_mips_gtest
   configure_and_build build-mips -DCMAKE_TOOLCHAIN_FILE="$MIPS_TOOLCHAIN" \
-    -DCMAKE_PREFIX_PATH="$MIPS_GTEST/prefix" -DCMAKE_BUILD_TYPE=MinSizeRel -DMLD_WERROR=ON
+    -DCMAKE_PREFIX_PATH="$MIPS_GTEST/prefix" -DCMAKE_BUILD_TYPE=MinSizeRel -DMLD_WERROR=ON \
+    -DMLD_TESTS=ON -DMLD_FUZZ=OFF -DMLD_SANITIZE=
   mips-linux-gnu-readelf -h build-mips/mldproxyd | grep -E 'Class|Data|Machine'
   run_ctest build-mips "$SCRATCH/ctest-mips.log" || rc=1
   local tests_note
@@ -277,7 +281,7 @@ stage_mips() {
 stage_fuzz() {
   local targets=() t corpus out log rc p=0 f=0
   configure_and_build build-fuzz -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug \
-    -DMLD_FUZZ=ON -DMLD_TESTS=OFF -DMLD_SANITIZE=address,undefined
+    -DMLD_WERROR=ON -DMLD_FUZZ=ON -DMLD_TESTS=OFF -DMLD_SANITIZE=address,undefined
   for t in build-fuzz/fuzz_*; do
     [[ -f $t && -x $t ]] && targets+=("$(basename "$t")")
   done
@@ -299,7 +303,7 @@ stage_fuzz() {
     timeout --kill-after=30 $((FUZZ_SECONDS + 300)) "build-fuzz/$t" -max_total_time="$FUZZ_SECONDS" \
       -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$out" "$corpus" \
       >"$log" 2>&1 || rc=$?
-    grep -E '^#[0-9]+ +(INITED|DONE)|^stat::number_of_executed_runs|^Done [0-9]+ runs' "$log" || true
+    grep -E '^#[0-9]+[[:space:]]+(INITED|DONE)|^stat::number_of_executed_runs|^Done [0-9]+ runs' "$log" || true
     if [[ $rc -eq 0 ]]; then
       say "$t: no crash"
       p=$((p + 1))
