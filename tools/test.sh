@@ -290,19 +290,28 @@ stage_fuzz() {
     return 1
   fi
   mkdir -p build-fuzz/crashes
+  # All targets run at once (they are bounded by time, not by runs), each with its own log.
+  local pids=()
   for t in "${targets[@]}"; do
     # libFuzzer adds new inputs to its first corpus directory: give it a scratch copy of the
     # seeds, so the repository is never written.
     corpus=$SCRATCH/corpus-$t
     out=$SCRATCH/artifacts-$t/
-    log=$SCRATCH/fuzz-$t.log
     mkdir -p "$corpus" "$out"
     if [[ -d tests/fuzz/corpus/$t ]]; then cp -r "tests/fuzz/corpus/$t/." "$corpus/"; fi
     say "+ $t: $(find "$corpus" -type f | wc -l) seeds, ${FUZZ_SECONDS}s"
-    rc=0
     timeout --kill-after=30 $((FUZZ_SECONDS + 300)) "build-fuzz/$t" -max_total_time="$FUZZ_SECONDS" \
       -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$out" "$corpus" \
-      >"$log" 2>&1 || rc=$?
+      >"$SCRATCH/fuzz-$t.log" 2>&1 &
+    pids+=($!)
+  done
+  local i
+  for i in "${!targets[@]}"; do
+    t=${targets[$i]}
+    out=$SCRATCH/artifacts-$t/
+    log=$SCRATCH/fuzz-$t.log
+    rc=0
+    wait "${pids[$i]}" || rc=$?
     grep -E '^#[0-9]+[[:space:]]+(INITED|DONE)|^stat::number_of_executed_runs|^Done [0-9]+ runs' "$log" || true
     if [[ $rc -eq 0 ]]; then
       say "$t: no crash"
