@@ -41,9 +41,12 @@ export GTEST_COLOR=no
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0:halt_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 
-PACKAGES=(cmake make g++ clang libclang-rt-14-dev libgtest-dev googletest g++-mips-linux-gnu libc6-dev-mips-cross
-  qemu-user iproute2 tcpdump python3-scapy strace util-linux binutils binutils-mips-linux-gnu
-  man-db procps iputils-ping)
+PACKAGES=(
+  cmake make g++ libgtest-dev googletest binutils                      # build, unit tests, readelf
+  clang libclang-rt-14-dev                                             # clang++ 14, libFuzzer
+  g++-mips-linux-gnu libc6-dev-mips-cross binutils-mips-linux-gnu qemu-user  # MIPS
+  iproute2 tcpdump python3-scapy strace util-linux procps iputils-ping man-db  # the lab
+)
 
 ALL_STAGES=(packages build size asan tsan mips fuzz lab)
 
