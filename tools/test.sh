@@ -34,7 +34,7 @@ JOBS=${MLD_JOBS:-2}
 FUZZ_SECONDS=${MLD_FUZZ_SECONDS:-60}
 LAB_TIMEOUT=${MLD_LAB_TIMEOUT:-1200}
 MIPS_TOOLCHAIN=$ROOT/cmake/mips-linux-gnu.cmake
-MIPS_GTEST=$ROOT/build-mips/gtest-mips   # GoogleTest cross-built for MIPS: build/ and prefix/
+MIPS_GTEST=$ROOT/build-mips/gtest-mips # GoogleTest cross-built for MIPS (tools/mips-gtest.sh)
 export DEBIAN_FRONTEND=noninteractive
 export GTEST_COLOR=no
 # Sanitizer reports end the process with a non-zero status and a readable stack.
@@ -248,26 +248,9 @@ stage_tsan() {
   note "build-tsan/mldproxyd built (run by the lab)"
 }
 
-build_mips_gtest() {
-  local stamp want
-  want="googletest $(dpkg-query -W -f='${Version}' googletest) $(sha256sum "$MIPS_TOOLCHAIN" | cut -d' ' -f1)"
-  stamp=$MIPS_GTEST/prefix/.built
-  if [[ -f $stamp && $(cat "$stamp") == "$want" ]]; then
-    say "GoogleTest for MIPS: cached in $MIPS_GTEST/prefix"
-    return 0
-  fi
-  say "GoogleTest for MIPS: building from /usr/src/googletest"
-  rm -rf "$MIPS_GTEST"
-  cmake -S /usr/src/googletest -B "$MIPS_GTEST/build" -DCMAKE_TOOLCHAIN_FILE="$MIPS_TOOLCHAIN" \
-    -DCMAKE_BUILD_TYPE=Release -DBUILD_GMOCK=OFF -DCMAKE_INSTALL_PREFIX="$MIPS_GTEST/prefix"
-  cmake --build "$MIPS_GTEST/build" -j"$JOBS"
-  cmake --install "$MIPS_GTEST/build"
-  echo "$want" >"$stamp"
-}
-
 stage_mips() {
   local rc=0
-  build_mips_gtest
+  bash tools/mips-gtest.sh "$MIPS_GTEST"
   configure_and_build build-mips -DCMAKE_TOOLCHAIN_FILE="$MIPS_TOOLCHAIN" \
     -DCMAKE_PREFIX_PATH="$MIPS_GTEST/prefix" -DCMAKE_BUILD_TYPE=MinSizeRel -DMLD_WERROR=ON \
     -DMLD_TESTS=ON -DMLD_FUZZ=OFF -DMLD_SANITIZE=
