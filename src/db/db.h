@@ -3,9 +3,20 @@
 #ifndef MLDPROXYD_DB_DB_H
 #define MLDPROXYD_DB_DB_H
 
+#include <cstdint>
+
 #include "core/router.h"
 
 struct mldrt_interface;
+
+// One entry of any source list: group lists, query retransmission lists, host-state lists and
+// the algebra's result arrays all share this layout. New entries are pushed at the head.
+struct mldrt_src {
+    uint8_t src_addr[16];
+    uint16_t rtx_count;  // retransmissions still due (query retransmission lists only)
+    int32_t timer;       // seconds
+    mldrt_src* next;
+};
 
 // Removes groups, members and forwarding entries that have nothing left.
 void mldrt_update_group_state(mldrt_router* r);

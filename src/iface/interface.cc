@@ -150,6 +150,9 @@ mldrt_interface* mldrt_create_interface(mldrt_router* r, const mldrt_interface_d
     }
     int mtu = get_interface_mtu(desc->name);
     ifp->buf_size = mtu > 0 ? static_cast<uint32_t>(mtu) : MLDRT_DEFAULT_IF_BUF_SIZE;
+    if (ifp->buf_size < MLDRT_MIN_IF_BUF_SIZE) {
+        ifp->buf_size = MLDRT_MIN_IF_BUF_SIZE;  // IPv6 links carry at least 1280 bytes
+    }
     ifp->buf = static_cast<uint8_t*>(calloc(1, ifp->buf_size));
     if (!ifp->buf) {
         free(ifp);

@@ -38,7 +38,8 @@ struct mldrt_interface_desc {
     uint32_t ifindex;
 };
 
-constexpr uint32_t MLDRT_DEFAULT_IF_BUF_SIZE = 2048;
+constexpr uint32_t MLDRT_DEFAULT_IF_BUF_SIZE = 2048;  // when the MTU cannot be read
+constexpr uint32_t MLDRT_MIN_IF_BUF_SIZE = 1280;      // the IPv6 minimum MTU
 
 // The record named like `desc` if there is one, else a new record at the head of the list.
 mldrt_interface* mld_add_interface(mldrt_router* r, const mldrt_interface_desc* desc,

@@ -8,6 +8,7 @@
 #include "core/router.h"
 
 struct mldrt_interface;
+struct mldrt_src;
 
 // ICMPv6 types of MLD (RFC 2710, RFC 3810 section 5).
 constexpr uint8_t MLDRT_TYPE_QUERY = 130;
@@ -15,8 +16,60 @@ constexpr uint8_t MLDRT_TYPE_V1_REPORT = 131;
 constexpr uint8_t MLDRT_TYPE_V1_DONE = 132;
 constexpr uint8_t MLDRT_TYPE_V2_REPORT = 143;
 
+// Multicast address record types (RFC 3810 section 5.2.12).
+constexpr uint8_t MLDRT_REC_MODE_IS_INCLUDE = 1;
+constexpr uint8_t MLDRT_REC_MODE_IS_EXCLUDE = 2;
+constexpr uint8_t MLDRT_REC_CHANGE_TO_INCLUDE = 3;
 constexpr uint8_t MLDRT_REC_CHANGE_TO_EXCLUDE = 4;
+constexpr uint8_t MLDRT_REC_ALLOW_NEW_SOURCES = 5;
+constexpr uint8_t MLDRT_REC_BLOCK_OLD_SOURCES = 6;
+
+constexpr uint32_t MLDRT_QUERY_V1_LEN = 24;
+constexpr uint32_t MLDRT_QUERY_V2_HDR_LEN = 28;
+constexpr uint32_t MLDRT_REPORT_HDR_LEN = 8;
 constexpr uint32_t MLDRT_MCAST_REC_HDR_LEN = 20;
+constexpr uint32_t MLDRT_ADDR_LEN = 16;
+constexpr uint8_t MLDRT_QUERY_S_FLAG = 0x08;
+
+// The IPv6 header (40 bytes) and our hop-by-hop header (8) come on top of every message: an
+// interface carries at most MTU - 48 bytes of MLD without fragmenting.
+constexpr uint32_t MLDRT_IP_OVERHEAD = 48;
+
+// Maximum Response Code (RFC 3810 section 5.1.3) for `ms` milliseconds; values beyond the
+// floating form's range keep their low 16 bits.
+uint16_t mldrt_encode_mrc(uint32_t ms);
+// QQIC (RFC 3810 section 5.1.9) for `seconds`; beyond the range, the low 8 bits.
+uint8_t mldrt_encode_qqic(uint32_t seconds);
+// QRV: the robustness if it fits the 3-bit field, else 0.
+uint8_t mldrt_encode_qrv(uint32_t robustness);
+
+// Appends one source to the record at `rec`, raising its Number of Sources; returns 16.
+uint32_t mldrt_append_src_to_mcast_rec(uint8_t* rec, const uint8_t* src);
+// A record header and every source of `list` in order; returns the record's length.
+uint32_t mldrt_build_mcast_record(uint8_t* buf, const uint8_t* group, uint8_t rec_type,
+                                  const mldrt_src* list);
+uint32_t mldrt_srclist_len(const mldrt_src* list);
+// Filter mode 0 (INCLUDE) gives MODE_IS_INCLUDE, 1 (EXCLUDE) MODE_IS_EXCLUDE, else 0.
+uint8_t mldrt_get_rectype_from_group_mode(uint32_t mode);
+
+// What a query asks: group (:: for a general query), destination, and the sources to list.
+struct mldrt_query_params {
+    uint8_t group[16];
+    uint8_t dst[16];
+    const mldrt_src* sources;
+    uint32_t src_count;  // how many entries `sources` must hold
+    uint32_t s_flag;     // bit 0: suppress router-side processing
+};
+
+// The largest MLD message the interface carries unfragmented.
+uint32_t mldrt_max_mld_len(const mldrt_interface* ifp);
+
+// Sends a query on the interface (as several when its sources do not fit one message).
+// Returns the last byte count sent, or the diagnostic's printed length on failure.
+int mldrt_send_query(mldrt_router* r, mldrt_interface* ifp, const mldrt_query_params* q);
+// One report or done message made of `nrec` records.
+int mldrt_send_mld_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
+                          const uint8_t* records, uint32_t nrec, uint32_t len);
 
 // Counts the interface's general-query timer and sends a general query when it is due.
 // Returns the send's result, or 0 when nothing was sent.

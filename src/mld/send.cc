@@ -1,14 +1,262 @@
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "core/bytes.h"
+#include "db/db.h"
+#include "iface/interface.h"
 #include "mld/mld.h"
 
-int mldrt_send_general_query(mldrt_router*, mldrt_interface*) {
-    return 0;
+namespace {
+
+const uint8_t kAllNodes[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01};
+const uint8_t kAllRouters[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x02};
+const uint8_t kUnspecified[16] = {};
+
+// Hop-by-hop header: next header 0, length 0, Router Alert (type 5, length 2, value 0 = MLD,
+// RFC 2711), then PadN of length 0.
+const uint8_t kRouterAlertHopOpts[8] = {0, 0, 5, 2, 0, 0, 1, 0};
+
+bool is_unspecified(const uint8_t* addr) {
+    return std::memcmp(addr, kUnspecified, 16) == 0;
 }
 
-uint32_t mldrt_encode_report_mcast_rec(uint8_t*, const uint8_t*, uint8_t) {
-    return MLDRT_MCAST_REC_HDR_LEN;
+void add_cmsg(msghdr* msg, cmsghdr* c, int type, const void* data, size_t len) {
+    c->cmsg_level = IPPROTO_IPV6;
+    c->cmsg_type = type;
+    c->cmsg_len = CMSG_LEN(len);
+    std::memcpy(CMSG_DATA(c), data, len);
+    (void)msg;
 }
 
-int mldrt_send_report(mldrt_router*, mldrt_interface*, const uint8_t*, const uint8_t*, uint32_t,
-                      uint32_t) {
-    return 0;
+// One message from the interface buffer. A zero source lets the kernel choose one (reports);
+// queries name the interface's own link-local address.
+ssize_t send_on(const mldrt_interface* ifp, const uint8_t* dst, const uint8_t* src, uint32_t len) {
+    sockaddr_in6 to{};
+    to.sin6_family = AF_INET6;
+    std::memcpy(&to.sin6_addr, dst, 16);
+    iovec iov{ifp->buf, len};
+    alignas(cmsghdr)
+        uint8_t control[CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof kRouterAlertHopOpts)] =
+            {};
+    msghdr msg{};
+    msg.msg_name = &to;
+    msg.msg_namelen = sizeof to;
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    in6_pktinfo info{};
+    std::memcpy(&info.ipi6_addr, src, 16);
+    info.ipi6_ifindex = ifp->ifindex;
+    cmsghdr* c = CMSG_FIRSTHDR(&msg);
+    add_cmsg(&msg, c, IPV6_PKTINFO, &info, sizeof info);
+    c = CMSG_NXTHDR(&msg, c);
+    add_cmsg(&msg, c, IPV6_HOPOPTS, kRouterAlertHopOpts, sizeof kRouterAlertHopOpts);
+    return sendmsg(ifp->sock, &msg, MSG_DONTROUTE);
+}
+
+int query_sent(ssize_t rc) {
+    if (rc <= 0) {
+        return printf("MLDV2: Fatal- Couldnt send query %d\n", static_cast<int>(rc));
+    }
+    return static_cast<int>(rc);
+}
+
+int report_sent(ssize_t rc) {
+    if (rc <= 0) {
+        return printf("MLDV2: Fatal- Couldnt send report %d\n", static_cast<int>(rc));
+    }
+    return static_cast<int>(rc);
+}
+
+// Header of a query with `n` sources; the sources follow at byte 28.
+void write_query_header(mldrt_router* r, mldrt_interface* ifp, const mldrt_query_params* q,
+                        uint32_t n) {
+    uint8_t* b = ifp->buf;
+    std::memset(b, 0, MLDRT_QUERY_V2_HDR_LEN);
+    b[0] = MLDRT_TYPE_QUERY;
+    // Specific queries carry the last listener query interval, cut to 16 bits without the
+    // floating form, as deployed routers have always sent it.
+    uint16_t mrc = is_unspecified(q->group)
+                       ? mldrt_encode_mrc(r->query_response_interval)
+                       : static_cast<uint16_t>(r->last_listener_query_interval * 1000u);
+    mldrt_put_be16(b + 4, mrc);
+    std::memcpy(b + 8, q->group, 16);
+    b[24] = static_cast<uint8_t>(((q->s_flag & 1) ? MLDRT_QUERY_S_FLAG : 0) |
+                                 mldrt_encode_qrv(r->robustness));
+    b[25] = mldrt_encode_qqic(r->query_interval);
+    mldrt_put_be16(b + 26, static_cast<uint16_t>(n));
+}
+
+// MLDv2 query; a source list too long for one message goes out over several.
+int send_v2_query(mldrt_router* r, mldrt_interface* ifp, const mldrt_query_params* q) {
+    uint32_t per_msg = (mldrt_max_mld_len(ifp) - MLDRT_QUERY_V2_HDR_LEN) / MLDRT_ADDR_LEN;
+    const mldrt_src* s = q->sources;
+    uint32_t left = q->src_count;
+    int result = 0;
+    do {
+        uint32_t n = left < per_msg ? left : per_msg;
+        write_query_header(r, ifp, q, n);
+        for (uint32_t i = 0; i < n; i++, s = s->next) {
+            std::memcpy(ifp->buf + MLDRT_QUERY_V2_HDR_LEN + MLDRT_ADDR_LEN * i, s->src_addr, 16);
+        }
+        uint32_t len = MLDRT_QUERY_V2_HDR_LEN + MLDRT_ADDR_LEN * n;
+        result = query_sent(send_on(ifp, q->dst, ifp->addr, len));
+        left -= n;
+    } while (left > 0);
+    return result;
+}
+
+// Length of the record at `rec` within `left` bytes; its source count is cut to what is there.
+uint32_t record_len(const uint8_t* rec, uint32_t left, uint32_t* nsrc) {
+    uint32_t n = mldrt_get_be16(rec + 2);
+    uint32_t room = (left - MLDRT_MCAST_REC_HDR_LEN) / MLDRT_ADDR_LEN;
+    *nsrc = n < room ? n : room;
+    return MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * *nsrc;
+}
+
+// A record too large for one report (RFC 3810 section 5.2.15): its sources are spread over as
+// many records as needed, one report each; for an EXCLUDE-type record only the first sources
+// that fit are sent, because a split would exclude too little in every piece.
+int send_split_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst, const uint8_t* rec,
+                      uint32_t nsrc) {
+    uint8_t* piece = ifp->buf + MLDRT_REPORT_HDR_LEN;
+    uint32_t per_msg =
+        (mldrt_max_mld_len(ifp) - MLDRT_REPORT_HDR_LEN - MLDRT_MCAST_REC_HDR_LEN) / MLDRT_ADDR_LEN;
+    bool exclude = rec[0] == MLDRT_REC_MODE_IS_EXCLUDE || rec[0] == MLDRT_REC_CHANGE_TO_EXCLUDE;
+    int result = 0;
+    for (uint32_t done = 0; done < nsrc; done += per_msg) {
+        uint32_t n = nsrc - done < per_msg ? nsrc - done : per_msg;
+        std::memcpy(piece, rec, MLDRT_MCAST_REC_HDR_LEN);
+        mldrt_put_be16(piece + 2, static_cast<uint16_t>(n));
+        std::memcpy(piece + MLDRT_MCAST_REC_HDR_LEN,
+                    rec + MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * done, MLDRT_ADDR_LEN * n);
+        result = mldrt_send_mld_report(r, ifp, dst, piece, 1,
+                                       MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * n);
+        if (exclude) {
+            break;
+        }
+    }
+    return result;
+}
+
+// MLDv2: whole records packed into as few reports as fit the link.
+int send_v2_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
+                   const uint8_t* records, uint32_t nrec, uint32_t len) {
+    uint32_t room = mldrt_max_mld_len(ifp) - MLDRT_REPORT_HDR_LEN;
+    uint32_t start = 0, off = 0, count = 0;
+    int result = 0;
+    for (uint32_t i = 0; i < nrec && off + MLDRT_MCAST_REC_HDR_LEN <= len; i++) {
+        uint32_t nsrc;
+        uint32_t rec_len = record_len(records + off, len - off, &nsrc);
+        if (count > 0 && off + rec_len - start > room) {
+            result = mldrt_send_mld_report(r, ifp, dst, records + start, count, off - start);
+            start = off;
+            count = 0;
+        }
+        if (rec_len > room) {
+            result = send_split_record(r, ifp, dst, records + off, nsrc);
+            start = off + rec_len;
+        } else {
+            count++;
+        }
+        off += rec_len;
+    }
+    if (count > 0 || nrec == 0) {
+        result = mldrt_send_mld_report(r, ifp, dst, records + start, count, off - start);
+    }
+    return result;
+}
+
+}  // namespace
+
+uint32_t mldrt_max_mld_len(const mldrt_interface* ifp) {
+    return ifp->buf_size - MLDRT_IP_OVERHEAD;
+}
+
+int mldrt_send_query(mldrt_router* r, mldrt_interface* ifp, const mldrt_query_params* q) {
+    if (ifp->mld_version == 2) {
+        uint32_t n = mldrt_srclist_len(q->sources);
+        if (n != q->src_count) {
+            return printf("\n Cannot send query, numSrc and list inconsistent %d %d",
+                          static_cast<int>(n), static_cast<int>(q->src_count));
+        }
+        return send_v2_query(r, ifp, q);
+    }
+    write_query_header(r, ifp, q, 0);
+    uint32_t len = MLDRT_QUERY_V1_LEN;
+    if (ifp->mld_version != 1) {
+        puts("MLDV2: Fatal- Invalid MLDV2 version detected");
+        len = 0;
+    }
+    return query_sent(send_on(ifp, q->dst, ifp->addr, len));
+}
+
+int mldrt_send_general_query(mldrt_router* r, mldrt_interface* ifp) {
+    if (ifp->querier != 1 || ifp->started == 0) {
+        return 0;
+    }
+    ifp->query_timer++;
+    if (ifp->query_timer <= ifp->query_interval) {
+        return 0;
+    }
+    if (ifp->startup_query_count != 0) {
+        // Start-up queries come about a quarter of the query interval apart (RFC 3810 9.7).
+        ifp->startup_query_count--;
+        ifp->query_timer = ifp->query_interval - (r->query_interval >> 2);
+    } else {
+        ifp->query_timer = 1;
+    }
+    mldrt_query_params q{};
+    std::memcpy(q.dst, kAllNodes, 16);
+    return mldrt_send_query(r, ifp, &q);
+}
+
+int mldrt_send_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
+                      const uint8_t* records, uint32_t nrec, uint32_t len) {
+    if (ifp->mld_version == 2) {
+        return send_v2_report(r, ifp, dst, records, nrec, len);
+    }
+    if (ifp->mld_version != 1) {
+        return mldrt_send_mld_report(r, ifp, dst, records, nrec, len);
+    }
+    // An MLDv1 link hears one report or done per record (RFC 3810 section 8.3.2).
+    int result = 0;
+    uint32_t off = 0;
+    for (uint32_t i = 0; i < nrec && off + MLDRT_MCAST_REC_HDR_LEN <= len; i++) {
+        uint32_t nsrc;
+        uint32_t rec_len = record_len(records + off, len - off, &nsrc);
+        result = mldrt_send_mld_report(r, ifp, dst, records + off, 1, rec_len);
+        off += rec_len;
+    }
+    return result;
+}
+
+int mldrt_send_mld_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
+                          const uint8_t* records, uint32_t nrec, uint32_t len) {
+    (void)r;
+    uint8_t* b = ifp->buf;
+    std::memset(b, 0, MLDRT_REPORT_HDR_LEN);
+    uint8_t to[16];
+    std::memcpy(to, dst, 16);
+    uint32_t msg_len = 0;
+    if (ifp->mld_version == 1 && len >= MLDRT_MCAST_REC_HDR_LEN) {
+        // TO_IN{} is a leave: a done to all routers; everything else a report to the group.
+        bool leave = records[0] == MLDRT_REC_CHANGE_TO_INCLUDE && mldrt_get_be16(records + 2) == 0;
+        b[0] = leave ? MLDRT_TYPE_V1_DONE : MLDRT_TYPE_V1_REPORT;
+        std::memcpy(b + 8, records + 4, 16);
+        std::memcpy(to, leave ? kAllRouters : records + 4, 16);
+        msg_len = MLDRT_QUERY_V1_LEN;
+    } else if (ifp->mld_version == 2 && MLDRT_REPORT_HDR_LEN + len <= ifp->buf_size) {
+        b[0] = MLDRT_TYPE_V2_REPORT;
+        mldrt_put_be16(b + 6, static_cast<uint16_t>(nrec));
+        std::memmove(b + MLDRT_REPORT_HDR_LEN, records, len);
+        msg_len = MLDRT_REPORT_HDR_LEN + len;
+    } else {
+        puts("MLDV2: Fatal- Invalid MLDV2 version detected");
+    }
+    return report_sent(send_on(ifp, to, kUnspecified, msg_len));
 }

@@ -1,0 +1,29 @@
+// Big-endian (network order) fields of wire messages, read and written byte by byte so that
+// neither alignment nor the host's byte order matters.
+#ifndef MLDPROXYD_CORE_BYTES_H
+#define MLDPROXYD_CORE_BYTES_H
+
+#include <cstdint>
+
+inline uint16_t mldrt_get_be16(const uint8_t* p) {
+    return static_cast<uint16_t>((p[0] << 8) | p[1]);
+}
+
+inline void mldrt_put_be16(uint8_t* p, uint16_t v) {
+    p[0] = static_cast<uint8_t>(v >> 8);
+    p[1] = static_cast<uint8_t>(v);
+}
+
+inline uint32_t mldrt_get_be32(const uint8_t* p) {
+    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
+           (static_cast<uint32_t>(p[2]) << 8) | p[3];
+}
+
+inline void mldrt_put_be32(uint8_t* p, uint32_t v) {
+    p[0] = static_cast<uint8_t>(v >> 24);
+    p[1] = static_cast<uint8_t>(v >> 16);
+    p[2] = static_cast<uint8_t>(v >> 8);
+    p[3] = static_cast<uint8_t>(v);
+}
+
+#endif
