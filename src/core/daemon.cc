@@ -165,6 +165,7 @@ void mldrt_uninit(mldrt_router* r) {
     if (r->netlink_sock > 0) {
         close(r->netlink_sock);
     }
+    mldrt_free_mfdb(r);
     free(r->buf);
     free(r->scratch);
     free(r->nl_buf);

@@ -1,5 +1,8 @@
 // The listener database: per-interface groups with their members and source lists, the
-// router-wide forwarding database, and the once-a-second timer pass over them.
+// router-wide forwarding database (one entry per group address, one forwarding record per
+// source with a mark per MIF), the source-list algebra, and the once-a-second timer pass.
+// Lists are intrusive, new records at the head, first match wins: their order shows in dumps,
+// merges and the order of sources in queries.
 #ifndef MLDPROXYD_DB_DB_H
 #define MLDPROXYD_DB_DB_H
 
@@ -8,9 +11,10 @@
 #include "core/router.h"
 
 struct mldrt_interface;
+struct mldrt_mfdb_entry;
 
 // One entry of any source list: group lists, query retransmission lists, host-state lists and
-// the algebra's result arrays all share this layout. New entries are pushed at the head.
+// the algebra's result arrays all share this layout.
 struct mldrt_src {
     uint8_t src_addr[16];
     uint16_t rtx_count;  // retransmissions still due (query retransmission lists only)
@@ -18,6 +22,168 @@ struct mldrt_src {
     mldrt_src* next;
 };
 
+struct mldrt_member {
+    uint8_t member_addr[16];  // the reporting host
+    mldrt_member* next;
+    mldrt_member** pprev;
+};
+
+// Listener state of one group on one interface.
+struct mldrt_group {
+    uint8_t grp_addr[16];
+    int32_t ftimer;  // filter timer, EXCLUDE mode
+    uint32_t fmode;  // MLDRT_INCLUDE or MLDRT_EXCLUDE
+    mldrt_src* include_list;
+    mldrt_src* req_list;  // EXCLUDE mode: requested sources; :: stands for the whole group
+    mldrt_src* exc_list;
+    int32_t grp_rtx_count;
+    int32_t grp_rtx_timer;
+    uint32_t srsp_count;
+    uint32_t non_srsp_count;
+    int32_t src_rtx_count;
+    int32_t src_rtx_timer;
+    mldrt_src* srsp_list;
+    mldrt_src* non_srsp_list;
+    mldrt_mfdb_entry* mfdb;  // not owned
+    mldrt_member* member_list;
+    mldrt_group* next;
+    mldrt_group** pprev;
+};
+
+constexpr uint32_t MLDRT_INCLUDE = 0;
+constexpr uint32_t MLDRT_EXCLUDE = 1;
+
+// List codes by which every list operation names a source list.
+enum mldrt_list_code : uint32_t {
+    MLDRT_L_INCLUDE = 0,
+    MLDRT_L_REQ = 1,
+    MLDRT_L_EXC = 2,
+    MLDRT_L_SRSP = 3,
+    MLDRT_L_NON_SRSP = 4,
+    MLDRT_L_OLD_HS = 5,
+    MLDRT_L_NEW_HS = 6,
+    MLDRT_L_SCR_TO_EX = 7,
+    MLDRT_L_SCR_TO_IN = 8,
+    MLDRT_L_SCR_ALLOW = 9,
+    MLDRT_L_SCR_BLOCK = 10,
+};
+
+// A host-state pair: filter mode and source list.
+struct mldrt_hs_state {
+    uint32_t mode;
+    mldrt_src* list;
+};
+
+constexpr uint32_t MLDRT_MAXMIF_MARKS = 32;
+
+// Which MIFs want one (group, source); source :: is the group-wide (*,G) record.
+struct mldrt_fwinfo {
+    uint8_t src_addr[16];
+    uint8_t mif_member[MLDRT_MAXMIF_MARKS];
+    mldrt_fwinfo* next;
+};
+
+struct mldrt_mfdb_entry {
+    uint8_t grp_addr[16];
+    uint32_t upcall_mark;
+    uint32_t exclude_count;  // interface groups of this address in EXCLUDE mode
+    mldrt_fwinfo* fwinfo_list;
+    mldrt_hs_state* old_host_state;
+    mldrt_hs_state* new_host_state;
+    int32_t scr_fmode_rtx_timer;
+    int32_t scr_to_ex_cnt;
+    int32_t scr_to_in_cnt;
+    int32_t scr_allow_cnt;
+    int32_t scr_block_cnt;
+    mldrt_src* scr_to_ex_list;
+    mldrt_src* scr_to_in_list;
+    mldrt_src* scr_allow_list;
+    mldrt_src* scr_block_list;
+    mldrt_mfdb_entry* next;
+    mldrt_mfdb_entry** pprev;
+};
+
+// Resource limits: one LAN host must not be able to exhaust the router.
+constexpr uint32_t MLDRT_MAX_GROUPS = 16384;     // forwarding-database entries
+constexpr uint32_t MLDRT_MAX_MEMBERS = 64;       // reporting hosts per group
+constexpr uint32_t MLDRT_MAX_SOURCES = 64;       // entries per group source list
+constexpr long MLDRT_LIMIT_REPORT_SECONDS = 60;  // one refusal line a minute at most
+// Prints the refusal line for `limit` unless one was printed within the last minute.
+void mldrt_report_limit(const char* limit, uint32_t value);
+
+// --- Groups, members, sources ---
+mldrt_group* mldrt_lookup_group(mldrt_interface* ifp, const uint8_t* grp);
+mldrt_member* mldrt_lookup_member(mldrt_group* g, const uint8_t* host);
+mldrt_src* mldrt_lookup_src_in_grplist(mldrt_src* list, const uint8_t* src);
+mldrt_group* mldrt_create_group(const uint8_t* grp);
+mldrt_member* mldrt_create_member(const uint8_t* host);
+mldrt_src* mldrt_create_src_for_grp(const uint8_t* src);
+mldrt_group* mldrt_add_group(mldrt_router* r, mldrt_interface* ifp, const uint8_t* grp);
+mldrt_member* mldrt_add_member(mldrt_group* g, const uint8_t* host);
+mldrt_src* mldrt_add_src_to_group(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype,
+                                  const uint8_t* src);
+void mldrt_remove_entry_from_srclist(mldrt_src** list, const uint8_t* src);
+int mldrt_del_src_from_group(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype,
+                             const uint8_t* src);
+void mldrt_delete_group(mldrt_group* g);
+void mldrt_delete_member(mldrt_member* m);
+// The list a code names (codes 0-4 in the group, 5-10 in the entry), or nullptr after the
+// unknown-code message; also nullptr when the entry has no such host-state pair.
+mldrt_src** mldrt_select_srclist(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype);
+// Frees every entry of a list.
+void mldrt_free_srclist(mldrt_src** list);
+
+// --- Forwarding-aware list operations: they keep the MIF marks and the kernel in step ---
+int mldrt_add_entry_to_grp_srclist(mldrt_router* r, mldrt_group* g, uint32_t ltype,
+                                   const uint8_t* src, int32_t timer, mldrt_interface* ifp);
+int mldrt_remove_entry_from_grp_srclist(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e,
+                                        uint32_t ltype, const uint8_t* src, mldrt_interface* ifp);
+// Writes the kernel entries of `e` after the marks of `src` changed; `record_gone` when its
+// forwarding record lost its last mark and was deleted.
+void mldrt_sync_kernel_forwarding(mldrt_router* r, mldrt_mfdb_entry* e, const uint8_t* src,
+                                  bool record_gone);
+
+// --- Forwarding database ---
+mldrt_mfdb_entry* mldrt_lookup_mfdb_entry(mldrt_router* r, const uint8_t* grp);
+mldrt_mfdb_entry* mldrt_create_mfdb_entry(const uint8_t* grp);
+mldrt_mfdb_entry* mldrt_add_mfdb_entry(mldrt_router* r, const uint8_t* grp);
+void mldrt_delete_mfdb_entry(mldrt_router* r, mldrt_mfdb_entry* e);
+void mldrt_create_gr_mfd_mapping(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e);
+mldrt_fwinfo* mldrt_lookup_fwinfo_in_fdb(mldrt_group* g, const uint8_t* src);
+// 0 when the record is missing or marks no MIF, -1 when it marks one.
+int is_fwinfo_empty_for_grp_src(mldrt_group* g, const uint8_t* src);
+mldrt_fwinfo* mldrt_create_fwinfo_in_fdb(const uint8_t* src);
+mldrt_fwinfo* mldrt_add_fwinfo_to_fdb(mldrt_group* g, const uint8_t* src);
+void mldrt_delete_fwinfo_from_fdb(mldrt_group* g, const uint8_t* src);
+// ORs into `oifs` (32 bytes) the marks of (src, G) and of (::, G).
+void mldrt_generate_membership_info(const mldrt_mfdb_entry* e, const uint8_t* src, uint8_t* oifs);
+// Non-zero while upstream state-change retransmissions for the entry are still due.
+int mldrt_pending_host_state_update(const mldrt_mfdb_entry* e);
+uint32_t mldrt_mfdb_count();
+
+// --- Source-list algebra: results in process-wide arrays of 20, used with capacity 10 ---
+constexpr uint32_t MLDRT_SRCLIST_ARRAY = 20;
+constexpr uint32_t MLDRT_SRCLIST_CAPACITY = 10;
+extern mldrt_src aIPv6SrcAddrList1[MLDRT_SRCLIST_ARRAY];
+extern mldrt_src aIPv6SrcAddrList2[MLDRT_SRCLIST_ARRAY];
+extern mldrt_src aIPv6SrcAddrList3[MLDRT_SRCLIST_ARRAY];
+
+int mldrt_subtract_srclists(mldrt_src* result, uint32_t cap, const mldrt_src* a,
+                            const mldrt_src* b);
+// Mode 0: record addresses not in `list`; mode 1: entries of `list` not in the record.
+int mldrt_subtract_srclist_and_rcvd_record(mldrt_src* result, uint32_t cap, const mldrt_src* list,
+                                           const uint8_t* rec_srcs, uint32_t nsrc, int mode);
+int mldrt_intersect_srclist_with_rcvd_record(mldrt_src* result, uint32_t cap, const mldrt_src* list,
+                                             const uint8_t* rec_srcs, uint32_t nsrc);
+int mldrt_union_srclists(mldrt_src* result, uint32_t cap, const mldrt_src* a, const mldrt_src* b);
+int mldrt_intersect_srclists(mldrt_src** a, const mldrt_src* b);
+int mldrt_intersect_grp_srclist_with_rcvd_record(mldrt_router* r, mldrt_group* g, uint32_t ltype,
+                                                 const uint8_t* rec_srcs, uint32_t nsrc,
+                                                 mldrt_interface* ifp);
+int mldrt_empty_grp_srclist(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype,
+                            mldrt_interface* ifp);
+
+// --- Timer pass ---
 // Removes groups, members and forwarding entries that have nothing left.
 void mldrt_update_group_state(mldrt_router* r);
 // One tick for every group of one interface. `flag` tells the caller apart and changes nothing.
@@ -30,5 +196,7 @@ void mldrt_cleanup_memberships(mldrt_router* r);
 void mldrt_release_interface_groups(mldrt_router* r, mldrt_interface* ifp);
 // Writes every forwarding record to the kernel again (the upstream MIF appeared or changed).
 void mldrt_rewrite_kernel_forwarding(mldrt_router* r);
+// Frees every forwarding entry with all it holds (shutdown).
+void mldrt_free_mfdb(mldrt_router* r);
 
 #endif

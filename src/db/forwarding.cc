@@ -1,0 +1,152 @@
+// The forwarding-aware list operations. A source on a group's include or requested list marks
+// the interface's MIF in the (G,S) forwarding record, and the kernel's entries follow the marks
+// at once: the (::) record is the kernel's (*,G) entry, every other record an (S,G) entry that
+// also carries the (*,G) MIFs, because Linux prefers an (S,G) entry over the (*,G) one.
+#include <cstdio>
+#include <cstring>
+
+#include "db/db.h"
+#include "iface/interface.h"
+#include "kernel/mroute.h"
+
+namespace {
+
+const uint8_t kAnySource[16] = {};
+
+bool is_any_source(const uint8_t* src) {
+    return ipv6_addr_equal(src, kAnySource) != 0;
+}
+
+bool has_marks(const mldrt_fwinfo* fw) {
+    for (uint32_t i = 0; i < MLDRT_MAXMIF_MARKS; i++) {
+        if (fw->mif_member[i]) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void write_source_entry(mldrt_router* r, mldrt_mfdb_entry* e, const uint8_t* src) {
+    uint8_t oifs[MLDRT_MAXMIF_MARKS] = {};
+    mldrt_generate_membership_info(e, src, oifs);
+    mldrt_add_k_mfc(r, e->grp_addr, src, oifs);
+}
+
+void write_any_source_entry(mldrt_router* r, mldrt_mfdb_entry* e) {
+    for (const mldrt_fwinfo* fw = e->fwinfo_list; fw; fw = fw->next) {
+        if (is_any_source(fw->src_addr)) {
+            mldrt_add_k_mfc(r, e->grp_addr, kAnySource, fw->mif_member);
+            return;
+        }
+    }
+}
+
+// Every (S,G) entry carries the (*,G) MIFs, so a change of those rewrites them all.
+void write_source_entries(mldrt_router* r, mldrt_mfdb_entry* e) {
+    for (const mldrt_fwinfo* fw = e->fwinfo_list; fw; fw = fw->next) {
+        if (!is_any_source(fw->src_addr)) {
+            write_source_entry(r, e, fw->src_addr);
+        }
+    }
+}
+
+int add_forwarding(mldrt_router* r, mldrt_group* g, const uint8_t* src, mldrt_interface* ifp) {
+    mldrt_fwinfo* fw = mldrt_add_fwinfo_to_fdb(g, src);
+    if (!fw) {
+        puts("MLDRT: Couldnt add src info to MDB");
+        return -1;
+    }
+    if (ifp->mifi >= MLDRT_MAXMIF_MARKS || fw->mif_member[ifp->mifi]) {
+        return 0;  // already forwarded there
+    }
+    fw->mif_member[ifp->mifi] = 1;
+    mldrt_sync_kernel_forwarding(r, g->mfdb, src, false);
+    return 0;
+}
+
+int remove_forwarding(mldrt_router* r, mldrt_group* g, const uint8_t* src, mldrt_interface* ifp) {
+    mldrt_fwinfo* fw = mldrt_lookup_fwinfo_in_fdb(g, src);
+    if (!fw) {
+        return 0;
+    }
+    if (ifp->mifi < MLDRT_MAXMIF_MARKS) {
+        fw->mif_member[ifp->mifi] = 0;
+    }
+    bool gone = !has_marks(fw);
+    if (gone) {
+        mldrt_delete_fwinfo_from_fdb(g, src);
+    }
+    if (is_any_source(src)) {
+        r->del_mifi = ifp->mifi;
+    }
+    mldrt_sync_kernel_forwarding(r, g->mfdb, src, gone);
+    return 0;
+}
+
+}  // namespace
+
+void mldrt_sync_kernel_forwarding(mldrt_router* r, mldrt_mfdb_entry* e, const uint8_t* src,
+                                  bool record_gone) {
+    if (!is_any_source(src)) {
+        // Without its own record the source is forwarded by the (*,G) entry, if any.
+        if (record_gone) {
+            mldrt_delete_k_mfc(r, e->grp_addr, src);
+        } else {
+            write_source_entry(r, e, src);
+        }
+        return;
+    }
+    if (record_gone) {
+        if (r->upstream) {
+            mldrt_delete_k_mfc(r, e->grp_addr, kAnySource);
+        }
+    } else {
+        write_any_source_entry(r, e);
+    }
+    write_source_entries(r, e);
+}
+
+int mldrt_add_entry_to_grp_srclist(mldrt_router* r, mldrt_group* g, uint32_t ltype,
+                                   const uint8_t* src, int32_t timer, mldrt_interface* ifp) {
+    if (ltype > MLDRT_L_EXC) {
+        printf("\n Invalid list type");
+        return 0;
+    }
+    mldrt_src* s = mldrt_add_src_to_group(g, g->mfdb, ltype, src);
+    if (!s) {
+        puts("MLDRT: Couldnt add src to grp include list");
+        return -1;
+    }
+    s->timer = timer;  // a report refreshes the timer of a source it names again
+    if (ltype == MLDRT_L_EXC) {
+        return 0;  // excluded sources are never forwarded
+    }
+    return add_forwarding(r, g, src, ifp);
+}
+
+int mldrt_remove_entry_from_grp_srclist(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e,
+                                        uint32_t ltype, const uint8_t* src, mldrt_interface* ifp) {
+    if (ltype > MLDRT_L_SCR_BLOCK) {
+        printf("\n Invalid ltype");
+        return 0;
+    }
+    if (ltype >= MLDRT_L_EXC) {
+        if (mldrt_del_src_from_group(g, e, ltype, src) != 0) {
+            printf("\n FATAL Error - Cannot del src from group exclude list");
+            return -1;
+        }
+        return 0;
+    }
+    if (mldrt_del_src_from_group(g, g->mfdb, ltype, src) != 0) {
+        printf("\n FATAL Error - Cannot del src from group include list");
+        return -1;
+    }
+    return remove_forwarding(r, g, src, ifp);
+}
+
+void mldrt_rewrite_kernel_forwarding(mldrt_router* r) {
+    for (mldrt_mfdb_entry* e = r->mfdb_list; e; e = e->next) {
+        write_any_source_entry(r, e);
+        write_source_entries(r, e);
+    }
+}

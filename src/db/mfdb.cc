@@ -1,0 +1,200 @@
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "db/db.h"
+#include "iface/interface.h"
+#include "kernel/mroute.h"
+
+namespace {
+
+const uint8_t kAnySource[16] = {};
+
+uint32_t g_mfdb_count = 0;
+
+void free_host_state(mldrt_hs_state** hs) {
+    if (*hs) {
+        mldrt_free_srclist(&(*hs)->list);
+        free(*hs);
+        *hs = nullptr;
+    }
+}
+
+mldrt_fwinfo* find_fwinfo(mldrt_fwinfo* list, const uint8_t* src) {
+    for (; list; list = list->next) {
+        if (ipv6_addr_equal(list->src_addr, src)) {
+            return list;
+        }
+    }
+    return nullptr;
+}
+
+void or_marks(const mldrt_fwinfo* fw, uint8_t* oifs) {
+    if (!fw) {
+        return;
+    }
+    for (uint32_t i = 0; i < MLDRT_MAXMIF_MARKS; i++) {
+        oifs[i] |= fw->mif_member[i];
+    }
+}
+
+}  // namespace
+
+uint32_t mldrt_mfdb_count() {
+    return g_mfdb_count;
+}
+
+mldrt_mfdb_entry* mldrt_lookup_mfdb_entry(mldrt_router* r, const uint8_t* grp) {
+    for (mldrt_mfdb_entry* e = r->mfdb_list; e; e = e->next) {
+        if (ipv6_addr_equal(e->grp_addr, grp)) {
+            return e;
+        }
+    }
+    return nullptr;
+}
+
+mldrt_mfdb_entry* mldrt_create_mfdb_entry(const uint8_t* grp) {
+    auto* e = static_cast<mldrt_mfdb_entry*>(calloc(1, sizeof(mldrt_mfdb_entry)));
+    if (!e) {
+        puts("MLDRT: Mfdb create failed");
+        return nullptr;
+    }
+    std::memcpy(e->grp_addr, grp, 16);
+    e->old_host_state = static_cast<mldrt_hs_state*>(calloc(1, sizeof(mldrt_hs_state)));
+    if (!e->old_host_state) {
+        printf("\n Allocation of host state failed during mfdb creation");
+        free(e);
+        return nullptr;
+    }
+    return e;
+}
+
+mldrt_mfdb_entry* mldrt_add_mfdb_entry(mldrt_router* r, const uint8_t* grp) {
+    mldrt_mfdb_entry* e = mldrt_lookup_mfdb_entry(r, grp);
+    if (e) {
+        return e;
+    }
+    if (g_mfdb_count >= MLDRT_MAX_GROUPS) {
+        mldrt_report_limit("groups", MLDRT_MAX_GROUPS);
+        return nullptr;
+    }
+    e = mldrt_create_mfdb_entry(grp);
+    if (!e) {
+        return nullptr;
+    }
+    e->next = r->mfdb_list;
+    if (r->mfdb_list) {
+        r->mfdb_list->pprev = &e->next;
+    }
+    e->pprev = &r->mfdb_list;
+    r->mfdb_list = e;
+    g_mfdb_count++;
+    return e;
+}
+
+void mldrt_delete_mfdb_entry(mldrt_router* r, mldrt_mfdb_entry* e) {
+    (void)r;
+    free_host_state(&e->old_host_state);
+    free_host_state(&e->new_host_state);
+    // Whatever the lists still hold goes with the entry, so nothing is ever leaked.
+    mldrt_free_srclist(&e->scr_to_ex_list);
+    mldrt_free_srclist(&e->scr_to_in_list);
+    mldrt_free_srclist(&e->scr_allow_list);
+    mldrt_free_srclist(&e->scr_block_list);
+    while (e->fwinfo_list) {
+        mldrt_fwinfo* next = e->fwinfo_list->next;
+        free(e->fwinfo_list);
+        e->fwinfo_list = next;
+    }
+    if (e->pprev) {
+        *e->pprev = e->next;
+        if (e->next) {
+            e->next->pprev = e->pprev;
+        }
+        g_mfdb_count--;
+    }
+    free(e);
+}
+
+void mldrt_free_mfdb(mldrt_router* r) {
+    while (r->mfdb_list) {
+        mldrt_delete_mfdb_entry(r, r->mfdb_list);
+    }
+}
+
+void mldrt_create_gr_mfd_mapping(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e) {
+    (void)r;
+    if (g->mfdb) {
+        return;
+    }
+    g->mfdb = e;
+    if (!e->fwinfo_list) {
+        mldrt_add_k_membership();
+    }
+}
+
+mldrt_fwinfo* mldrt_lookup_fwinfo_in_fdb(mldrt_group* g, const uint8_t* src) {
+    return g->mfdb ? find_fwinfo(g->mfdb->fwinfo_list, src) : nullptr;
+}
+
+int is_fwinfo_empty_for_grp_src(mldrt_group* g, const uint8_t* src) {
+    const mldrt_fwinfo* fw = mldrt_lookup_fwinfo_in_fdb(g, src);
+    if (!fw) {
+        return 0;
+    }
+    for (uint32_t i = 0; i < MLDRT_MAXMIF_MARKS; i++) {
+        if (fw->mif_member[i]) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+mldrt_fwinfo* mldrt_create_fwinfo_in_fdb(const uint8_t* src) {
+    auto* fw = static_cast<mldrt_fwinfo*>(calloc(1, sizeof(mldrt_fwinfo)));
+    if (!fw) {
+        puts("MLDRT: Creating fwdinfo failed");
+        return nullptr;
+    }
+    std::memcpy(fw->src_addr, src, 16);
+    return fw;
+}
+
+mldrt_fwinfo* mldrt_add_fwinfo_to_fdb(mldrt_group* g, const uint8_t* src) {
+    if (!g->mfdb) {
+        return nullptr;
+    }
+    mldrt_fwinfo* fw = find_fwinfo(g->mfdb->fwinfo_list, src);
+    if (fw) {
+        return fw;
+    }
+    fw = mldrt_create_fwinfo_in_fdb(src);
+    if (fw) {
+        fw->next = g->mfdb->fwinfo_list;
+        g->mfdb->fwinfo_list = fw;
+    }
+    return fw;
+}
+
+void mldrt_delete_fwinfo_from_fdb(mldrt_group* g, const uint8_t* src) {
+    if (!g->mfdb) {
+        return;
+    }
+    for (mldrt_fwinfo** link = &g->mfdb->fwinfo_list; *link; link = &(*link)->next) {
+        if (ipv6_addr_equal((*link)->src_addr, src)) {
+            mldrt_fwinfo* gone = *link;
+            *link = gone->next;
+            free(gone);
+            return;
+        }
+    }
+}
+
+void mldrt_generate_membership_info(const mldrt_mfdb_entry* e, const uint8_t* src, uint8_t* oifs) {
+    or_marks(find_fwinfo(e->fwinfo_list, src), oifs);
+    or_marks(find_fwinfo(e->fwinfo_list, kAnySource), oifs);
+}
+
+int mldrt_pending_host_state_update(const mldrt_mfdb_entry* e) {
+    return (e->scr_to_ex_cnt || e->scr_to_in_cnt || e->scr_allow_cnt || e->scr_block_cnt) ? 1 : 0;
+}
