@@ -1,0 +1,503 @@
+#!/usr/bin/env bash
+# The mldproxyd lab: network namespaces around one router that runs the real daemon.
+#
+#   src ── br0 (namespace up: MLD-snooping bridge, MLDv2 querier) ── up0 ┐
+#                                                                        │ namespace rt:
+#                                                    h1 (eth0) ── dn1 ───┤ mldproxyd, its own
+#                                                    h2 (eth0) ── dn2 ───┘ /etc/mld/mld.conf
+#
+# Every namespace is called $LAB_PREFIX<name> (default prefix "mldlab-"), so that a crashed
+# earlier run is found and removed by name. The router's links are veth pairs made inside the
+# namespaces (small interface indexes); every namespace has accept_dad=0 (addresses are usable at
+# once) and sends no router solicitations (the router's ICMPv6 output is then the daemon's and
+# its kernel's MLD only); each router link has exactly one link-local address.
+#
+# Use as a library (bash):   . tools/lab.sh      then lab_up, lab_start_daemon, lab_down, ...
+# Or from the command line (root):
+#   tools/lab.sh up                  build the lab (removes an earlier one first)
+#   tools/lab.sh start [CONF]        start the daemon in the router namespace (default: the
+#                                    lab configuration, upstream up0); log in $LAB_STATE
+#   tools/lab.sh stop [SIGNAL]       signal the daemon (default TERM) and wait for it to end
+#   tools/lab.sh status              namespaces, the router's links and MIFs, the daemon
+#   tools/lab.sh down                stop everything started in the lab and remove it
+#
+# Environment: MLD_DAEMON (daemon binary, default build/mldproxyd of this repository),
+# MLD_LAB_PREFIX (namespace prefix), MLD_LAB_STATE (state directory, default /run/mldlab).
+
+# Single-quoted scripts for sh -c are meant literally; "a && b || fail" is meant as "fail unless
+# both worked"; the LAB_DAEMON_* variables are for the scripts that source this file.
+# shellcheck disable=SC2016,SC2015,SC2034,SC2119,SC2120
+LAB_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+LAB_PREFIX=${MLD_LAB_PREFIX:-mldlab-}
+LAB_STATE=${MLD_LAB_STATE:-/run/mldlab}
+LAB_DAEMON=${MLD_DAEMON:-$LAB_ROOT/build/mldproxyd}
+LAB_PYTHON=/usr/bin/python3 # Debian's scapy lives in the system Python
+LAB_REPORT_PY=$LAB_ROOT/tests/lab/mld_report.py
+
+# Namespace short names (lab_ns turns them into full names).
+LAB_UP=up     # bridge br0 with the router's and the source's ports
+LAB_SRC=src   # multicast source behind the bridge
+LAB_RT=rt     # the router: mldproxyd runs here
+LAB_H1=h1     # host on the router's dn1
+LAB_H2=h2     # host on the router's dn2
+LAB_UPSTREAM=up0
+
+# Set by lab_start_daemon and lab_stop_daemon.
+LAB_DAEMON_PID=''
+LAB_DAEMON_LOG=''
+LAB_DAEMON_ERR=''
+LAB_DAEMON_STATUS=''
+
+lab_say() { printf 'lab: %s\n' "$*" >&2; }
+
+lab_ns() { printf '%s%s' "$LAB_PREFIX" "$1"; }
+
+# lab_exec NS CMD...: run CMD in the lab namespace NS (short name).
+lab_exec() {
+  local ns=$1
+  shift
+  ip netns exec "$(lab_ns "$ns")" "$@"
+}
+
+# Microseconds since the epoch (bash 5's EPOCHREALTIME; the scripts run with LC_ALL=C).
+lab_now_us() {
+  local t=$EPOCHREALTIME
+  printf '%s' "${t/./}"
+}
+
+# lab_wait_for TIMEOUT_SECONDS CMD...: run CMD every 0.2 s until it succeeds (0) or time is up (1).
+lab_wait_for() {
+  local timeout=$1 deadline
+  shift
+  deadline=$(($(lab_now_us) + timeout * 1000000))
+  while true; do
+    "$@" && return 0
+    [[ $(lab_now_us) -ge $deadline ]] && return 1
+    sleep 0.2
+  done
+}
+
+# ---------------------------------------------------------------------------------------------
+# building and removing the lab
+
+# A namespace with the settings every lab namespace has.
+lab_ns_create() {
+  local full
+  full=$(lab_ns "$1")
+  ip netns add "$full" || return 1
+  ip netns exec "$full" sh -c '
+    for c in all default; do
+      sysctl -qw net.ipv6.conf.$c.accept_dad=0 &&
+      sysctl -qw net.ipv6.conf.$c.router_solicitations=0 || exit 1
+    done
+    ip link set lo up' || return 1
+}
+
+# lab_link_up NS IFNAME: set a link up.
+lab_link_up() { ip -n "$(lab_ns "$1")" link set "$2" up; }
+
+# lab_ll_addr NS IFNAME: the link's link-local address (first one), without prefix length.
+lab_ll_addr() {
+  ip -n "$(lab_ns "$1")" -6 -o addr show dev "$2" scope link 2>/dev/null |
+    awk '{ sub(/\/.*/, "", $4); print $4; exit }'
+}
+
+# lab_ll_count NS IFNAME: number of usable (not tentative) link-local addresses on the link.
+lab_ll_count() {
+  ip -n "$(lab_ns "$1")" -6 -o addr show dev "$2" scope link 2>/dev/null |
+    grep -vc tentative || true
+}
+
+lab_has_one_ll() { [[ $(lab_ll_count "$1" "$2") -eq 1 ]]; }
+
+# lab_wait_ll NS IFNAME: wait until the link has exactly one usable link-local address.
+lab_wait_ll() {
+  if ! lab_wait_for 10 lab_has_one_ll "$1" "$2"; then
+    lab_say "$1/$2 has $(lab_ll_count "$1" "$2") usable link-local addresses (want exactly 1)"
+    return 1
+  fi
+}
+
+lab_up() {
+  lab_down || return 1
+  mkdir -p "$LAB_STATE" || return 1
+  local ns
+  for ns in "$LAB_UP" "$LAB_SRC" "$LAB_RT" "$LAB_H1" "$LAB_H2"; do
+    lab_ns_create "$ns" || { lab_say "cannot create namespace $(lab_ns "$ns")"; return 1; }
+  done
+  local up rt src
+  up=$(lab_ns "$LAB_UP") rt=$(lab_ns "$LAB_RT") src=$(lab_ns "$LAB_SRC")
+  # The upstream side: a bridge that snoops MLD and is itself the MLDv2 querier, with its own
+  # link-local address (the querier's source address). The router's port floods unknown
+  # multicast (the default); tests of the upstream host state turn mcast_flood off themselves.
+  ip -n "$up" link add br0 type bridge mcast_snooping 1 mcast_querier 1 mcast_mld_version 2 &&
+    ip -n "$rt" link add "$LAB_UPSTREAM" type veth peer name p-rt netns "$up" &&
+    ip -n "$src" link add eth0 type veth peer name p-src netns "$up" &&
+    ip -n "$up" link set p-rt master br0 &&
+    ip -n "$up" link set p-src master br0 &&
+    lab_link_up "$LAB_UP" p-rt && lab_link_up "$LAB_UP" p-src && lab_link_up "$LAB_UP" br0 &&
+    lab_link_up "$LAB_SRC" eth0 && lab_link_up "$LAB_RT" "$LAB_UPSTREAM" || {
+    lab_say "cannot build the upstream side"
+    return 1
+  }
+  lab_make_downstream dn1 "$LAB_H1" || return 1
+  lab_make_downstream dn2 "$LAB_H2" || return 1
+  lab_wait_ll "$LAB_UP" br0 && lab_wait_ll "$LAB_SRC" eth0 && lab_wait_ll "$LAB_RT" "$LAB_UPSTREAM" &&
+    lab_wait_ll "$LAB_RT" dn1 && lab_wait_ll "$LAB_RT" dn2 &&
+    lab_wait_ll "$LAB_H1" eth0 && lab_wait_ll "$LAB_H2" eth0
+}
+
+# lab_make_downstream IFNAME HOST: a veth link from the router's IFNAME to eth0 of the existing
+# host namespace HOST, both ends up.
+lab_make_downstream() {
+  local ifname=$1 host=$2
+  ip -n "$(lab_ns "$LAB_RT")" link add "$ifname" type veth peer name eth0 netns "$(lab_ns "$host")" &&
+    lab_link_up "$host" eth0 && lab_link_up "$LAB_RT" "$ifname" || {
+    lab_say "cannot make downstream link $ifname to $host"
+    return 1
+  }
+}
+
+# lab_add_downstream IFNAME HOST: a new host namespace HOST and a link to it from the router's
+# IFNAME, both ends up, for use while the daemon runs. Waits for the link-local addresses.
+lab_add_downstream() {
+  local ifname=$1 host=$2
+  lab_ns_create "$host" || { lab_say "cannot create namespace $(lab_ns "$host")"; return 1; }
+  lab_make_downstream "$ifname" "$host" || return 1
+  lab_wait_ll "$LAB_RT" "$ifname" && lab_wait_ll "$host" eth0
+}
+
+# lab_del_downstream IFNAME HOST: delete the router's link IFNAME and the host namespace HOST.
+lab_del_downstream() {
+  local ifname=$1 host=$2 rc=0
+  ip -n "$(lab_ns "$LAB_RT")" link del "$ifname" || rc=1
+  lab_kill_ns_processes "$(lab_ns "$host")"
+  ip netns del "$(lab_ns "$host")" || rc=1
+  return "$rc"
+}
+
+# lab_kill_ns_processes FULLNAME: end every process that lives in that lab namespace (only lab
+# namespaces are ever passed here), by PID: TERM, then KILL after 3 s.
+lab_kill_ns_processes() {
+  local ns=$1 pids pid i
+  mapfile -t pids < <(ip netns pids "$ns" 2>/dev/null)
+  [[ ${#pids[@]} -eq 0 ]] && return 0
+  for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null; done
+  for ((i = 0; i < 30; i++)); do
+    mapfile -t pids < <(ip netns pids "$ns" 2>/dev/null)
+    [[ ${#pids[@]} -eq 0 ]] && return 0
+    sleep 0.1
+  done
+  for pid in "${pids[@]}"; do kill -KILL "$pid" 2>/dev/null; done
+  return 0
+}
+
+# Removes everything of the lab: the daemon by its recorded PID, every process left in a lab
+# namespace, the namespaces. Safe to call at any time, any number of times.
+lab_down() {
+  local pid ns
+  if [[ -f $LAB_STATE/daemon.pid ]]; then
+    pid=$(cat "$LAB_STATE/daemon.pid")
+    if [[ $pid =~ ^[0-9]+$ ]] && lab_is_lab_process "$pid"; then
+      kill -TERM "$pid" 2>/dev/null
+      lab_wait_exit "$pid" 5 || kill -KILL "$pid" 2>/dev/null
+    fi
+    rm -f "$LAB_STATE/daemon.pid"
+  fi
+  while read -r ns; do
+    [[ -n $ns ]] || continue
+    lab_kill_ns_processes "$ns"
+    ip netns del "$ns" 2>/dev/null || lab_say "cannot delete namespace $ns"
+  done < <(ip netns list 2>/dev/null | awk -v p="$LAB_PREFIX" 'index($1, p) == 1 { print $1 }')
+  if ip netns list 2>/dev/null | awk -v p="$LAB_PREFIX" 'index($1, p) == 1 { f = 1 } END { exit !f }'; then
+    return 1
+  fi
+  return 0
+}
+
+# True when PID runs in a lab namespace (the daemon, or strace around it).
+lab_is_lab_process() {
+  local pid=$1 ns
+  while read -r ns; do
+    [[ -n $ns ]] || continue
+    ip netns pids "$ns" 2>/dev/null | grep -qx "$pid" && return 0
+  done < <(ip netns list 2>/dev/null | awk -v p="$LAB_PREFIX" 'index($1, p) == 1 { print $1 }')
+  return 1
+}
+
+# ---------------------------------------------------------------------------------------------
+# the daemon
+
+# lab_write_conf FILE [UPSTREAM]: the lab configuration (short intervals, so that timers run out
+# within a test), upstream interface UPSTREAM (default up0).
+lab_write_conf() {
+  cat >"$1" <<EOF
+UPSTREAM_IFNAME ${2:-$LAB_UPSTREAM}
+ROBUSTNESS_VARIABLE 2
+QUERY_INTERVAL 4
+QUERY_RESPONSE_INTERVAL 1000
+LAST_LISTENER_QUERY_INTERVAL 1
+LAST_LISTENER_QUERY_COUNT 2
+VERBOSE 0
+EOF
+}
+
+# lab_start_daemon [options]: start the daemon in a namespace of its own mount namespace, with
+# CONF bind-mounted at /etc/mld/mld.conf (a directory holding only that file is bound over
+# /etc/mld). Sets LAB_DAEMON_PID (the daemon, or strace with -s), LAB_DAEMON_LOG, LAB_DAEMON_ERR.
+#   -c CONF    configuration file (default: the lab configuration); -c '' gives no file at all
+#   -b BINARY  daemon binary (default $LAB_DAEMON)
+#   -n NS      namespace short name (default the router's)
+#   -l LOG     standard output (default $LAB_STATE/daemon.log)
+#   -e ERR     standard error (default: the same file as standard output)
+#   -s FILE    run under strace -f, setsockopt calls with timestamps, raw numbers and hex
+#              strings into FILE
+lab_start_daemon() {
+  local conf=default bin=$LAB_DAEMON ns=$LAB_RT log=$LAB_STATE/daemon.log err='' straceout='' opt
+  local OPTIND=1
+  while getopts 'c:b:n:l:e:s:' opt; do
+    case $opt in
+      c) conf=$OPTARG ;;
+      b) bin=$OPTARG ;;
+      n) ns=$OPTARG ;;
+      l) log=$OPTARG ;;
+      e) err=$OPTARG ;;
+      s) straceout=$OPTARG ;;
+      *) lab_say "lab_start_daemon: bad option"; return 2 ;;
+    esac
+  done
+  LAB_DAEMON_PID='' LAB_DAEMON_LOG=$log LAB_DAEMON_ERR=${err:-$log}
+  bin=$(realpath -e -- "$bin" 2>/dev/null) || { lab_say "daemon binary ${bin} does not exist"; return 1; }
+  [[ -x $bin ]] || { lab_say "daemon binary $bin is not executable"; return 1; }
+  mkdir -p "$LAB_STATE" || return 1
+  # The bind target must exist; an empty /etc/mld is all this leaves on the machine.
+  [[ -d /etc/mld ]] || mkdir -p /etc/mld || return 1
+  local etc
+  etc=$(mktemp -d "$LAB_STATE/etc-mld.XXXXXX") || return 1
+  if [[ $conf == default ]]; then
+    lab_write_conf "$etc/mld.conf"
+  elif [[ -n $conf ]]; then
+    cp -- "$conf" "$etc/mld.conf" || return 1
+  fi
+  local cmd=("$bin")
+  if [[ -n $straceout ]]; then
+    cmd=(strace -f -ttt -X raw -xx -e trace=setsockopt -o "$straceout" -- "$bin")
+  fi
+  # ip netns exec, unshare and sh all exec their successor: $! is the daemon's (or strace's) PID.
+  ip netns exec "$(lab_ns "$ns")" unshare --mount --propagation private -- \
+    /bin/sh -c 'mount --bind "$1" /etc/mld || exit 125; shift; exec "$@"' sh "$etc" "${cmd[@]}" \
+    </dev/null >"$log" 2>"${err:-$log}" &
+  LAB_DAEMON_PID=$!
+  echo "$LAB_DAEMON_PID" >"$LAB_STATE/daemon.pid"
+  # Wait for the exec chain (ip, unshare, sh) to arrive at the program, so that a signal reaches
+  # the daemon itself. (A script as "binary", for trying the tests out on a fake daemon, shows
+  # its interpreter here.)
+  local chain=() p i exe
+  for p in ip unshare sh; do chain+=("$(realpath -e -- "$(command -v "$p")")"); done
+  for ((i = 0; i < 100; i++)); do
+    if lab_exited "$LAB_DAEMON_PID"; then
+      lab_say "the daemon did not start (see $log)"
+      return 1
+    fi
+    exe=$(readlink "/proc/$LAB_DAEMON_PID/exe" 2>/dev/null)
+    if [[ -n $exe && $exe != "${chain[0]}" && $exe != "${chain[1]}" && $exe != "${chain[2]}" ]]; then
+      return 0
+    fi
+    sleep 0.02
+  done
+  lab_say "PID $LAB_DAEMON_PID never got past ip netns exec / unshare / sh"
+  return 1
+}
+
+# lab_traced_pid STRACE_PID: the PID of the process that strace started (the daemon).
+lab_traced_pid() {
+  local kids i
+  for ((i = 0; i < 100; i++)); do
+    read -r kids _ <"/proc/$1/task/$1/children" 2>/dev/null
+    [[ -n $kids ]] && { printf '%s' "$kids"; return 0; }
+    sleep 0.02
+  done
+  return 1
+}
+
+# True when PID has ended (gone, or a zombie nobody has collected yet).
+lab_exited() {
+  local stat
+  stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 0
+  stat=${stat##*) }
+  [[ ${stat:0:1} == Z || ${stat:0:1} == X ]]
+}
+
+# lab_wait_exit PID TIMEOUT_SECONDS: 0 when PID ended within the time.
+lab_wait_exit() {
+  local deadline
+  deadline=$(($(lab_now_us) + $2 * 1000000))
+  while ! lab_exited "$1"; do
+    [[ $(lab_now_us) -ge $deadline ]] && return 1
+    sleep 0.02
+  done
+  return 0
+}
+
+# lab_stop_daemon [SIGNAL] [TIMEOUT]: signal the daemon started by lab_start_daemon (from this
+# shell, not from a subshell: only the shell that started it can collect its status), wait for
+# it and set LAB_DAEMON_STATUS to its exit status. Returns 1 when it did not end in time (it is
+# then killed and LAB_DAEMON_STATUS is empty).
+lab_stop_daemon() {
+  local sig=${1:-TERM} timeout=${2:-10} pid=$LAB_DAEMON_PID rc=0
+  LAB_DAEMON_STATUS=
+  [[ -n $pid ]] || return 1
+  kill -"$sig" "$pid" 2>/dev/null
+  if ! lab_wait_exit "$pid" "$timeout"; then
+    lab_say "the daemon (PID $pid) did not end within ${timeout}s after SIG$sig; killing it"
+    kill -KILL "$pid" 2>/dev/null
+    wait "$pid" 2>/dev/null
+    rm -f "$LAB_STATE/daemon.pid"
+    return 1
+  fi
+  wait "$pid" 2>/dev/null || rc=$?
+  rm -f "$LAB_STATE/daemon.pid"
+  LAB_DAEMON_STATUS=$rc
+}
+
+# lab_cpu_ticks PID: user + system CPU time of the process (all its threads), in clock ticks.
+lab_cpu_ticks() {
+  local stat f
+  stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 1
+  stat=${stat##*) }
+  read -ra f <<<"$stat"
+  # After "pid (comm) ", field 3 (state) is f[0]; utime and stime are fields 14 and 15.
+  printf '%s' $((f[11] + f[12]))
+}
+
+# ---------------------------------------------------------------------------------------------
+# looking at the router
+
+# lab_mifs [NS]: the kernel's MIF table of the namespace (default the router's), "INDEX NAME" lines.
+lab_mifs() {
+  ip netns exec "$(lab_ns "${1:-$LAB_RT}")" cat /proc/net/ip6_mr_vif 2>/dev/null | awk 'NR > 1 { print $1, $2 }'
+}
+
+# lab_mif_index IFNAME: the MIF index of the router's link IFNAME, nothing if it has none.
+lab_mif_index() { lab_mifs | awk -v n="$1" '$2 == n { print $1; exit }'; }
+
+lab_has_mif() { [[ -n $(lab_mif_index "$1") ]]; }
+lab_has_no_mif() { [[ -z $(lab_mif_index "$1") ]]; }
+
+# lab_router_links: names of the router's links except lo, one a line, sorted.
+lab_router_links() {
+  ip -n "$(lab_ns "$LAB_RT")" -o link show | awk -F': ' '{ sub(/@.*/, "", $2); if ($2 != "lo") print $2 }' | sort
+}
+
+# True when every router link except lo is a MIF and nothing else is.
+lab_all_links_are_mifs() {
+  [[ $(lab_mifs | awk '{ print $2 }' | sort) == "$(lab_router_links)" ]]
+}
+
+# lab_counter NS IFNAME NAME: an IPv6/ICMPv6 counter of one link (/proc/net/dev_snmp6).
+lab_counter() {
+  ip netns exec "$(lab_ns "$1")" cat "/proc/net/dev_snmp6/$2" 2>/dev/null | awk -v n="$3" '$1 == n { print $2; f = 1 } END { if (!f) print 0 }'
+}
+
+# lab_ns_counter NS NAME: a counter of the whole namespace (/proc/net/snmp6).
+lab_ns_counter() {
+  ip netns exec "$(lab_ns "$1")" cat /proc/net/snmp6 2>/dev/null | awk -v n="$2" '$1 == n { print $2; f = 1 } END { if (!f) print 0 }'
+}
+
+# lab_wait_started [TIMEOUT] [IFNAME...]: wait until the daemon has taken up every router link
+# (all are MIFs), each IFNAME given has sent at least one MLD query, and the router namespace
+# has sent no ICMPv6 message for 2.5 s (the paced start-up announcements are over).
+lab_wait_started() {
+  local timeout=${1:-30} deadline ifname last now since
+  shift
+  deadline=$(($(lab_now_us) + timeout * 1000000))
+  lab_wait_for "$timeout" lab_all_links_are_mifs || { lab_say "not every router link became a MIF"; return 1; }
+  for ifname in "$@"; do
+    until [[ $(lab_counter "$LAB_RT" "$ifname" Icmp6OutGroupMembQueries) -ge 1 ]]; do
+      [[ $(lab_now_us) -ge $deadline ]] && { lab_say "no MLD query was sent on $ifname"; return 1; }
+      sleep 0.2
+    done
+  done
+  last=$(lab_ns_counter "$LAB_RT" Icmp6OutMsgs)
+  since=$(lab_now_us)
+  while true; do
+    sleep 0.25
+    now=$(lab_ns_counter "$LAB_RT" Icmp6OutMsgs)
+    if [[ $now != "$last" ]]; then
+      last=$now
+      since=$(lab_now_us)
+    elif [[ $(($(lab_now_us) - since)) -ge 2500000 ]]; then
+      return 0
+    fi
+    [[ $(lab_now_us) -ge $deadline ]] && { lab_say "the router never fell quiet"; return 1; }
+  done
+}
+
+# ---------------------------------------------------------------------------------------------
+# hand-made packets
+
+# lab_send_mld_report HOST [mld_report.py options] RECORD...: send MLDv2 reports with scapy
+# from eth0 of the host namespace HOST (see tests/lab/mld_report.py: records are
+# TYPE:GROUP[:SOURCE,...], options --count, --interval, --src, --dst, --hlim, --no-router-alert).
+lab_send_mld_report() {
+  local host=$1
+  shift
+  lab_exec "$host" "$LAB_PYTHON" "$LAB_REPORT_PY" --iface eth0 "$@"
+}
+
+# ---------------------------------------------------------------------------------------------
+# command line
+
+lab_main() {
+  export LC_ALL=C
+  if [[ $(id -u) -ne 0 ]]; then
+    echo "tools/lab.sh needs root (network namespaces, MRT6)" >&2
+    return 1
+  fi
+  case ${1:-} in
+    up)
+      lab_up || return 1
+      lab_say "lab up: namespaces $(ip netns list | awk -v p="$LAB_PREFIX" 'index($1, p) == 1 { printf "%s ", $1 }')"
+      ;;
+    down) lab_down ;;
+    start)
+      if [[ -f $LAB_STATE/daemon.pid ]] && lab_is_lab_process "$(cat "$LAB_STATE/daemon.pid")"; then
+        lab_say "a daemon runs already (PID $(cat "$LAB_STATE/daemon.pid"))"
+        return 1
+      fi
+      if [[ -n ${2:-} ]]; then
+        lab_start_daemon -c "$2" || return 1
+      else
+        lab_start_daemon || return 1
+      fi
+      lab_say "mldproxyd PID $LAB_DAEMON_PID in $(lab_ns "$LAB_RT"), log $LAB_DAEMON_LOG"
+      ;;
+    stop)
+      local pid
+      pid=$(cat "$LAB_STATE/daemon.pid" 2>/dev/null) || { lab_say "no daemon recorded"; return 1; }
+      lab_is_lab_process "$pid" || { lab_say "PID $pid is not a lab process"; rm -f "$LAB_STATE/daemon.pid"; return 1; }
+      kill -"${2:-TERM}" "$pid" || return 1
+      # Not our child here: wait for it to disappear (its parent, init, collects it).
+      lab_wait_exit "$pid" 10 || { lab_say "PID $pid did not end within 10 s"; return 1; }
+      rm -f "$LAB_STATE/daemon.pid"
+      lab_say "mldproxyd (PID $pid) ended"
+      ;;
+    status)
+      ip netns list | awk -v p="$LAB_PREFIX" 'index($1, p) == 1'
+      echo "router links: $(lab_router_links | tr '\n' ' ')"
+      echo "MIFs:"
+      lab_mifs
+      if [[ -f $LAB_STATE/daemon.pid ]]; then echo "daemon PID $(cat "$LAB_STATE/daemon.pid")"; fi
+      ;;
+    *)
+      echo "usage: tools/lab.sh up|down|start [CONF]|stop [SIGNAL]|status" >&2
+      return 2
+      ;;
+  esac
+}
+
+# Run as a command (not sourced): the command line above.
+if [[ ${BASH_SOURCE[0]} == "$0" ]]; then
+  lab_main "$@"
+  exit $?
+fi
