@@ -1,0 +1,113 @@
+#!/usr/bin/env bash
+# Interfaces and MIFs: the daemon takes up every multicast link of the router as a MIF, follows
+# links that appear and disappear while it runs, and hands out the lowest free MIF index.
+#
+# Linux itself removes a deleted link's MIF, so a deletion is proved by what only the daemon
+# decides: the next new link gets the freed index (the daemon picks MIF indexes from its own
+# interface records; a record left behind would push the new link to a higher index).
+
+# Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
+# shellcheck disable=SC2317
+# shellcheck source=tests/lab/lib.sh
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+LOG=$T_WORK/daemon.log
+# Each netlink batch restarts the daemon's input thread (about a second each), and a new veth
+# link brings several batches: allow for that.
+MIF_TIMEOUT=30
+
+# A fresh daemon registers every router link except lo, with indexes 0 .. n-1.
+every_link_becomes_a_mif() {
+  t_need_daemon || return 1
+  lab_up || fail "the lab could not be built" || return 1
+  lab_start_daemon -l "$LOG" || fail "the daemon did not start" || return 1
+  if ! lab_wait_for 30 lab_all_links_are_mifs; then
+    fail "after 30 s the MIFs are [$(t_mif_table)], the router's links [$(lab_router_links | tr '\n' ' ')]"
+    return 1
+  fi
+  local n indexes want
+  n=$(lab_router_links | wc -l)
+  indexes=$(lab_mifs | awk '{ print $1 }' | sort -n | tr '\n' ' ')
+  want=$(seq 0 $((n - 1)) | tr '\n' ' ')
+  [[ $indexes == "$want" ]] || fail "MIF indexes [$indexes], want [$want] (the lowest free ones)" || return 1
+  say "MIFs: $(t_mif_table)"
+  t_daemon_alive || fail "the daemon ended" || return 1
+}
+
+# A link added while the daemon runs becomes a MIF, with the lowest free index.
+added_link_becomes_a_mif() {
+  t_daemon_alive || fail "no daemon running (the previous check failed)" || return 1
+  lab_wait_started 30 || fail "the daemon did not finish starting up" || return 1
+  local before start want got
+  before=$(t_mif_table)
+  want=$(lab_mifs | wc -l)
+  start=$(lab_now_us)
+  lab_add_downstream dn3 h3 || fail "could not add link dn3" || return 1
+  if ! lab_wait_for "$MIF_TIMEOUT" lab_has_mif dn3; then
+    fail "dn3 is no MIF ${MIF_TIMEOUT} s after it came up; MIFs [$(t_mif_table)]"
+    return 1
+  fi
+  say "dn3 became a MIF $(elapsed_ms "$start") ms after it was created"
+  got=$(lab_mif_index dn3)
+  [[ $got == "$want" ]] || fail "dn3 has MIF index $got, want $want (lowest free); MIFs [$(t_mif_table)]" || return 1
+  [[ $(lab_mifs | grep -vw dn3 | awk '{ printf "%s%s:%s", (NR > 1 ? " " : ""), $1, $2 }') == "$before" ]] ||
+    fail "the other MIFs changed: before [$before], now [$(t_mif_table)]" || return 1
+  t_daemon_alive || fail "the daemon ended" || return 1
+}
+
+# del_and_reuse IFNAME HOST NEWIF NEWHOST: delete a link, add another; the new one must get the
+# deleted link's MIF index.
+del_and_reuse() {
+  local ifname=$1 host=$2 newif=$3 newhost=$4 freed got start
+  freed=$(lab_mif_index "$ifname")
+  [[ -n $freed ]] || fail "$ifname is no MIF to begin with; MIFs [$(t_mif_table)]" || return 1
+  lab_del_downstream "$ifname" "$host" || fail "could not delete $ifname" || return 1
+  lab_wait_for 10 lab_has_no_mif "$ifname" || fail "MIF of deleted $ifname still listed" || return 1
+  lab_add_downstream "$newif" "$newhost" || fail "could not add link $newif" || return 1
+  start=$(lab_now_us)
+  if ! lab_wait_for "$MIF_TIMEOUT" lab_has_mif "$newif"; then
+    fail "$newif is no MIF ${MIF_TIMEOUT} s after it came up (after $ifname was deleted); MIFs [$(t_mif_table)]"
+    return 1
+  fi
+  say "$newif became a MIF $(elapsed_ms "$start") ms after it was created"
+  got=$(lab_mif_index "$newif")
+  if [[ $got != "$freed" ]]; then
+    fail "$newif got MIF index $got, want $freed, freed by deleting $ifname; MIFs [$(t_mif_table)]"
+    return 1
+  fi
+  say "$ifname (MIF $freed) deleted, $newif got MIF $got; MIFs now [$(t_mif_table)]"
+}
+
+# After the link added last is deleted, its (highest) MIF index is the one the next link gets.
+deleted_link_frees_its_index() {
+  t_daemon_alive || fail "no daemon running (a previous check failed)" || return 1
+  lab_has_mif dn3 || fail "dn3 is no MIF (the previous check failed)" || return 1
+  del_and_reuse dn3 h3 dn4 h4 || return 1
+  t_daemon_alive || fail "the daemon ended" || return 1
+}
+
+# A freed index below others still in use is the one the next link gets (lowest free index,
+# not the next never used one).
+lowest_free_index_is_reused() {
+  t_daemon_alive || fail "no daemon running (a previous check failed)" || return 1
+  local low high
+  low=$(lab_mif_index dn1) high=$(lab_mif_index dn4)
+  [[ -n $low && -n $high && $low -lt $high ]] || fail "want dn1's MIF below dn4's: [$(t_mif_table)]" || return 1
+  del_and_reuse dn1 "$LAB_H1" dn5 h5 || return 1
+  lab_all_links_are_mifs || fail "MIFs [$(t_mif_table)] do not match links [$(lab_router_links | tr '\n' ' ')]" || return 1
+  t_daemon_alive || fail "the daemon ended" || return 1
+}
+
+check every_link_becomes_a_mif every_link_becomes_a_mif
+check added_link_becomes_a_mif added_link_becomes_a_mif
+check deleted_link_frees_its_mif_index deleted_link_frees_its_index
+check lowest_free_mif_index_is_reused lowest_free_index_is_reused
+
+if t_daemon_alive; then
+  lab_stop_daemon TERM 10 || say "the daemon did not end on SIGTERM"
+  say "daemon ended with status ${LAB_DAEMON_STATUS:-?}"
+fi
+# Failures are easier to read with the daemon's own words.
+show_file "$LOG" 20 "daemon output"
+
+exit 0
