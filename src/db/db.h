@@ -188,6 +188,8 @@ int mldrt_empty_grp_srclist(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e
 void mldrt_update_group_state(mldrt_router* r);
 // One tick for every group of one interface. `flag` tells the caller apart and changes nothing.
 void mldrt_update_memberships(mldrt_router* r, mldrt_interface* ifp, int flag);
+// One aging step of a group's query retransmission lists.
+void mldrt_clean_grp_rtx_lists(mldrt_group* g);
 // One more ordinary tick over every interface (shutdown, upstream down); forces no expiry.
 void mldrt_cleanup_memberships(mldrt_router* r);
 
@@ -198,5 +200,8 @@ void mldrt_release_interface_groups(mldrt_router* r, mldrt_interface* ifp);
 void mldrt_rewrite_kernel_forwarding(mldrt_router* r);
 // Frees every forwarding entry with all it holds (shutdown).
 void mldrt_free_mfdb(mldrt_router* r);
+
+// --- Diagnostic dumps (printed only while VERBOSE is non-zero) ---
+void mldrt_dump_interface_info(mldrt_router* r, mldrt_interface* ifp, const char* title);
 
 #endif

@@ -1,45 +1,258 @@
+// The once-a-second pass over the listener database (RFC 3810 section 7.2 timers, as this
+// router applies them): query retransmissions, source and filter timers, EXCLUDE-to-INCLUDE
+// on filter-timer expiry, and the removal of what has become empty.
 #include <cstring>
 
 #include "db/db.h"
 #include "iface/interface.h"
+#include "kernel/mroute.h"
+#include "mld/mld.h"
 #include "proxy/proxy.h"
 
 namespace {
 
-// Withdraws a list's forwarding entry by entry (the removal frees each entry).
-void withdraw_list(mldrt_router* r, mldrt_group* g, uint32_t ltype, mldrt_interface* ifp) {
-    mldrt_src** list = mldrt_select_srclist(g, g->mfdb, ltype);
-    while (*list) {
+const uint8_t kAnySource[16] = {};
+
+uint32_t gmi(const mldrt_router* r) {
+    return r->robustness * r->query_interval + r->query_response_interval / 1000u;
+}
+
+void send_group_query(mldrt_router* r, mldrt_interface* ifp, const mldrt_group* g,
+                      const mldrt_src* srcs, uint32_t count) {
+    mldrt_query_params q{};
+    std::memcpy(q.group, g->grp_addr, 16);
+    std::memcpy(q.dst, g->grp_addr, 16);
+    q.sources = srcs;
+    q.src_count = count;
+    mldrt_send_query(r, ifp, &q);
+}
+
+void retransmit_group_query(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+    if (g->grp_rtx_count <= 0 || --g->grp_rtx_timer != 0) {
+        return;
+    }
+    send_group_query(r, ifp, g, nullptr, 0);
+    g->grp_rtx_timer = static_cast<int32_t>(r->last_listener_query_interval);
+    g->grp_rtx_count--;
+}
+
+void retransmit_source_queries(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+    if (g->src_rtx_count <= 0 || --g->src_rtx_timer != 0) {
+        return;
+    }
+    if (g->srsp_list) {
+        send_group_query(r, ifp, g, g->srsp_list, g->srsp_count);
+    }
+    if (g->non_srsp_list) {
+        send_group_query(r, ifp, g, g->non_srsp_list, g->non_srsp_count);
+    }
+    if (--g->src_rtx_count != 0) {
+        g->src_rtx_timer = static_cast<int32_t>(r->last_listener_query_interval);
+    }
+    mldrt_clean_grp_rtx_lists(g);
+}
+
+// INCLUDE mode: sources age and leave with their forwarding. True when the list emptied.
+bool age_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+    bool emptied = false;
+    mldrt_src* next = nullptr;
+    for (mldrt_src* s = g->include_list; s; s = next) {
+        next = s->next;
+        if (s->timer >= 2) {
+            s->timer--;
+            continue;
+        }
         uint8_t addr[16];
-        std::memcpy(addr, (*list)->src_addr, sizeof addr);
-        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, ltype, addr, ifp);
+        std::memcpy(addr, s->src_addr, sizeof addr);
+        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, addr, ifp);
+        if (!g->include_list) {
+            mldrt_update_host_state(r);
+            emptied = true;
+        }
+    }
+    return emptied;
+}
+
+// Takes this interface out of the group-wide (*,G) forwarding.
+void withdraw_whole_group(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+    mldrt_fwinfo* fw = mldrt_lookup_fwinfo_in_fdb(g, kAnySource);
+    if (!fw) {
+        return;
+    }
+    if (ifp->mifi < MLDRT_MAXMIF_MARKS) {
+        fw->mif_member[ifp->mifi] = 0;
+    }
+    bool gone = is_fwinfo_empty_for_grp_src(g, kAnySource) == 0;
+    if (gone) {
+        mldrt_delete_fwinfo_from_fdb(g, kAnySource);
+    }
+    r->del_mifi = ifp->mifi;
+    mldrt_sync_kernel_forwarding(r, g->mfdb, kAnySource, gone);
+}
+
+// Filter timer expiry (RFC 3810 section 7.5): back to INCLUDE with the requested sources,
+// each restarted at GMI. True when the group is left with no source at all.
+bool expire_filter(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+    mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, ifp);
+    if (mldrt_lookup_src_in_grplist(g->req_list, kAnySource)) {
+        withdraw_whole_group(r, ifp, g);
+    }
+    for (mldrt_src* s = g->req_list; s; s = s->next) {
+        if (!ipv6_addr_equal(s->src_addr, kAnySource)) {
+            mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_INCLUDE, s->src_addr,
+                                           static_cast<int32_t>(gmi(r)), ifp);
+        }
+    }
+    mldrt_free_srclist(&g->req_list);
+    g->fmode = MLDRT_INCLUDE;
+    if (g->mfdb) {
+        g->mfdb->exclude_count--;
+    }
+    if (!g->include_list) {
+        mldrt_update_host_state(r);
+        return true;
+    }
+    return false;
+}
+
+// EXCLUDE mode, filter timer running: requested sources that run out become excluded.
+void age_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+    g->ftimer--;
+    mldrt_src* next = nullptr;
+    for (mldrt_src* s = g->req_list; s; s = next) {
+        next = s->next;
+        if (s->timer >= 2) {
+            s->timer--;
+            continue;
+        }
+        uint8_t addr[16];
+        std::memcpy(addr, s->src_addr, sizeof addr);
+        mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_EXC, addr, s->timer, ifp);
+        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, addr, ifp);
     }
 }
 
-void release_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
-    withdraw_list(r, g, MLDRT_L_INCLUDE, ifp);
-    withdraw_list(r, g, MLDRT_L_REQ, ifp);
-    mldrt_free_srclist(&g->exc_list);
-    mldrt_free_srclist(&g->srsp_list);
-    mldrt_free_srclist(&g->non_srsp_list);
-    if (g->fmode == MLDRT_EXCLUDE && g->mfdb && g->mfdb->exclude_count > 0) {
-        g->mfdb->exclude_count--;
+// One tick of one group; true when the database needs the removal pass afterwards.
+bool tick_group(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+    retransmit_group_query(r, ifp, g);
+    retransmit_source_queries(r, ifp, g);
+    if (g->fmode == MLDRT_INCLUDE) {
+        return age_include(r, ifp, g);
     }
+    if (g->fmode == MLDRT_EXCLUDE) {
+        if (g->ftimer < 2) {
+            return expire_filter(r, ifp, g);
+        }
+        age_exclude(r, ifp, g);
+    }
+    return false;
+}
+
+bool removable(const mldrt_group* g) {
+    return g->fmode == MLDRT_INCLUDE && !g->include_list && g->grp_rtx_count <= 0 &&
+           g->src_rtx_count <= 0;
+}
+
+void free_group(mldrt_group* g) {
     while (g->member_list) {
         mldrt_delete_member(g->member_list);
     }
+    mldrt_free_srclist(&g->include_list);
+    mldrt_free_srclist(&g->req_list);
+    mldrt_free_srclist(&g->exc_list);
+    mldrt_free_srclist(&g->srsp_list);
+    mldrt_free_srclist(&g->non_srsp_list);
+    g->mfdb = nullptr;
     mldrt_delete_group(g);
+}
+
+// Removes the removable groups mapped to `e`; true while any mapped group remains.
+bool release_unused_groups(mldrt_router* r, mldrt_mfdb_entry* e) {
+    bool in_use = false;
+    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
+        mldrt_group* next = nullptr;
+        for (mldrt_group* g = ifp->groups; g; g = next) {
+            next = g->next;
+            if (g->mfdb != e) {
+                continue;
+            }
+            if (removable(g)) {
+                free_group(g);
+            } else {
+                in_use = true;
+            }
+        }
+    }
+    return in_use;
+}
+
+void release_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
+    while (g->include_list) {
+        uint8_t addr[16];
+        std::memcpy(addr, g->include_list->src_addr, sizeof addr);
+        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, addr, ifp);
+    }
+    while (g->req_list) {
+        uint8_t addr[16];
+        std::memcpy(addr, g->req_list->src_addr, sizeof addr);
+        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, addr, ifp);
+    }
+    if (g->fmode == MLDRT_EXCLUDE && g->mfdb && g->mfdb->exclude_count > 0) {
+        g->mfdb->exclude_count--;
+    }
+    free_group(g);
 }
 
 }  // namespace
 
-void mldrt_update_group_state(mldrt_router*) {}
+void mldrt_clean_grp_rtx_lists(mldrt_group* g) {
+    static const uint32_t kLists[2] = {MLDRT_L_SRSP, MLDRT_L_NON_SRSP};
+    for (uint32_t ltype : kLists) {
+        mldrt_src* next = nullptr;
+        for (mldrt_src* s = *mldrt_select_srclist(g, g->mfdb, ltype); s; s = next) {
+            next = s->next;
+            if (--s->rtx_count == 0) {
+                uint8_t addr[16];
+                std::memcpy(addr, s->src_addr, sizeof addr);
+                mldrt_del_src_from_group(g, g->mfdb, ltype, addr);
+            }
+        }
+    }
+}
 
-void mldrt_update_memberships(mldrt_router*, mldrt_interface*, int) {}
+void mldrt_update_memberships(mldrt_router* r, mldrt_interface* ifp, int flag) {
+    (void)flag;
+    bool removal_due = false;
+    mldrt_group* next = nullptr;
+    for (mldrt_group* g = ifp->groups; g; g = next) {
+        next = g->next;
+        removal_due |= tick_group(r, ifp, g);
+    }
+    // Removal frees groups, so it runs once the walk no longer stands on any of them.
+    if (removal_due) {
+        mldrt_update_group_state(r);
+    }
+}
 
 void mldrt_cleanup_memberships(mldrt_router* r) {
     for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
         mldrt_update_memberships(r, ifp, 1);
+    }
+}
+
+void mldrt_update_group_state(mldrt_router* r) {
+    mldrt_mfdb_entry* next = nullptr;
+    for (mldrt_mfdb_entry* e = r->mfdb_list; e; e = next) {
+        next = e->next;
+        // Upstream reports still under way: nothing is removed until they are sent.
+        if (mldrt_pending_host_state_update(e)) {
+            return;
+        }
+        if (e->fwinfo_list || release_unused_groups(r, e)) {
+            continue;
+        }
+        mldrt_delete_k_membership();  // the upstream leave
+        mldrt_delete_mfdb_entry(r, e);
     }
 }
 

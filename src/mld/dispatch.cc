@@ -1,3 +1,57 @@
+#include "db/db.h"
+#include "iface/interface.h"
+#include "mld/handlers.h"
 #include "mld/mld.h"
 
-void mldrt_handle_mld_message(mldrt_router*, mldrt_interface*, uint8_t*, const uint8_t*, int) {}
+namespace {
+
+// The link's MLD version is that of the last query or report heard on it: a query of exactly
+// 24 bytes is MLDv1 (RFC 3810 section 8.1), any other length MLDv2.
+int version_of(uint8_t type, int len) {
+    switch (type) {
+        case MLDRT_TYPE_QUERY:
+            return len == static_cast<int>(MLDRT_QUERY_V1_LEN) ? 1 : 2;
+        case MLDRT_TYPE_V1_REPORT:
+        case MLDRT_TYPE_V1_DONE:
+            return 1;
+        case MLDRT_TYPE_V2_REPORT:
+            return 2;
+        default:
+            return 0;
+    }
+}
+
+void dispatch(mldrt_router* r, mldrt_interface* ifp, uint8_t* msg, const uint8_t* src) {
+    switch (msg[0]) {
+        case MLDRT_TYPE_QUERY:
+            mldrt_handle_mld_query(r, ifp, src, msg);
+            break;
+        case MLDRT_TYPE_V1_REPORT:
+            mldrt_handle_v1_membership_report(r, ifp, src, msg);
+            break;
+        case MLDRT_TYPE_V1_DONE:
+            mldrt_handle_v1_membership_leave(r, ifp, src, msg);
+            break;
+        case MLDRT_TYPE_V2_REPORT:
+            mldrt_handle_v2_membership_report(r, ifp, src, msg);
+            break;
+        default:
+            break;
+    }
+}
+
+}  // namespace
+
+void mldrt_handle_mld_message(mldrt_router* r, mldrt_interface* ifp, uint8_t* msg,
+                              const uint8_t* src, int len) {
+    if (ipv6_addr_equal(src, ifp->addr)) {
+        return;  // our own transmission, looped back
+    }
+    mldrt_dump_interface_info(r, ifp, "BEFORE HANDLING RCVD MSG");
+    int version = version_of(msg[0], len);
+    if (version != 0) {
+        ifp->mld_version = version;
+        dispatch(r, ifp, msg, src);
+    }
+    mldrt_dump_interface_info(r, ifp, "AFTER HANDLING RCVD MSG");
+}

@@ -84,7 +84,8 @@ int mldrt_send_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
                       const uint8_t* records, uint32_t nrec, uint32_t len);
 
 // Everything received on the router socket that is not a kernel upcall: `msg` is the ICMPv6
-// message (len bytes, inside the router's receive buffer), `src` the sender's address.
+// message at the start of the router's receive buffer (buf_size bytes, of which len were
+// received), `src` the sender's address.
 void mldrt_handle_mld_message(mldrt_router* r, mldrt_interface* ifp, uint8_t* msg,
                               const uint8_t* src, int len);
 

@@ -1,0 +1,36 @@
+// Small steps shared by the record handlers: applying one list operation to every source of a
+// received record or of an algebra result.
+#ifndef MLDPROXYD_MLD_RECORD_OPS_H
+#define MLDPROXYD_MLD_RECORD_OPS_H
+
+#include <cstdint>
+
+#include "db/db.h"
+
+struct mldrt_interface;
+
+// An algebra result as a list: its entries are linked from entry 0, and nothing when empty.
+inline const mldrt_src* mldrt_result_list(const mldrt_src* arr, int n) {
+    return n > 0 ? arr : nullptr;
+}
+
+// Adds every source of the record to list `ltype` with `timer`.
+void mldrt_add_record_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype, const uint8_t* rec,
+                           int32_t timer, mldrt_interface* ifp);
+// Adds every entry of a result to list `ltype`, each with the timer its entry holds.
+void mldrt_add_result_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype, const mldrt_src* arr,
+                           int n, mldrt_interface* ifp);
+// Adds every entry of a result to list `ltype`, all with `timer`.
+void mldrt_add_result_timer(mldrt_router* r, mldrt_group* g, uint32_t ltype, const mldrt_src* arr,
+                            int n, int32_t timer, mldrt_interface* ifp);
+// Sets the timer of every result entry that is on the group's requested list.
+void mldrt_set_req_timers(mldrt_group* g, const mldrt_src* arr, int n, int32_t timer);
+// Removes every result entry from the requested and the excluded list.
+void mldrt_remove_from_req_and_exc(mldrt_router* r, mldrt_group* g, const mldrt_src* arr, int n,
+                                   mldrt_interface* ifp);
+// Enters EXCLUDE mode: counted in the forwarding entry, filter timer GMI.
+void mldrt_enter_exclude(mldrt_router* r, mldrt_group* g);
+// The requested list becomes {::} with timer GMI: the whole group is wanted.
+void mldrt_want_whole_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp);
+
+#endif
