@@ -266,11 +266,13 @@ mips_daemon_smoke() {
   local x86 mips
   if [[ $(id -u) -ne 0 ]]; then
     say "daemon start-up under qemu-mips: skipped (needs root for unshare --mount)"
+    SMOKE_NOTE="start-up under qemu skipped (not root)"
     add_counts 0 0 1
     return 0
   fi
   if [[ ! -x build/mldproxyd ]]; then
     say "daemon start-up under qemu-mips: skipped (build/mldproxyd missing to compare with)"
+    SMOKE_NOTE="start-up under qemu skipped (no build/mldproxyd)"
     add_counts 0 0 1
     return 0
   fi
@@ -282,10 +284,12 @@ mips_daemon_smoke() {
   say "$mips"
   if [[ $x86 == "$mips" && $x86 == *mld.conf* ]]; then
     say "daemon start-up under qemu-mips: same output and status as on the build machine"
+    SMOKE_NOTE="start-up under qemu as native"
     add_counts 1 0 0
     return 0
   fi
   say "daemon start-up under qemu-mips: FAILED (output or status differs from build/mldproxyd)"
+  SMOKE_NOTE="start-up under qemu differs from native"
   add_counts 0 1 0
   return 1
 }
@@ -298,12 +302,14 @@ stage_mips() {
     -DMLD_TESTS=ON -DMLD_FUZZ=OFF -DMLD_SANITIZE=
   mips-linux-gnu-readelf -h build-mips/mldproxyd | grep -E 'Class|Data|Machine'
   run_ctest build-mips "$SCRATCH/ctest-mips.log" || rc=1
-  local tests_note
+  local tests_note size_note
   tests_note=$(cat "$NOTE_FILE")
   check_needed mips-linux-gnu-readelf build-mips/mldproxyd || rc=1
   stripped_size mips-linux-gnu-strip build-mips/mldproxyd mips
+  size_note=$(cat "$NOTE_FILE")
+  SMOKE_NOTE=""
   mips_daemon_smoke || rc=1
-  note "$tests_note; $(cat "$NOTE_FILE")"
+  note "$tests_note; $size_note; $SMOKE_NOTE"
   return "$rc"
 }
 
