@@ -7,6 +7,7 @@
 
 #include <cstdarg>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 extern "C" {
@@ -25,6 +26,7 @@ namespace fake {
 
 namespace {
 kernel_state g_kernel;
+int64_t g_clock_base = 1700000000;  // advanced by an hour at every reset()
 
 bool is_fake(int fd) {
     return fd >= kFirstFakeFd;
@@ -57,6 +59,11 @@ kernel_state& kernel() {
 
 void reset() {
     g_kernel = kernel_state{};
+    g_clock_base += 3600;
+}
+
+int64_t clock_now() {
+    return g_clock_base + g_kernel.clock_seconds;
 }
 
 std::vector<sockopt_call> sockopts(int level, int name) {
@@ -214,6 +221,14 @@ int __wrap_select(int n, fd_set* r, fd_set* w, fd_set* e, timeval* t) {
         *t = timeval{0, 0};
     }
     return g_kernel.select_result;
+}
+
+time_t __wrap_time(time_t* out) {
+    time_t now = static_cast<time_t>(fake::clock_now());
+    if (out) {
+        *out = now;
+    }
+    return now;
 }
 
 int __wrap_usleep(useconds_t usec) {

@@ -60,6 +60,9 @@ struct kernel_state {
     int mtu = 1500;  // SIOCGIFMTU answer; negative: the ioctl fails
     uint64_t slept_usec = 0;
     std::function<void()> on_usleep;  // runs inside every usleep()
+    // time() answers a fake clock plus this many seconds. Every reset() moves the fake clock an
+    // hour on, so a once-a-minute rate limit left from an earlier test has always lapsed.
+    int64_t clock_seconds = 0;
     int select_result = 0;
     // Every call in order, as "socket", "setsockopt 41/203", "close 503", ... for sequences.
     std::vector<std::string> log;
@@ -67,6 +70,9 @@ struct kernel_state {
 
 kernel_state& kernel();
 void reset();
+
+// What time() returns now.
+int64_t clock_now();
 
 // The setsockopt calls at one level and option, in order.
 std::vector<sockopt_call> sockopts(int level, int name);

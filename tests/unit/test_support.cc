@@ -1,11 +1,16 @@
 #include "test_support.h"
 
+#include <arpa/inet.h>
+
 #include <cstdlib>
 #include <cstring>
 
 #include "core/daemon.h"
 #include "core/input_thread.h"
+#include "db/db.h"
+#include "iface/interface.h"
 #include "iface/netlink.h"
+#include "kernel/mroute.h"
 
 void RouterTest::SetUp() {
     fake::reset();
@@ -27,6 +32,10 @@ void RouterTest::SetUp() {
     router.query_interval = 125;
     router.query_response_interval = 10000;
     std::strcpy(router.upstream_ifname, "up0");
+    // The algebra's result arrays are process-wide and never cleared by the daemon.
+    std::memset(aIPv6SrcAddrList1, 0, sizeof aIPv6SrcAddrList1);
+    std::memset(aIPv6SrcAddrList2, 0, sizeof aIPv6SrcAddrList2);
+    std::memset(aIPv6SrcAddrList3, 0, sizeof aIPv6SrcAddrList3);
 }
 
 void RouterTest::TearDown() {
@@ -34,4 +43,59 @@ void RouterTest::TearDown() {
     mldrt_uninit(&router);
     mldrt_sysif_reset();
     g_stop_requested = 0;
+}
+
+addr6 ip6(const char* text) {
+    addr6 a{};
+    EXPECT_EQ(inet_pton(AF_INET6, text, a.data()), 1) << text;
+    return a;
+}
+
+std::string ip6_text(const uint8_t* addr) {
+    char text[INET6_ADDRSTRLEN] = {};
+    inet_ntop(AF_INET6, addr, text, sizeof text);
+    return text;
+}
+
+mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {
+    mldrt_interface_desc desc{};
+    std::strncpy(desc.name, name, sizeof desc.name - 1);
+    desc.addr[0] = 0xfe;
+    desc.addr[1] = 0x80;
+    desc.addr[15] = static_cast<uint8_t>(ifindex);
+    desc.ifindex = ifindex;
+    mldrt_interface* ifp = mld_add_interface(&router, &desc, mifi);
+    EXPECT_NE(ifp, nullptr) << name;
+    return ifp;
+}
+
+std::vector<std::string> mfc_calls() {
+    std::vector<std::string> out;
+    for (const auto& c : fake::kernel().sockopts) {
+        if (c.level != MLDRT_K_LEVEL ||
+            (c.name != MRT6_ADD_MFC_OPT && c.name != MRT6_DEL_MFC_OPT)) {
+            continue;
+        }
+        if (c.value.size() != sizeof(mldrt_mf6cctl)) {
+            out.push_back("size " + std::to_string(c.value.size()));
+            continue;
+        }
+        mldrt_mf6cctl mc;
+        std::memcpy(&mc, c.value.data(), sizeof mc);
+        std::string s = c.name == MRT6_ADD_MFC_OPT ? "add " : "del ";
+        s += ip6_text(reinterpret_cast<const uint8_t*>(&mc.mf6cc_origin.sin6_addr)) + " " +
+             ip6_text(reinterpret_cast<const uint8_t*>(&mc.mf6cc_mcastgrp.sin6_addr));
+        if (c.name == MRT6_ADD_MFC_OPT) {
+            s += " parent " + std::to_string(mc.mf6cc_parent) + " mifs ";
+            const char* sep = "";
+            for (uint32_t i = 0; i < 8 * 32; i++) {
+                if (mc.mf6cc_ifset[i / 32] & (1u << (i % 32))) {
+                    s += sep + std::to_string(i);
+                    sep = ",";
+                }
+            }
+        }
+        out.push_back(s);
+    }
+    return out;
 }

@@ -5,13 +5,34 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
 #include "core/router.h"
 #include "fake_kernel.h"
+
+struct mldrt_interface;
 
 class RouterTest : public ::testing::Test {
   protected:
     void SetUp() override;
     void TearDown() override;
 };
+
+using addr6 = std::array<uint8_t, 16>;
+
+// An IPv6 address from its text form (the test fails on a typo).
+addr6 ip6(const char* text);
+std::string ip6_text(const uint8_t* addr);
+
+// A link on the router's list, as the netlink code would add it: link-local address
+// fe80::<ifindex>, fake socket, buffer sized by fake::kernel().mtu.
+mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi);
+
+// Every MRT6_ADD_MFC (204) and MRT6_DEL_MFC (205) made so far, decoded from its 92 bytes, as
+// "add S G parent P mifs a,b" or "del S G", so that a failing comparison reads as a diff.
+std::vector<std::string> mfc_calls();
 
 #endif
