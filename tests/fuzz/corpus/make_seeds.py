@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Writes the seed inputs of the fuzz targets into fuzz_config/ and fuzz_netlink/ beside this file.
+"""Writes the seed inputs of the fuzz targets into fuzz_config/, fuzz_netlink/ and fuzz_receive/ beside this file.
 
 Seeds give libFuzzer well-formed starting points: configuration files as routers use them, and
 netlink batches as Linux sends them (host byte order, as the fuzz targets run on the build
@@ -117,6 +117,40 @@ CONFIG = {
     "long_line": b"UPSTREAM_IFNAME " + b"x" * 3000 + b"\nVERBOSE 1\n",
 }
 
+# fuzz_receive input: chunks of [selector][length / 8][bytes, zero-padded to a multiple of 8];
+# selector & 3 picks the arrival link (0 upstream, 1 and 2 downstream) or 3 for a kernel upcall.
+GROUP = bytes.fromhex("ff0e0000000000000000000000000123")
+SRC1 = bytes.fromhex("20010db8000000000000000000000001")
+SRC2 = bytes.fromhex("20010db8000000000000000000000002")
+
+
+def mld_record(kind, sources):
+    return struct.pack("!BBH", kind, 0, len(sources)) + GROUP + b"".join(sources)
+
+
+def mld_report(records):
+    return struct.pack("!BBHHH", 143, 0, 0, 0, len(records)) + b"".join(records)
+
+
+def chunk(selector, body):
+    body += b"\0" * (-len(body) % 8)
+    return bytes([selector, len(body) // 8]) + body
+
+
+V1_REPORT = struct.pack("!BBHHH", 131, 0, 0, 0, 0) + GROUP
+V1_DONE = struct.pack("!BBHHH", 132, 0, 0, 0, 0) + GROUP
+NOCACHE = bytes([0, 1, 0, 0, 0, 0, 0, 0]) + SRC1 + GROUP
+
+RECEIVE = {
+    "toex_then_toin": chunk(1, mld_report([mld_record(4, [])]))
+    + chunk(1, mld_report([mld_record(3, [])])),
+    "allow_block": chunk(1, mld_report([mld_record(5, [SRC1, SRC2])]))
+    + chunk(2, mld_report([mld_record(6, [SRC1])])),
+    "isex_isin": chunk(1, mld_report([mld_record(2, [SRC1]), mld_record(1, [SRC2])]))
+    + chunk(3, NOCACHE),
+    "v1_join_leave": chunk(2, V1_REPORT) + chunk(3, NOCACHE) + chunk(2, V1_DONE),
+}
+
 
 def write(target, seeds):
     directory = os.path.join(HERE, target)
@@ -128,3 +162,4 @@ def write(target, seeds):
 
 write("fuzz_netlink", NETLINK)
 write("fuzz_config", CONFIG)
+write("fuzz_receive", RECEIVE)

@@ -1,0 +1,95 @@
+// Arbitrary bytes as received MLD messages and kernel upcalls on a router with one upstream
+// and two downstream links, with timers short enough to expire between messages: the record
+// walk, the handlers, the timer pass and the forwarding database must stay within their
+// buffers and free what they allocate.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/daemon.h"
+#include "core/input_thread.h"
+#include "core/router.h"
+#include "db/db.h"
+#include "fake_kernel.h"
+#include "iface/interface.h"
+#include "iface/netlink.h"
+#include "kernel/upcall.h"
+#include "mld/mld.h"
+
+namespace {
+
+mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {
+    mldrt_interface_desc desc{};
+    std::strcpy(desc.name, name);
+    desc.addr[0] = 0xfe;
+    desc.addr[1] = 0x80;
+    desc.addr[15] = static_cast<uint8_t>(ifindex);
+    desc.ifindex = ifindex;
+    return mld_add_interface(&router, &desc, mifi);
+}
+
+void set_up_router() {
+    fake::reset();
+    mldrt_router_zero(&router);
+    std::memset(aIPv6SrcAddrList1, 0, sizeof aIPv6SrcAddrList1);
+    std::memset(aIPv6SrcAddrList2, 0, sizeof aIPv6SrcAddrList2);
+    std::memset(aIPv6SrcAddrList3, 0, sizeof aIPv6SrcAddrList3);
+    router.buf_size = MLDRT_BUF_SIZE;
+    router.scratch_size = MLDRT_SCRATCH_SIZE;
+    router.nl_buf_size = MLDRT_NL_BUF_SIZE;
+    router.buf = static_cast<uint8_t*>(calloc(1, router.buf_size));
+    router.scratch = static_cast<uint8_t*>(calloc(1, router.scratch_size));
+    router.nl_buf = static_cast<uint8_t*>(calloc(1, router.nl_buf_size));
+    router.router_sock = fake::kernel().next_fd++;
+    router.netlink_sock = fake::kernel().next_fd++;
+    router.robustness = 1;
+    router.query_interval = 1;
+    router.query_response_interval = 1000;
+    router.last_listener_query_interval = 1;
+    router.last_listener_query_count = 1;
+    std::strcpy(router.upstream_ifname, "up0");
+    router.upstream = add_link("up0", 2, 0);
+    add_link("dn0", 3, 1);
+    add_link("dn1", 4, 2);
+    router.active = 1;
+}
+
+}  // namespace
+
+// Input: chunks of [selector][length][bytes...]. The selector picks the arrival link (or an
+// upcall), and a timer tick follows every chunk.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    set_up_router();
+    uint8_t src[16] = {0xfe, 0x80};
+    while (size >= 2) {
+        uint8_t selector = data[0];
+        size_t len = data[1] * 8u;
+        data += 2;
+        size -= 2;
+        if (len > size) {
+            len = size;
+        }
+        std::memset(router.buf, 0, router.buf_size);
+        std::memcpy(router.buf, data, len);
+        src[15] = selector;
+        if ((selector & 3) == 3) {
+            mldrt_handle_mrt6_msg(&router, router.buf, static_cast<int>(len));
+        } else {
+            mldrt_interface* ifp = router.interfaces;
+            for (int i = 0; i < (selector & 3) && ifp->next; i++) {
+                ifp = ifp->next;
+            }
+            mldrt_handle_mld_message(&router, ifp, router.buf, src, static_cast<int>(len));
+        }
+        mldrt_tick(&router);
+        data += len;
+        size -= len;
+    }
+    for (int i = 0; i < 4; i++) {
+        mldrt_tick(&router);
+    }
+    router.active = 0;
+    mldrt_cleanup_interfaces(&router);
+    mldrt_uninit(&router);
+    return 0;
+}
