@@ -1,0 +1,474 @@
+// Listener records (groups, members, sources), list codes, limits, and the forwarding database.
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "db/db.h"
+#include "iface/interface.h"
+#include "test_support.h"
+
+namespace {
+
+addr6 G(int n) {
+    addr6 a = ip6("ff0e::");
+    a[15] = static_cast<uint8_t>(n);
+    return a;
+}
+
+addr6 S(int n) {
+    addr6 a = ip6("2001:db8::");
+    a[15] = static_cast<uint8_t>(n);
+    return a;
+}
+
+const uint8_t* addr_of(const mldrt_group* g) {
+    return g->grp_addr;
+}
+const uint8_t* addr_of(const mldrt_member* m) {
+    return m->member_addr;
+}
+const uint8_t* addr_of(const mldrt_src* s) {
+    return s->src_addr;
+}
+const uint8_t* addr_of(const mldrt_mfdb_entry* e) {
+    return e->grp_addr;
+}
+
+// A list as the last bytes of its addresses in walking order: "3 2 1".
+template <typename T>
+std::string order(const T* p) {
+    std::string s;
+    for (; p; p = p->next) {
+        s += (s.empty() ? "" : " ") + std::to_string(addr_of(p)[15]);
+    }
+    return s;
+}
+
+// Every element's back-reference points at the link that holds it.
+template <typename T>
+bool links_ok(T** head) {
+    for (T** link = head; *link; link = &(*link)->next) {
+        if ((*link)->pprev != link) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// A source list in the given order, built from unlinked entries.
+mldrt_src* make_list(const std::vector<int>& ns) {
+    mldrt_src* head = nullptr;
+    for (auto it = ns.rbegin(); it != ns.rend(); ++it) {
+        mldrt_src* s = mldrt_create_src_for_grp(S(*it).data());
+        s->next = head;
+        head = s;
+    }
+    return head;
+}
+
+class RecordsTest : public RouterTest {
+  protected:
+    void SetUp() override {
+        RouterTest::SetUp();
+        link = add_link("eth1", 11, 1);
+    }
+    mldrt_group* group(int n) {
+        mldrt_group* g = mldrt_add_group(&router, link, G(n).data());
+        mldrt_create_gr_mfd_mapping(&router, g, mldrt_add_mfdb_entry(&router, G(n).data()));
+        return g;
+    }
+    mldrt_interface* link = nullptr;
+};
+
+TEST_F(RecordsTest, FindOrAddReturnsExistingRecordUnchangedAndPushesNewAtHead) {
+    struct Row {
+        const char* name;
+        std::function<void*(int)> add;
+        std::function<std::string()> walk;
+        size_t size;
+    };
+    mldrt_group* g = group(100);
+    const std::vector<Row> rows = {
+        {"Groups", [&](int n) -> void* { return mldrt_add_group(&router, link, G(n).data()); },
+         [&] { return order(link->groups); }, sizeof(mldrt_group)},
+        {"Members", [&](int n) -> void* { return mldrt_add_member(g, S(n).data()); },
+         [&] { return order(g->member_list); }, sizeof(mldrt_member)},
+        {"Sources",
+         [&](int n) -> void* { return mldrt_add_src_to_group(g, nullptr, 2, S(n).data()); },
+         [&] { return order(g->exc_list); }, sizeof(mldrt_src)},
+        {"MfdbEntries", [&](int n) -> void* { return mldrt_add_mfdb_entry(&router, G(n).data()); },
+         [&] { return order(router.mfdb_list); }, sizeof(mldrt_mfdb_entry)},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        void* first[4] = {};
+        for (int n = 1; n <= 3; n++) {
+            first[n] = row.add(n);
+            ASSERT_NE(first[n], nullptr);
+        }
+        const std::string before = row.walk();
+        EXPECT_EQ(before.substr(0, 5), "3 2 1");
+        std::vector<uint8_t> bytes(static_cast<uint8_t*>(first[2]),
+                                   static_cast<uint8_t*>(first[2]) + row.size);
+        EXPECT_EQ(row.add(2), first[2]);
+        EXPECT_EQ(std::memcmp(bytes.data(), first[2], row.size), 0) << "record changed";
+        EXPECT_EQ(row.walk(), before);
+    }
+    EXPECT_TRUE(links_ok(&link->groups));
+    EXPECT_TRUE(links_ok(&g->member_list));
+    EXPECT_TRUE(links_ok(&router.mfdb_list));
+}
+
+TEST_F(RecordsTest, ListCodesSelectTheirList) {
+    struct Row {
+        const char* name;
+        uint32_t code;
+    };
+    const std::vector<Row> rows = {
+        {"Include", 0},      {"Requested", 1},    {"Excluded", 2},     {"SourceResponse", 3},
+        {"NonResponse", 4},  {"OldHostState", 5}, {"NewHostState", 6}, {"ScrToExclude", 7},
+        {"ScrToInclude", 8}, {"ScrAllow", 9},     {"ScrBlock", 10},    {"UnknownCode", 11},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        mldrt_group* g = group(static_cast<int>(row.code) + 1);
+        mldrt_mfdb_entry* e = g->mfdb;
+        e->new_host_state = static_cast<mldrt_hs_state*>(calloc(1, sizeof(mldrt_hs_state)));
+        auto heads = [&] {
+            return std::vector<mldrt_src*>{g->include_list,
+                                           g->req_list,
+                                           g->exc_list,
+                                           g->srsp_list,
+                                           g->non_srsp_list,
+                                           e->old_host_state->list,
+                                           e->new_host_state->list,
+                                           e->scr_to_ex_list,
+                                           e->scr_to_in_list,
+                                           e->scr_allow_list,
+                                           e->scr_block_list};
+        };
+        // Codes 5 to 10 need only the forwarding entry: the host-state code passes no group.
+        mldrt_group* gp = row.code >= 5 && row.code <= 10 ? nullptr : g;
+        testing::internal::CaptureStdout();
+        mldrt_src* s = mldrt_add_src_to_group(gp, e, row.code, S(7).data());
+        std::vector<mldrt_src*> after_add = heads();
+        int del = mldrt_del_src_from_group(gp, e, row.code, S(7).data());
+        std::string out = testing::internal::GetCapturedStdout();
+        for (uint32_t code = 0; code < after_add.size(); code++) {
+            EXPECT_EQ(after_add[code], code == row.code ? s : nullptr) << "list " << code;
+            EXPECT_EQ(heads()[code], nullptr) << "list " << code << " after removal";
+        }
+        if (row.code <= 10) {
+            EXPECT_NE(s, nullptr);
+            EXPECT_EQ(del, 0);
+            EXPECT_EQ(out, "");
+        } else {
+            EXPECT_EQ(s, nullptr);
+            EXPECT_EQ(del, -1);
+            EXPECT_EQ(out, "\n Fatal:: Unknow list type\n Fatal:: Unknow list type");
+        }
+    }
+}
+
+TEST_F(RecordsTest, SourceRemovalTakesFirstMatchOnly) {
+    struct Row {
+        const char* name;
+        std::vector<int> list;
+        int remove;
+        const char* expected;
+    };
+    const std::vector<Row> rows = {
+        {"FirstOfTwoEqual", {1, 2, 1, 3}, 1, "2 1 3"},
+        {"Middle", {1, 2, 3}, 2, "1 3"},
+        {"Tail", {1, 2, 3}, 3, "1 2"},
+        {"Absent", {1, 2}, 9, "1 2"},
+        {"EmptyList", {}, 1, ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        mldrt_src* list = make_list(row.list);
+        mldrt_remove_entry_from_srclist(&list, S(row.remove).data());
+        EXPECT_EQ(order(list), row.expected);
+        mldrt_free_srclist(&list);
+    }
+}
+
+TEST_F(RecordsTest, DeleteUnlinksFromHeadMiddleAndTail) {
+    struct Row {
+        const char* name;
+        bool members;
+        int victim;  // address number; the lists read "3 2 1"
+        const char* expected;
+    };
+    const std::vector<Row> rows = {
+        {"GroupHead", false, 3, "2 1"},   {"GroupMiddle", false, 2, "3 1"},
+        {"GroupTail", false, 1, "3 2"},   {"MemberHead", true, 3, "2 1"},
+        {"MemberMiddle", true, 2, "3 1"}, {"MemberTail", true, 1, "3 2"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        mldrt_interface* ifp = add_link(row.name, 40, 7);
+        mldrt_group* owner = mldrt_add_group(&router, ifp, G(50).data());
+        mldrt_group* victim = nullptr;
+        mldrt_member* victim_member = nullptr;
+        for (int n = 1; n <= 3; n++) {
+            if (row.members) {
+                mldrt_member* m = mldrt_add_member(owner, S(n).data());
+                victim_member = n == row.victim ? m : victim_member;
+            } else {
+                mldrt_group* g = mldrt_add_group(&router, ifp, G(n).data());
+                victim = n == row.victim ? g : victim;
+            }
+        }
+        if (row.members) {
+            mldrt_delete_member(victim_member);
+            EXPECT_EQ(order(owner->member_list), row.expected);
+            EXPECT_TRUE(links_ok(&owner->member_list));
+            mldrt_add_member(owner, S(9).data());
+            EXPECT_EQ(order(owner->member_list), std::string("9 ") + row.expected);
+            EXPECT_TRUE(links_ok(&owner->member_list));
+        } else {
+            mldrt_delete_group(victim);
+            EXPECT_EQ(order(ifp->groups), std::string(row.expected) + " 50");
+            EXPECT_TRUE(links_ok(&ifp->groups));
+            mldrt_add_group(&router, ifp, G(9).data());
+            EXPECT_EQ(order(ifp->groups), std::string("9 ") + row.expected + " 50");
+            EXPECT_TRUE(links_ok(&ifp->groups));
+        }
+        if (row.members) {
+            EXPECT_EQ(mldrt_lookup_member(owner, S(row.victim).data()), nullptr);
+        } else {
+            EXPECT_EQ(mldrt_lookup_group(ifp, G(row.victim).data()), nullptr);
+        }
+    }
+}
+
+TEST_F(RecordsTest, MembersAndSourcesBeyond64AreRefusedWithOneLineAMinute) {
+    struct Row {
+        const char* name;
+        std::function<void*(mldrt_group*, int)> add;
+        const char* line;
+    };
+    const char* kSources = "MLDRT: Limit of 64 sources per list reached, request not handled\n";
+    auto source_row = [&](const char* name, uint32_t code) {
+        return Row{name,
+                   [code](mldrt_group* g, int n) -> void* {
+                       addr6 a = S(0);
+                       a[14] = static_cast<uint8_t>(n);  // 300 distinct sources
+                       return mldrt_add_src_to_group(g, g->mfdb, code, a.data());
+                   },
+                   kSources};
+    };
+    const std::vector<Row> rows = {
+        {"Members",
+         [](mldrt_group* g, int n) -> void* {
+             addr6 a = ip6("fe80::");
+             a[14] = static_cast<uint8_t>(n);
+             return mldrt_add_member(g, a.data());
+         },
+         "MLDRT: Limit of 64 members per group reached, request not handled\n"},
+        source_row("IncludeList", 0),
+        source_row("RequestedList", 1),
+        source_row("ExcludedList", 2),
+        source_row("SourceResponseList", 3),
+        source_row("NonResponseList", 4),
+    };
+    int n = 60;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        fake::kernel().clock_seconds += 3600;
+        mldrt_group* g = group(n++);
+        testing::internal::CaptureStdout();
+        for (int i = 1; i <= 64; i++) {
+            ASSERT_NE(row.add(g, i), nullptr) << i;
+        }
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+        const std::vector<std::pair<int64_t, const char*>> refusals = {
+            {0, row.line}, {59, ""}, {1, row.line}, {30, ""}};
+        for (const auto& [advance, line] : refusals) {
+            fake::kernel().clock_seconds += advance;
+            testing::internal::CaptureStdout();
+            EXPECT_EQ(row.add(g, 65 + static_cast<int>(advance)), nullptr);
+            EXPECT_NE(row.add(g, 64), nullptr) << "an existing record is still found";
+            EXPECT_EQ(testing::internal::GetCapturedStdout(), line) << "after " << advance << " s";
+        }
+    }
+}
+
+TEST_F(RecordsTest, The16385thGroupIsRefusedAndNothingElseChanges) {
+    auto big = [](uint32_t i) {
+        addr6 a = ip6("ff0e::");
+        a[2] = static_cast<uint8_t>(i >> 8);  // early differing bytes keep the scans short
+        a[3] = static_cast<uint8_t>(i);
+        return a;
+    };
+    for (uint32_t i = 0; i < MLDRT_MAX_GROUPS; i++) {
+        ASSERT_NE(mldrt_add_mfdb_entry(&router, big(i).data()), nullptr) << i;
+    }
+    mldrt_group* existing = mldrt_add_group(&router, link, big(5).data());
+    ASSERT_NE(existing, nullptr) << "a group whose entry exists needs no new entry";
+    mldrt_mfdb_entry* head = router.mfdb_list;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(mldrt_add_mfdb_entry(&router, G(1).data()), nullptr);
+    EXPECT_EQ(mldrt_add_group(&router, link, G(1).data()), nullptr);
+    EXPECT_EQ(mldrt_add_mfdb_entry(&router, big(77).data()),
+              mldrt_lookup_mfdb_entry(&router, big(77).data()));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "MLDRT: Limit of 16384 groups reached, request not handled\n");
+    EXPECT_EQ(mldrt_mfdb_count(), MLDRT_MAX_GROUPS);
+    EXPECT_EQ(router.mfdb_list, head);
+    EXPECT_EQ(link->groups, existing);
+    EXPECT_EQ(existing->next, nullptr);
+    EXPECT_EQ(mldrt_lookup_mfdb_entry(&router, G(1).data()), nullptr);
+    mldrt_delete_mfdb_entry(&router, mldrt_lookup_mfdb_entry(&router, big(9).data()));
+    EXPECT_NE(mldrt_add_mfdb_entry(&router, G(1).data()), nullptr) << "room again after a delete";
+}
+
+TEST_F(RecordsTest, MfdbEntriesDeleteFromAnyPositionAndKeepTheCount) {
+    struct Row {
+        const char* name;
+        std::vector<int> deletions;
+        std::vector<const char*> after;
+    };
+    const std::vector<Row> rows = {
+        {"HeadFirst", {3, 2, 1}, {"2 1", "1", ""}},
+        {"MiddleFirst", {2, 3, 1}, {"3 1", "1", ""}},
+        {"TailFirst", {1, 3, 2}, {"3 2", "2", ""}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        for (int n = 1; n <= 3; n++) {
+            mldrt_add_mfdb_entry(&router, G(n).data());
+        }
+        ASSERT_EQ(mldrt_mfdb_count(), 3u);
+        for (size_t i = 0; i < row.deletions.size(); i++) {
+            mldrt_delete_mfdb_entry(&router,
+                                    mldrt_lookup_mfdb_entry(&router, G(row.deletions[i]).data()));
+            EXPECT_EQ(order(router.mfdb_list), row.after[i]);
+            EXPECT_TRUE(links_ok(&router.mfdb_list));
+            EXPECT_EQ(mldrt_mfdb_count(), 2u - i);
+            EXPECT_EQ(mldrt_lookup_mfdb_entry(&router, G(row.deletions[i]).data()), nullptr);
+        }
+    }
+}
+
+TEST_F(RecordsTest, FwinfoEmptinessUsesReversedSense) {
+    struct Row {
+        const char* name;
+        bool mapped;
+        bool record;
+        int mark;  // MIF index marked, or -1
+        int expected;
+    };
+    const std::vector<Row> rows = {
+        {"GroupWithoutEntry", false, false, -1, 0},
+        {"NoRecord", true, false, -1, 0},
+        {"RecordWithoutMarks", true, true, -1, 0},
+        {"Mif0", true, true, 0, -1},
+        {"Mif31", true, true, 31, -1},
+    };
+    int n = 1;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        mldrt_group* g = mldrt_add_group(&router, link, G(n++).data());
+        if (row.mapped) {
+            mldrt_create_gr_mfd_mapping(&router, g, mldrt_add_mfdb_entry(&router, g->grp_addr));
+        }
+        if (row.record) {
+            mldrt_fwinfo* fw = mldrt_add_fwinfo_to_fdb(g, S(1).data());
+            ASSERT_NE(fw, nullptr);
+            EXPECT_EQ(mldrt_add_fwinfo_to_fdb(g, S(1).data()), fw);
+            if (row.mark >= 0) {
+                fw->mif_member[row.mark] = 1;
+            }
+        }
+        EXPECT_EQ(mldrt_lookup_fwinfo_in_fdb(g, S(1).data()) != nullptr, row.record);
+        EXPECT_EQ(is_fwinfo_empty_for_grp_src(g, S(1).data()), row.expected);
+    }
+}
+
+TEST_F(RecordsTest, MappingIsMadeOncePerGroup) {
+    mldrt_group* g = mldrt_add_group(&router, link, G(1).data());
+    mldrt_mfdb_entry* first = mldrt_add_mfdb_entry(&router, G(1).data());
+    mldrt_create_gr_mfd_mapping(&router, g, first);
+    mldrt_create_gr_mfd_mapping(&router, g, mldrt_add_mfdb_entry(&router, G(2).data()));
+    EXPECT_EQ(g->mfdb, first);
+}
+
+TEST_F(RecordsTest, MembershipInfoOrsSourceAndAnySourceMarks) {
+    struct Row {
+        const char* name;
+        std::vector<int> source_mifs;  // marks of (S,G); empty: no record
+        std::vector<int> any_mifs;     // marks of (::,G); empty: no record
+        std::vector<int> preset;       // bytes already set in the caller's array
+        bool ask_any;                  // ask for :: instead of S
+        std::vector<int> expected;
+    };
+    const std::vector<Row> rows = {
+        {"SourceOnly", {1, 4}, {}, {}, false, {1, 4}},
+        {"AnySourceOnly", {}, {3, 31}, {}, false, {3, 31}},
+        {"Union", {1, 3}, {3, 0}, {}, false, {0, 1, 3}},
+        {"OrsIntoPresetBytes", {2}, {}, {9}, false, {2, 9}},
+        {"AskingForAnySource", {1}, {5}, {}, true, {5}},
+        {"NoRecords", {}, {}, {}, false, {}},
+    };
+    int n = 1;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        mldrt_group* g = group(n++);
+        const addr6 any{};
+        // Another source before and after, so that the walks must pick the right record.
+        mldrt_add_fwinfo_to_fdb(g, S(8).data())->mif_member[7] = 1;
+        for (int m : row.source_mifs) {
+            mldrt_add_fwinfo_to_fdb(g, S(1).data())->mif_member[m] = 1;
+        }
+        for (int m : row.any_mifs) {
+            mldrt_add_fwinfo_to_fdb(g, any.data())->mif_member[m] = 1;
+        }
+        mldrt_add_fwinfo_to_fdb(g, S(9).data())->mif_member[8] = 1;
+        uint8_t oifs[32] = {};
+        for (int m : row.preset) {
+            oifs[m] = 1;
+        }
+        mldrt_generate_membership_info(g->mfdb, row.ask_any ? any.data() : S(1).data(), oifs);
+        std::vector<int> got;
+        for (int i = 0; i < 32; i++) {
+            if (oifs[i]) {
+                got.push_back(i);
+            }
+        }
+        EXPECT_EQ(got, row.expected);
+    }
+}
+
+TEST_F(RecordsTest, DeletingAnEntryFreesEverythingItHolds) {
+    // Under LeakSanitizer a record left behind fails the run.
+    mldrt_mfdb_entry* e = mldrt_create_mfdb_entry(G(1).data());
+    ASSERT_NE(e, nullptr);
+    ASSERT_NE(e->old_host_state, nullptr);
+    EXPECT_EQ(e->old_host_state->mode, 0u);
+    e->new_host_state = static_cast<mldrt_hs_state*>(calloc(1, sizeof(mldrt_hs_state)));
+    for (uint32_t code = 5; code <= 10; code++) {
+        ASSERT_NE(mldrt_add_src_to_group(nullptr, e, code, S(1).data()), nullptr);
+        ASSERT_NE(mldrt_add_src_to_group(nullptr, e, code, S(2).data()), nullptr);
+    }
+    mldrt_group g{};
+    g.mfdb = e;
+    mldrt_add_fwinfo_to_fdb(&g, S(1).data());
+    mldrt_add_fwinfo_to_fdb(&g, addr6{}.data());
+    const uint32_t count = mldrt_mfdb_count();
+    mldrt_delete_mfdb_entry(&router, e);
+    EXPECT_EQ(mldrt_mfdb_count(), count) << "an unlinked entry was never counted";
+
+    mldrt_mfdb_entry* linked = mldrt_add_mfdb_entry(&router, G(2).data());
+    g.mfdb = linked;
+    mldrt_add_fwinfo_to_fdb(&g, S(3).data());
+    mldrt_add_src_to_group(nullptr, linked, 9, S(3).data());
+    mldrt_delete_mfdb_entry(&router, linked);
+    EXPECT_EQ(mldrt_mfdb_count(), count);
+    EXPECT_EQ(router.mfdb_list, nullptr);
+}
+
+}  // namespace
