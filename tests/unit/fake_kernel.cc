@@ -26,7 +26,7 @@ namespace fake {
 
 namespace {
 kernel_state g_kernel;
-int64_t g_clock_base = 1700000000;  // advanced by an hour at every reset()
+int64_t g_clock_base = 1700000000;  // an hour past the last reading at every reset()
 
 bool is_fake(int fd) {
     return fd >= kFirstFakeFd;
@@ -58,8 +58,8 @@ kernel_state& kernel() {
 }
 
 void reset() {
+    g_clock_base += g_kernel.clock_seconds + 3600;  // never backwards
     g_kernel = kernel_state{};
-    g_clock_base += 3600;
 }
 
 int64_t clock_now() {

@@ -61,7 +61,7 @@ struct kernel_state {
     uint64_t slept_usec = 0;
     std::function<void()> on_usleep;  // runs inside every usleep()
     // time() answers a fake clock plus this many seconds. Every reset() moves the fake clock an
-    // hour on, so a once-a-minute rate limit left from an earlier test has always lapsed.
+    // hour past its last reading, so a once-a-minute rate limit of an earlier test has lapsed.
     int64_t clock_seconds = 0;
     int select_result = 0;
     // Every call in order, as "socket", "setsockopt 41/203", "close 503", ... for sequences.
