@@ -6,8 +6,10 @@
 #                                                    h1 (eth0) ── dn1 ───┤ mldproxyd, its own
 #                                                    h2 (eth0) ── dn2 ───┘ /etc/mld/mld.conf
 #
-# Every namespace is called $LAB_PREFIX<name> (default prefix "mldlab-"), so that a crashed
-# earlier run is found and removed by name. The router's links are veth pairs made inside the
+# Every namespace is called $LAB_PREFIX<name> (default prefix "mldlab-"; <name> is lower-case
+# letters and digits), so that a crashed earlier run is found and removed by name. tests/lab/run.sh
+# uses a prefix of its own per run ("mldlab-<PID>-"), so that a test run, another one and a lab
+# brought up by hand do not touch each other's namespaces. The router's links are veth pairs made inside the
 # namespaces (small interface indexes); every namespace has accept_dad=0 (addresses are usable at
 # once) and sends no router solicitations (the router's ICMPv6 output is then the daemon's and
 # its kernel's MLD only); each router link has exactly one link-local address.
@@ -51,6 +53,31 @@ LAB_DAEMON_STATUS=''
 lab_say() { printf 'lab: %s\n' "$*" >&2; }
 
 lab_ns() { printf '%s%s' "$LAB_PREFIX" "$1"; }
+
+# lab_namespaces: the namespaces of this lab (prefix followed by a plain name, so that
+# "mldlab-" does not take in a test run's "mldlab-1234-rt").
+lab_namespaces() {
+  ip netns list 2>/dev/null | awk -v p="$LAB_PREFIX" '
+    index($1, p) == 1 && substr($1, length(p) + 1) ~ /^[a-z][a-z0-9]*$/ { print $1 }'
+}
+
+# lab_clean_stale_runs: remove the namespaces and state of test runs ("mldlab-<PID>-...") whose
+# run.sh process is gone (a crashed or killed run).
+lab_clean_stale_runs() {
+  local ns pid dir
+  while read -r ns pid; do
+    [[ -n $ns ]] || continue
+    kill -0 "$pid" 2>/dev/null && continue
+    lab_kill_ns_processes "$ns"
+    ip netns del "$ns" 2>/dev/null || lab_say "cannot delete namespace $ns"
+  done < <(ip netns list 2>/dev/null | sed -nE 's/^(mldlab-([0-9]+)-[a-z][a-z0-9]*)( .*)?$/\1 \2/p')
+  for dir in /run/mldlab/run-*; do
+    [[ -d $dir ]] || continue
+    pid=${dir##*/run-}
+    [[ $pid =~ ^[0-9]+$ ]] && ! kill -0 "$pid" 2>/dev/null && rm -rf -- "$dir"
+  done
+  return 0
+}
 
 # lab_exec NS CMD...: run CMD in the lab namespace NS (short name).
 lab_exec() {
@@ -208,11 +235,9 @@ lab_down() {
     [[ -n $ns ]] || continue
     lab_kill_ns_processes "$ns"
     ip netns del "$ns" 2>/dev/null || lab_say "cannot delete namespace $ns"
-  done < <(ip netns list 2>/dev/null | awk -v p="$LAB_PREFIX" 'index($1, p) == 1 { print $1 }')
-  if ip netns list 2>/dev/null | awk -v p="$LAB_PREFIX" 'index($1, p) == 1 { f = 1 } END { exit !f }'; then
-    return 1
-  fi
-  return 0
+  done < <(lab_namespaces)
+  rm -rf -- "$LAB_STATE"/etc-mld.*
+  [[ -z $(lab_namespaces) ]]
 }
 
 # True when PID runs in a lab namespace (the daemon, or strace around it).
@@ -221,7 +246,7 @@ lab_is_lab_process() {
   while read -r ns; do
     [[ -n $ns ]] || continue
     ip netns pids "$ns" 2>/dev/null | grep -qx "$pid" && return 0
-  done < <(ip netns list 2>/dev/null | awk -v p="$LAB_PREFIX" 'index($1, p) == 1 { print $1 }')
+  done < <(lab_namespaces)
   return 1
 }
 
@@ -457,7 +482,7 @@ lab_main() {
   case ${1:-} in
     up)
       lab_up || return 1
-      lab_say "lab up: namespaces $(ip netns list | awk -v p="$LAB_PREFIX" 'index($1, p) == 1 { printf "%s ", $1 }')"
+      lab_say "lab up: namespaces $(lab_namespaces | tr '\n' ' ')"
       ;;
     down) lab_down ;;
     start)
@@ -483,7 +508,7 @@ lab_main() {
       lab_say "mldproxyd (PID $pid) ended"
       ;;
     status)
-      ip netns list | awk -v p="$LAB_PREFIX" 'index($1, p) == 1'
+      lab_namespaces
       echo "router links: $(lab_router_links | tr '\n' ' ')"
       echo "MIFs:"
       lab_mifs

@@ -11,6 +11,9 @@ set -u
 export LC_ALL=C
 
 LAB_TESTS_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+# Run by run.sh, the run's own prefix and state; run alone, one of this process's own.
+export MLD_LAB_PREFIX=${MLD_LAB_PREFIX:-mldlab-$$-}
+export MLD_LAB_STATE=${MLD_LAB_STATE:-/run/mldlab/run-$$}
 # shellcheck source=tools/lab.sh
 . "$LAB_TESTS_DIR/../../tools/lab.sh"
 
@@ -20,6 +23,8 @@ T_REASON=
 t_cleanup() {
   lab_down >/dev/null 2>&1 || lab_down
   rm -rf "$T_WORK"
+  # A state directory of this process's own (run alone) goes too.
+  [[ $LAB_STATE == /run/mldlab/run-$$ ]] && rm -rf -- "$LAB_STATE"
 }
 trap t_cleanup EXIT
 

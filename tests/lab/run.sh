@@ -23,6 +23,11 @@ if [[ $(id -u) -ne 0 ]]; then
   exit 77
 fi
 
+# Namespaces and state of this run only ("mldlab-<PID>-rt", ...): a lab brought up by hand or
+# another run on the same machine is left alone, and so are we.
+export MLD_LAB_PREFIX=${MLD_LAB_PREFIX:-mldlab-$$-}
+export MLD_LAB_STATE=${MLD_LAB_STATE:-/run/mldlab/run-$$}
+
 # shellcheck source=tools/lab.sh
 . "$HERE/../../tools/lab.sh"
 
@@ -56,6 +61,8 @@ echo "# daemon: $LAB_DAEMON$([[ -x $LAB_DAEMON ]] || echo ' (MISSING)')"
 echo "# ThreadSanitizer daemon: ${MLD_TSAN_DAEMON:-not set}"
 echo "# kernel $(uname -r)"
 
+echo "# namespaces: ${LAB_PREFIX}*, state: $LAB_STATE"
+lab_clean_stale_runs
 lab_down || result "not ok" lab_leftovers_removed "namespaces of an earlier run could not be removed"
 
 START=$(lab_now_us)
@@ -83,6 +90,11 @@ for file in "${FILES[@]}"; do
   lab_down >/dev/null 2>&1 || lab_down
 done
 echo "# lab tests took $((($(lab_now_us) - START) / 1000000))s"
+if lab_down; then
+  rm -rf -- "$LAB_STATE"
+else
+  result "not ok" lab_removed "namespaces $(lab_namespaces | tr '\n' ' ')could not be removed"
+fi
 
 if [[ $SKIPPED -gt 0 ]]; then
   echo "$PASSED passed, $FAILED failed, $SKIPPED skipped"
