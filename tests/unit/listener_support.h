@@ -1,0 +1,256 @@
+// Helpers for the tests of the router-side MLD handling and of the listener timers: addresses,
+// multicast address records as the report loop hands them to a handler, group states built
+// through the database's own operations, and groups and sent queries as comparable text.
+#ifndef MLDPROXYD_TESTS_LISTENER_SUPPORT_H
+#define MLDPROXYD_TESTS_LISTENER_SUPPORT_H
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "db/db.h"
+#include "iface/interface.h"
+#include "mld/handlers.h"
+#include "mld/mld.h"
+#include "test_support.h"
+
+namespace lsn {
+
+// 2001:db8::n as source n; source 0 is the any-source address ::.
+inline addr6 src(int n) {
+    addr6 a{};
+    if (n != 0) {
+        a = ip6("2001:db8::");
+        a[15] = static_cast<uint8_t>(n);
+    }
+    return a;
+}
+
+// ff0e::100 + n as group n (group 1 is ff0e::101).
+inline addr6 grp(int n) {
+    addr6 a = ip6("ff0e::100");
+    a[15] = static_cast<uint8_t>(n);
+    return a;
+}
+
+// "S3" for 2001:db8::3, "::" for the any source, the address text otherwise.
+inline std::string src_name(const uint8_t* a) {
+    addr6 s1 = src(1);
+    if (std::all_of(a, a + 16, [](uint8_t b) { return b == 0; })) {
+        return "::";
+    }
+    if (std::memcmp(a, s1.data(), 15) == 0) {
+        return "S" + std::to_string(a[15]);
+    }
+    return ip6_text(a);
+}
+
+struct src_timer {
+    int n;  // source n, 0 for ::
+    int32_t timer;
+};
+
+// A group's listener state on one interface.
+struct group_state {
+    bool exists;
+    uint32_t mode;
+    std::vector<src_timer> inc, req, exc;
+    int32_t ftimer;
+};
+
+inline group_state no_group() {
+    return {false, MLDRT_INCLUDE, {}, {}, {}, 0};
+}
+inline group_state include(std::vector<src_timer> inc, int32_t ftimer = 0) {
+    return {true, MLDRT_INCLUDE, std::move(inc), {}, {}, ftimer};
+}
+inline group_state exclude(std::vector<src_timer> req, std::vector<src_timer> exc, int32_t ftimer) {
+    return {true, MLDRT_EXCLUDE, {}, std::move(req), std::move(exc), ftimer};
+}
+
+// A list as "{S1@100 ::@260}", sorted so that only membership and timers count.
+inline std::string list_text(std::vector<std::pair<std::string, int32_t>> items) {
+    std::sort(items.begin(), items.end());
+    std::string s = "{";
+    for (size_t i = 0; i < items.size(); i++) {
+        s += (i ? " " : "") + items[i].first + "@" + std::to_string(items[i].second);
+    }
+    return s + "}";
+}
+inline std::string list_text(const mldrt_src* l) {
+    std::vector<std::pair<std::string, int32_t>> items;
+    for (; l; l = l->next) {
+        items.emplace_back(src_name(l->src_addr), l->timer);
+    }
+    return list_text(items);
+}
+inline std::string list_text(const std::vector<src_timer>& l) {
+    std::vector<std::pair<std::string, int32_t>> items;
+    for (const auto& s : l) {
+        items.emplace_back(src_name(src(s.n).data()), s.timer);
+    }
+    return list_text(items);
+}
+
+inline std::string mode_text(uint32_t mode) {
+    return mode == MLDRT_INCLUDE ? "INCLUDE" : mode == MLDRT_EXCLUDE ? "EXCLUDE" : "mode?";
+}
+
+// "EXCLUDE ftimer 260 inc{} req{::@260} exc{}", or "no group".
+inline std::string describe(const group_state& st) {
+    if (!st.exists) {
+        return "no group";
+    }
+    return mode_text(st.mode) + " ftimer " + std::to_string(st.ftimer) + " inc" +
+           list_text(st.inc) + " req" + list_text(st.req) + " exc" + list_text(st.exc);
+}
+inline std::string describe(const mldrt_group* g) {
+    if (!g) {
+        return "no group";
+    }
+    return mode_text(g->fmode) + " ftimer " + std::to_string(g->ftimer) + " inc" +
+           list_text(g->include_list) + " req" + list_text(g->req_list) + " exc" +
+           list_text(g->exc_list);
+}
+
+// Builds `st` for group `g` on the interface as reports from `host` would have: the join
+// sequence, then every source through the forwarding-aware list operations (so the MIF marks
+// and kernel entries are those of real traffic), then mode and filter timer.
+inline mldrt_group* make_group(mldrt_interface* ifp, const addr6& g, const group_state& st,
+                               const addr6& host) {
+    if (!st.exists) {
+        return nullptr;
+    }
+    mldrt_group* grp_rec = mldrt_join_group(&router, ifp, host.data(), g.data(), false);
+    EXPECT_NE(grp_rec, nullptr);
+    if (!grp_rec) {
+        return nullptr;
+    }
+    const std::vector<src_timer>* lists[3] = {&st.inc, &st.req, &st.exc};
+    for (uint32_t ltype = MLDRT_L_INCLUDE; ltype <= MLDRT_L_EXC; ltype++) {
+        for (const auto& s : *lists[ltype]) {
+            EXPECT_EQ(mldrt_add_entry_to_grp_srclist(&router, grp_rec, ltype, src(s.n).data(),
+                                                     s.timer, ifp),
+                      0);
+        }
+    }
+    grp_rec->fmode = st.mode;
+    grp_rec->ftimer = st.ftimer;
+    if (st.mode == MLDRT_EXCLUDE) {
+        grp_rec->mfdb->exclude_count++;
+    }
+    return grp_rec;
+}
+
+// A multicast address record as the report loop hands it to a handler: type, Aux Data Len 0,
+// Number of Sources already in host order, group, sources.
+inline std::vector<uint8_t> record(uint8_t type, const addr6& g, const std::vector<int>& srcs) {
+    std::vector<uint8_t> r(MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * srcs.size());
+    r[0] = type;
+    uint16_t n = static_cast<uint16_t>(srcs.size());
+    std::memcpy(&r[2], &n, sizeof n);
+    std::memcpy(&r[4], g.data(), 16);
+    for (size_t i = 0; i < srcs.size(); i++) {
+        std::memcpy(&r[MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * i], src(srcs[i]).data(), 16);
+    }
+    return r;
+}
+
+// The expected text of a query for group `g` with sources `srcs`, sent to the group itself.
+inline std::string query(const addr6& g, const std::vector<int>& srcs) {
+    std::string s = "Q(" + ip6_text(g.data()) + " {";
+    for (size_t i = 0; i < srcs.size(); i++) {
+        s += (i ? " " : "") + src_name(src(srcs[i]).data());
+    }
+    return s + "}) to " + ip6_text(g.data());
+}
+inline std::string v1_query(const addr6& g) {
+    return "v1 Q(" + ip6_text(g.data()) + ") to " + ip6_text(g.data());
+}
+
+// Every message sent so far, decoded as a query: "Q(G {S1 S2}) to D" from the group at bytes
+// 8..23, the Number of Sources at 26..27 (network order) and the sources from byte 28; a
+// 24-byte MLDv1 query as "v1 Q(G) to D". Anything else says what is wrong with it.
+inline std::vector<std::string> queries_sent() {
+    std::vector<std::string> out;
+    for (const auto& m : fake::kernel().sent_msgs) {
+        const std::vector<uint8_t>& p = m.payload;
+        std::string to = " to " + ip6_text(reinterpret_cast<const uint8_t*>(&m.dst.sin6_addr));
+        if (p.size() < MLDRT_QUERY_V1_LEN || p[0] != MLDRT_TYPE_QUERY) {
+            out.push_back("not a query of " + std::to_string(p.size()) + " bytes" + to);
+            continue;
+        }
+        if (p.size() == MLDRT_QUERY_V1_LEN) {
+            out.push_back("v1 Q(" + ip6_text(&p[8]) + ")" + to);
+            continue;
+        }
+        uint32_t n = (static_cast<uint32_t>(p[26]) << 8) | p[27];
+        if (p.size() != MLDRT_QUERY_V2_HDR_LEN + MLDRT_ADDR_LEN * n) {
+            out.push_back("query of " + std::to_string(p.size()) + " bytes with N " +
+                          std::to_string(n));
+            continue;
+        }
+        std::string s = "Q(" + ip6_text(&p[8]) + " {";
+        for (uint32_t i = 0; i < n; i++) {
+            s += (i ? " " : "") + src_name(&p[MLDRT_QUERY_V2_HDR_LEN + MLDRT_ADDR_LEN * i]);
+        }
+        out.push_back(s + "})" + to);
+    }
+    return out;
+}
+
+// Forgets the kernel calls and transmissions made so far (by the set-up of a test).
+inline void forget_kernel_calls() {
+    fake::kernel().sockopts.clear();
+    fake::kernel().sent_msgs.clear();
+    fake::kernel().log.clear();
+}
+
+// The scratch arrays as an earlier list operation may have left them: every entry's timer set.
+inline void leave_scratch_timers(int32_t timer) {
+    for (mldrt_src* a : {aIPv6SrcAddrList1, aIPv6SrcAddrList2, aIPv6SrcAddrList3}) {
+        for (uint32_t i = 0; i < MLDRT_SRCLIST_ARRAY; i++) {
+            a[i].timer = timer;
+        }
+    }
+}
+
+// A router with LLQI 1 and LLQC 2 (LLQT 2) besides RouterTest's robustness 2, query interval
+// 125 and response interval 10000 (GMI 260); upstream "up0" on MIF 0 and the downstream link
+// "eth1" (fe80::b) on MIF 1; the set-up's own kernel calls forgotten.
+class ListenerTest : public RouterTest {
+  protected:
+    void SetUp() override {
+        RouterTest::SetUp();
+        start();
+    }
+    // A fresh router for the next row of a table.
+    void restart() {
+        RouterTest::TearDown();
+        RouterTest::SetUp();
+        start();
+    }
+    void start() {
+        router.last_listener_query_interval = 1;
+        router.last_listener_query_count = 2;
+        up = add_link("up0", 10, 0);
+        router.upstream = up;
+        router.active = 1;
+        eth1 = add_link("eth1", 11, 1);
+        forget_kernel_calls();
+    }
+    mldrt_group* group(mldrt_interface* ifp, const addr6& g) {
+        return mldrt_lookup_group(ifp, g.data());
+    }
+
+    mldrt_interface* up = nullptr;
+    mldrt_interface* eth1 = nullptr;
+    const addr6 host = ip6("fe80::100:1");       // the member that reports
+    const addr6 stranger = ip6("fe80::100:99");  // a host that never reported
+    const addr6 G1 = grp(1);
+};
+
+}  // namespace lsn
+
+#endif

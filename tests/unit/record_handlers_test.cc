@@ -1,0 +1,303 @@
+// The record handlers of RFC 3810 section 7.4 as this router applies them, one table per
+// summary (current-state, filter-mode-change, source-list-change records), and the MLDv1
+// mapping onto them. Each row starts from a fresh router with one downstream link (MIF 1) and
+// the upstream on MIF 0; GMI is 260 and LLQT 2.
+#include <string>
+#include <vector>
+
+#include "listener_support.h"
+
+namespace {
+
+using namespace lsn;
+
+const char* const kIsInEmpty = "\n FATAL Error - IS_IN record recieved with empty source list";
+const char* const kOverflow =
+    "\n Fatal: SrcList cannot be accomodated"
+    "\n FATAL: mldrt_subtract_srclist_and_rcvd_record 0 failed ";
+
+// Kernel calls for group ff0e::101 as mfc_calls() prints them.
+std::string add_sg(int s) {
+    return "add 2001:db8::" + std::to_string(s) + " ff0e::101 parent 0 mifs 1";
+}
+std::string del_sg(int s) {
+    return "del 2001:db8::" + std::to_string(s) + " ff0e::101";
+}
+const std::string kAddStarG = "add :: ff0e::101 parent 0 mifs 0,1";
+
+group_state odd_mode() {
+    return {true, 7, {}, {}, {}, 0};
+}
+
+struct Row {
+    const char* name;
+    group_state before;
+    uint8_t type;
+    std::vector<int> srcs;
+    group_state after;
+    std::vector<std::string> queries;  // from queries_sent()
+    std::vector<std::string> kernel;   // from mfc_calls()
+    std::string output = "";
+    int32_t leftover = 0;  // timer an earlier operation left in the scratch arrays
+    bool from_stranger = false;
+};
+
+using record_handler = int (*)(mldrt_router*, mldrt_interface*, const uint8_t*, uint8_t*);
+const record_handler kHandler[7] = {
+    nullptr,
+    mldrt_handle_v2_isin_record,
+    mldrt_handle_v2_isex_record,
+    mldrt_handle_v2_toin_record,
+    mldrt_handle_v2_toex_record,
+    mldrt_handle_v2_allow_record,
+    mldrt_handle_v2_block_record,
+};
+
+class RecordHandlerTest : public ListenerTest {
+  protected:
+    void check(const Row& row) {
+        SCOPED_TRACE(row.name);
+        restart();
+        make_group(eth1, G1, row.before, host);
+        leave_scratch_timers(row.leftover);
+        forget_kernel_calls();
+        std::vector<uint8_t> rec = record(row.type, G1, row.srcs);
+        const addr6& from = row.from_stranger ? stranger : host;
+        testing::internal::CaptureStdout();
+        kHandler[row.type](&router, eth1, from.data(), rec.data());
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), row.output);
+        mldrt_group* g = group(eth1, G1);
+        EXPECT_EQ(describe(g), describe(row.after));
+        if (g) {
+            // One interface: the entry counts this group once while it is in EXCLUDE mode.
+            EXPECT_EQ(g->mfdb->exclude_count, row.after.mode == MLDRT_EXCLUDE ? 1u : 0u);
+            EXPECT_NE(mldrt_lookup_member(g, host.data()), nullptr);
+        } else {
+            EXPECT_EQ(mldrt_lookup_mfdb_entry(&router, G1.data()), nullptr);
+        }
+        EXPECT_EQ(queries_sent(), row.queries);
+        EXPECT_EQ(mfc_calls(), row.kernel);
+    }
+};
+
+constexpr uint8_t IS_IN = MLDRT_REC_MODE_IS_INCLUDE;
+constexpr uint8_t IS_EX = MLDRT_REC_MODE_IS_EXCLUDE;
+constexpr uint8_t TO_IN = MLDRT_REC_CHANGE_TO_INCLUDE;
+constexpr uint8_t TO_EX = MLDRT_REC_CHANGE_TO_EXCLUDE;
+constexpr uint8_t ALLOW = MLDRT_REC_ALLOW_NEW_SOURCES;
+constexpr uint8_t BLOCK = MLDRT_REC_BLOCK_OLD_SOURCES;
+
+// Rows: name; state before, record type and sources, state after; queries sent; kernel calls;
+// then, where needed, the printed text, the timer left in the scratch arrays and whether the
+// record comes from a host that is not a member.
+// clang-format off
+TEST_F(RecordHandlerTest, CurrentStateRecordsFollowTheRfc3810Table) {
+    const std::vector<Row> rows = {
+        {"IS_IN{S1} on a new group: INCLUDE{S1} at GMI",
+         no_group(), IS_IN, {1}, include({{1, 260}}),
+         {}, {add_sg(1)}},
+        {"IS_IN{S1,S2} on INCLUDE{S1}: A+B, S1 refreshed without a kernel call",
+         include({{1, 5}}), IS_IN, {1, 2}, include({{1, 260}, {2, 260}}),
+         {}, {add_sg(2)}},
+        {"IS_IN{S1} on EXCLUDE({S2},{S1}): S1 leaves exc for req at GMI, filter timer kept",
+         exclude({{2, 100}}, {{1, 0}}, 200), IS_IN, {1}, exclude({{1, 260}, {2, 100}}, {}, 200),
+         {}, {add_sg(1)}},
+        {"IS_IN{} still creates group and member, then prints its message",
+         no_group(), IS_IN, {}, include({}),
+         {}, {}, kIsInEmpty},
+        {"IS_EX{} on INCLUDE{S1}: EXCLUDE({::},{}), S1 withdrawn, (*,G) written",
+         include({{1, 100}}), IS_EX, {}, exclude({{0, 260}}, {}, 260),
+         {}, {del_sg(1), kAddStarG}},
+        {"IS_EX{S1,S2} on INCLUDE{S1}: req A*B keeps its timer, exc B-A at 0",
+         include({{1, 100}}), IS_EX, {1, 2}, exclude({{1, 100}}, {{2, 0}}, 260),
+         {}, {del_sg(1), add_sg(1)}},
+        {"IS_EX{S2} on INCLUDE{S1}: A*B empty, nothing requested",
+         include({{1, 100}}), IS_EX, {2}, exclude({}, {{2, 0}}, 260),
+         {}, {del_sg(1)}},
+        {"IS_EX{S3} on EXCLUDE({S1},{S2}): req B-Y, B-X-Y at GMI, exc Y*B",
+         exclude({{1, 100}}, {{2, 0}}, 200), IS_EX, {3}, exclude({{3, 260}}, {}, 260),
+         {}, {del_sg(1), add_sg(3)}},
+        {"IS_EX{S2,S3} on EXCLUDE({S1},{S2}): exc keeps Y*B",
+         exclude({{1, 100}}, {{2, 0}}, 200), IS_EX, {2, 3}, exclude({{3, 260}}, {{2, 0}}, 260),
+         {}, {del_sg(1), add_sg(3)}},
+        {"IS_EX{S1,S3} on EXCLUDE({S1},{}): (B-Y)*X takes the timer left in the scratch array",
+         exclude({{1, 100}}, {}, 200), IS_EX, {1, 3}, exclude({{1, 77}, {3, 260}}, {}, 260),
+         {}, {del_sg(1), add_sg(1), add_sg(3)}, "", 77},
+        {"IS_EX{} on EXCLUDE({S1},{S2}): EXCLUDE({::},{}), counted once",
+         exclude({{1, 100}}, {{2, 0}}, 200), IS_EX, {}, exclude({{0, 260}}, {}, 260),
+         {}, {del_sg(1), kAddStarG}},
+        {"IS_EX with 11 sources on an empty INCLUDE group overflows the scratch capacity",
+         include({}), IS_EX, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, include({}),
+         {}, {}, kOverflow},
+    };
+    for (const Row& row : rows) {
+        check(row);
+    }
+}
+
+TEST_F(RecordHandlerTest, FilterModeChangeRecordsFollowTheRfc3810Table) {
+    const std::vector<Row> rows = {
+        {"TO_IN{} from a host that is not a member changes nothing",
+         include({{1, 100}}), TO_IN, {}, include({{1, 100}}),
+         {}, {}, "", 0, true},
+        {"TO_IN{S1} for an unknown group creates nothing",
+         no_group(), TO_IN, {1}, no_group(),
+         {}, {}},
+        {"TO_IN{} on INCLUDE{S1}: Q(G,A-B) lowers S1 to LLQT",
+         include({{1, 100}}), TO_IN, {}, include({{1, 2}}),
+         {query(G1, {1})}, {}},
+        {"TO_IN{S2} on INCLUDE{S1}: A+B at GMI, Q(G,A-B)",
+         include({{1, 100}}), TO_IN, {2}, include({{1, 2}, {2, 260}}),
+         {query(G1, {1})}, {add_sg(2)}},
+        {"TO_IN{} on EXCLUDE({S1},{}): Q(G,X-A) then Q(G), filter timer to LLQT",
+         exclude({{1, 100}}, {}, 200), TO_IN, {}, exclude({{1, 2}}, {}, 2),
+         {query(G1, {1}), query(G1, {})}, {}},
+        {"TO_IN{} on EXCLUDE({},{}): Q(G) only",
+         exclude({}, {}, 200), TO_IN, {}, exclude({}, {}, 2),
+         {query(G1, {})}, {}},
+        {"TO_IN{S2} on EXCLUDE({::},{S2}): req X+B, exc Y-B, Q(G,{::}), Q(G)",
+         exclude({{0, 260}}, {{2, 0}}, 200), TO_IN, {2}, exclude({{0, 2}, {2, 260}}, {}, 2),
+         {query(G1, {0}), query(G1, {})}, {add_sg(2)}},
+        {"TO_EX{} on a new group: EXCLUDE({::},{}) at GMI, (*,G) written, no query",
+         no_group(), TO_EX, {}, exclude({{0, 260}}, {}, 260),
+         {}, {kAddStarG}},
+        {"TO_EX{S1} on INCLUDE{S1}: req A*B; its query is asked while still INCLUDE: none sent",
+         include({{1, 100}}), TO_EX, {1}, exclude({{1, 100}}, {}, 260),
+         {}, {del_sg(1), add_sg(1)}},
+        {"TO_EX{S1,S2} on INCLUDE{S1,S3}: req A*B, exc B-A at 0, A-B gone",
+         include({{1, 100}, {3, 50}}), TO_EX, {1, 2}, exclude({{1, 100}}, {{2, 0}}, 260),
+         {}, {del_sg(3), del_sg(1), add_sg(1)}},
+        {"TO_EX{} on EXCLUDE({S1},{S2}): EXCLUDE({::},{}), counted once",
+         exclude({{1, 100}}, {{2, 0}}, 200), TO_EX, {}, exclude({{0, 260}}, {}, 260),
+         {}, {del_sg(1), kAddStarG}},
+        {"TO_EX{S2} on EXCLUDE({S1},{}): S2 at the old filter timer, Q(G,B-Y)",
+         exclude({{1, 100}}, {}, 200), TO_EX, {2}, exclude({{2, 200}}, {}, 260),
+         {query(G1, {2})}, {del_sg(1), add_sg(2)}},
+        {"TO_EX{S1,S2} on EXCLUDE({S1},{}): S1 from scratch, lowered by Q(G,B-Y); S2 old ftimer",
+         exclude({{1, 100}}, {}, 200), TO_EX, {1, 2}, exclude({{1, 2}, {2, 200}}, {}, 260),
+         {query(G1, {2, 1})}, {del_sg(1), add_sg(1), add_sg(2)}, "", 77},
+        {"TO_EX{S2} on EXCLUDE({S1},{S2}): nothing requested, exc Y*B, no query",
+         exclude({{1, 100}}, {{2, 0}}, 200), TO_EX, {2}, exclude({}, {{2, 0}}, 260),
+         {}, {del_sg(1)}},
+    };
+    for (const Row& row : rows) {
+        check(row);
+    }
+}
+
+TEST_F(RecordHandlerTest, SourceListChangeRecordsFollowTheRfc3810Table) {
+    const std::vector<Row> rows = {
+        {"ALLOW{S1} on a new group: INCLUDE{S1} at GMI",
+         no_group(), ALLOW, {1}, include({{1, 260}}),
+         {}, {add_sg(1)}},
+        {"ALLOW{S2} on INCLUDE{S1}: A+B",
+         include({{1, 100}}), ALLOW, {2}, include({{1, 100}, {2, 260}}),
+         {}, {add_sg(2)}},
+        {"ALLOW{S1} on EXCLUDE({},{S1}): S1 leaves exc for req at GMI",
+         exclude({}, {{1, 0}}, 200), ALLOW, {1}, exclude({{1, 260}}, {}, 200),
+         {}, {add_sg(1)}},
+        {"ALLOW{} leaves the new group empty in INCLUDE and prints its message",
+         no_group(), ALLOW, {}, include({}),
+         {}, {}, "\n FATAL: Allow record recievd with ZERO sources"},
+        {"BLOCK{} prints its message and changes nothing",
+         include({{1, 100}}), BLOCK, {}, include({{1, 100}}),
+         {}, {}, "\n FATAL: Block record recievd with ZERO sources"},
+        {"BLOCK on a group in an unknown mode is refused",
+         odd_mode(), BLOCK, {1}, odd_mode(),
+         {}, {}, "\n Fatal: Grp in an unknown filter mode"},
+        {"BLOCK{S2} on INCLUDE{S1}: A*B empty, no query",
+         include({{1, 100}}), BLOCK, {2}, include({{1, 100}}),
+         {}, {}},
+        {"BLOCK{S1} on INCLUDE{S1}: Q(G,A*B) lowers S1 to LLQT",
+         include({{1, 100}}), BLOCK, {1}, include({{1, 2}}),
+         {query(G1, {1})}, {}},
+        {"BLOCK{S3} on EXCLUDE({S1},{S2}): S3 requested at the filter timer, lowered by Q(G,B-Y)",
+         exclude({{1, 100}}, {{2, 0}}, 200), BLOCK, {3}, exclude({{1, 100}, {3, 2}}, {{2, 0}}, 200),
+         {query(G1, {3})}, {add_sg(3)}},
+        {"BLOCK{S2} on EXCLUDE({S1},{S2}) does nothing",
+         exclude({{1, 100}}, {{2, 0}}, 200), BLOCK, {2}, exclude({{1, 100}}, {{2, 0}}, 200),
+         {}, {}},
+        {"BLOCK{S1} on EXCLUDE({S1},{}): S1 takes the scratch leftover, queried unlowered",
+         exclude({{1, 100}}, {}, 200), BLOCK, {1}, exclude({{1, 1}}, {}, 200),
+         {query(G1, {1})}, {}, "", 1},
+    };
+    for (const Row& row : rows) {
+        check(row);
+    }
+}
+// clang-format on
+
+// MLDv1 messages reach the MLDv2 handlers as source-less records: a report as TO_EX{} (not
+// IS_EX{} as RFC 3810 section 8.3.2 maps it), a done as TO_IN{}.
+enum history { kFresh, kJoined };  // kJoined: the member sent a v1 report for ff0e::101 first
+enum sender { kMember, kStranger };
+
+struct V1Row {
+    const char* name;
+    history before;
+    const char* link;
+    uint8_t type;
+    const char* group;
+    sender from;
+    group_state after;  // of the message's group on the receiving link
+    std::vector<std::string> queries;
+    std::vector<std::string> kernel;
+};
+
+class Mldv1Test : public ListenerTest {
+  protected:
+    void receive(mldrt_interface* ifp, uint8_t type, const addr6& g, const addr6& from) {
+        std::memset(router.buf, 0, MLDRT_QUERY_V1_LEN);
+        router.buf[0] = type;
+        std::memcpy(router.buf + 8, g.data(), 16);
+        mldrt_handle_mld_message(&router, ifp, router.buf, from.data(),
+                                 static_cast<int>(MLDRT_QUERY_V1_LEN));
+    }
+};
+
+constexpr uint8_t REPORT = MLDRT_TYPE_V1_REPORT;
+constexpr uint8_t DONE = MLDRT_TYPE_V1_DONE;
+
+TEST_F(Mldv1Test, ReportIsChangeToExcludeAndDoneIsChangeToInclude) {
+    // clang-format off
+    const std::vector<V1Row> rows = {
+        {"report: EXCLUDE({::}) at GMI, (*,G) with the upstream MIF, no query",
+         kFresh, "eth1", REPORT, "ff0e::101", kMember, exclude({{0, 260}}, {}, 260),
+         {}, {kAddStarG}},
+        {"done from the member: Q(G,{::}) then Q(G), in MLDv1 form on this MLDv1 link",
+         kJoined, "eth1", DONE, "ff0e::101", kMember, exclude({{0, 2}}, {}, 2),
+         {v1_query(G1), v1_query(G1)}, {}},
+        {"done from a host that is not a member is ignored",
+         kJoined, "eth1", DONE, "ff0e::101", kStranger, exclude({{0, 260}}, {}, 260),
+         {}, {}},
+        {"report for a unicast address is ignored",
+         kFresh, "eth1", REPORT, "2001:db8::1", kMember, no_group(), {}, {}},
+        {"done for a unicast address is ignored",
+         kJoined, "eth1", DONE, "2001:db8::1", kMember, no_group(), {}, {}},
+        {"report on the upstream link is ignored",
+         kFresh, "up0", REPORT, "ff0e::101", kMember, no_group(), {}, {}},
+        {"done on the upstream link is ignored",
+         kFresh, "up0", DONE, "ff0e::101", kMember, no_group(), {}, {}},
+    };
+    // clang-format on
+    for (const V1Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        if (row.before == kJoined) {
+            receive(eth1, REPORT, G1, host);
+            forget_kernel_calls();
+        }
+        mldrt_interface* link = mldrt_lookup_interface_name(&router, row.link);
+        addr6 g = ip6(row.group);
+        receive(link, row.type, g, row.from == kStranger ? stranger : host);
+        EXPECT_EQ(link->mld_version, 1);
+        EXPECT_EQ(describe(group(link, g)), describe(row.after));
+        EXPECT_EQ(queries_sent(), row.queries);
+        EXPECT_EQ(mfc_calls(), row.kernel);
+        if (row.before == kFresh && !row.after.exists) {
+            EXPECT_EQ(router.mfdb_list, nullptr);
+        }
+    }
+}
+
+}  // namespace
