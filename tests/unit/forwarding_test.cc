@@ -206,8 +206,11 @@ TEST_F(ForwardingTest, WithoutUpstreamMarksAreKeptAndWrittenWhenItAppears) {
     EXPECT_EQ(mldrt_remove_entry_from_grp_srclist(&router, group(1), group(1)->mfdb, 1, kAny.data(),
                                                   links[1]),
               0);
-    EXPECT_EQ(
-        mldrt_add_entry_to_grp_srclist(&router, group(3, "ff0e::2"), 0, s1.data(), 9, links[3]), 0);
+    mldrt_group* g2 = group(3, "ff0e::2");
+    EXPECT_EQ(mldrt_add_entry_to_grp_srclist(&router, g2, 0, s1.data(), 9, links[3]), 0);
+    EXPECT_EQ(mldrt_add_entry_to_grp_srclist(&router, g2, 1, kAny.data(), 9, links[3]), 0);
+    EXPECT_EQ(mldrt_remove_entry_from_grp_srclist(&router, g2, g2->mfdb, 1, kAny.data(), links[3]),
+              0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(mfc_calls(), std::vector<std::string>{});
 

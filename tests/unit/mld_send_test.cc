@@ -1,0 +1,342 @@
+// Sending queries and reports: the exact sendmsg calls (destination, ICMPv6 bytes, ancillary
+// data, flags), splitting to the link MTU, MLDv1 conversion and the general-query schedule.
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "db/db.h"
+#include "iface/interface.h"
+#include "mld/mld.h"
+#include "test_support.h"
+
+namespace {
+
+std::vector<uint8_t> hex(const std::string& text) {
+    std::vector<uint8_t> out;
+    for (size_t i = 0; i + 1 < text.size(); i++) {
+        if (text[i] != ' ') {
+            out.push_back(static_cast<uint8_t>(std::stoi(text.substr(i++, 2), nullptr, 16)));
+        }
+    }
+    return out;
+}
+
+// The ancillary data as the kernel reads it, walked with CMSG_FIRSTHDR / CMSG_NXTHDR.
+std::string control(const fake::sent_message& m) {
+    alignas(cmsghdr) uint8_t buf[256] = {};
+    if (m.control.size() > sizeof buf) {
+        return "oversized";
+    }
+    std::memcpy(buf, m.control.data(), m.control.size());
+    msghdr msg{};
+    msg.msg_control = buf;
+    msg.msg_controllen = m.control.size();
+    std::string out;
+    for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+        const uint8_t* d = CMSG_DATA(c);
+        if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_PKTINFO &&
+            c->cmsg_len == CMSG_LEN(sizeof(in6_pktinfo))) {
+            in6_pktinfo info;
+            std::memcpy(&info, d, sizeof info);
+            out += "pktinfo " + ip6_text(d) + " " + std::to_string(info.ipi6_ifindex) + "; ";
+        } else if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_HOPOPTS &&
+                   c->cmsg_len == CMSG_LEN(8)) {
+            char h[40];
+            std::snprintf(h, sizeof h, "hopopts %02x %02x %02x %02x %02x %02x %02x %02x", d[0],
+                          d[1], d[2], d[3], d[4], d[5], d[6], d[7]);
+            out += h;
+        } else {
+            out += "unexpected " + std::to_string(c->cmsg_type) + "; ";
+        }
+    }
+    return out;
+}
+
+const char* kRouterAlert = "hopopts 00 00 05 02 00 00 01 00";
+
+// Source i of group n: 2001:db8:<n>::<i>.
+addr6 src(int grp, int i) {
+    addr6 a = ip6("2001:db8::");
+    a[5] = static_cast<uint8_t>(grp);
+    a[14] = static_cast<uint8_t>(i >> 8);
+    a[15] = static_cast<uint8_t>(i);
+    return a;
+}
+
+class SendTest : public RouterTest {
+  protected:
+    mldrt_interface* link(int mtu = 1500, int version = 2) {
+        fake::kernel().mtu = mtu;
+        mldrt_interface* ifp = add_link("eth1", 11, 1);
+        ifp->mld_version = version;
+        return ifp;
+    }
+    // Checks what every message shares and returns the payloads with their destinations.
+    std::vector<std::pair<std::string, std::vector<uint8_t>>> sent(mldrt_interface* ifp,
+                                                                   bool query) {
+        std::vector<std::pair<std::string, std::vector<uint8_t>>> out;
+        const std::string own = query ? ip6_text(ifp->addr) : "::";
+        for (const auto& m : fake::kernel().sent_msgs) {
+            EXPECT_EQ(m.fd, ifp->sock);
+            EXPECT_EQ(m.flags, MSG_DONTROUTE);
+            EXPECT_EQ(m.dst.sin6_family, AF_INET6);
+            EXPECT_EQ(m.dst.sin6_port, 0);
+            EXPECT_EQ(m.dst.sin6_flowinfo, 0u);
+            EXPECT_EQ(m.dst.sin6_scope_id, 0u);
+            EXPECT_EQ(control(m), "pktinfo " + own + " 11; " + kRouterAlert);
+            EXPECT_LE(m.payload.size(), ifp->buf_size - 48u) << "no fragmentation";
+            out.emplace_back(ip6_text(reinterpret_cast<const uint8_t*>(&m.dst.sin6_addr)),
+                             m.payload);
+        }
+        return out;
+    }
+};
+
+TEST_F(SendTest, QueriesCarryHeaderFieldsAndSources) {
+    struct Row {
+        const char* name;
+        int version;
+        uint32_t llqi;
+        const char* group;
+        int nsrc;
+        int count;  // the request's source count
+        uint32_t s_flag;
+        std::string payload;  // empty: nothing is sent
+        const char* out;
+    };
+    const std::string zero16 = "00000000 00000000 00000000 00000000 ";
+    const std::string g = "ff0e0000 00000000 00000000 00000001 ";
+    const std::vector<Row> rows = {
+        {"GeneralV2", 2, 1, "::", 0, 0, 0, "82 00 0000 2710 0000 " + zero16 + "02 7d 0000", ""},
+        {"GeneralV1", 1, 1, "::", 0, 0, 0, "82 00 0000 2710 0000 " + zero16, ""},
+        {"GroupLlqi1", 2, 1, "ff0e::1", 0, 0, 0, "82 00 0000 03e8 0000 " + g + "02 7d 0000", ""},
+        {"GroupLlqi33IsNotFloating", 2, 33, "ff0e::1", 0, 0, 0,
+         "82 00 0000 80e8 0000 " + g + "02 7d 0000", ""},
+        {"GroupLlqi66Wraps", 2, 66, "ff0e::1", 0, 0, 0, "82 00 0000 01d0 0000 " + g + "02 7d 0000",
+         ""},
+        {"GroupV1", 1, 1, "ff0e::1", 0, 0, 0, "82 00 0000 03e8 0000 " + g, ""},
+        {"SourcesWithSFlag", 2, 1, "ff0e::1", 2, 2, 1,
+         "82 00 0000 03e8 0000 " + g + "0a 7d 0002 20010db8 00010000 00000000 00000000 " +
+             "20010db8 00010000 00000000 00000001",
+         ""},
+        {"SFlagIsBitZeroOnly", 2, 1, "ff0e::1", 0, 0, 2, "82 00 0000 03e8 0000 " + g + "02 7d 0000",
+         ""},
+        {"ListLongerThanCount", 2, 1, "ff0e::1", 3, 2, 0, "",
+         "\n Cannot send query, numSrc and list inconsistent 3 2"},
+        {"ListShorterThanCount", 2, 1, "ff0e::1", 2, 3, 0, "",
+         "\n Cannot send query, numSrc and list inconsistent 2 3"},
+    };
+    mldrt_interface* ifp = link();
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        ifp->mld_version = row.version;
+        router.last_listener_query_interval = row.llqi;
+        fake::kernel().sent_msgs.clear();
+        std::vector<mldrt_src> srcs(static_cast<size_t>(row.nsrc) + 1);
+        for (int i = 0; i < row.nsrc; i++) {
+            std::memcpy(srcs[i].src_addr, src(1, i).data(), 16);
+            srcs[i].next = i + 1 < row.nsrc ? &srcs[i + 1] : nullptr;
+        }
+        mldrt_query_params q{};
+        std::memcpy(q.group, ip6(row.group).data(), 16);
+        std::memcpy(q.dst,
+                    (std::string(row.group) == "::" ? ip6("ff02::1") : ip6(row.group)).data(), 16);
+        q.sources = row.nsrc ? &srcs[0] : nullptr;
+        q.src_count = static_cast<uint32_t>(row.count);
+        q.s_flag = row.s_flag;
+        testing::internal::CaptureStdout();
+        mldrt_send_query(&router, ifp, &q);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), row.out);
+        auto msgs = sent(ifp, true);
+        ASSERT_EQ(msgs.size(), row.payload.empty() ? 0u : 1u);
+        if (!msgs.empty()) {
+            EXPECT_EQ(msgs[0].first, std::string(row.group) == "::" ? "ff02::1" : row.group);
+            EXPECT_EQ(msgs[0].second, hex(row.payload));
+        }
+    }
+}
+
+TEST_F(SendTest, LongSourceListGoesOutAsSeveralQueries) {
+    mldrt_interface* ifp = link(1280);
+    std::vector<mldrt_src> srcs(100);
+    for (int i = 0; i < 100; i++) {
+        std::memcpy(srcs[i].src_addr, src(1, i).data(), 16);
+        srcs[i].next = i + 1 < 100 ? &srcs[i + 1] : nullptr;
+    }
+    mldrt_query_params q{};
+    std::memcpy(q.group, ip6("ff0e::1").data(), 16);
+    std::memcpy(q.dst, q.group, 16);
+    q.sources = &srcs[0];
+    q.src_count = 100;
+    mldrt_send_query(&router, ifp, &q);
+    auto msgs = sent(ifp, true);
+    ASSERT_GE(msgs.size(), 2u);
+    size_t next = 0;
+    for (const auto& [dst, p] : msgs) {
+        EXPECT_EQ(dst, "ff0e::1");
+        ASSERT_GE(p.size(), 28u);
+        EXPECT_EQ(std::vector<uint8_t>(p.begin(), p.begin() + 26),
+                  std::vector<uint8_t>(msgs[0].second.begin(), msgs[0].second.begin() + 26));
+        const size_t n = static_cast<size_t>(p[26] << 8 | p[27]);
+        EXPECT_GT(n, 0u);
+        ASSERT_EQ(p.size(), 28 + 16 * n);
+        for (size_t i = 0; i < n && next < 100; i++, next++) {
+            EXPECT_EQ(std::memcmp(&p[28 + 16 * i], srcs[next].src_addr, 16), 0) << next;
+        }
+    }
+    EXPECT_EQ(next, 100u) << "every source once";
+}
+
+// Record of `type` for group ff0e::<grp> with sources src(grp, first..first+n-1).
+std::vector<uint8_t> rec(uint8_t type, int grp, int n, int first = 0, uint8_t aux = 0) {
+    std::vector<uint8_t> r = {type, aux, static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
+    addr6 g = ip6("ff0e::");
+    g[15] = static_cast<uint8_t>(grp);
+    r.insert(r.end(), g.begin(), g.end());
+    for (int i = first; i < first + n; i++) {
+        const addr6 s = src(grp, i);
+        r.insert(r.end(), s.begin(), s.end());
+    }
+    return r;
+}
+
+TEST_F(SendTest, ReportsFitTheLinkAndFollowItsVersion) {
+    struct Row {
+        const char* name;
+        int version;
+        int mtu;
+        std::vector<std::vector<uint8_t>> records;
+        // Per message: destination, then the expected payload (a v2 report header + records).
+        std::vector<std::pair<const char*, std::vector<std::vector<uint8_t>>>> msgs;
+    };
+    auto v1 = [](uint8_t type, int grp) {
+        std::vector<uint8_t> m(24, 0);
+        m[0] = type;
+        m[8] = 0xff;
+        m[9] = 0x0e;
+        m[23] = static_cast<uint8_t>(grp);
+        return std::vector<std::vector<uint8_t>>{m};
+    };
+    auto v2 = [](std::vector<std::vector<uint8_t>> records) {
+        const auto n = static_cast<uint8_t>(records.size());
+        records.insert(records.begin(), std::vector<uint8_t>{143, 0, 0, 0, 0, 0, 0, n});
+        return records;
+    };
+    const std::vector<Row> rows = {
+        {"V2RecordsCopiedAfterHeader",
+         2,
+         1500,
+         {rec(2, 1, 0), rec(5, 2, 2)},
+         {{"ff02::16", v2({rec(2, 1, 0), rec(5, 2, 2)})}}},
+        {"V1OneMessagePerRecord",
+         1,
+         1500,
+         {rec(3, 1, 0), rec(2, 2, 0), rec(3, 3, 2), rec(6, 4, 1)},
+         {{"ff02::2", v1(132, 1)},
+          {"ff0e::2", v1(131, 2)},
+          {"ff0e::3", v1(131, 3)},
+          {"ff0e::4", v1(131, 4)}}},
+        {"V1ToIncludeWithAuxByteIsStillDone",
+         1,
+         1500,
+         {rec(3, 1, 0, 0, 1)},
+         {{"ff02::2", v1(132, 1)}}},
+        {"V2RecordSetSplitAtRecords",
+         2,
+         1280,
+         {rec(5, 1, 15), rec(5, 2, 15), rec(5, 3, 15), rec(5, 4, 15), rec(5, 5, 15)},
+         {{"ff02::16", v2({rec(5, 1, 15), rec(5, 2, 15), rec(5, 3, 15), rec(5, 4, 15)})},
+          {"ff02::16", v2({rec(5, 5, 15)})}}},
+        {"V2AllowSplitCarriesEverySource",
+         2,
+         1280,
+         {rec(5, 1, 100)},
+         {{"ff02::16", v2({rec(5, 1, 75)})}, {"ff02::16", v2({rec(5, 1, 25, 75)})}}},
+        {"V2BlockAfterSmallRecord",
+         2,
+         1280,
+         {rec(1, 2, 1), rec(6, 1, 100)},
+         {{"ff02::16", v2({rec(1, 2, 1)})},
+          {"ff02::16", v2({rec(6, 1, 75)})},
+          {"ff02::16", v2({rec(6, 1, 25, 75)})}}},
+        {"V2ToExcludeKeepsFirstSourcesThatFit",
+         2,
+         1280,
+         {rec(4, 1, 100)},
+         {{"ff02::16", v2({rec(4, 1, 75)})}}},
+        {"V2IsExcludeKeepsFirstSourcesThatFit",
+         2,
+         1280,
+         {rec(2, 1, 100), rec(1, 2, 0)},
+         {{"ff02::16", v2({rec(2, 1, 75)})}, {"ff02::16", v2({rec(1, 2, 0)})}}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        mldrt_interface* ifp = link(row.mtu, row.version);
+        fake::kernel().sent_msgs.clear();
+        std::vector<uint8_t> all;
+        for (const auto& r : row.records) {
+            all.insert(all.end(), r.begin(), r.end());
+        }
+        mldrt_send_report(&router, ifp, ip6("ff02::16").data(), all.data(),
+                          static_cast<uint32_t>(row.records.size()),
+                          static_cast<uint32_t>(all.size()));
+        auto msgs = sent(ifp, false);
+        ASSERT_EQ(msgs.size(), row.msgs.size());
+        for (size_t i = 0; i < msgs.size(); i++) {
+            SCOPED_TRACE("message " + std::to_string(i));
+            std::vector<uint8_t> want;
+            for (const auto& part : row.msgs[i].second) {
+                want.insert(want.end(), part.begin(), part.end());
+            }
+            EXPECT_EQ(msgs[i].first, row.msgs[i].first);
+            EXPECT_EQ(msgs[i].second, want);
+        }
+        mldrt_delete_interface(ifp);
+    }
+}
+
+TEST_F(SendTest, GeneralQueriesFollowTheStartupThenSteadySchedule) {
+    struct Row {
+        const char* name;
+        uint32_t robustness;
+        int querier;
+        int started;
+        std::vector<int> ticks;
+    };
+    const std::vector<Row> rows = {
+        {"Robustness1", 1, 1, 1, {1, 126, 251}},
+        {"Robustness2", 2, 1, 1, {1, 33, 158, 283}},
+        {"Robustness3", 3, 1, 1, {1, 33, 65, 190, 315}},
+        {"NotQuerier", 2, 0, 1, {}},
+        {"NotStarted", 2, 1, 0, {}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        router.robustness = row.robustness;
+        mldrt_interface* ifp = link();
+        ifp->querier = row.querier;
+        ifp->started = row.started;
+        fake::kernel().sent_msgs.clear();
+        std::vector<int> ticks;
+        for (int tick = 1; tick <= 320; tick++) {
+            const size_t before = fake::kernel().sent_msgs.size();
+            mldrt_send_general_query(&router, ifp);
+            if (fake::kernel().sent_msgs.size() != before) {
+                ticks.push_back(tick);
+            }
+        }
+        EXPECT_EQ(ticks, row.ticks);
+        for (const auto& [dst, p] : sent(ifp, true)) {
+            EXPECT_EQ(dst, "ff02::1");
+            EXPECT_EQ(p.size(), 28u);
+        }
+        mldrt_delete_interface(ifp);
+    }
+}
+
+}  // namespace
