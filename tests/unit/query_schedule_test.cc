@@ -1,0 +1,160 @@
+// Group- and group-and-source-specific queries after a possible leave (RFC 3810 section
+// 7.6.3): timers lowered to LLQT (2 with LLQI 1 and LLQC 2), retransmission state, first query.
+#include <string>
+#include <vector>
+
+#include "listener_support.h"
+
+namespace {
+
+using namespace lsn;
+
+// A chain of entries in the layout the list operations give their results, in this order.
+struct source_chain {
+    explicit source_chain(const std::vector<int>& ns) : entries(ns.size()) {
+        for (size_t i = 0; i < ns.size(); i++) {
+            addr6 a = src(ns[i]);
+            std::memcpy(entries[i].src_addr, a.data(), 16);
+            entries[i].next = i + 1 < ns.size() ? &entries[i + 1] : nullptr;
+        }
+    }
+    const mldrt_src* head() const { return entries.empty() ? nullptr : entries.data(); }
+    uint32_t count() const { return static_cast<uint32_t>(entries.size()); }
+    std::vector<mldrt_src> entries;
+};
+
+// A retransmission list in its order as "S4/1 S1/1": source and retransmissions still due.
+std::string rtx_text(const mldrt_src* l) {
+    std::string s;
+    for (; l; l = l->next) {
+        s += (s.empty() ? "" : " ") + src_name(l->src_addr) + "/" + std::to_string(l->rtx_count);
+    }
+    return s;
+}
+
+class QueryScheduleTest : public ListenerTest {};
+
+TEST_F(QueryScheduleTest, GroupSpecificQuerySetsFilterTimerToLlqtEvenUpwards) {
+    for (int32_t ftimer : {260, 1}) {
+        SCOPED_TRACE("filter timer before: " + std::to_string(ftimer));
+        restart();
+        mldrt_group* g = make_group(eth1, G1, exclude({{0, 260}}, {}, ftimer), host);
+        forget_kernel_calls();
+        mldrt_update_fsm_and_send_query(&router, eth1, g, G1.data(), nullptr, 0);
+        EXPECT_EQ(g->ftimer, 2);
+        EXPECT_EQ(g->grp_rtx_count, 1);  // LLQC - 1 still to send
+        EXPECT_EQ(g->grp_rtx_timer, 1);  // LLQI
+        EXPECT_EQ(g->src_rtx_count, 0);
+        EXPECT_EQ(describe(g), describe(exclude({{0, 260}}, {}, 2)));
+        ASSERT_EQ(fake::kernel().sent_msgs.size(), 1u);
+        const fake::sent_message& m = fake::kernel().sent_msgs[0];
+        EXPECT_EQ(ip6_text(reinterpret_cast<const uint8_t*>(&m.dst.sin6_addr)), "ff0e::101");
+        // clang-format off
+        const std::vector<uint8_t> expected = {
+            130, 0, 0, 0,                                          // type, code, checksum
+            0x03, 0xe8, 0, 0,                                      // MRC: LLQI in ms; reserved
+            0xff, 0x0e, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1,  // group
+            0x02, 125, 0, 0,                                       // S 0, QRV 2; QQIC; N 0
+        };
+        // clang-format on
+        EXPECT_EQ(m.payload, expected);
+    }
+}
+
+struct SourceRow {
+    const char* name;
+    group_state before;
+    std::vector<int> queried;
+    group_state after;
+    std::string srsp, non_srsp;  // rtx_text() of the two lists
+    uint32_t srsp_count, non_srsp_count;
+    int32_t src_rtx_count, src_rtx_timer;
+    std::vector<std::string> queries;
+};
+
+TEST_F(QueryScheduleTest, SourceSpecificQueryLowersTimersAboveLlqtAndKeepsTheOthers) {
+    // clang-format off
+    const std::vector<SourceRow> rows = {
+        {"INCLUDE: 260 and -1 (compared unsigned) lowered to SRSP, 2 and 1 kept, S5 unknown",
+         include({{1, 260}, {2, 2}, {3, 1}, {4, -1}}, 50), {1, 2, 3, 4, 5},
+         include({{1, 2}, {2, 2}, {3, 1}, {4, 2}}, 50),
+         "S4/1 S1/1", "S3/1 S2/1", 2, 2, 1, 1,
+         {query(G1, {4, 1}), query(G1, {3, 2})}},
+        {"EXCLUDE searches the requested list only",
+         exclude({{1, 260}}, {{2, 0}}, 200), {2, 1},
+         exclude({{1, 2}}, {{2, 0}}, 200),
+         "S1/1", "", 1, 0, 1, 1, {query(G1, {1})}},
+        {"no queried source in the group: nothing sent, no retransmission",
+         include({{1, 100}}), {2, 3},
+         include({{1, 100}}),
+         "", "", 0, 0, 0, 0, {}},
+    };
+    // clang-format on
+    for (const SourceRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        mldrt_group* g = make_group(eth1, G1, row.before, host);
+        forget_kernel_calls();
+        source_chain chain(row.queried);
+        mldrt_update_fsm_and_send_query(&router, eth1, g, G1.data(), chain.head(), chain.count());
+        EXPECT_EQ(describe(g), describe(row.after));
+        EXPECT_EQ(rtx_text(g->srsp_list), row.srsp);
+        EXPECT_EQ(rtx_text(g->non_srsp_list), row.non_srsp);
+        EXPECT_EQ(g->srsp_count, row.srsp_count);
+        EXPECT_EQ(g->non_srsp_count, row.non_srsp_count);
+        EXPECT_EQ(g->src_rtx_count, row.src_rtx_count);
+        EXPECT_EQ(g->src_rtx_timer, row.src_rtx_timer);
+        EXPECT_EQ(g->grp_rtx_count, 0);
+        EXPECT_EQ(queries_sent(), row.queries);
+    }
+}
+
+// The lists keep entries of an earlier scheduling while the counts are this call's: the
+// sending code finds a list longer than its count and sends nothing for it.
+TEST_F(QueryScheduleTest, EntriesLeftFromAnEarlierQueryMakeTheListInconsistent) {
+    mldrt_group* g = make_group(eth1, G1, include({{1, 260}, {2, 260}, {3, 1}}), host);
+    source_chain first({1, 3});
+    mldrt_update_fsm_and_send_query(&router, eth1, g, G1.data(), first.head(), first.count());
+    EXPECT_EQ(queries_sent(), (std::vector<std::string>{query(G1, {1}), query(G1, {3})}));
+    forget_kernel_calls();
+
+    source_chain second({2});
+    testing::internal::CaptureStdout();
+    mldrt_update_fsm_and_send_query(&router, eth1, g, G1.data(), second.head(), second.count());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "\n Cannot send query, numSrc and list inconsistent 2 1"
+              "\n Cannot send query, numSrc and list inconsistent 1 0");
+    EXPECT_EQ(queries_sent(), std::vector<std::string>{});
+    EXPECT_EQ(rtx_text(g->srsp_list), "S2/1 S1/1");
+    EXPECT_EQ(rtx_text(g->non_srsp_list), "S3/1");
+    EXPECT_EQ(g->srsp_count, 1u);
+    EXPECT_EQ(g->non_srsp_count, 0u);
+}
+
+TEST_F(QueryScheduleTest, RefusalsLeaveCountsUnstoredAndSendNothing) {
+    mldrt_group* odd = make_group(eth1, G1, include({{1, 260}}), host);
+    odd->fmode = 7;
+    source_chain one({1});
+    testing::internal::CaptureStdout();
+    mldrt_update_fsm_and_send_query(&router, eth1, odd, G1.data(), one.head(), one.count());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "\n FATAL:: Unknown Group Mode");
+    EXPECT_EQ(odd->srsp_list, nullptr);
+
+    // A full retransmission list (64 entries) refuses the next source.
+    addr6 g2 = grp(2);
+    mldrt_group* full = make_group(eth1, g2, include({{1, 260}}), host);
+    for (int n = 100; n < 164; n++) {
+        mldrt_add_src_to_group(full, full->mfdb, MLDRT_L_SRSP, src(n).data())->rtx_count = 1;
+    }
+    full->srsp_count = 64;
+    testing::internal::CaptureStdout();
+    mldrt_update_fsm_and_send_query(&router, eth1, full, g2.data(), one.head(), one.count());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "MLDRT: Limit of 64 sources per list reached, request not handled\n"
+              "\n FATAL: couldnt allocate entry in SRSP list");
+    EXPECT_EQ(full->srsp_count, 64u);
+    EXPECT_EQ(full->src_rtx_count, 0);
+    EXPECT_EQ(queries_sent(), std::vector<std::string>{});
+}
+
+}  // namespace
