@@ -1,0 +1,259 @@
+// The once-a-second pass over the listener database: source and filter timers, query
+// retransmissions, the removal of what has become empty, and the release of a deleted
+// interface's groups. GMI 260, LLQI 1, LLQC 2; downstream links on MIFs 1 and 2, upstream 0.
+#include <string>
+#include <vector>
+
+#include "iface/netlink.h"
+#include "kernel/mroute.h"
+#include "listener_support.h"
+
+namespace {
+
+using namespace lsn;
+
+std::string rtx_text(const mldrt_src* l) {
+    std::string s;
+    for (; l; l = l->next) {
+        s += (s.empty() ? "" : " ") + src_name(l->src_addr) + "/" + std::to_string(l->rtx_count);
+    }
+    return s;
+}
+
+class TimersTest : public ListenerTest {
+  protected:
+    // The input thread's tick: the removal pass, then each interface's timer pass.
+    void tick() {
+        mldrt_update_group_state(&router);
+        for (mldrt_interface* ifp = router.interfaces; ifp; ifp = ifp->next) {
+            mldrt_update_memberships(&router, ifp, 0);
+        }
+    }
+    mldrt_mfdb_entry* entry(const addr6& g) { return mldrt_lookup_mfdb_entry(&router, g.data()); }
+    void add_to(mldrt_group* g, uint32_t ltype, int s, uint16_t rtx) {
+        mldrt_add_src_to_group(g, g->mfdb, ltype, src(s).data())->rtx_count = rtx;
+    }
+    const addr6 G2 = grp(2);
+};
+
+using texts = std::vector<std::string>;
+
+TEST_F(TimersTest, IncludeSourceWithTimerThreeLeavesAtTheThirdTick) {
+    mldrt_group* g = make_group(eth1, G1, include({{1, 3}, {2, 100}}), host);
+    forget_kernel_calls();
+    tick();
+    EXPECT_EQ(describe(g), describe(include({{1, 2}, {2, 99}})));
+    tick();
+    EXPECT_EQ(describe(g), describe(include({{1, 1}, {2, 98}})));
+    EXPECT_EQ(mfc_calls(), texts{});
+    tick();
+    EXPECT_EQ(describe(g), describe(include({{2, 97}})));
+    EXPECT_EQ(mfc_calls(), texts{"del 2001:db8::1 ff0e::101"});
+}
+
+struct ExpiryRow {
+    const char* name;
+    group_state eth1_before, eth2_before;
+    group_state eth1_after;
+    std::vector<std::string> kernel;
+    bool entry_left;
+    uint32_t exclude_count;
+};
+
+// RFC 3810 section 7.5: filter timer expiry returns the group to INCLUDE with its requested
+// sources (restarted at GMI, the remaining timer is not carried over); the link leaves the
+// (*,G) entry and the entry's EXCLUDE count drops.
+TEST_F(TimersTest, FilterTimerExpiryReturnsTheGroupToInclude) {
+    // clang-format off
+    const std::vector<ExpiryRow> rows = {
+        {"last listener of the group: (*,G) removed, (S1,G) rewritten without it",
+         exclude({{0, 100}, {1, 50}}, {{2, 0}}, 1), no_group(), include({{1, 260}}, 1),
+         {"del :: ff0e::101", "add 2001:db8::1 ff0e::101 parent 0 mifs 1"}, true, 0},
+        {"another link still listens: (*,G) and (S1,G) rewritten without this link's MIF",
+         exclude({{0, 100}, {1, 50}}, {{2, 0}}, 1), exclude({{0, 100}}, {}, 100),
+         include({{1, 260}}, 1),
+         {"add :: ff0e::101 parent 0 mifs 0,2", "add 2001:db8::1 ff0e::101 parent 0 mifs 1,2"},
+         true, 1},
+        {"nothing but :: requested: the group and its entry are removed",
+         exclude({{0, 100}}, {{2, 0}}, 1), no_group(), no_group(),
+         {"del :: ff0e::101"}, false, 0},
+    };
+    // clang-format on
+    for (const ExpiryRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        mldrt_interface* eth2 = add_link("eth2", 12, 2);
+        make_group(eth1, G1, row.eth1_before, host);
+        make_group(eth2, G1, row.eth2_before, host);
+        forget_kernel_calls();
+        mldrt_update_memberships(&router, eth1, 0);
+        EXPECT_EQ(describe(group(eth1, G1)), describe(row.eth1_after));
+        EXPECT_EQ(mfc_calls(), row.kernel);
+        EXPECT_EQ(router.del_mifi, 1u);
+        ASSERT_EQ(entry(G1) != nullptr, row.entry_left);
+        if (row.entry_left) {
+            EXPECT_EQ(entry(G1)->exclude_count, row.exclude_count);
+        }
+    }
+}
+
+// The any-source entry :: ages like any other requested source.
+TEST_F(TimersTest, RequestedSourcesRunningOutMoveToTheExcludedList) {
+    mldrt_group* g = make_group(eth1, G1, exclude({{0, 1}, {1, 1}, {2, 5}}, {}, 100), host);
+    forget_kernel_calls();
+    mldrt_update_memberships(&router, eth1, 0);
+    EXPECT_EQ(describe(g), describe(exclude({{2, 4}}, {{0, 1}, {1, 1}}, 99)));
+    EXPECT_EQ(mfc_calls(), (texts{"del 2001:db8::1 ff0e::101", "del :: ff0e::101",
+                                  "add 2001:db8::2 ff0e::101 parent 0 mifs 1"}));
+}
+
+TEST_F(TimersTest, QueryRetransmissionsGoOutWhenTheirTimerRunsOut) {
+    mldrt_group* g = make_group(eth1, G1, include({{1, 100}, {2, 100}}), host);
+    g->grp_rtx_count = 1;
+    g->grp_rtx_timer = 1;
+    g->src_rtx_count = 2;
+    g->src_rtx_timer = 1;
+    add_to(g, MLDRT_L_SRSP, 1, 2);
+    add_to(g, MLDRT_L_NON_SRSP, 2, 1);
+    g->srsp_count = 1;
+    g->non_srsp_count = 1;
+    forget_kernel_calls();
+
+    tick();
+    EXPECT_EQ(queries_sent(), (texts{query(G1, {}), query(G1, {1}), query(G1, {2})}));
+    EXPECT_EQ(g->grp_rtx_count, 0);
+    EXPECT_EQ(g->src_rtx_count, 1);
+    EXPECT_EQ(g->src_rtx_timer, 1);
+    EXPECT_EQ(rtx_text(g->srsp_list), "S1/1");
+    EXPECT_EQ(rtx_text(g->non_srsp_list), "");
+    forget_kernel_calls();
+
+    tick();
+    EXPECT_EQ(queries_sent(), texts{query(G1, {1})});
+    EXPECT_EQ(g->src_rtx_count, 0);
+    EXPECT_EQ(g->srsp_list, nullptr);
+    forget_kernel_calls();
+
+    tick();
+    EXPECT_EQ(queries_sent(), texts{});
+}
+
+TEST_F(TimersTest, GroupOutlivesItsLastSourceUntilItsRetransmissionsAreSent) {
+    mldrt_group* g = make_group(eth1, G1, include({{1, 1}}), host);
+    g->grp_rtx_count = 2;
+    g->grp_rtx_timer = 1;
+    forget_kernel_calls();
+
+    tick();  // S1 leaves; one query is still due
+    EXPECT_EQ(describe(group(eth1, G1)), describe(include({})));
+    EXPECT_EQ(mfc_calls(), texts{"del 2001:db8::1 ff0e::101"});
+    EXPECT_EQ(queries_sent(), texts{query(G1, {})});
+    tick();  // the last retransmission
+    ASSERT_EQ(group(eth1, G1), g);
+    EXPECT_EQ(g->grp_rtx_count, 0);
+    EXPECT_EQ(queries_sent(), (texts{query(G1, {}), query(G1, {})}));
+    tick();  // the removal pass takes group, member and entry
+    EXPECT_EQ(group(eth1, G1), nullptr);
+    EXPECT_EQ(router.mfdb_list, nullptr);
+    EXPECT_EQ(queries_sent().size(), 2u);
+}
+
+// Upstream state-change reports still under way for an entry stop the whole pass: it and every
+// later entry wait for the next one.
+TEST_F(TimersTest, PendingHostStateReportsStopTheRemovalPass) {
+    make_group(eth1, G2, include({}), host);
+    make_group(eth1, G1, include({}), host);
+    ASSERT_EQ(router.mfdb_list, entry(G1));  // newest first
+
+    entry(G1)->scr_to_in_cnt = 1;
+    mldrt_update_group_state(&router);
+    EXPECT_NE(group(eth1, G1), nullptr);
+    EXPECT_NE(group(eth1, G2), nullptr);
+
+    entry(G1)->scr_to_in_cnt = 0;
+    entry(G2)->scr_to_in_cnt = 1;
+    mldrt_update_group_state(&router);
+    EXPECT_EQ(group(eth1, G1), nullptr);
+    EXPECT_EQ(entry(G1), nullptr);
+    EXPECT_NE(group(eth1, G2), nullptr);
+
+    entry(G2)->scr_to_in_cnt = 0;
+    mldrt_update_group_state(&router);
+    EXPECT_EQ(router.mfdb_list, nullptr);
+    EXPECT_EQ(eth1->groups, nullptr);
+}
+
+// One more ordinary tick, as at shutdown: nothing expires early.
+TEST_F(TimersTest, CleanupOnFreshTimersRemovesNothing) {
+    mldrt_group* g1 = make_group(eth1, G1, include({{1, 260}}), host);
+    mldrt_group* g2 = make_group(eth1, G2, exclude({{0, 260}}, {{3, 0}}, 260), host);
+    forget_kernel_calls();
+    mldrt_cleanup_memberships(&router);
+    EXPECT_EQ(describe(group(eth1, G1)), describe(include({{1, 259}})));
+    EXPECT_EQ(describe(group(eth1, G2)), describe(exclude({{0, 259}}, {{3, 0}}, 259)));
+    EXPECT_EQ(group(eth1, G1), g1);
+    EXPECT_EQ(group(eth1, G2), g2);
+    EXPECT_EQ(mfc_calls(), texts{});
+    EXPECT_EQ(queries_sent(), texts{});
+}
+
+TEST_F(TimersTest, RetransmissionListsAgeAndLoseSpentEntries) {
+    mldrt_group* g = make_group(eth1, G1, include({}), host);
+    add_to(g, MLDRT_L_SRSP, 2, 1);
+    add_to(g, MLDRT_L_SRSP, 1, 2);
+    add_to(g, MLDRT_L_NON_SRSP, 4, 3);
+    add_to(g, MLDRT_L_NON_SRSP, 3, 1);
+    ASSERT_EQ(rtx_text(g->srsp_list), "S1/2 S2/1");
+    mldrt_clean_grp_rtx_lists(g);
+    EXPECT_EQ(rtx_text(g->srsp_list), "S1/1");
+    EXPECT_EQ(rtx_text(g->non_srsp_list), "S4/2");
+    mldrt_clean_grp_rtx_lists(g);
+    EXPECT_EQ(rtx_text(g->srsp_list), "");
+    EXPECT_EQ(rtx_text(g->non_srsp_list), "S4/1");
+}
+
+// A deleted interface's groups leave the forwarding database first: the other link's
+// listening stays in the kernel, this link's goes, and the EXCLUDE count drops once.
+TEST_F(TimersTest, ReleasingAnInterfaceWithdrawsOnlyItsForwarding) {
+    mldrt_interface* eth2 = add_link("eth2", 12, 2);
+    make_group(eth1, G1, exclude({{0, 260}}, {}, 260), host);
+    make_group(eth1, G2, include({{1, 260}}), host);
+    make_group(eth2, G1, exclude({{0, 260}}, {}, 260), host);
+    ASSERT_EQ(entry(G1)->exclude_count, 2u);
+    forget_kernel_calls();
+
+    mldrt_release_interface_groups(&router, eth1);
+    EXPECT_EQ(eth1->groups, nullptr);
+    EXPECT_EQ(mfc_calls(),
+              (texts{"del 2001:db8::1 ff0e::102", "add :: ff0e::101 parent 0 mifs 0,2"}));
+    EXPECT_EQ(entry(G1)->exclude_count, 1u);
+    EXPECT_EQ(describe(group(eth2, G1)), describe(exclude({{0, 260}}, {}, 260)));
+
+    mldrt_update_group_state(&router);
+    EXPECT_EQ(entry(G2), nullptr);
+    EXPECT_NE(entry(G1), nullptr);
+}
+
+// RTM_DELLINK of a downstream link: one timer pass, the release, the MIF removal, the record
+// freed; later passes never reach the freed record through a group or an entry (ASan).
+TEST_F(TimersTest, InterfaceDownReleasesItsGroupsBeforeTheRecordIsFreed) {
+    make_group(eth1, G1, exclude({{0, 260}}, {}, 260), host);
+    make_group(eth1, G2, include({{1, 260}}), host);
+    forget_kernel_calls();
+
+    mldrt_sysif link{};
+    std::strcpy(link.name, "eth1");
+    link.ifindex = 11;
+    mldrt_handle_interface_down(&router, &link);
+    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth1"), nullptr);
+    EXPECT_EQ(mfc_calls(), (texts{"del 2001:db8::1 ff0e::102", "del :: ff0e::101"}));
+    EXPECT_EQ(fake::sockopts(MLDRT_K_LEVEL, MRT6_DEL_MIF_OPT).size(), 1u);
+    ASSERT_NE(entry(G1), nullptr);
+    EXPECT_EQ(entry(G1)->exclude_count, 0u);
+
+    tick();
+    tick();
+    EXPECT_EQ(router.mfdb_list, nullptr);
+}
+
+}  // namespace
