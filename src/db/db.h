@@ -203,5 +203,7 @@ void mldrt_free_mfdb(mldrt_router* r);
 
 // --- Diagnostic dumps (printed only while VERBOSE is non-zero) ---
 void mldrt_dump_interface_info(mldrt_router* r, mldrt_interface* ifp, const char* title);
+void mldrt_display_srclist(const char* label, const mldrt_src* list);
+void mldrt_dump_host_states(mldrt_router* r, const mldrt_mfdb_entry* e);
 
 #endif

@@ -83,6 +83,24 @@ uint32_t mldrt_encode_report_mcast_rec(uint8_t* buf, const uint8_t* group, uint8
 int mldrt_send_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
                       const uint8_t* records, uint32_t nrec, uint32_t len);
 
+// Collects multicast address records in the router's scratch buffer for reports to ff02::16 on
+// the upstream link. A record that would not fit sends what the buffer holds first; a record
+// longer than the whole buffer is split (RFC 3810 section 5.2.15), except EXCLUDE-type records,
+// which keep the first sources that fit. Nothing is sent while no upstream is known.
+struct mldrt_report_builder {
+    mldrt_router* r;
+    uint32_t len;
+    uint32_t nrec;
+};
+void mldrt_rb_init(mldrt_report_builder* rb, mldrt_router* r);
+void mldrt_rb_add(mldrt_report_builder* rb, const uint8_t* group, uint8_t rec_type,
+                  const mldrt_src* list);
+// Sends the records collected so far, if any.
+void mldrt_rb_flush(mldrt_report_builder* rb);
+// Sends `nrec` records of `len` bytes from the scratch buffer upstream (0 records: an empty
+// report, as routers have always sent for a change with nothing to announce).
+int mldrt_send_upstream_report(mldrt_router* r, uint32_t nrec, uint32_t len);
+
 // Everything received on the router socket that is not a kernel upcall: `msg` is the ICMPv6
 // message at the start of the router's receive buffer (buf_size bytes, of which len were
 // received), `src` the sender's address.

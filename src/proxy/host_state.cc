@@ -1,5 +1,165 @@
+// The host state of a group: what the downstream links want, merged as one host's state
+// (RFC 3810 section 7.1 rules): INCLUDE lists unite, EXCLUDE lists intersect, an EXCLUDE{}
+// anywhere wins, and INCLUDE sources are taken out of an EXCLUDE result.
+#include <cstdio>
+#include <cstdlib>
+
+#include "db/db.h"
+#include "iface/interface.h"
+#include "mld/mld.h"
 #include "proxy/proxy.h"
 
-void mldrt_update_host_state(mldrt_router*) {}
+namespace {
 
-void mldrt_clean_host_state(mldrt_router*) {}
+mldrt_hs_state* new_state(uint32_t mode) {
+    auto* hs = static_cast<mldrt_hs_state*>(calloc(1, sizeof(mldrt_hs_state)));
+    if (hs) {
+        hs->mode = mode;
+    }
+    return hs;
+}
+
+void free_state(mldrt_hs_state* hs) {
+    if (hs) {
+        mldrt_free_srclist(&hs->list);
+        free(hs);
+    }
+}
+
+void add_sources(mldrt_mfdb_entry* e, const mldrt_src* list) {
+    for (; list; list = list->next) {
+        mldrt_add_src_to_group(nullptr, e, MLDRT_L_NEW_HS, list->src_addr);
+    }
+}
+
+// Calls `visit` for every group mapped to `e`, links in list order, groups in list order;
+// stops when it returns false.
+template <typename Visit>
+void for_each_mapped_group(mldrt_router* r, const mldrt_mfdb_entry* e, Visit visit) {
+    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
+        for (mldrt_group* g = ifp->groups; g; g = g->next) {
+            if (g->mfdb == e && !visit(g)) {
+                return;
+            }
+        }
+    }
+}
+
+// Intersects the EXCLUDE lists in link and group order. An intersection that empties is
+// refilled by the next EXCLUDE list, as routers have always merged them.
+bool merge_exclude(mldrt_router* r, mldrt_mfdb_entry* e) {
+    bool ok = true;
+    for_each_mapped_group(r, e, [&](mldrt_group* g) {
+        if (g->fmode != MLDRT_EXCLUDE) {
+            return true;
+        }
+        if (!e->new_host_state) {
+            e->new_host_state = new_state(MLDRT_EXCLUDE);
+            if (!e->new_host_state) {
+                printf("\n Mem Allocation failed for hs_new_state");
+                ok = false;
+                return false;
+            }
+        }
+        mldrt_hs_state* hs = e->new_host_state;
+        if (!g->exc_list) {
+            mldrt_free_srclist(&hs->list);
+            return false;  // EXCLUDE{} wants every source: nothing else matters
+        }
+        if (!hs->list) {
+            add_sources(e, g->exc_list);
+        } else {
+            mldrt_intersect_srclists(&hs->list, g->exc_list);
+        }
+        return true;
+    });
+    return ok;
+}
+
+}  // namespace
+
+void mldrt_build_host_state(mldrt_router* r, mldrt_mfdb_entry* e) {
+    if (e->new_host_state) {
+        printf("\n Some Problem - New State should have been NULL");
+        return;
+    }
+    if (e->exclude_count == 0) {
+        e->new_host_state = new_state(MLDRT_INCLUDE);
+        if (!e->new_host_state) {
+            printf("\n Allocation failed for new state");
+            return;
+        }
+        for_each_mapped_group(r, e, [&](mldrt_group* g) {
+            add_sources(e, g->include_list);
+            return true;
+        });
+        return;
+    }
+    if (!merge_exclude(r, e)) {
+        return;
+    }
+    if (!e->new_host_state) {
+        printf("\n FATAL........................... hs_new_state shouldnt have been NULL");
+        exit(-1);
+    }
+    if (!e->new_host_state->list) {
+        return;
+    }
+    for_each_mapped_group(r, e, [&](mldrt_group* g) {
+        if (g->fmode == MLDRT_INCLUDE) {
+            for (const mldrt_src* s = g->include_list; s; s = s->next) {
+                mldrt_del_src_from_group(nullptr, e, MLDRT_L_NEW_HS, s->src_addr);
+            }
+        }
+        return true;
+    });
+}
+
+int mldrt_diff_host_state(mldrt_router* r, mldrt_mfdb_entry* e) {
+    (void)r;
+    const mldrt_hs_state* old_hs = e->old_host_state;
+    const mldrt_hs_state* new_hs = e->new_host_state;
+    if (!old_hs) {
+        return new_hs ? 1 : 0;
+    }
+    if (!new_hs || old_hs->mode != new_hs->mode) {
+        return 1;
+    }
+    if (!old_hs->list || !new_hs->list) {
+        return old_hs->list != new_hs->list ? 1 : 0;
+    }
+    uint32_t n_old = mldrt_srclist_len(old_hs->list);
+    uint32_t n_new = mldrt_srclist_len(new_hs->list);
+    const mldrt_src* longer = n_new > n_old ? new_hs->list : old_hs->list;
+    const mldrt_src* shorter = n_new > n_old ? old_hs->list : new_hs->list;
+    // An overflowing subtraction (-1) is a difference too: more sources changed than it holds.
+    return mldrt_subtract_srclists(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY, longer, shorter) != 0
+               ? 1
+               : 0;
+}
+
+void mldrt_finish_host_state_update(mldrt_router* r, mldrt_mfdb_entry* e) {
+    (void)r;
+    if (!e->new_host_state) {
+        return;  // nothing was built: the last state stays the one acted upon
+    }
+    free_state(e->old_host_state);
+    e->old_host_state = e->new_host_state;
+    e->new_host_state = nullptr;
+}
+
+void mldrt_take_host_state_change_actions(mldrt_router* r, mldrt_mfdb_entry* e) {
+    if (e->new_host_state && mldrt_diff_host_state(r, e)) {
+        mldrt_dump_host_states(r, e);
+        uint32_t old_mode = e->old_host_state ? e->old_host_state->mode : MLDRT_INCLUDE;
+        mldrt_handle_host_state_transitions(r, e, old_mode, e->new_host_state->mode);
+    }
+    mldrt_finish_host_state_update(r, e);
+}
+
+void mldrt_update_host_state(mldrt_router* r) {
+    for (mldrt_mfdb_entry* e = r->mfdb_list; e; e = e->next) {
+        mldrt_build_host_state(r, e);
+        mldrt_take_host_state_change_actions(r, e);
+    }
+}

@@ -1,0 +1,79 @@
+#include <cstring>
+
+#include "core/bytes.h"
+#include "db/db.h"
+#include "mld/mld.h"
+
+namespace {
+
+const uint8_t kAllMldv2Routers[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x16};
+
+bool is_exclude_type(uint8_t rec_type) {
+    return rec_type == MLDRT_REC_MODE_IS_EXCLUDE || rec_type == MLDRT_REC_CHANGE_TO_EXCLUDE;
+}
+
+uint32_t room(const mldrt_report_builder* rb) {
+    return rb->r->scratch_size - rb->len;
+}
+
+// Starts a record at the end of the buffer; false when not even its header fits.
+bool start_record(mldrt_report_builder* rb, const uint8_t* group, uint8_t rec_type) {
+    if (room(rb) < MLDRT_MCAST_REC_HDR_LEN) {
+        mldrt_rb_flush(rb);
+    }
+    if (room(rb) < MLDRT_MCAST_REC_HDR_LEN) {
+        return false;
+    }
+    rb->len += mldrt_encode_report_mcast_rec(rb->r->scratch + rb->len, group, rec_type);
+    rb->nrec++;
+    return true;
+}
+
+}  // namespace
+
+int mldrt_send_upstream_report(mldrt_router* r, uint32_t nrec, uint32_t len) {
+    if (!r->upstream) {
+        return 0;
+    }
+    return mldrt_send_report(r, r->upstream, kAllMldv2Routers, r->scratch, nrec, len);
+}
+
+void mldrt_rb_init(mldrt_report_builder* rb, mldrt_router* r) {
+    rb->r = r;
+    rb->len = 0;
+    rb->nrec = 0;
+}
+
+void mldrt_rb_flush(mldrt_report_builder* rb) {
+    if (rb->nrec > 0) {
+        mldrt_send_upstream_report(rb->r, rb->nrec, rb->len);
+    }
+    rb->len = 0;
+    rb->nrec = 0;
+}
+
+void mldrt_rb_add(mldrt_report_builder* rb, const uint8_t* group, uint8_t rec_type,
+                  const mldrt_src* list) {
+    // A record that fits as a whole is never split over two reports.
+    uint32_t whole = MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * mldrt_srclist_len(list);
+    if (whole > room(rb) && whole <= rb->r->scratch_size) {
+        mldrt_rb_flush(rb);
+    }
+    if (!start_record(rb, group, rec_type)) {
+        return;
+    }
+    uint8_t* rec = rb->r->scratch + rb->len - MLDRT_MCAST_REC_HDR_LEN;
+    for (const mldrt_src* s = list; s; s = s->next) {
+        if (room(rb) < MLDRT_ADDR_LEN) {
+            if (is_exclude_type(rec_type)) {
+                return;  // an EXCLUDE-type record keeps the first sources that fit
+            }
+            mldrt_rb_flush(rb);
+            if (!start_record(rb, group, rec_type)) {
+                return;
+            }
+            rec = rb->r->scratch + rb->len - MLDRT_MCAST_REC_HDR_LEN;
+        }
+        rb->len += mldrt_append_src_to_mcast_rec(rec, s->src_addr);
+    }
+}
