@@ -94,7 +94,7 @@ int __wrap_socket(int domain, int type, int protocol) {
 }
 
 int __wrap_close(int fd) {
-    if (!is_fake(fd)) {
+    if (!is_fake(fd) && fd != 0) {
         return __real_close(fd);
     }
     fake::log_call("close " + std::to_string(fd));
@@ -107,6 +107,8 @@ int __wrap_bind(int fd, const sockaddr* addr, socklen_t len) {
         return __real_bind(fd, addr, len);
     }
     fake::log_call("bind");
+    const auto* p = reinterpret_cast<const uint8_t*>(addr);
+    g_kernel.bound.emplace_back(p, p + len);
     return g_kernel.bind_result;
 }
 
@@ -124,6 +126,7 @@ ssize_t __wrap_recv(int fd, void* buf, size_t len, int flags) {
     if (!is_fake(fd)) {
         return __real_recv(fd, buf, len, flags);
     }
+    g_kernel.recv_flags.push_back(flags);
     if (g_kernel.netlink_batches.empty()) {
         return -1;
     }
@@ -141,6 +144,7 @@ ssize_t __wrap_recvmsg(int fd, msghdr* msg, int flags) {
         return __real_recvmsg(fd, msg, flags);
     }
     fake::log_call("recvmsg");
+    g_kernel.recvmsg_flags.push_back(flags);
     if (g_kernel.datagrams.empty()) {
         return -1;
     }
@@ -233,6 +237,7 @@ time_t __wrap_time(time_t* out) {
 
 int __wrap_usleep(useconds_t usec) {
     g_kernel.slept_usec += usec;
+    g_kernel.sleeps.push_back(usec);
     if (g_kernel.on_usleep) {
         g_kernel.on_usleep();
     }

@@ -1,7 +1,8 @@
 // The kernel as the unit tests see it: the daemon's system calls are redirected here at link
 // time (GNU ld --wrap), recorded, and answered from what the test queued. Descriptors handed
 // out by the fake start at kFirstFakeFd; calls on lower (real) descriptors pass through, so the
-// test framework's own I/O is untouched.
+// test framework's own I/O is untouched. The one exception is close(0): the daemon must never
+// close descriptor 0, so such a call is recorded like a fake one and not passed on.
 #ifndef MLDPROXYD_TESTS_FAKE_KERNEL_H
 #define MLDPROXYD_TESTS_FAKE_KERNEL_H
 
@@ -57,8 +58,12 @@ struct kernel_state {
     std::deque<std::vector<uint8_t>> netlink_batches;  // recv(): one batch per call
     std::deque<datagram> datagrams;                    // recvmsg()
     int bind_result = 0;
-    int mtu = 1500;  // SIOCGIFMTU answer; negative: the ioctl fails
+    std::vector<std::vector<uint8_t>> bound;  // the address of every bind(), as passed
+    std::vector<int> recv_flags;              // flags of every recv() (netlink)
+    std::vector<int> recvmsg_flags;           // flags of every recvmsg()
+    int mtu = 1500;                           // SIOCGIFMTU answer; negative: the ioctl fails
     uint64_t slept_usec = 0;
+    std::vector<uint32_t> sleeps;     // every usleep() argument, in order
     std::function<void()> on_usleep;  // runs inside every usleep()
     // time() answers a fake clock plus this many seconds. Every reset() moves the fake clock an
     // hour past its last reading, so a once-a-minute rate limit of an earlier test has lapsed.

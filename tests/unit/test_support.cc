@@ -69,6 +69,12 @@ mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {
     return ifp;
 }
 
+std::string stdout_of(const std::function<void()>& f) {
+    testing::internal::CaptureStdout();
+    f();
+    return testing::internal::GetCapturedStdout();
+}
+
 std::vector<std::string> mfc_calls() {
     std::vector<std::string> out;
     for (const auto& c : fake::kernel().sockopts) {

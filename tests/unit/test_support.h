@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,9 @@ std::string ip6_text(const uint8_t* addr);
 // A link on the router's list, as the netlink code would add it: link-local address
 // fe80::<ifindex>, fake socket, buffer sized by fake::kernel().mtu.
 mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi);
+
+// What `f` writes on standard output (the daemon's messages are printf and puts lines).
+std::string stdout_of(const std::function<void()>& f);
 
 // Every MRT6_ADD_MFC (204) and MRT6_DEL_MFC (205) made so far, decoded from its 92 bytes, as
 // "add S G parent P mifs a,b" or "del S G", so that a failing comparison reads as a diff.
