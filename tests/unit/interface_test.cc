@@ -1,0 +1,254 @@
+#include <netinet/icmp6.h>
+#include <sys/select.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "iface/interface.h"
+#include "test_support.h"
+
+namespace {
+
+class InterfaceTest : public RouterTest {
+  protected:
+    // Every interface made by one test, deleted again.
+    void delete_all() {
+        while (router.interfaces) {
+            mldrt_delete_interface(router.interfaces);
+        }
+    }
+};
+
+mldrt_interface_desc desc_of(const char* name, uint32_t ifindex, const char* addr = "fe80::1") {
+    mldrt_interface_desc d{};
+    std::strncpy(d.name, name, sizeof d.name - 1);
+    addr6 a = ip6(addr);
+    std::memcpy(d.addr, a.data(), 16);
+    d.ifindex = ifindex;
+    return d;
+}
+
+std::vector<uint8_t> int_bytes(int v) {
+    std::vector<uint8_t> b(4);
+    std::memcpy(b.data(), &v, 4);
+    return b;
+}
+
+// ipv6_mreq: 16-byte group, then the interface index in host order.
+std::vector<uint8_t> mreq_bytes(const char* group, uint32_t ifindex) {
+    addr6 g = ip6(group);
+    std::vector<uint8_t> b(g.begin(), g.end());
+    b.resize(20);
+    std::memcpy(&b[16], &ifindex, 4);
+    return b;
+}
+
+std::vector<int> passing_types(const std::vector<uint8_t>& value) {
+    icmp6_filter f;
+    EXPECT_EQ(value.size(), sizeof f);
+    std::memcpy(&f, value.data(), std::min(value.size(), sizeof f));
+    std::vector<int> pass;
+    for (int t = 0; t < 256; t++) {
+        if (ICMP6_FILTER_WILLPASS(t, &f)) {
+            pass.push_back(t);
+        }
+    }
+    return pass;
+}
+
+TEST_F(InterfaceTest, UpstreamAndDownstreamSocketsGetTheNineOptionsInOrder) {
+    for (const auto& [name, ifindex] : {std::pair<const char*, uint32_t>{"eth1", 7}, {"up0", 2}}) {
+        SCOPED_TRACE(name);
+        fake::kernel().sockopts.clear();
+        mldrt_interface* ifp = add_link(name, ifindex, 0);
+        ASSERT_NE(ifp, nullptr);
+        const auto& s = fake::kernel().sockets.back();
+        EXPECT_EQ(s.fd, ifp->sock);
+        EXPECT_EQ(s.domain, AF_INET6);
+        EXPECT_EQ(s.type, SOCK_RAW);
+        EXPECT_EQ(s.protocol, 58);
+        struct Want {
+            int level, name;
+            std::vector<uint8_t> value;
+        };
+        const std::vector<Want> want = {
+            {SOL_SOCKET, SO_REUSEADDR, int_bytes(1)},
+            {41, IPV6_MULTICAST_HOPS, int_bytes(1)},
+            {41, IPV6_MULTICAST_LOOP, int_bytes(0)},
+            {41, IPV6_MULTICAST_IF, int_bytes(static_cast<int>(ifindex))},
+            {41, IPV6_ADD_MEMBERSHIP, mreq_bytes("ff02::2", ifindex)},
+            {41, IPV6_ADD_MEMBERSHIP, mreq_bytes("ff02::16", ifindex)},
+            {255, IPV6_CHECKSUM, int_bytes(2)},  // SOL_RAW: the kernel checks the checksum
+            {41, IPV6_RECVPKTINFO, int_bytes(1)},
+            {58, ICMP6_FILTER, {}},
+        };
+        const auto& got = fake::kernel().sockopts;
+        ASSERT_EQ(got.size(), want.size());
+        for (size_t i = 0; i < want.size(); i++) {
+            SCOPED_TRACE(testing::Message() << "option " << i);
+            EXPECT_EQ(got[i].fd, ifp->sock);
+            EXPECT_EQ(got[i].level, want[i].level);
+            EXPECT_EQ(got[i].name, want[i].name);
+            if (i + 1 < want.size()) {
+                EXPECT_EQ(got[i].value, want[i].value);
+            }
+        }
+        EXPECT_EQ(passing_types(got.back().value), (std::vector<int>{130, 131, 132, 143}));
+    }
+}
+
+TEST_F(InterfaceTest, FailedCreationPrintsWhyAndReleasesEverything) {
+    struct Row {
+        const char* name;
+        std::function<void()> setup;
+        const char* out;
+    };
+    auto fail_option = [](int k) {
+        return [k] {
+            fake::kernel().sockopt_result = [k, n = 0](const fake::sockopt_call&) mutable {
+                return n++ == k ? -1 : 0;
+            };
+        };
+    };
+    const std::vector<Row> rows = {
+        {"SO_REUSEADDR", fail_option(0), "MLDRT: SetSockOpt failed for SO_REUSEADDR\n"},
+        {"hops", fail_option(1), "MLDRT: SetSockOpt failed for IPV6_MULTICAST_HOPS\n"},
+        {"loop", fail_option(2), "MLDRT: SetSockOpt failed for IPV6_MULTICAST_LOOP\n"},
+        {"multicast if", fail_option(3), "MLDRT: SetSockOpt failed for IP_MULTICAST_IF -1\n"},
+        {"join ff02::2", fail_option(4), "MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP1\n"},
+        {"join ff02::16", fail_option(5), "MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP2\n"},
+        {"checksum", fail_option(6), "MLDRT: SetSockOpt failed for IPV6_CHECKSUM\n"},
+        {"pktinfo", fail_option(7), "MLDRT: SetSockOpt failed for IPV6_RECVPKTINFO\n"},
+        {"filter", fail_option(8), "MLDRT: SetSockOpt failed for ICMP Filter\n"},
+        {"no socket", [] { fake::kernel().socket_result = -1; },
+         "MLDRT: Cant open interface socket\n"},
+        // The MTU query takes FD_SETSIZE - 1, the interface socket FD_SETSIZE: select() could
+        // never watch it.
+        {"socket beyond FD_SETSIZE", [] { fake::kernel().next_fd = FD_SETSIZE - 1; },
+         "MLDRT: Cant open interface socket\n"},
+    };
+    for (size_t i = 0; i < rows.size(); i++) {
+        SCOPED_TRACE(rows[i].name);
+        auto& k = fake::kernel();
+        k.sockets.clear();
+        k.closed.clear();
+        k.socket_result = 0;
+        k.next_fd = 600 + 10 * static_cast<int>(i);
+        rows[i].setup();
+        mldrt_interface_desc d = desc_of("eth1", 7);
+        mldrt_interface* ifp = nullptr;
+        EXPECT_EQ(stdout_of([&] { ifp = mld_add_interface(&router, &d, 0); }), rows[i].out);
+        EXPECT_EQ(ifp, nullptr);
+        EXPECT_EQ(router.interfaces, nullptr);
+        for (const auto& s : k.sockets) {
+            EXPECT_EQ(std::count(k.closed.begin(), k.closed.end(), s.fd), 1) << s.fd;
+        }
+        k.sockopt_result = nullptr;
+    }
+    fake::kernel().socket_result = 0;
+}
+
+TEST_F(InterfaceTest, RoleBufferAndCountsFollowNameMtuAndConfiguration) {
+    struct Row {
+        const char* name;
+        int mtu;
+        uint32_t robustness;
+        int is_upstream;
+        uint32_t buf_size, startup_query_count;
+    };
+    const std::vector<Row> rows = {
+        {"up0", 1500, 2, 1, 1500, 1},
+        {"eth1", 9000, 2, 0, 9000, 1},
+        {"up00", 1500, 3, 0, 1500, 2},
+        {"up", 1500, 2, 0, 1500, 1},
+        {"UP0", 1500, 2, 0, 1500, 1},
+        {"eth1", -1, 2, 0, 2048, 1},
+        {"eth1", 1500, 0, 0, 1500, 0xffffffffu},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::Message() << row.name << " mtu " << row.mtu);
+        fake::kernel().mtu = row.mtu;
+        router.robustness = row.robustness;
+        std::memset(router.upstream_addr, 0, 16);
+        mldrt_interface_desc d = desc_of(row.name, 7, "fe80::abcd");
+        mldrt_interface* ifp = mld_add_interface(&router, &d, 4);
+        ASSERT_NE(ifp, nullptr);
+        EXPECT_EQ(ifp->is_upstream, row.is_upstream);
+        EXPECT_EQ(ifp->querier, 1 - row.is_upstream);
+        EXPECT_EQ(ip6_text(router.upstream_addr), row.is_upstream ? "fe80::abcd" : "::");
+        EXPECT_EQ(ip6_text(ifp->addr), "fe80::abcd");
+        EXPECT_EQ(ifp->buf_size, row.buf_size);
+        EXPECT_EQ(ifp->startup_query_count, row.startup_query_count);
+        EXPECT_EQ(ifp->query_timer, 125u);  // so that the first count sends
+        EXPECT_EQ(ifp->query_interval, 125u);
+        EXPECT_EQ(ifp->query_response_interval, 10000u);
+        EXPECT_EQ(ifp->mld_version, 2);
+        EXPECT_EQ(ifp->mifi, 4);
+        EXPECT_EQ(ifp->ifindex, 7u);
+        EXPECT_EQ(ifp->started, 0);
+        std::memset(ifp->buf, 0xa5, ifp->buf_size);  // ASan: the buffer really is that big
+        delete_all();
+    }
+}
+
+TEST_F(InterfaceTest, AddingAKnownNameReturnsTheExistingRecordUnchanged) {
+    mldrt_interface* first = add_link("eth1", 7, 0);
+    size_t sockets = fake::kernel().sockets.size();
+    mldrt_interface_desc d = desc_of("eth1", 9, "fe80::99");
+    EXPECT_EQ(mld_add_interface(&router, &d, 4), first);
+    EXPECT_EQ(fake::kernel().sockets.size(), sockets);
+    EXPECT_EQ(first->ifindex, 7u);
+    EXPECT_EQ(first->mifi, 0);
+    EXPECT_EQ(ip6_text(first->addr), "fe80::7");
+    EXPECT_EQ(first->next, nullptr);
+}
+
+TEST_F(InterfaceTest, LookupsFindTheRecordByNameIndexOrAddress) {
+    mldrt_interface* a = add_link("eth1", 7, 0);
+    mldrt_interface* b = add_link("eth2", 8, 1);
+    mldrt_interface* c = add_link("eth3", 9, 2);
+    EXPECT_EQ(router.interfaces, c);  // new records at the head
+    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth2"), b);
+    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth"), nullptr);
+    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth22"), nullptr);
+    EXPECT_EQ(mldrt_lookup_interface_index(&router, 7), a);
+    EXPECT_EQ(mldrt_lookup_interface_index(&router, 10), nullptr);
+    EXPECT_EQ(mldrt_lookup_interface_addr(&router, ip6("fe80::9").data()), c);
+    EXPECT_EQ(mldrt_lookup_interface_addr(&router, ip6("fe81::9").data()), nullptr);
+    EXPECT_EQ(mldrt_lookup_interface_addr(&router, ip6("fe80::1:9").data()), nullptr);
+    mldrt_delete_interface(b);  // unlinking from the middle keeps both neighbours reachable
+    EXPECT_EQ(c->next, a);
+    EXPECT_EQ(a->pprev, &c->next);
+    EXPECT_EQ(mldrt_lookup_interface_index(&router, 8), nullptr);
+}
+
+TEST_F(InterfaceTest, NewMifIndexIsTheLowestFree) {
+    struct Row {
+        std::vector<uint16_t> taken;
+        uint16_t next;
+    };
+    const std::vector<Row> rows = {
+        {{}, 0}, {{0, 1, 2}, 3}, {{1, 2}, 0}, {{0, 2}, 1}, {{2, 0, 1, 4}, 3},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.taken));
+        for (size_t i = 0; i < row.taken.size(); i++) {
+            add_link(("l" + std::to_string(i)).c_str(), 10 + static_cast<uint32_t>(i),
+                     row.taken[i]);
+        }
+        EXPECT_EQ(mldrt_get_new_vifi(&router), row.next);
+        delete_all();
+    }
+    add_link("a", 2, 0);
+    add_link("b", 3, 1);
+    add_link("c", 4, 2);
+    mldrt_delete_interface(mldrt_lookup_interface_name(&router, "a"));
+    EXPECT_EQ(mldrt_get_new_vifi(&router), 0);
+    EXPECT_EQ(add_link("d", 5, mldrt_get_new_vifi(&router))->mifi, 0);
+    EXPECT_EQ(mldrt_get_new_vifi(&router), 3);
+}
+
+}  // namespace
