@@ -137,17 +137,13 @@ TEST_F(RecordsTest, ListCodesSelectTheirList) {
         mldrt_mfdb_entry* e = g->mfdb;
         e->new_host_state = static_cast<mldrt_hs_state*>(calloc(1, sizeof(mldrt_hs_state)));
         auto heads = [&] {
-            return std::vector<mldrt_src*>{g->include_list,
-                                           g->req_list,
-                                           g->exc_list,
-                                           g->srsp_list,
-                                           g->non_srsp_list,
-                                           e->old_host_state->list,
-                                           e->new_host_state->list,
-                                           e->scr_to_ex_list,
-                                           e->scr_to_in_list,
-                                           e->scr_allow_list,
-                                           e->scr_block_list};
+            std::vector<mldrt_src*> h = {g->include_list, g->req_list, g->exc_list, g->srsp_list};
+            for (mldrt_src* l :
+                 {g->non_srsp_list, e->old_host_state->list, e->new_host_state->list,
+                  e->scr_to_ex_list, e->scr_to_in_list, e->scr_allow_list, e->scr_block_list}) {
+                h.push_back(l);
+            }
+            return h;
         };
         // Codes 5 to 10 need only the forwarding entry: the host-state code passes no group.
         mldrt_group* gp = row.code >= 5 && row.code <= 10 ? nullptr : g;
@@ -326,7 +322,7 @@ TEST_F(RecordsTest, The16385thGroupIsRefusedAndNothingElseChanges) {
     EXPECT_NE(mldrt_add_mfdb_entry(&router, G(1).data()), nullptr) << "room again after a delete";
 }
 
-TEST_F(RecordsTest, MfdbEntriesDeleteFromAnyPositionAndKeepTheCount) {
+TEST_F(RecordsTest, MfdbEntriesDeleteFromAnyPositionKeepTheCountAndMapOnce) {
     struct Row {
         const char* name;
         std::vector<int> deletions;
@@ -352,6 +348,12 @@ TEST_F(RecordsTest, MfdbEntriesDeleteFromAnyPositionAndKeepTheCount) {
             EXPECT_EQ(mldrt_lookup_mfdb_entry(&router, G(row.deletions[i]).data()), nullptr);
         }
     }
+    // A group is mapped to its entry once.
+    mldrt_group* g = mldrt_add_group(&router, link, G(1).data());
+    mldrt_mfdb_entry* first = mldrt_add_mfdb_entry(&router, G(1).data());
+    mldrt_create_gr_mfd_mapping(&router, g, first);
+    mldrt_create_gr_mfd_mapping(&router, g, mldrt_add_mfdb_entry(&router, G(2).data()));
+    EXPECT_EQ(g->mfdb, first);
 }
 
 TEST_F(RecordsTest, FwinfoEmptinessUsesReversedSense) {
@@ -387,14 +389,6 @@ TEST_F(RecordsTest, FwinfoEmptinessUsesReversedSense) {
         EXPECT_EQ(mldrt_lookup_fwinfo_in_fdb(g, S(1).data()) != nullptr, row.record);
         EXPECT_EQ(is_fwinfo_empty_for_grp_src(g, S(1).data()), row.expected);
     }
-}
-
-TEST_F(RecordsTest, MappingIsMadeOncePerGroup) {
-    mldrt_group* g = mldrt_add_group(&router, link, G(1).data());
-    mldrt_mfdb_entry* first = mldrt_add_mfdb_entry(&router, G(1).data());
-    mldrt_create_gr_mfd_mapping(&router, g, first);
-    mldrt_create_gr_mfd_mapping(&router, g, mldrt_add_mfdb_entry(&router, G(2).data()));
-    EXPECT_EQ(g->mfdb, first);
 }
 
 TEST_F(RecordsTest, MembershipInfoOrsSourceAndAnySourceMarks) {

@@ -1,6 +1,7 @@
 // Forwarding-aware list operations, observed where they meet the kernel: the MRT6_ADD_MFC and
-// MRT6_DEL_MFC calls on the router socket.
+// MRT6_DEL_MFC calls on the router socket. Upstream is MIF 5; links on MIFs 1 and 3.
 #include <algorithm>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -13,6 +14,21 @@ namespace {
 
 const addr6 kAny{};
 
+// The kernel calls with 2001:db8::n written Sn, ff0e::n written Gn and parent 5 left out, sorted.
+std::vector<std::string> kernel_calls() {
+    std::vector<std::string> out = mfc_calls();
+    for (auto& s : out) {
+        for (const auto& [from, to] : std::vector<std::pair<std::string, std::string>>{
+                 {"2001:db8::", "S"}, {"ff0e::", "G"}, {" parent 5 mifs ", " mifs "}}) {
+            for (size_t at; (at = s.find(from)) != std::string::npos;) {
+                s.replace(at, from.size(), to);
+            }
+        }
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
 class ForwardingTest : public RouterTest {
   protected:
     void SetUp() override {
@@ -22,44 +38,46 @@ class ForwardingTest : public RouterTest {
         links[1] = add_link("eth1", 11, 1);
         links[3] = add_link("eth3", 13, 3);
     }
-    // The group on link `mif`, joined as a report handler joins it.
-    mldrt_group* group(int mif, const char* grp = "ff0e::1") {
-        mldrt_group* g = mldrt_add_group(&router, links[mif], ip6(grp).data());
-        mldrt_create_gr_mfd_mapping(&router, g, mldrt_add_mfdb_entry(&router, ip6(grp).data()));
+    // Group Gn on the link of MIF `mif`, joined as a report handler joins it.
+    mldrt_group* group(int mif, int n = 1) {
+        addr6 a = ip6("ff0e::");
+        a[15] = static_cast<uint8_t>(n);
+        mldrt_group* g = mldrt_add_group(&router, links[mif], a.data());
+        mldrt_create_gr_mfd_mapping(&router, g, mldrt_add_mfdb_entry(&router, a.data()));
         return g;
+    }
+    static addr6 source(const char* text) {
+        return text[0] == 'S' ? ip6(("2001:db8::" + std::string(text + 1)).c_str()) : kAny;
     }
 
     struct Step {
         const char* name;
-        bool add;
-        int mif;
-        uint32_t ltype;
-        const char* src;
-        std::vector<std::string> kernel;  // in any order
-        int del_mifi = -1;                // checked unless -1
+        const char* op;  // "add|del <mif> inc|req|exc <Sn|::> [group n]"
+        std::vector<std::string> kernel;
+        int del_mifi = -1;  // checked unless -1
         std::function<void()> check = nullptr;
-        const char* grp = "ff0e::1";
     };
 
     void run(const std::vector<Step>& steps) {
         for (const auto& st : steps) {
             SCOPED_TRACE(st.name);
+            char verb[4], list[4], src[8];
+            int mif = 0, grp = 1;
+            ASSERT_GE(std::sscanf(st.op, "%3s %d %3s %7s %d", verb, &mif, list, src, &grp), 4);
+            const uint32_t code = std::string("increqexc").find(list) / 3;
             fake::kernel().sockopts.clear();
             router.del_mifi = 99;
-            mldrt_group* g = group(st.mif, st.grp);
-            const addr6 src = ip6(st.src);
+            mldrt_group* g = group(mif, grp);
+            const addr6 s = source(src);
             testing::internal::CaptureStdout();
-            int rc = st.add ? mldrt_add_entry_to_grp_srclist(&router, g, st.ltype, src.data(), 260,
-                                                             links[st.mif])
-                            : mldrt_remove_entry_from_grp_srclist(&router, g, g->mfdb, st.ltype,
-                                                                  src.data(), links[st.mif]);
+            EXPECT_EQ(
+                std::string(verb) == "add"
+                    ? mldrt_add_entry_to_grp_srclist(&router, g, code, s.data(), 260, links[mif])
+                    : mldrt_remove_entry_from_grp_srclist(&router, g, g->mfdb, code, s.data(),
+                                                          links[mif]),
+                0);
             EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-            EXPECT_EQ(rc, 0);
-            std::vector<std::string> got = mfc_calls();
-            std::vector<std::string> want = st.kernel;
-            std::sort(got.begin(), got.end());
-            std::sort(want.begin(), want.end());
-            EXPECT_EQ(got, want);
+            EXPECT_EQ(kernel_calls(), st.kernel);
             if (st.del_mifi >= 0) {
                 EXPECT_EQ(router.del_mifi, static_cast<uint32_t>(st.del_mifi));
             }
@@ -74,123 +92,69 @@ class ForwardingTest : public RouterTest {
 };
 
 TEST_F(ForwardingTest, SourceSpecificEntryFollowsTheMarks) {
-    const char* s1 = "2001:db8::1";
-    const char* s2 = "2001:db8::2";
-    auto fw = [&](const char* src) {
-        return mldrt_lookup_fwinfo_in_fdb(group(1), ip6(src).data());
-    };
+    auto fw = [&](const char* s) { return mldrt_lookup_fwinfo_in_fdb(group(1), source(s).data()); };
     run({
-        {"AddOnMif1", true, 1, 0, s1, {"add 2001:db8::1 ff0e::1 parent 5 mifs 1"}},
-        {"AddOnMif3", true, 3, 0, s1, {"add 2001:db8::1 ff0e::1 parent 5 mifs 1,3"}},
+        {"AddOnMif1", "add 1 inc S1", {"add S1 G1 mifs 1"}},
+        {"AddOnMif3", "add 3 inc S1", {"add S1 G1 mifs 1,3"}},
         {"AddAgainOnMif1RefreshesTimerOnly",
-         true,
-         1,
-         0,
-         s1,
+         "add 1 inc S1",
          {},
          -1,
          [&] {
-             mldrt_src* s = mldrt_lookup_src_in_grplist(group(1)->include_list, ip6(s1).data());
-             ASSERT_NE(s, nullptr);
-             EXPECT_EQ(s->timer, 260);
-             EXPECT_EQ(s->next, nullptr) << "one entry";
+             ASSERT_NE(group(1)->include_list, nullptr);
+             EXPECT_EQ(group(1)->include_list->timer, 260);
+             EXPECT_EQ(group(1)->include_list->next, nullptr) << "one entry";
          }},
         {"ExcludedSourceIsNeverForwarded",
-         true,
-         1,
-         2,
-         s2,
+         "add 1 exc S2",
          {},
          -1,
          [&] {
              EXPECT_NE(group(1)->exc_list, nullptr);
-             EXPECT_EQ(fw(s2), nullptr);
+             EXPECT_EQ(fw("S2"), nullptr);
          }},
-        {"RequestedSourceOnMif1", true, 1, 1, s2, {"add 2001:db8::2 ff0e::1 parent 5 mifs 1"}},
-        {"RemoveFromMif1", false, 1, 0, s1, {"add 2001:db8::1 ff0e::1 parent 5 mifs 3"}, 99},
+        {"RequestedSourceOnMif1", "add 1 req S2", {"add S2 G1 mifs 1"}},
+        {"RemoveFromMif1", "del 1 inc S1", {"add S1 G1 mifs 3"}, 99},
         {"RemoveLastMarkDeletesEntryAndRecord",
-         false,
-         3,
-         0,
-         s1,
-         {"del 2001:db8::1 ff0e::1"},
+         "del 3 inc S1",
+         {"del S1 G1"},
          99,
-         [&] {
-             EXPECT_EQ(fw(s1), nullptr);
-             EXPECT_EQ(group(3)->include_list, nullptr);
-         }},
+         [&] { EXPECT_EQ(fw("S1"), nullptr); }},
         {"ExcludedSourceRemovalTouchesNothing",
-         false,
-         1,
-         2,
-         s2,
+         "del 1 exc S2",
          {},
          -1,
          [&] {
              EXPECT_EQ(group(1)->exc_list, nullptr);
-             EXPECT_NE(fw(s2), nullptr) << "the requested source still forwards";
+             EXPECT_NE(fw("S2"), nullptr) << "the requested source still forwards";
          }},
         // The mark goes even when the list no longer names the source.
         {"UnlistedSourceStillWithdrawsItsMark",
-         false,
-         1,
-         0,
-         s2,
-         {"del 2001:db8::2 ff0e::1"},
+         "del 1 inc S2",
+         {"del S2 G1"},
          -1,
          [&] { EXPECT_NE(group(1)->req_list, nullptr); }},
     });
 }
 
 TEST_F(ForwardingTest, AnySourceMarksRewriteStarGAndEverySourceEntryOfTheGroup) {
-    const char* s1 = "2001:db8::1";
-    const char* s2 = "2001:db8::2";
     run({
-        {"OtherGroupSource",
-         true,
-         3,
-         0,
-         s1,
-         {"add 2001:db8::1 ff0e::2 parent 5 mifs 3"},
-         -1,
-         nullptr,
-         "ff0e::2"},
-        {"SourceOnMif1", true, 1, 0, s1, {"add 2001:db8::1 ff0e::1 parent 5 mifs 1"}},
-        {"AnySourceJoinsOnMif3",
-         true,
-         3,
-         1,
-         "::",
-         {"add :: ff0e::1 parent 5 mifs 3,5", "add 2001:db8::1 ff0e::1 parent 5 mifs 1,3"}},
-        {"SecondSourceCarriesTheAnySourceMifs",
-         true,
-         1,
-         0,
-         s2,
-         {"add 2001:db8::2 ff0e::1 parent 5 mifs 1,3"}},
+        {"OtherGroupSource", "add 3 inc S1 2", {"add S1 G2 mifs 3"}},
+        {"SourceOnMif1", "add 1 inc S1", {"add S1 G1 mifs 1"}},
+        {"AnySourceJoinsOnMif3", "add 3 req ::", {"add :: G1 mifs 3,5", "add S1 G1 mifs 1,3"}},
+        {"SecondSourceCarriesAnySourceMifs", "add 1 inc S2", {"add S2 G1 mifs 1,3"}},
         {"AnySourceJoinsOnMif1",
-         true,
-         1,
-         1,
-         "::",
-         {"add :: ff0e::1 parent 5 mifs 1,3,5", "add 2001:db8::1 ff0e::1 parent 5 mifs 1,3",
-          "add 2001:db8::2 ff0e::1 parent 5 mifs 1,3"}},
+         "add 1 req ::",
+         {"add :: G1 mifs 1,3,5", "add S1 G1 mifs 1,3", "add S2 G1 mifs 1,3"}},
         {"AnySourceLeavesMif3",
-         false,
-         3,
-         1,
-         "::",
-         {"add :: ff0e::1 parent 5 mifs 1,5", "add 2001:db8::1 ff0e::1 parent 5 mifs 1",
-          "add 2001:db8::2 ff0e::1 parent 5 mifs 1"},
+         "del 3 req ::",
+         {"add :: G1 mifs 1,5", "add S1 G1 mifs 1", "add S2 G1 mifs 1"},
          3},
         // Without its own record the source is forwarded by the (*,G) entry.
-        {"SourceLosingLastMarkIsLeftToStarG", false, 1, 0, s2, {"del 2001:db8::2 ff0e::1"}},
+        {"SourceLosingLastMarkIsLeftToStarG", "del 1 inc S2", {"del S2 G1"}},
         {"LastAnySourceMarkRemovesStarG",
-         false,
-         1,
-         1,
-         "::",
-         {"del :: ff0e::1", "add 2001:db8::1 ff0e::1 parent 5 mifs 1"},
+         "del 1 req ::",
+         {"add S1 G1 mifs 1", "del :: G1"},
          1,
          [&] { EXPECT_EQ(mldrt_lookup_fwinfo_in_fdb(group(1), kAny.data()), nullptr); }},
     });
@@ -198,29 +162,19 @@ TEST_F(ForwardingTest, AnySourceMarksRewriteStarGAndEverySourceEntryOfTheGroup) 
 
 TEST_F(ForwardingTest, WithoutUpstreamMarksAreKeptAndWrittenWhenItAppears) {
     router.upstream = nullptr;
-    const addr6 s1 = ip6("2001:db8::1");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(mldrt_add_entry_to_grp_srclist(&router, group(1), 0, s1.data(), 9, links[1]), 0);
-    EXPECT_EQ(mldrt_add_entry_to_grp_srclist(&router, group(3), 1, kAny.data(), 9, links[3]), 0);
-    EXPECT_EQ(mldrt_add_entry_to_grp_srclist(&router, group(1), 1, kAny.data(), 9, links[1]), 0);
-    EXPECT_EQ(mldrt_remove_entry_from_grp_srclist(&router, group(1), group(1)->mfdb, 1, kAny.data(),
-                                                  links[1]),
-              0);
-    mldrt_group* g2 = group(3, "ff0e::2");
-    EXPECT_EQ(mldrt_add_entry_to_grp_srclist(&router, g2, 0, s1.data(), 9, links[3]), 0);
-    EXPECT_EQ(mldrt_add_entry_to_grp_srclist(&router, g2, 1, kAny.data(), 9, links[3]), 0);
-    EXPECT_EQ(mldrt_remove_entry_from_grp_srclist(&router, g2, g2->mfdb, 1, kAny.data(), links[3]),
-              0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_EQ(mfc_calls(), std::vector<std::string>{});
-
+    run({
+        {"Source", "add 1 inc S1", {}},
+        {"AnySource", "add 3 req ::", {}},
+        {"SecondAnySource", "add 1 req ::", {}},
+        {"AnySourceLeaves", "del 1 req ::", {}},
+        {"OtherGroup", "add 3 inc S1 2", {}},
+        {"OtherGroupAnySource", "add 3 req :: 2", {}},
+        {"OtherGroupLastAnySourceMarkGoes", "del 3 req :: 2", {}},
+    });
     router.upstream = up;
     mldrt_rewrite_kernel_forwarding(&router);
-    std::vector<std::string> got = mfc_calls();
-    std::sort(got.begin(), got.end());
-    EXPECT_EQ(got, (std::vector<std::string>{"add 2001:db8::1 ff0e::1 parent 5 mifs 1,3",
-                                             "add 2001:db8::1 ff0e::2 parent 5 mifs 3",
-                                             "add :: ff0e::1 parent 5 mifs 3,5"}));
+    EXPECT_EQ(kernel_calls(), (std::vector<std::string>{"add :: G1 mifs 3,5", "add S1 G1 mifs 1,3",
+                                                        "add S1 G2 mifs 3"}));
 }
 
 TEST_F(ForwardingTest, InvalidListCodesAndFullListsAreRefused) {
@@ -254,26 +208,22 @@ TEST_F(ForwardingTest, InvalidListCodesAndFullListsAreRefused) {
          "\n FATAL Error - Cannot del src from group exclude list"},
         {"SixtyFifthSourceOfAList",
          [&](mldrt_group* g, const uint8_t*) {
-             for (int i = 0; i < 63; i++) {
-                 addr6 a = ip6("2001:db8:1::");
-                 a[15] = static_cast<uint8_t>(i);
-                 mldrt_add_src_to_group(g, g->mfdb, 0, a.data());
+             for (int i = 2; i <= 64; i++) {
+                 mldrt_add_src_to_group(g, g->mfdb, 0,
+                                        source(("S" + std::to_string(i)).c_str()).data());
              }
-             fake::kernel().sockopts.clear();
-             return mldrt_add_entry_to_grp_srclist(&router, g, 0, ip6("2001:db8::99").data(), 5,
-                                                   links[1]);
+             return add(0)(g, source("S99").data());
          },
          -1,
          "MLDRT: Limit of 64 sources per list reached, request not handled\n"
          "MLDRT: Couldnt add src to grp include list\n"},
     };
-    const addr6 s1 = ip6("2001:db8::1");
+    const addr6 s1 = source("S1");
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         mldrt_group* g = group(1);
         mldrt_add_entry_to_grp_srclist(&router, g, 0, s1.data(), 5, links[1]);
         fake::kernel().sockopts.clear();
-        fake::kernel().clock_seconds += 3600;
         testing::internal::CaptureStdout();
         EXPECT_EQ(row.call(g, s1.data()), row.result);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), row.out);
