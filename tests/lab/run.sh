@@ -57,12 +57,30 @@ if [[ ${#missing[@]} -gt 0 ]]; then
   result "not ok" lab_tools_present "missing: ${missing[*]}"
 fi
 
-echo "# daemon: $LAB_DAEMON$([[ -x $LAB_DAEMON ]] || echo ' (MISSING)')"
-echo "# ThreadSanitizer daemon: ${MLD_TSAN_DAEMON:-not set}"
-echo "# kernel $(uname -r)"
-
 echo "# namespaces: ${LAB_PREFIX}*, state: $LAB_STATE"
 lab_clean_stale_runs
+
+# The binaries under test are copied first: a rebuild during the run (build/ is shared with
+# whoever works in this tree) then cannot pull one away or swap it half-way.
+mkdir -p "$LAB_STATE/bin"
+snapshot() { # VARIABLE PATH NAME
+  local copy=$LAB_STATE/bin/$3
+  if [[ -f $2 && -x $2 ]] && cp -- "$2" "$copy"; then
+    echo "# $3: $2 ($(stat -c %s "$copy") bytes, sha256 $(sha256sum "$copy" | cut -c1-16)), run from $copy"
+    export "$1=$copy"
+  else
+    echo "# $3: $2 is MISSING"
+  fi
+}
+snapshot MLD_DAEMON "$LAB_DAEMON" mldproxyd
+LAB_DAEMON=${MLD_DAEMON:-$LAB_DAEMON}
+if [[ -n ${MLD_TSAN_DAEMON:-} ]]; then
+  snapshot MLD_TSAN_DAEMON "$(realpath -m -- "$MLD_TSAN_DAEMON")" mldproxyd-tsan
+else
+  echo "# mldproxyd-tsan: MLD_TSAN_DAEMON not set"
+fi
+echo "# kernel $(uname -r)"
+
 lab_down || result "not ok" lab_leftovers_removed "namespaces of an earlier run could not be removed"
 
 START=$(lab_now_us)
