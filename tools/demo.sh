@@ -1,0 +1,181 @@
+#!/usr/bin/env bash
+# mldproxyd demo (root, Debian 12): builds the daemon if needed, brings up the lab of network
+# namespaces (tools/lab.sh), runs the daemon in the router namespace and shows, as it happens,
+# the daemon finding the router's links and registering them as multicast interfaces (MIFs) in
+# the kernel, a link added while it runs, and the clean shutdown on SIGTERM. The lab is removed
+# at the end, also when the demo is interrupted.
+#
+#   sudo bash tools/demo.sh
+#
+# Environment: MLD_DAEMON (a daemon binary to use instead of building build/mldproxyd).
+
+set -u
+export LC_ALL=C
+
+ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# A lab of its own ("mldlab-demo-rt", ...), apart from one brought up by hand and from test runs.
+export MLD_LAB_PREFIX=${MLD_LAB_PREFIX:-mldlab-demo-}
+export MLD_LAB_STATE=${MLD_LAB_STATE:-/run/mldlab/demo}
+
+if [[ $(id -u) -ne 0 ]]; then
+  echo "tools/demo.sh needs root (network namespaces, multicast routing): sudo bash tools/demo.sh" >&2
+  exit 1
+fi
+
+# shellcheck source=tools/lab.sh
+. "$ROOT/tools/lab.sh"
+
+T0=$(lab_now_us)
+TAIL_PID=''
+
+stamp() {
+  local cs=$((($(lab_now_us) - T0) / 10000))
+  printf '[%3d.%02ds]' $((cs / 100)) $((cs % 100))
+}
+step() { printf '\n%s == %s\n' "$(stamp)" "$*"; }
+info() { printf '%s    %s\n' "$(stamp)" "$*"; }
+die() {
+  printf '%s    FAILED: %s\n' "$(stamp)" "$*" >&2
+  exit 1
+}
+
+cleanup() {
+  if [[ -n $TAIL_PID ]]; then
+    kill "$TAIL_PID" 2>/dev/null
+    wait "$TAIL_PID" 2>/dev/null
+  fi
+  lab_down >/dev/null 2>&1 || lab_down
+  rm -rf -- "$LAB_STATE"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+# show_mifs: the router kernel's MIF table, indented.
+show_mifs() {
+  local table
+  table=$(ip netns exec "$(lab_ns "$LAB_RT")" cat /proc/net/ip6_mr_vif 2>/dev/null)
+  if [[ $(wc -l <<<"$table") -le 1 ]]; then
+    info "  /proc/net/ip6_mr_vif: (no MIF)"
+  else
+    info "  /proc/net/ip6_mr_vif:"
+    printf '               %s\n' "${table//$'\n'/$'\n'               }"
+  fi
+}
+
+# watch_mifs DONE_COMMAND TIMEOUT: print the MIF table each time it changes, until the command
+# succeeds (0) or time is up (1).
+watch_mifs() {
+  local done_cmd=$1 timeout=$2 deadline last='' now finished
+  deadline=$(($(lab_now_us) + timeout * 1000000))
+  while true; do
+    finished=0
+    $done_cmd && finished=1
+    # Read the table after the test, so that the table that satisfied it is always shown.
+    now=$(lab_mifs | tr '\n' ' ')
+    if [[ $now != "$last" ]]; then
+      show_mifs
+      last=$now
+    fi
+    [[ $finished -eq 1 ]] && return 0
+    [[ $(lab_now_us) -ge $deadline ]] && return 1
+    sleep 0.2
+  done
+}
+
+# ---------------------------------------------------------------------------------------------
+step "1. The daemon"
+
+needed=()
+for tool in cmake g++ make ip unshare strace tcpdump; do command -v "$tool" >/dev/null || needed+=("$tool"); done
+/usr/bin/python3 -c 'import scapy' 2>/dev/null || needed+=(python3-scapy)
+if [[ ${#needed[@]} -gt 0 ]]; then
+  info "missing: ${needed[*]}; installing the project's packages (tools/test.sh packages)"
+  bash "$ROOT/tools/test.sh" packages || die "could not install the packages"
+fi
+
+if [[ -n ${MLD_DAEMON:-} ]]; then
+  info "using MLD_DAEMON=$LAB_DAEMON"
+else
+  if [[ ! -f $ROOT/build/CMakeCache.txt ]]; then
+    info "cmake -S . -B build -DMLD_TESTS=OFF"
+    cmake -S "$ROOT" -B "$ROOT/build" -DMLD_TESTS=OFF >/dev/null || die "cmake could not configure build/"
+  fi
+  info "cmake --build build -j2"
+  cmake --build "$ROOT/build" -j2 >"$ROOT/build/demo-build.log" 2>&1 || {
+    tail -n 30 "$ROOT/build/demo-build.log"
+    die "the build failed (whole output in build/demo-build.log)"
+  }
+fi
+[[ -x $LAB_DAEMON ]] || die "no daemon at $LAB_DAEMON"
+info "daemon: $LAB_DAEMON ($(stat -c %s "$LAB_DAEMON") bytes)"
+
+# ---------------------------------------------------------------------------------------------
+step "2. The lab (network namespaces ${LAB_PREFIX}*)"
+lab_up || die "the lab could not be built"
+cat <<EOF
+      src (eth0) ── br0 in ${LAB_PREFIX}up: MLD snooping, MLDv2 querier ── up0 ┐
+                                                                              │ ${LAB_PREFIX}rt
+                                                   h1 (eth0) ── dn1 ──────────┤ runs mldproxyd
+                                                   h2 (eth0) ── dn2 ──────────┘
+EOF
+info "router links and their link-local addresses:"
+ip -n "$(lab_ns "$LAB_RT")" -6 -o addr show scope link | awk '{ printf "               %-5s %s\n", $2, $4 }'
+show_mifs
+
+# ---------------------------------------------------------------------------------------------
+step "3. Start mldproxyd in the router namespace"
+CONF=$LAB_STATE/mld.conf
+mkdir -p "$LAB_STATE"
+lab_write_conf "$CONF"
+info "/etc/mld/mld.conf (bind-mounted in the daemon's own mount namespace):"
+sed 's/^/               /' "$CONF"
+lab_start_daemon -c "$CONF" || die "the daemon did not start"
+info "mldproxyd runs, PID $LAB_DAEMON_PID; its output follows, marked 'mldproxyd|'"
+tail -n +1 -f "$LAB_DAEMON_LOG" 2>/dev/null | sed -u 's/^/               mldproxyd| /' &
+TAIL_PID=$!
+
+# ---------------------------------------------------------------------------------------------
+step "4. The daemon finds the router's links and registers each one as a MIF"
+info "(it waits a second at start, then reads the links and addresses over netlink)"
+watch_mifs lab_all_links_are_mifs 40 || die "not every link became a MIF within 40 s"
+info "every link of the router except lo is a MIF: $(lab_mifs | awk '{ printf "%s=%s ", $2, $1 }')"
+info "waiting for the start-up announcements to be over ..."
+lab_wait_started 40 || info "(the router did not fall quiet; going on)"
+for host in "$LAB_H1" "$LAB_H2"; do
+  info "  $host has received $(lab_counter "$host" eth0 Icmp6InGroupMembQueries) MLD queries from the router"
+done
+
+# ---------------------------------------------------------------------------------------------
+step "5. A new downstream link appears while the daemon runs"
+info "ip link add dn3 (router) <-> eth0 (new host h3)"
+lab_add_downstream dn3 h3 || die "could not add dn3"
+watch_mifs "lab_has_mif dn3" 40 || die "dn3 did not become a MIF within 40 s"
+info "dn3 is MIF $(lab_mif_index dn3) (the lowest free index)"
+
+# ---------------------------------------------------------------------------------------------
+step "6. Listeners and traffic"
+# The next steps of this demo go here, each shown as it happens:
+#   - h1 joins a group (its kernel sends an MLDv2 report); the router's state and the kernel's
+#     forwarding entry (/proc/net/ip6_mr_cache) show the listener on dn1;
+#   - src sends to the group: h1 receives the packets, h2 (no listener) does not;
+#   - h1 leaves: the last-listener queries, the entry goes, the traffic stops.
+info "(not in this demo yet: a host joining a group, traffic from src reaching it, the host leaving)"
+
+# ---------------------------------------------------------------------------------------------
+step "7. SIGTERM: clean shutdown"
+start=$(lab_now_us)
+if lab_stop_daemon TERM 10; then
+  info "mldproxyd ended $((($(lab_now_us) - start) / 1000)) ms after SIGTERM with exit status $LAB_DAEMON_STATUS"
+else
+  die "mldproxyd did not end within 10 s of SIGTERM"
+fi
+sleep 0.3 # let the output reader print the last lines
+show_mifs
+[[ $LAB_DAEMON_STATUS -eq 0 ]] || die "exit status $LAB_DAEMON_STATUS (want 0)"
+
+step "8. Removing the lab"
+kill "$TAIL_PID" 2>/dev/null
+wait "$TAIL_PID" 2>/dev/null
+TAIL_PID=''
+lab_down || die "the lab could not be removed"
+info "done"
