@@ -16,7 +16,8 @@ bool is_any_source(const uint8_t* source) {
 }
 
 mldrt_mif6ctl make_mif6ctl(const mldrt_interface* ifp) {
-    mldrt_mif6ctl mc{};
+    mldrt_mif6ctl mc;
+    std::memset(&mc, 0, sizeof mc);  // padding included: the kernel gets no stray bytes
     mc.mif6c_mifi = ifp->mifi;
     mc.mif6c_flags = 0;
     mc.mif6c_pifi = static_cast<uint16_t>(ifp->ifindex);
