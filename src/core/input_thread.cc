@@ -1,3 +1,4 @@
+#include "core/addr.h"
 #include "core/input_thread.h"
 
 #include <sys/select.h>
@@ -18,9 +19,6 @@ namespace {
 
 constexpr uint32_t kSleepStepUsec = 100000;
 constexpr uint32_t kOneSecondUsec = 1000000;
-
-const uint8_t kAllMldv2Routers[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x16};
-const uint8_t kAllRouters[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x02};
 
 bool watchable(int fd) {
     return fd > 0 && fd < FD_SETSIZE;
@@ -97,7 +95,7 @@ bool announce_memberships(mldrt_router* r, mldrt_interface* ifp, const uint8_t (
             if (i > 0 && !mldrt_sleep_unless_stopped(kOneSecondUsec / r->robustness)) {
                 return false;
             }
-            mldrt_send_report(r, ifp, kAllMldv2Routers, r->scratch, 1, len);
+            mldrt_send_report(r, ifp, MLDRT_ADDR_ALL_MLDV2_ROUTERS, r->scratch, 1, len);
         }
     }
     return true;
@@ -120,8 +118,8 @@ unsigned mldrt_take_startup_actions(mldrt_router* r) {
     }
     uint8_t groups[3][16];
     solicited_node_group(r->upstream_addr, groups[0]);
-    std::memcpy(groups[1], kAllMldv2Routers, 16);
-    std::memcpy(groups[2], kAllRouters, 16);
+    std::memcpy(groups[1], MLDRT_ADDR_ALL_MLDV2_ROUTERS, 16);
+    std::memcpy(groups[2], MLDRT_ADDR_ALL_ROUTERS, 16);
     unsigned result = 1;
     for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
         if (ifp->is_upstream) {

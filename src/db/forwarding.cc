@@ -5,17 +5,12 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/addr.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"
 
 namespace {
-
-const uint8_t kAnySource[16] = {};
-
-bool is_any_source(const uint8_t* src) {
-    return ipv6_addr_equal(src, kAnySource) != 0;
-}
 
 bool has_marks(const mldrt_fwinfo* fw) {
     for (uint32_t i = 0; i < MLDRT_MAXMIF_MARKS; i++) {
@@ -34,8 +29,8 @@ void write_source_entry(mldrt_router* r, mldrt_mfdb_entry* e, const uint8_t* src
 
 void write_any_source_entry(mldrt_router* r, mldrt_mfdb_entry* e) {
     for (const mldrt_fwinfo* fw = e->fwinfo_list; fw; fw = fw->next) {
-        if (is_any_source(fw->src_addr)) {
-            mldrt_add_k_mfc(r, e->grp_addr, kAnySource, fw->mif_member);
+        if (mldrt_is_any_addr(fw->src_addr)) {
+            mldrt_add_k_mfc(r, e->grp_addr, MLDRT_ADDR_ANY, fw->mif_member);
             return;
         }
     }
@@ -44,7 +39,7 @@ void write_any_source_entry(mldrt_router* r, mldrt_mfdb_entry* e) {
 // Every (S,G) entry carries the (*,G) MIFs, so a change of those rewrites them all.
 void write_source_entries(mldrt_router* r, mldrt_mfdb_entry* e) {
     for (const mldrt_fwinfo* fw = e->fwinfo_list; fw; fw = fw->next) {
-        if (!is_any_source(fw->src_addr)) {
+        if (!mldrt_is_any_addr(fw->src_addr)) {
             write_source_entry(r, e, fw->src_addr);
         }
     }
@@ -76,7 +71,7 @@ int remove_forwarding(mldrt_router* r, mldrt_group* g, const uint8_t* src, mldrt
     if (gone) {
         mldrt_delete_fwinfo_from_fdb(g, src);
     }
-    if (is_any_source(src)) {
+    if (mldrt_is_any_addr(src)) {
         r->del_mifi = ifp->mifi;
     }
     mldrt_sync_kernel_forwarding(r, g->mfdb, src, gone);
@@ -87,7 +82,7 @@ int remove_forwarding(mldrt_router* r, mldrt_group* g, const uint8_t* src, mldrt
 
 void mldrt_sync_kernel_forwarding(mldrt_router* r, mldrt_mfdb_entry* e, const uint8_t* src,
                                   bool record_gone) {
-    if (!is_any_source(src)) {
+    if (!mldrt_is_any_addr(src)) {
         // Without its own record the source is forwarded by the (*,G) entry, if any.
         if (record_gone) {
             mldrt_delete_k_mfc(r, e->grp_addr, src);
@@ -98,7 +93,7 @@ void mldrt_sync_kernel_forwarding(mldrt_router* r, mldrt_mfdb_entry* e, const ui
     }
     if (record_gone) {
         if (r->upstream) {
-            mldrt_delete_k_mfc(r, e->grp_addr, kAnySource);
+            mldrt_delete_k_mfc(r, e->grp_addr, MLDRT_ADDR_ANY);
         }
     } else {
         write_any_source_entry(r, e);

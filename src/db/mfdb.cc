@@ -2,13 +2,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/addr.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"
 
 namespace {
-
-const uint8_t kAnySource[16] = {};
 
 uint32_t g_mfdb_count = 0;
 
@@ -192,7 +191,7 @@ void mldrt_delete_fwinfo_from_fdb(mldrt_group* g, const uint8_t* src) {
 
 void mldrt_generate_membership_info(const mldrt_mfdb_entry* e, const uint8_t* src, uint8_t* oifs) {
     or_marks(find_fwinfo(e->fwinfo_list, src), oifs);
-    or_marks(find_fwinfo(e->fwinfo_list, kAnySource), oifs);
+    or_marks(find_fwinfo(e->fwinfo_list, MLDRT_ADDR_ANY), oifs);
 }
 
 int mldrt_pending_host_state_update(const mldrt_mfdb_entry* e) {

@@ -3,6 +3,7 @@
 // on filter-timer expiry, and the removal of what has become empty.
 #include <cstring>
 
+#include "core/addr.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"
@@ -10,8 +11,6 @@
 #include "proxy/proxy.h"
 
 namespace {
-
-const uint8_t kAnySource[16] = {};
 
 uint32_t gmi(const mldrt_router* r) {
     return r->robustness * r->query_interval + r->query_response_interval / 1000u;
@@ -75,30 +74,30 @@ bool age_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
 
 // Takes this interface out of the group-wide (*,G) forwarding.
 void withdraw_whole_group(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
-    mldrt_fwinfo* fw = mldrt_lookup_fwinfo_in_fdb(g, kAnySource);
+    mldrt_fwinfo* fw = mldrt_lookup_fwinfo_in_fdb(g, MLDRT_ADDR_ANY);
     if (!fw) {
         return;
     }
     if (ifp->mifi < MLDRT_MAXMIF_MARKS) {
         fw->mif_member[ifp->mifi] = 0;
     }
-    bool gone = is_fwinfo_empty_for_grp_src(g, kAnySource) == 0;
+    bool gone = is_fwinfo_empty_for_grp_src(g, MLDRT_ADDR_ANY) == 0;
     if (gone) {
-        mldrt_delete_fwinfo_from_fdb(g, kAnySource);
+        mldrt_delete_fwinfo_from_fdb(g, MLDRT_ADDR_ANY);
     }
     r->del_mifi = ifp->mifi;
-    mldrt_sync_kernel_forwarding(r, g->mfdb, kAnySource, gone);
+    mldrt_sync_kernel_forwarding(r, g->mfdb, MLDRT_ADDR_ANY, gone);
 }
 
 // Filter timer expiry (RFC 3810 section 7.5): back to INCLUDE with the requested sources,
 // each restarted at GMI. True when the group is left with no source at all.
 bool expire_filter(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, ifp);
-    if (mldrt_lookup_src_in_grplist(g->req_list, kAnySource)) {
+    if (mldrt_lookup_src_in_grplist(g->req_list, MLDRT_ADDR_ANY)) {
         withdraw_whole_group(r, ifp, g);
     }
     for (mldrt_src* s = g->req_list; s; s = s->next) {
-        if (!ipv6_addr_equal(s->src_addr, kAnySource)) {
+        if (!ipv6_addr_equal(s->src_addr, MLDRT_ADDR_ANY)) {
             mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_INCLUDE, s->src_addr,
                                            static_cast<int32_t>(gmi(r)), ifp);
         }

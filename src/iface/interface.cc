@@ -1,3 +1,4 @@
+#include "core/addr.h"
 #include "iface/interface.h"
 
 #include <arpa/inet.h>
@@ -21,9 +22,6 @@ namespace {
 constexpr int kSolRaw = 255;
 // Offset of the ICMPv6 checksum that the kernel computes and verifies.
 constexpr int kIcmp6ChecksumOffset = 2;
-
-const uint8_t kAllRouters[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x02};
-const uint8_t kAllMldv2Routers[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x16};
 
 int set_int_option(int sock, int level, int name, int value) {
     return setsockopt(sock, level, name, &value, sizeof value);
@@ -57,11 +55,11 @@ bool set_interface_options(mldrt_interface* ifp) {
         printf("MLDRT: SetSockOpt failed for IP_MULTICAST_IF %d\n", rc);
         return false;
     }
-    if (join_group(s, kAllRouters, ifp->ifindex) < 0) {
+    if (join_group(s, MLDRT_ADDR_ALL_ROUTERS, ifp->ifindex) < 0) {
         puts("MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP1");
         return false;
     }
-    if (join_group(s, kAllMldv2Routers, ifp->ifindex) < 0) {
+    if (join_group(s, MLDRT_ADDR_ALL_MLDV2_ROUTERS, ifp->ifindex) < 0) {
         puts("MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP2");
         return false;
     }

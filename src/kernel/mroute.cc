@@ -1,3 +1,4 @@
+#include "core/addr.h"
 #include "kernel/mroute.h"
 
 #include <sys/socket.h>
@@ -8,12 +9,6 @@
 #include "iface/interface.h"
 
 namespace {
-
-const uint8_t kAnySource[16] = {};
-
-bool is_any_source(const uint8_t* source) {
-    return std::memcmp(source, kAnySource, 16) == 0;
-}
 
 mldrt_mif6ctl make_mif6ctl(const mldrt_interface* ifp) {
     mldrt_mif6ctl mc;
@@ -97,7 +92,7 @@ int mldrt_add_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source
     mldrt_mf6cctl mc = make_mf6cctl(group, source);
     mc.mf6cc_parent = r->upstream->mifi;
     mc.mf6cc_ifset[0] = mldrt_k_ifset_word(oifs);
-    if (is_any_source(source) && r->upstream->mifi < MLDRT_MAXMIFS) {
+    if (mldrt_is_any_addr(source) && r->upstream->mifi < MLDRT_MAXMIFS) {
         mc.mf6cc_ifset[0] |= 1u << r->upstream->mifi;
     }
     if (set_mfc(r->router_sock, MRT6_ADD_MFC_OPT, &mc) < 0) {
@@ -110,7 +105,7 @@ int mldrt_add_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source
 int mldrt_delete_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source) {
     mldrt_mf6cctl mc = make_mf6cctl(group, source);
     if (set_mfc(r->router_sock, MRT6_DEL_MFC_OPT, &mc) < 0) {
-        if (is_any_source(source)) {
+        if (mldrt_is_any_addr(source)) {
             puts("MLDRT: Setsockopt error on MRT_DEL_ADD_MFC");
         }
         return -1;

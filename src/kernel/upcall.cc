@@ -1,3 +1,4 @@
+#include "core/addr.h"
 #include "kernel/upcall.h"
 
 #include <cstring>
@@ -8,15 +9,13 @@
 
 namespace {
 
-const uint8_t kAnySource[16] = {};
-
 // The interface whose database is printed on every upcall, as routers built on this daemon
 // have always shown it.
 const char* const kCacheLookupInterface = "eth1";
 
 bool has_any_source_record(const mldrt_mfdb_entry* e) {
     for (const mldrt_fwinfo* fw = e->fwinfo_list; fw; fw = fw->next) {
-        if (ipv6_addr_equal(fw->src_addr, kAnySource)) {
+        if (ipv6_addr_equal(fw->src_addr, MLDRT_ADDR_ANY)) {
             return true;
         }
     }

@@ -3,6 +3,7 @@
 // downstream link changes nothing but the link's MLD version, which the dispatch has recorded.
 #include <cstring>
 
+#include "core/addr.h"
 #include "core/bytes.h"
 #include "db/db.h"
 #include "iface/interface.h"
@@ -13,8 +14,6 @@ namespace {
 
 // A 2048-byte query holds at most (2048 - 28) / 16 = 126 sources.
 constexpr uint32_t kMaxQuerySources = (MLDRT_BUF_SIZE - MLDRT_QUERY_V2_HDR_LEN) / MLDRT_ADDR_LEN;
-
-const uint8_t kUnspecified[16] = {};
 
 bool holds(const mldrt_src* list, const uint8_t* addr) {
     for (; list; list = list->next) {
@@ -59,7 +58,7 @@ int mldrt_handle_mld_query(mldrt_router* r, mldrt_interface* ifp, const uint8_t*
     }
     const uint8_t* grp = msg + 8;
     uint16_t nsrc = mldrt_get_be16(msg + 26);
-    bool general = ipv6_addr_equal(grp, kUnspecified) != 0;
+    bool general = ipv6_addr_equal(grp, MLDRT_ADDR_ANY) != 0;
     if (general && nsrc != 0) {
         return 0;  // a general query cannot list sources
     }

@@ -1,11 +1,10 @@
+#include "core/addr.h"
 #include "mld/record_ops.h"
 
 #include "mld/handlers.h"
 #include "mld/mld.h"
 
-namespace {
-const uint8_t kAnySource[16] = {};
-}  // namespace
+namespace {}  // namespace
 
 void mldrt_add_record_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype, const uint8_t* rec,
                            int32_t timer, mldrt_interface* ifp) {
@@ -53,6 +52,6 @@ void mldrt_enter_exclude(mldrt_router* r, mldrt_group* g) {
 }
 
 void mldrt_want_whole_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
-    mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_REQ, kAnySource,
+    mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_REQ, MLDRT_ADDR_ANY,
                                    static_cast<int32_t>(mldrt_gmi(r)), ifp);
 }

@@ -1,12 +1,11 @@
 #include <cstring>
 
+#include "core/addr.h"
 #include "core/bytes.h"
 #include "db/db.h"
 #include "mld/mld.h"
 
 namespace {
-
-const uint8_t kAllMldv2Routers[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x16};
 
 bool is_exclude_type(uint8_t rec_type) {
     return rec_type == MLDRT_REC_MODE_IS_EXCLUDE || rec_type == MLDRT_REC_CHANGE_TO_EXCLUDE;
@@ -35,7 +34,7 @@ int mldrt_send_upstream_report(mldrt_router* r, uint32_t nrec, uint32_t len) {
     if (!r->upstream) {
         return 0;
     }
-    return mldrt_send_report(r, r->upstream, kAllMldv2Routers, r->scratch, nrec, len);
+    return mldrt_send_report(r, r->upstream, MLDRT_ADDR_ALL_MLDV2_ROUTERS, r->scratch, nrec, len);
 }
 
 void mldrt_rb_init(mldrt_report_builder* rb, mldrt_router* r) {

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/addr.h"
 #include "core/bytes.h"
 #include "db/db.h"
 #include "iface/interface.h"
@@ -11,17 +12,9 @@
 
 namespace {
 
-const uint8_t kAllNodes[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01};
-const uint8_t kAllRouters[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x02};
-const uint8_t kUnspecified[16] = {};
-
 // Hop-by-hop header: next header 0, length 0, Router Alert (type 5, length 2, value 0 = MLD,
 // RFC 2711), then PadN of length 0.
 const uint8_t kRouterAlertHopOpts[8] = {0, 0, 5, 2, 0, 0, 1, 0};
-
-bool is_unspecified(const uint8_t* addr) {
-    return std::memcmp(addr, kUnspecified, 16) == 0;
-}
 
 void add_cmsg(msghdr* msg, cmsghdr* c, int type, const void* data, size_t len) {
     c->cmsg_level = IPPROTO_IPV6;
@@ -80,7 +73,7 @@ void write_query_header(mldrt_router* r, mldrt_interface* ifp, const mldrt_query
     b[0] = MLDRT_TYPE_QUERY;
     // Specific queries carry the last listener query interval, cut to 16 bits without the
     // floating form, as deployed routers have always sent it.
-    uint16_t mrc = is_unspecified(q->group)
+    uint16_t mrc = mldrt_is_any_addr(q->group)
                        ? mldrt_encode_mrc(r->query_response_interval)
                        : static_cast<uint16_t>(r->last_listener_query_interval * 1000u);
     mldrt_put_be16(b + 4, mrc);
@@ -211,7 +204,7 @@ int mldrt_send_general_query(mldrt_router* r, mldrt_interface* ifp) {
         ifp->query_timer = 1;
     }
     mldrt_query_params q{};
-    std::memcpy(q.dst, kAllNodes, 16);
+    std::memcpy(q.dst, MLDRT_ADDR_ALL_NODES, 16);
     return mldrt_send_query(r, ifp, &q);
 }
 
@@ -248,7 +241,7 @@ int mldrt_send_mld_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* 
         bool leave = records[0] == MLDRT_REC_CHANGE_TO_INCLUDE && mldrt_get_be16(records + 2) == 0;
         b[0] = leave ? MLDRT_TYPE_V1_DONE : MLDRT_TYPE_V1_REPORT;
         std::memcpy(b + 8, records + 4, 16);
-        std::memcpy(to, leave ? kAllRouters : records + 4, 16);
+        std::memcpy(to, leave ? MLDRT_ADDR_ALL_ROUTERS : records + 4, 16);
         msg_len = MLDRT_QUERY_V1_LEN;
     } else if (ifp->mld_version == 2 && MLDRT_REPORT_HDR_LEN + len <= ifp->buf_size) {
         b[0] = MLDRT_TYPE_V2_REPORT;
@@ -258,5 +251,5 @@ int mldrt_send_mld_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* 
     } else {
         puts("MLDV2: Fatal- Invalid MLDV2 version detected");
     }
-    return report_sent(send_on(ifp, to, kUnspecified, msg_len));
+    return report_sent(send_on(ifp, to, MLDRT_ADDR_ANY, msg_len));
 }

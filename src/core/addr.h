@@ -1,0 +1,22 @@
+// Well-known IPv6 addresses of MLD (RFC 3810 section 5, RFC 4291 section 2.7.1), as the 16-byte
+// network-order values the daemon passes around.
+#ifndef MLDPROXYD_CORE_ADDR_H
+#define MLDPROXYD_CORE_ADDR_H
+
+#include <cstdint>
+#include <cstring>
+
+// :: — also the source that stands for "every source" in the forwarding database.
+inline constexpr uint8_t MLDRT_ADDR_ANY[16] = {};
+inline constexpr uint8_t MLDRT_ADDR_ALL_NODES[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0,
+                                                     0,    0,    0, 0, 0, 0, 0, 0x01};
+inline constexpr uint8_t MLDRT_ADDR_ALL_ROUTERS[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0,
+                                                       0,    0,    0, 0, 0, 0, 0, 0x02};
+inline constexpr uint8_t MLDRT_ADDR_ALL_MLDV2_ROUTERS[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0,
+                                                             0,    0,    0, 0, 0, 0, 0, 0x16};
+
+inline bool mldrt_is_any_addr(const uint8_t* addr) {
+    return std::memcmp(addr, MLDRT_ADDR_ANY, 16) == 0;
+}
+
+#endif
