@@ -148,8 +148,8 @@ void mldrt_cleanup_interfaces(mldrt_router* r) {
     mldrt_interface* next = nullptr;
     for (mldrt_interface* ifp = r->interfaces; ifp; ifp = next) {
         next = ifp->next;
-        if (ifp->is_upstream) {
-            r->upstream = nullptr;
+        if (ifp->is_upstream || ifp == r->upstream) {
+            r->upstream = nullptr;  // never left pointing at a freed record
         }
         mldrt_release_interface_groups(r, ifp);
         mldrt_delete_k_vif(r->router_sock, ifp);

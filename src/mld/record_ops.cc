@@ -14,6 +14,21 @@ void mldrt_add_record_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype, cons
     }
 }
 
+void mldrt_want_record_srcs(mldrt_router* r, mldrt_group* g, const uint8_t* rec,
+                            mldrt_interface* ifp) {
+    int32_t gmi = static_cast<int32_t>(mldrt_gmi(r));
+    const uint8_t* srcs = mldrt_rec_srcs(rec);
+    for (uint32_t i = 0; i < mldrt_rec_nsrc(rec); i++) {
+        const uint8_t* s = srcs + MLDRT_ADDR_LEN * i;
+        if (g->fmode == MLDRT_INCLUDE) {
+            mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_INCLUDE, s, gmi, ifp);
+        } else {
+            mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, s, ifp);
+            mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_REQ, s, gmi, ifp);
+        }
+    }
+}
+
 void mldrt_add_result_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype, const mldrt_src* arr,
                            int n, mldrt_interface* ifp) {
     for (int i = 0; i < n; i++) {

@@ -17,6 +17,10 @@ inline const mldrt_src* mldrt_result_list(const mldrt_src* arr, int n) {
 // Adds every source of the record to list `ltype` with `timer`.
 void mldrt_add_record_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype, const uint8_t* rec,
                            int32_t timer, mldrt_interface* ifp);
+// Every source of the record wanted at GMI (IS_IN, ALLOW): on the include list in INCLUDE
+// mode; in EXCLUDE mode moved from the excluded to the requested list.
+void mldrt_want_record_srcs(mldrt_router* r, mldrt_group* g, const uint8_t* rec,
+                            mldrt_interface* ifp);
 // Adds every entry of a result to list `ltype`, each with the timer its entry holds.
 void mldrt_add_result_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype, const mldrt_src* arr,
                            int n, mldrt_interface* ifp);

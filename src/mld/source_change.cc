@@ -76,17 +76,7 @@ int mldrt_handle_v2_allow_record(mldrt_router* r, mldrt_interface* ifp, const ui
     if (!g) {
         return 0;
     }
-    int32_t gmi = static_cast<int32_t>(mldrt_gmi(r));
-    const uint8_t* b = mldrt_rec_srcs(rec);
-    for (uint32_t i = 0; i < mldrt_rec_nsrc(rec); i++) {
-        const uint8_t* s = b + MLDRT_ADDR_LEN * i;
-        if (g->fmode == MLDRT_INCLUDE) {
-            mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_INCLUDE, s, gmi, ifp);
-        } else {
-            mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, s, ifp);
-            mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_REQ, s, gmi, ifp);
-        }
-    }
+    mldrt_want_record_srcs(r, g, rec, ifp);
     return 0;
 }
 
