@@ -108,8 +108,10 @@ constexpr uint32_t MLDRT_MAX_GROUPS = 16384;     // forwarding-database entries
 constexpr uint32_t MLDRT_MAX_MEMBERS = 64;       // reporting hosts per group
 constexpr uint32_t MLDRT_MAX_SOURCES = 64;       // entries per group source list
 constexpr long MLDRT_LIMIT_REPORT_SECONDS = 60;  // one refusal line a minute at most
-// Prints the refusal line for `limit` unless one was printed within the last minute.
-void mldrt_report_limit(const char* limit, uint32_t value);
+// The resource limits, each with its own once-a-minute refusal line.
+enum mldrt_limit : uint32_t { MLDRT_LIMIT_GROUPS, MLDRT_LIMIT_MEMBERS, MLDRT_LIMIT_SOURCES };
+// Prints the refusal line for `limit` unless one was printed for it within the last minute.
+void mldrt_report_limit(mldrt_limit limit);
 
 // --- Groups, members, sources ---
 mldrt_group* mldrt_lookup_group(mldrt_interface* ifp, const uint8_t* grp);

@@ -74,7 +74,7 @@ mldrt_mfdb_entry* mldrt_add_mfdb_entry(mldrt_router* r, const uint8_t* grp) {
         return e;
     }
     if (g_mfdb_count >= MLDRT_MAX_GROUPS) {
-        mldrt_report_limit("groups", MLDRT_MAX_GROUPS);
+        mldrt_report_limit(MLDRT_LIMIT_GROUPS);
         return nullptr;
     }
     e = mldrt_create_mfdb_entry(grp);

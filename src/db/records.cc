@@ -61,16 +61,26 @@ mldrt_src** host_state_list(mldrt_hs_state* hs) {
 
 }  // namespace
 
-void mldrt_report_limit(const char* limit, uint32_t value) {
-    static time_t last_report = 0;
-    static bool reported = false;
+void mldrt_report_limit(mldrt_limit limit) {
+    struct limit_report {
+        const char* what;
+        uint32_t value;
+        bool reported;
+        time_t last;
+    };
+    static limit_report reports[] = {
+        {"groups", MLDRT_MAX_GROUPS, false, 0},
+        {"members per group", MLDRT_MAX_MEMBERS, false, 0},
+        {"sources per list", MLDRT_MAX_SOURCES, false, 0},
+    };
+    limit_report& rep = reports[limit];
     time_t now = time(nullptr);
-    if (reported && now - last_report < MLDRT_LIMIT_REPORT_SECONDS) {
+    if (rep.reported && now - rep.last < MLDRT_LIMIT_REPORT_SECONDS) {
         return;
     }
-    reported = true;
-    last_report = now;
-    printf("MLDRT: Limit of %u %s reached, request not handled\n", value, limit);
+    rep.reported = true;
+    rep.last = now;
+    printf("MLDRT: Limit of %u %s reached, request not handled\n", rep.value, rep.what);
 }
 
 mldrt_group* mldrt_lookup_group(mldrt_interface* ifp, const uint8_t* grp) {
@@ -119,7 +129,7 @@ mldrt_group* mldrt_add_group(mldrt_router* r, mldrt_interface* ifp, const uint8_
     }
     // A group needs a forwarding entry: refuse it here when there is no room for one.
     if (mldrt_mfdb_count() >= MLDRT_MAX_GROUPS && !mldrt_lookup_mfdb_entry(r, grp)) {
-        mldrt_report_limit("groups", MLDRT_MAX_GROUPS);
+        mldrt_report_limit(MLDRT_LIMIT_GROUPS);
         return nullptr;
     }
     g = mldrt_create_group(grp);
@@ -135,7 +145,7 @@ mldrt_member* mldrt_add_member(mldrt_group* g, const uint8_t* host) {
         return m;
     }
     if (count_members(g->member_list) >= MLDRT_MAX_MEMBERS) {
-        mldrt_report_limit("members per group", MLDRT_MAX_MEMBERS);
+        mldrt_report_limit(MLDRT_LIMIT_MEMBERS);
         return nullptr;
     }
     m = mldrt_create_member(host);
@@ -192,7 +202,7 @@ mldrt_src* mldrt_add_src_to_group(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t 
     // Group lists come from hosts' reports and are bounded; host-state lists are merged from
     // them and therefore bounded already.
     if (ltype <= MLDRT_L_NON_SRSP && count_srcs(*list) >= MLDRT_MAX_SOURCES) {
-        mldrt_report_limit("sources per list", MLDRT_MAX_SOURCES);
+        mldrt_report_limit(MLDRT_LIMIT_SOURCES);
         return nullptr;
     }
     s = mldrt_create_src_for_grp(src);
