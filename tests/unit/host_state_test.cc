@@ -1,0 +1,152 @@
+// The merged host state of a group (RFC 3810 section 7 merging rules across the downstream
+// links, in interface-list and group-list order) and the comparison with the state last acted
+// upon. Links eth3, eth2, eth1 are visited in that order; A, B, C are sources S1, S2, S3.
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "upstream_support.h"
+
+namespace {
+
+using namespace ups;
+
+// A host-state pair as "EXCLUDE {S1 S3}", sources in list order.
+std::string hs_text(const mldrt_hs_state* hs) {
+    if (!hs) {
+        return "none";
+    }
+    std::string s = mode_text(hs->mode) + " {";
+    for (const mldrt_src* l = hs->list; l; l = l->next) {
+        s += (l == hs->list ? "" : " ") + src_name(l->src_addr);
+    }
+    return s + "}";
+}
+
+struct MergeRow {
+    const char* name;
+    std::vector<group_state> links;  // eth3, eth2, eth1
+    const char* merged;
+};
+
+class HostStateTest : public UpstreamTest {
+  protected:
+    mldrt_hs_state* pair(uint32_t mode, const std::vector<int>& srcs) {
+        auto* hs = static_cast<mldrt_hs_state*>(calloc(1, sizeof(mldrt_hs_state)));
+        hs->mode = mode;
+        // Head insertion: the list reads in the reverse order of `srcs`.
+        for (int n : srcs) {
+            mldrt_src* s = mldrt_create_src_for_grp(src(n).data());
+            s->next = hs->list;
+            hs->list = s;
+        }
+        return hs;
+    }
+    // Entry G1 with the given old and new states (the old pair the entry was created with is
+    // replaced).
+    mldrt_mfdb_entry* states(mldrt_hs_state* old_hs, mldrt_hs_state* new_hs) {
+        mldrt_mfdb_entry* e = mldrt_add_mfdb_entry(&router, G1.data());
+        mldrt_free_srclist(&e->old_host_state->list);
+        free(e->old_host_state);
+        e->old_host_state = old_hs;
+        e->new_host_state = new_hs;
+        return e;
+    }
+};
+
+TEST_F(HostStateTest, MergesDownstreamStatesInInterfaceListOrder) {
+    const std::vector<MergeRow> rows = {
+        {"IncludeListsUnite", {inc({1, 2}), inc({2, 3})}, "INCLUDE {S3 S1 S2}"},
+        {"ExcludeListsIntersect", {exc({1, 2}), exc({2, 3})}, "EXCLUDE {S2}"},
+        {"IncludedSourceLeavesTheExcludeResult",
+         {exc({1, 2}), exc({2, 3}), inc({2})},
+         "EXCLUDE {}"},
+        {"IncludedSourcesLeaveInListOrder", {exc({1, 2, 3}), inc({2})}, "EXCLUDE {S1 S3}"},
+        {"IncludeOnEarlierLinkCountsToo", {inc({1}), exc({1, 2})}, "EXCLUDE {S2}"},
+        {"ExcludeNoneLastWins", {exc({1}), inc({2}), exc({})}, "EXCLUDE {}"},
+        {"ExcludeNoneFirstWins", {exc({}), exc({1})}, "EXCLUDE {}"},
+        {"EmptyIntersectionIsRefilledByTheNextExclude",
+         {exc({1}), exc({2}), exc({3})},
+         "EXCLUDE {S3}"},
+        {"IncludeWithoutSources", {inc({})}, "INCLUDE {}"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        mldrt_interface* order[3] = {eth3, eth2, eth1};
+        uint32_t excludes = 0;
+        for (size_t i = 0; i < row.links.size(); i++) {
+            make_group(order[i], G1, row.links[i], host);
+            excludes += row.links[i].mode == MLDRT_EXCLUDE ? 1 : 0;
+        }
+        make_group(eth3, G2, inc({9}), host);  // another group on the same link stays apart
+        mldrt_mfdb_entry* e = entry(G1);
+        ASSERT_EQ(e->exclude_count, excludes);
+        EXPECT_EQ(stdout_of([&] { mldrt_build_host_state(&router, e); }), "");
+        EXPECT_EQ(hs_text(e->new_host_state), row.merged);
+        // The entry started as INCLUDE {}: any other result is a change.
+        EXPECT_EQ(mldrt_diff_host_state(&router, e),
+                  std::string(row.merged) == "INCLUDE {}" ? 0 : 1);
+        mldrt_finish_host_state_update(&router, e);
+    }
+}
+
+struct DiffRow {
+    const char* name;
+    uint32_t old_mode;
+    std::vector<int> old_srcs;
+    uint32_t new_mode;
+    std::vector<int> new_srcs;
+    int differ;
+};
+
+TEST_F(HostStateTest, ComparesModeAndSourceSetsNotOrder) {
+    const uint32_t IN = MLDRT_INCLUDE, EX = MLDRT_EXCLUDE;
+    const std::vector<DiffRow> rows = {
+        {"SameSourcesInAnotherOrder", IN, {1, 2, 3}, IN, {3, 1, 2}, 0},
+        {"ElevenSameSourcesReversed",
+         IN,
+         {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11},
+         IN,
+         {11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1},
+         0},
+        {"BothExcludeNone", EX, {}, EX, {}, 0},
+        {"BothIncludeNone", IN, {}, IN, {}, 0},
+        {"ModeChanges", IN, {1}, EX, {1}, 1},
+        {"SourceReplaced", IN, {1, 2}, IN, {1, 3}, 1},
+        {"SourceAdded", IN, {1}, IN, {1, 2}, 1},
+        {"SourceRemoved", EX, {1, 2}, EX, {1}, 1},
+        {"FirstSourceAdded", IN, {}, IN, {1}, 1},
+        {"LastSourceRemoved", EX, {1}, EX, {}, 1},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        mldrt_mfdb_entry* e =
+            states(pair(row.old_mode, row.old_srcs), pair(row.new_mode, row.new_srcs));
+        EXPECT_EQ(stdout_of([&] { EXPECT_EQ(mldrt_diff_host_state(&router, e), row.differ); }), "");
+    }
+}
+
+// Eleven sources against eleven others overflow the 10-entry subtraction; an overflowed
+// result counts as an empty one, so the comparison finds no difference.
+TEST_F(HostStateTest, OverflowingDifferenceCountsAsEmpty) {
+    mldrt_mfdb_entry* e = states(pair(MLDRT_INCLUDE, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}),
+                                 pair(MLDRT_INCLUDE, {21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31}));
+    int differ = 1;
+    EXPECT_EQ(stdout_of([&] { differ = mldrt_diff_host_state(&router, e); }),
+              "\n Fatal: SrcList cannot be accomodated");
+    EXPECT_EQ(differ, 0);
+}
+
+TEST_F(HostStateTest, LeftoverNewStateIsReportedAndKept) {
+    make_group(eth1, G1, inc({1}), host);
+    mldrt_mfdb_entry* e = states(pair(MLDRT_INCLUDE, {}), pair(MLDRT_EXCLUDE, {5}));
+    mldrt_hs_state* leftover = e->new_host_state;
+    EXPECT_EQ(stdout_of([&] { mldrt_build_host_state(&router, e); }),
+              "\n Some Problem - New State should have been NULL");
+    EXPECT_EQ(e->new_host_state, leftover);
+    EXPECT_EQ(hs_text(e->new_host_state), "EXCLUDE {S5}");
+}
+
+}  // namespace
