@@ -1,0 +1,168 @@
+// State-change reports upstream (RFC 3810 section 6.1): the first copy when the merged state
+// changes and robustness - 1 retransmissions, the first of them in the same tick; a pending
+// filter-mode change holds ALLOW and BLOCK back, and TO_EX goes before TO_IN. One downstream
+// link (eth1) holds group G1; each tick runs the host-state update, then the retransmissions.
+#include <string>
+#include <vector>
+
+#include "upstream_support.h"
+
+namespace {
+
+using namespace ups;
+
+class StateChangeTest : public UpstreamTest {
+  protected:
+    // Reaches `st` and lets every report about it run out.
+    void settle(const group_state& st) {
+        set_state(eth1, G1, st);
+        for (uint32_t i = 0; i <= router.robustness; i++) {
+            tick();
+        }
+        ASSERT_EQ(tick(), texts{});
+    }
+    void expect_spent() {
+        mldrt_mfdb_entry* e = entry(G1);
+        EXPECT_EQ(e->scr_to_ex_list, nullptr);
+        EXPECT_EQ(e->scr_to_in_list, nullptr);
+        EXPECT_EQ(e->scr_allow_list, nullptr);
+        EXPECT_EQ(e->scr_block_list, nullptr);
+        EXPECT_EQ(mldrt_pending_host_state_update(e), 0);
+    }
+};
+
+struct TransitionRow {
+    const char* name;
+    group_state before, after;
+    std::string first, again;  // the change's own report, then each retransmission
+};
+
+TEST_F(StateChangeTest, EachChangeIsSentRobustnessTimesFirstTwoInOneTick) {
+    const std::vector<TransitionRow> rows = {
+        {"IncludeNoneToExcludeNone", inc({}), exc({}), "TO_EX G1 {}", "TO_EX G1 {}"},
+        {"IncludeToExcludeCarriesTheExcludeList", inc({}), exc({1, 2}), "TO_EX G1 {S2 S1}",
+         "TO_EX G1 {S2 S1}"},
+        {"ExcludeToIncludeCarriesTheIncludeList", exc({}), inc({1, 2}), "TO_IN G1 {S2 S1}",
+         "TO_IN G1 {S2 S1}"},
+        {"ExcludeNoneToIncludeNoneIsTheLeave", exc({}), inc({}), "TO_IN G1 {}", "TO_IN G1 {}"},
+        {"IncludeSourceSwapIsAllowThenBlock", inc({1}), inc({2}), "ALLOW G1 {S2}; BLOCK G1 {S1}",
+         "ALLOW G1 {S2}; BLOCK G1 {S1}"},
+        {"ExcludeGrowsBlocksThenRepeatsWithEmptyAllow", exc({1}), exc({1, 2}), "BLOCK G1 {S2}",
+         "ALLOW G1 {}; BLOCK G1 {S2}"},
+        {"ExcludeShrinksAllowsThenRepeatsWithEmptyBlock", exc({1, 2}), exc({1}), "ALLOW G1 {S2}",
+         "ALLOW G1 {S2}; BLOCK G1 {}"},
+    };
+    for (const auto& row : rows) {
+        for (uint32_t robustness = 1; robustness <= 3; robustness++) {
+            SCOPED_TRACE(std::string(row.name) + " R=" + std::to_string(robustness));
+            restart();
+            router.robustness = robustness;
+            settle(row.before);
+            set_state(eth1, G1, row.after);
+            std::vector<texts> expected(robustness + 1);
+            expected[0].push_back(row.first);
+            for (uint32_t copy = 2; copy <= robustness; copy++) {
+                expected[copy - 2].push_back(row.again);  // the second copy shares the first tick
+            }
+            std::vector<texts> got;
+            fake::kernel().sent_msgs.clear();
+            mldrt_update_host_state(&router);
+            if (robustness == 1) {
+                expect_spent();  // lists lose their spent entries right after the one copy
+            }
+            mldrt_clean_host_state(&router);
+            got.push_back(reports_sent(up));
+            for (uint32_t t = 1; t <= robustness; t++) {
+                got.push_back(tick());
+            }
+            EXPECT_EQ(got, expected);
+            expect_spent();
+        }
+    }
+}
+
+struct Step {
+    bool change;
+    group_state st;
+    texts sent;
+};
+Step change(const group_state& st, texts sent) {
+    return {true, st, std::move(sent)};
+}
+Step wait(texts sent) {
+    return {false, {}, std::move(sent)};
+}
+
+struct ScenarioRow {
+    const char* name;
+    uint32_t robustness;
+    group_state start;
+    std::vector<Step> steps;  // one tick each
+};
+
+TEST_F(StateChangeTest, PendingFilterModeChangesTakePrecedence) {
+    const texts none;
+    const std::vector<ScenarioRow> rows = {
+        {"ExcludeChangeWhileToExPendingSendsToExWithTheWholeNewList",
+         3,
+         inc({}),
+         {change(exc({1}), {"TO_EX G1 {S1}", "TO_EX G1 {S1}"}),
+          change(exc({1, 2}), {"TO_EX G1 {S1 S2}", "TO_EX G1 {S1}"}),
+          wait({"ALLOW G1 {}; BLOCK G1 {S2}"}), wait({"ALLOW G1 {}; BLOCK G1 {S2}"}), wait(none)}},
+        {"IncludeChangeWhileToExPendingSendsToInWithTheNewList",
+         4,
+         inc({}),
+         {change(exc({1}), {"TO_EX G1 {S1}", "TO_EX G1 {S1}"}),
+          change(inc({2}), {"TO_IN G1 {S2}", "TO_EX G1 {S1}"}),
+          change(inc({2, 3}), {"TO_IN G1 {S2 S3}", "TO_EX G1 {S1}"}), wait({"TO_IN G1 {S2}"}),
+          wait({"TO_IN G1 {S2}"}), wait({"TO_IN G1 {S2}"}), wait({"ALLOW G1 {S3}"}),
+          wait({"ALLOW G1 {S3}"}), wait({"ALLOW G1 {S3}"}), wait(none)}},
+        {"IncludeToExcludeWhileToInPendingSendsToExFirstThenTheRestOfToIn",
+         3,
+         exc({}),
+         {change(inc({}), {"TO_IN G1 {}", "TO_IN G1 {}"}),
+          change(exc({1}), {"TO_EX G1 {S1}", "TO_EX G1 {S1}"}), wait({"TO_EX G1 {S1}"}),
+          wait({"TO_IN G1 {}"}), wait(none)}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        router.robustness = row.robustness;
+        settle(row.start);
+        for (size_t i = 0; i < row.steps.size(); i++) {
+            SCOPED_TRACE("tick " + std::to_string(i + 1));
+            if (row.steps[i].change) {
+                set_state(eth1, G1, row.steps[i].st);
+            }
+            EXPECT_EQ(tick(), row.steps[i].sent);
+        }
+        expect_spent();
+    }
+}
+
+// Eleven new sources overflow the 10-entry subtraction; the overflow counts as no source at
+// all, so the change goes out as a report without records and is never repeated.
+TEST_F(StateChangeTest, ElevenNewSourcesInOneTickSendAnEmptyReport) {
+    settle(inc({}));
+    set_state(eth1, G1, inc({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
+    texts sent;
+    EXPECT_EQ(stdout_of([&] { sent = tick(); }), "\n Fatal: SrcList cannot be accomodated");
+    EXPECT_EQ(sent, texts{"no records"});
+    ASSERT_EQ(fake::kernel().sent_msgs.size(), 1u);
+    EXPECT_EQ(fake::kernel().sent_msgs[0].payload,
+              (std::vector<uint8_t>{0x8f, 0, 0, 0, 0, 0, 0, 0}));
+    expect_spent();
+    EXPECT_EQ(tick(), texts{});
+}
+
+TEST_F(StateChangeTest, NothingIsSentWhileNoUpstreamIsKnown) {
+    router.upstream = nullptr;
+    router.active = 0;
+    set_state(eth1, G1, exc({1}));
+    for (int t = 0; t < 3; t++) {
+        tick();
+        EXPECT_TRUE(fake::kernel().sent_msgs.empty());
+    }
+}
+
+}  // namespace
