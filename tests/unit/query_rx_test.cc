@@ -131,7 +131,7 @@ TEST_F(QueryTest, UpstreamQueriesAnsweredByKind) {
         {"HeldSourcesInQueryOrder", v2_query(G1, {4, 2, 1}), -1, {"IS_IN G1 {S2 S1}"}, 2},
         {"HeldSourceOfExcludeState", v2_query(G2, {1, 3}), -1, {"IS_EX G2 {S3}"}, 2},
         // 24 bytes: MLDv1, so group-specific whatever follows in the buffer, answered in v1.
-        {"MLDv1GroupQueryIsGroupSpecific", v2_query(G1, {1}), 24, {"v1 report G1 to G1"}, 1},
+        {"MLDv1GroupQueryIsGroupSpecific", v2_query(G1, {7}), 24, {"v1 report G1 to G1"}, 1},
         {"MLDv1GeneralQuery",
          v2_query(kAny, {}),
          24,
@@ -148,24 +148,31 @@ TEST_F(QueryTest, UpstreamQueriesAnsweredByKind) {
     }
 }
 
-// A 2048-byte query holds 126 sources; all held, all are reported, in query order.
+// A 2048-byte query holds 126 sources; all held, all are reported, in query order. A count
+// beyond the buffer walks only the sources inside it.
 TEST_F(QueryTest, QueryOf126HeldSourcesIsAnsweredWithAllOfThem) {
     const addr6 G3 = grp(3);
-    texts expected;
-    for (int n : upto(1, 126)) {
-        expected.push_back("IS_IN G3 " + src_name(src(n).data()));
-    }
     host_state(G3, MLDRT_INCLUDE, upto(1, 126));
     struct {
         const char* name;
-        int claimed, len;
-    } cases[] = {{"TrueCount", -1, -1}, {"CountBeyondTheBufferStopsAtItsEnd", 0xffff, 2048}};
+        int claimed;
+        uint32_t buf_size;
+        int answered;
+    } cases[] = {{"TrueCount", -1, 2048, 126},
+                 {"CountBeyondTheBuffer", 0xffff, 2048, 126},
+                 {"CountBeyondASmallerBuffer", 0xffff, 1024, (1024 - 28) / 16}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
+        router.buf_size = c.buf_size;
         fake::kernel().sent_msgs.clear();
-        hear(up, v2_query(G3, upto(1, 126), c.claimed), c.len);
+        hear(up, v2_query(G3, upto(1, 126), c.claimed));
+        texts expected;
+        for (int n : upto(1, c.answered)) {
+            expected.push_back("IS_IN G3 " + src_name(src(n).data()));
+        }
         EXPECT_EQ(records_sent(up).lines, expected);
     }
+    router.buf_size = MLDRT_BUF_SIZE;
 }
 
 // The upstream link has an MTU of 1280: a report carries at most 1232 bytes, so one record

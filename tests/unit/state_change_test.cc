@@ -123,6 +123,20 @@ TEST_F(StateChangeTest, PendingFilterModeChangesTakePrecedence) {
          {change(inc({}), {"TO_IN G1 {}", "TO_IN G1 {}"}),
           change(exc({1}), {"TO_EX G1 {S1}", "TO_EX G1 {S1}"}), wait({"TO_EX G1 {S1}"}),
           wait({"TO_IN G1 {}"}), wait(none)}},
+        // The TO_EX counter alone decides for INCLUDE, either counter for EXCLUDE.
+        {"IncludeChangeWhileOnlyToInPendingSendsAllow",
+         3,
+         exc({}),
+         {change(inc({2}), {"TO_IN G1 {S2}", "TO_IN G1 {S2}"}),
+          change(inc({2, 3}), {"ALLOW G1 {S3}", "TO_IN G1 {S2}"}), wait({"ALLOW G1 {S3}"}),
+          wait({"ALLOW G1 {S3}"}), wait(none)}},
+        {"ExcludeChangeWhileOnlyToInPendingSendsToEx",
+         3,
+         exc({}),
+         {change(inc({}), {"TO_IN G1 {}", "TO_IN G1 {}"}),
+          change(exc({1}), {"TO_EX G1 {S1}", "TO_EX G1 {S1}"}), wait({"TO_EX G1 {S1}"}),
+          change(exc({1, 2}), {"TO_EX G1 {S1 S2}", "TO_IN G1 {}"}),
+          wait({"ALLOW G1 {}; BLOCK G1 {S2}"}), wait({"ALLOW G1 {}; BLOCK G1 {S2}"}), wait(none)}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
