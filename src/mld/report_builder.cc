@@ -11,8 +11,19 @@ bool is_exclude_type(uint8_t rec_type) {
     return rec_type == MLDRT_REC_MODE_IS_EXCLUDE || rec_type == MLDRT_REC_CHANGE_TO_EXCLUDE;
 }
 
+// What one report may carry: the scratch buffer, and no more records than the upstream link
+// takes in one unfragmented report, so that every report is as full as the link allows.
+uint32_t capacity(const mldrt_report_builder* rb) {
+    uint32_t cap = rb->r->scratch_size;
+    if (rb->r->upstream) {
+        uint32_t link = mldrt_max_mld_len(rb->r->upstream) - MLDRT_REPORT_HDR_LEN;
+        cap = link < cap ? link : cap;
+    }
+    return cap;
+}
+
 uint32_t room(const mldrt_report_builder* rb) {
-    return rb->r->scratch_size - rb->len;
+    return capacity(rb) - rb->len;
 }
 
 // Starts a record at the end of the buffer; false when not even its header fits.
@@ -53,9 +64,10 @@ void mldrt_rb_flush(mldrt_report_builder* rb) {
 
 void mldrt_rb_add(mldrt_report_builder* rb, const uint8_t* group, uint8_t rec_type,
                   const mldrt_src* list) {
-    // A record that fits as a whole is never split over two reports.
+    // A record that fits a report as a whole is never split over two; an EXCLUDE-type record
+    // that fits none starts a report of its own and keeps the first sources that fit.
     uint32_t whole = MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * mldrt_srclist_len(list);
-    if (whole > room(rb) && whole <= rb->r->scratch_size) {
+    if (whole > room(rb) && (whole <= capacity(rb) || is_exclude_type(rec_type))) {
         mldrt_rb_flush(rb);
     }
     if (!start_record(rb, group, rec_type)) {

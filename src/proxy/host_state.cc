@@ -132,10 +132,9 @@ int mldrt_diff_host_state(mldrt_router* r, mldrt_mfdb_entry* e) {
     uint32_t n_new = mldrt_srclist_len(new_hs->list);
     const mldrt_src* longer = n_new > n_old ? new_hs->list : old_hs->list;
     const mldrt_src* shorter = n_new > n_old ? old_hs->list : new_hs->list;
-    // An overflowing subtraction (-1) is a difference too: more sources changed than it holds.
-    return mldrt_subtract_srclists(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY, longer, shorter) != 0
-               ? 1
-               : 0;
+    // An overflowed subtraction (-1) counts as an empty result, like every algebra result.
+    int n = mldrt_subtract_srclists(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY, longer, shorter);
+    return n > 0 ? 1 : 0;
 }
 
 void mldrt_finish_host_state_update(mldrt_router* r, mldrt_mfdb_entry* e) {
