@@ -200,6 +200,15 @@ inline std::vector<std::string> queries_sent() {
     return out;
 }
 
+// A query retransmission list in its order as "S4/1 S1/1": source and retransmissions due.
+inline std::string rtx_text(const mldrt_src* l) {
+    std::string s;
+    for (; l; l = l->next) {
+        s += (s.empty() ? "" : " ") + src_name(l->src_addr) + "/" + std::to_string(l->rtx_count);
+    }
+    return s;
+}
+
 // Forgets the kernel calls and transmissions made so far (by the set-up of a test).
 inline void forget_kernel_calls() {
     fake::kernel().sockopts.clear();

@@ -23,15 +23,6 @@ struct source_chain {
     std::vector<mldrt_src> entries;
 };
 
-// A retransmission list in its order as "S4/1 S1/1": source and retransmissions still due.
-std::string rtx_text(const mldrt_src* l) {
-    std::string s;
-    for (; l; l = l->next) {
-        s += (s.empty() ? "" : " ") + src_name(l->src_addr) + "/" + std::to_string(l->rtx_count);
-    }
-    return s;
-}
-
 class QueryScheduleTest : public ListenerTest {};
 
 TEST_F(QueryScheduleTest, GroupSpecificQuerySetsFilterTimerToLlqtEvenUpwards) {

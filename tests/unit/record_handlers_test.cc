@@ -12,9 +12,28 @@ namespace {
 using namespace lsn;
 
 const char* const kIsInEmpty = "\n FATAL Error - IS_IN record recieved with empty source list";
+// A scratch result of more than 10 sources fails the operation; the handler stops there.
 const char* const kOverflow =
     "\n Fatal: SrcList cannot be accomodated"
     "\n FATAL: mldrt_subtract_srclist_and_rcvd_record 0 failed ";
+const char* const kIntersectOverflow =
+    "\n Fatal: SrcList cannot be accomodated\n Fatal : Coudnt intersect source lists";
+
+// Sources first..last, and the same as list entries with one timer.
+std::vector<int> range(int first, int last) {
+    std::vector<int> v;
+    for (int n = first; n <= last; n++) {
+        v.push_back(n);
+    }
+    return v;
+}
+std::vector<src_timer> timed(const std::vector<int>& ns, int32_t timer) {
+    std::vector<src_timer> v;
+    for (int n : ns) {
+        v.push_back({n, timer});
+    }
+    return v;
+}
 
 // Kernel calls for group ff0e::101 as mfc_calls() prints them.
 std::string add_sg(int s) {
@@ -127,7 +146,7 @@ TEST_F(RecordHandlerTest, CurrentStateRecordsFollowTheRfc3810Table) {
          exclude({{1, 100}}, {{2, 0}}, 200), IS_EX, {}, exclude({{0, 260}}, {}, 260),
          {}, {del_sg(1), kAddStarG}},
         {"IS_EX with 11 sources on an empty INCLUDE group overflows the scratch capacity",
-         include({}), IS_EX, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, include({}),
+         include({}), IS_EX, range(1, 11), include({}),
          {}, {}, kOverflow},
     };
     for (const Row& row : rows) {
@@ -179,6 +198,12 @@ TEST_F(RecordHandlerTest, FilterModeChangeRecordsFollowTheRfc3810Table) {
         {"TO_EX{S2} on EXCLUDE({S1},{S2}): nothing requested, exc Y*B, no query",
          exclude({{1, 100}}, {{2, 0}}, 200), TO_EX, {2}, exclude({}, {{2, 0}}, 260),
          {}, {del_sg(1)}},
+        {"TO_EX with 11 new sources on EXCLUDE overflows B-Y before any change",
+         exclude({{1, 100}}, {}, 200), TO_EX, range(2, 12), exclude({{1, 100}}, {}, 200),
+         {}, {}, kOverflow},
+        {"TO_EX with 11 sources on INCLUDE of the same 11 overflows A*B before any change",
+         include(timed(range(1, 11), 100)), TO_EX, range(1, 11), include(timed(range(1, 11), 100)),
+         {}, {}, kIntersectOverflow},
     };
     for (const Row& row : rows) {
         check(row);
@@ -220,6 +245,12 @@ TEST_F(RecordHandlerTest, SourceListChangeRecordsFollowTheRfc3810Table) {
         {"BLOCK{S1} on EXCLUDE({S1},{}): S1 takes the scratch leftover, queried unlowered",
          exclude({{1, 100}}, {}, 200), BLOCK, {1}, exclude({{1, 1}}, {}, 200),
          {query(G1, {1})}, {}, "", 1},
+        {"BLOCK with 11 sources on INCLUDE of the same 11 overflows A*B: no query",
+         include(timed(range(1, 11), 100)), BLOCK, range(1, 11), include(timed(range(1, 11), 100)),
+         {}, {}, kIntersectOverflow},
+        {"BLOCK with 11 new sources on EXCLUDE overflows B-Y: nothing requested",
+         exclude({{1, 100}}, {}, 200), BLOCK, range(2, 12), exclude({{1, 100}}, {}, 200),
+         {}, {}, kOverflow},
     };
     for (const Row& row : rows) {
         check(row);

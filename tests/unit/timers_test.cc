@@ -12,14 +12,6 @@ namespace {
 
 using namespace lsn;
 
-std::string rtx_text(const mldrt_src* l) {
-    std::string s;
-    for (; l; l = l->next) {
-        s += (s.empty() ? "" : " ") + src_name(l->src_addr) + "/" + std::to_string(l->rtx_count);
-    }
-    return s;
-}
-
 class TimersTest : public ListenerTest {
   protected:
     // The input thread's tick: the removal pass, then each interface's timer pass.
