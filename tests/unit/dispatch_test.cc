@@ -107,6 +107,7 @@ TEST_F(DispatchTest, NonMulticastRecordEndsTheWholeReport) {
     receive();
     EXPECT_EQ(describe(group(eth1, G1)), describe(exclude({{0, 260}}, {}, 260)));
     EXPECT_EQ(eth1->groups->next, nullptr);
+    EXPECT_STREQ(router.group_text, "ff0e::101");  // the last record handled
 }
 
 TEST_F(DispatchTest, UnknownRecordTypesAreSkipped) {
@@ -146,15 +147,20 @@ TEST_F(DispatchTest, ReportWithZeroRecordsDoesNothing) {
     EXPECT_EQ(router.mfdb_list, nullptr);
 }
 
+// Each count is turned into host order before its record is looked at, so also that of the
+// non-multicast record that ends the report.
 TEST_F(DispatchTest, NumberOfSourcesFieldsAreInHostOrderAfterTheLoop) {
-    uint32_t second = put(report(2), IS_IN, G1, {1, 2});
-    put(second, ALLOW, G2, {3});
+    uint32_t second = put(report(3), IS_IN, G1, {1, 2});
+    uint32_t third = put(second, ALLOW, G2, {3});
+    put(third, IS_IN, ip6("2001:db8::1"), {1, 2, 3});
     receive();
-    uint16_t n1, n2;
-    std::memcpy(&n1, router.buf + MLDRT_REPORT_HDR_LEN + 2, 2);
-    std::memcpy(&n2, router.buf + second + 2, 2);
-    EXPECT_EQ(n1, 2);
-    EXPECT_EQ(n2, 1);
+    uint16_t n[3];
+    std::memcpy(&n[0], router.buf + MLDRT_REPORT_HDR_LEN + 2, 2);
+    std::memcpy(&n[1], router.buf + second + 2, 2);
+    std::memcpy(&n[2], router.buf + third + 2, 2);
+    EXPECT_EQ(n[0], 2);
+    EXPECT_EQ(n[1], 1);
+    EXPECT_EQ(n[2], 3);
 }
 
 // Counts come from the sender and are believed only as far as the receive buffer reaches: a
