@@ -7,6 +7,7 @@
 #include "iface/netlink.h"
 #include "kernel/mroute.h"
 #include "listener_support.h"
+#include "proxy/proxy.h"
 
 namespace {
 
@@ -244,6 +245,47 @@ TEST_F(TimersTest, InterfaceDownReleasesItsGroupsBeforeTheRecordIsFreed) {
     EXPECT_EQ(entry(G1)->exclude_count, 0u);
 
     tick();
+    tick();
+    EXPECT_EQ(router.mfdb_list, nullptr);
+}
+
+// Records sent on the upstream link, as "type 3 ff0e::101 n 0".
+texts upstream_records(const mldrt_interface* up) {
+    texts out;
+    for (const auto& m : fake::kernel().sent_msgs) {
+        const std::vector<uint8_t>& p = m.payload;
+        if (m.fd != up->sock || p.size() < MLDRT_REPORT_HDR_LEN || p[0] != MLDRT_TYPE_V2_REPORT) {
+            continue;
+        }
+        uint32_t nrec = (uint32_t{p[6]} << 8) | p[7], off = MLDRT_REPORT_HDR_LEN;
+        for (uint32_t i = 0; i < nrec && off + 20 <= p.size(); i++) {
+            uint32_t n = (uint32_t{p[off + 2]} << 8) | p[off + 3];
+            out.push_back("type " + std::to_string(p[off]) + " " + ip6_text(&p[off + 4]) + " n " +
+                          std::to_string(n));
+            off += 20 + 16 * n;
+        }
+    }
+    return out;
+}
+
+// The released group's leave reaches the upstream at once (robustness 2: the change and one
+// retransmission) and keeps the entry until the last copy is sent.
+TEST_F(TimersTest, InterfaceDownTellsTheUpstreamBeforeTheEntryGoes) {
+    make_group(eth1, G1, exclude({{0, 260}}, {}, 260), host);
+    mldrt_update_host_state(&router);  // the upstream is told EXCLUDE{} for G1,
+    mldrt_clean_host_state(&router);   // twice
+    forget_kernel_calls();
+    mldrt_sysif link{};
+    std::strcpy(link.name, "eth1");
+    mldrt_handle_interface_down(&router, &link);
+    EXPECT_EQ(upstream_records(up), texts{"type 3 ff0e::101 n 0"});
+    mldrt_update_group_state(&router);
+    ASSERT_NE(entry(G1), nullptr);
+
+    tick();
+    mldrt_update_host_state(&router);
+    mldrt_clean_host_state(&router);
+    EXPECT_EQ(upstream_records(up), (texts{"type 3 ff0e::101 n 0", "type 3 ff0e::101 n 0"}));
     tick();
     EXPECT_EQ(router.mfdb_list, nullptr);
 }
