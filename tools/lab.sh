@@ -15,6 +15,9 @@
 # its kernel's MLD only); each router link has exactly one link-local address.
 #
 # Use as a library (bash):   . tools/lab.sh      then lab_up, lab_start_daemon, lab_down, ...
+# (also: lab_add_lan_host for a second host on a link, lab_add_source_addrs and
+# lab_flood_upstream for real traffic from src, lab_capture / lab_capture_lines for tcpdump,
+# lab_mld_lines to decode a capture, lab_mfc for the kernel's forwarding entries)
 # Or from the command line (root):
 #   tools/lab.sh up                  build the lab (removes an earlier one first)
 #   tools/lab.sh start [CONF]        start the daemon in the router namespace (default: the
@@ -463,6 +466,146 @@ lab_send_mld_report() {
   shift
   lab_exec "$host" "$LAB_PYTHON" "$LAB_REPORT_PY" --iface eth0 "$@"
 }
+
+# ---------------------------------------------------------------------------------------------
+# more hosts, sources, captures and the kernel's forwarding entries
+
+# Global addresses of the multicast source (lab_add_source_addrs puts them on src's eth0).
+LAB_SRC_ADDR1=2001:db8:1::10
+LAB_SRC_ADDR2=2001:db8:1::11
+LAB_FLOW_PY=$LAB_ROOT/tests/lab/mcast_flow.py
+LAB_PCAP_PY=$LAB_ROOT/tests/lab/wire_pcap.py
+
+# lab_add_source_addrs: two global addresses on src's eth0 (senders bind to either one).
+lab_add_source_addrs() {
+  ip -n "$(lab_ns "$LAB_SRC")" addr add "$LAB_SRC_ADDR1/64" dev eth0 nodad &&
+    ip -n "$(lab_ns "$LAB_SRC")" addr add "$LAB_SRC_ADDR2/64" dev eth0 nodad
+}
+
+# lab_flood_upstream: make the router's bridge port a permanent multicast-router port, so that
+# all multicast from src reaches up0 whatever the router reported upstream. (Once the bridge's
+# querier is established, 10 s after br0 came up, it sends a group that no port has joined only
+# to multicast-router ports: mcast_flood does not bring it to the router.) Tests of downstream
+# forwarding use it, so that a link without listeners is shown to get nothing although the
+# traffic reaches the router.
+lab_flood_upstream() { ip netns exec "$(lab_ns "$LAB_UP")" bridge link set dev p-rt mcast_router 2; }
+
+# lab_add_lan_host HOST NEWHOST: a second host on HOST's link: a macvlan (bridge mode) on HOST's
+# eth0, moved into a new namespace NEWHOST as its eth0. Both hosts then share the router's link
+# (frames from the router reach both; NEWHOST's reports leave through HOST's eth0), each with its
+# own MAC and link-local address and its own kernel MLD state.
+lab_add_lan_host() {
+  local host=$1 newhost=$2 tmp="mv-$2"
+  lab_ns_create "$newhost" || { lab_say "cannot create namespace $(lab_ns "$newhost")"; return 1; }
+  ip -n "$(lab_ns "$host")" link add "$tmp" link eth0 type macvlan mode bridge &&
+    ip -n "$(lab_ns "$host")" link set "$tmp" netns "$(lab_ns "$newhost")" &&
+    ip -n "$(lab_ns "$newhost")" link set "$tmp" name eth0 &&
+    lab_link_up "$newhost" eth0 || { lab_say "cannot attach $newhost to the link of $host"; return 1; }
+  lab_wait_ll "$newhost" eth0
+}
+
+# lab_capture NS IFNAME FILE [FILTER]: tcpdump on the link into the pcap FILE (packet-buffered,
+# so the file can be read while it grows), in the background; FILTER defaults to "ip6" (the
+# "icmp6" primitive does not follow the hop-by-hop header that MLD messages carry). Returns
+# once tcpdump listens. Sets LAB_CAPTURE_PID.
+lab_capture() {
+  local ns=$1 ifname=$2 file=$3 filter=${4:-ip6}
+  LAB_CAPTURE_PID=''
+  ip netns exec "$(lab_ns "$ns")" tcpdump -i "$ifname" -n -U -Z root -w "$file" "$filter" \
+    </dev/null >/dev/null 2>"$file.err" &
+  LAB_CAPTURE_PID=$!
+  lab_wait_for 10 grep -q 'listening on' "$file.err" || {
+    lab_say "tcpdump on $ns/$ifname did not start: $(head -c 300 "$file.err")"
+    return 1
+  }
+}
+
+# lab_capture_lines NS IFNAME FILE [FILTER]: like lab_capture, but tcpdump writes one text line
+# per packet into FILE ("TIME IP6 SRC.PORT > DST.PORT: UDP, length N" for UDP), cheap to count
+# while it runs. FILTER defaults to "udp". Sets LAB_CAPTURE_PID.
+lab_capture_lines() {
+  local ns=$1 ifname=$2 file=$3 filter=${4:-udp}
+  LAB_CAPTURE_PID=''
+  ip netns exec "$(lab_ns "$ns")" tcpdump -i "$ifname" -n -l -tt -Z root "$filter" \
+    </dev/null >"$file" 2>"$file.err" &
+  LAB_CAPTURE_PID=$!
+  lab_wait_for 10 grep -q 'listening on' "$file.err" || {
+    lab_say "tcpdump on $ns/$ifname did not start: $(head -c 300 "$file.err")"
+    return 1
+  }
+}
+
+# lab_capture_stop PID...: end captures started above (SIGINT makes tcpdump write what it holds).
+lab_capture_stop() {
+  local pid
+  for pid in "$@"; do
+    [[ -n $pid ]] || continue
+    kill -INT "$pid" 2>/dev/null
+    lab_wait_exit "$pid" 5 || kill -KILL "$pid" 2>/dev/null
+    wait "$pid" 2>/dev/null
+  done
+  return 0
+}
+
+# lab_udp_times FILE GROUP [SOURCE]: times of the UDP packets to GROUP (from SOURCE) in a
+# lab_capture_lines file, one a line.
+lab_udp_times() {
+  awk -v g="$2" -v s="${3:-}" '
+    $2 == "IP6" && $4 == ">" && $0 ~ /: UDP,/ {
+      src = $3; sub(/\.[0-9]+$/, "", src)
+      dst = $5; sub(/:$/, "", dst); sub(/\.[0-9]+$/, "", dst)
+      if (dst == g && (s == "" || src == s)) print $1
+    }' "$1" 2>/dev/null
+}
+
+# lab_mld_lines FILE...: the packets of pcap files decoded one a line (tests/lab/wire_pcap.py).
+lab_mld_lines() { "$LAB_PYTHON" "$LAB_PCAP_PY" "$@"; }
+
+# lab_addr_full ADDR: the address written out in full, as /proc/net/ip6_mr_cache shows it.
+lab_addr_full() {
+  "$LAB_PYTHON" -c 'import ipaddress, sys; print(ipaddress.IPv6Address(sys.argv[1]).exploded)' "$1"
+}
+
+# lab_mfc GROUP [ORIGIN]: the router kernel's forwarding entry for (ORIGIN, GROUP) (ORIGIN
+# default ::, the (*,G) entry) as "IIF OIF OIF ..." (MIF indexes); nothing when there is none.
+lab_mfc() {
+  local g o
+  g=$(lab_addr_full "$1") && o=$(lab_addr_full "${2:-::}") || return 1
+  ip netns exec "$(lab_ns "$LAB_RT")" cat /proc/net/ip6_mr_cache 2>/dev/null | awk -v g="$g" -v o="$o" '
+    NR > 1 && $1 == g && $2 == o {
+      line = $3
+      for (i = 7; i <= NF; i++) { split($i, a, ":"); line = line " " a[1] }
+      print line
+      exit
+    }'
+}
+
+# lab_mfc_group GROUP: every kernel forwarding entry of GROUP as "ORIGIN IIF OIF ..." lines.
+lab_mfc_group() {
+  local g
+  g=$(lab_addr_full "$1") || return 1
+  ip netns exec "$(lab_ns "$LAB_RT")" cat /proc/net/ip6_mr_cache 2>/dev/null | awk -v g="$g" '
+    NR > 1 && $1 == g {
+      line = $2 " " $3
+      for (i = 7; i <= NF; i++) { split($i, a, ":"); line = line " " a[1] }
+      print line
+    }'
+}
+
+# lab_mif_set IFNAME...: the MIF indexes of the router's links, sorted, space-separated (the
+# form lab_mfc's OIF list has after sorting); fails when a link is no MIF.
+lab_mif_set() {
+  local ifname mif list=()
+  for ifname in "$@"; do
+    mif=$(lab_mif_index "$ifname")
+    [[ -n $mif ]] || return 1
+    list+=("$mif")
+  done
+  printf '%s\n' "${list[@]}" | sort -n | tr '\n' ' ' | sed 's/ $//'
+}
+
+# lab_mfc_oifs GROUP [ORIGIN]: the entry's output MIFs, sorted, space-separated.
+lab_mfc_oifs() { lab_mfc "$@" | awk '{ for (i = 2; i <= NF; i++) print $i }' | sort -n | tr '\n' ' ' | sed 's/ $//'; }
 
 # ---------------------------------------------------------------------------------------------
 # command line
