@@ -10,21 +10,19 @@
 
 namespace {
 
-mldrt_mif6ctl make_mif6ctl(const mldrt_interface* ifp) {
-    mldrt_mif6ctl mc;
-    std::memset(&mc, 0, sizeof mc);  // padding included: the kernel gets no stray bytes
-    mc.mif6c_mifi = ifp->mifi;
-    mc.mif6c_flags = 0;
-    mc.mif6c_pifi = static_cast<uint16_t>(ifp->ifindex);
-    return mc;
+// Records are filled in place: a copy need not carry the padding bytes, and the kernel should
+// get no stray bytes.
+void fill_mif6ctl(mldrt_mif6ctl* mc, const mldrt_interface* ifp) {
+    std::memset(mc, 0, sizeof *mc);
+    mc->mif6c_mifi = ifp->mifi;
+    mc->mif6c_flags = 0;
+    mc->mif6c_pifi = static_cast<uint16_t>(ifp->ifindex);
 }
 
-mldrt_mf6cctl make_mf6cctl(const uint8_t* group, const uint8_t* source) {
-    mldrt_mf6cctl mc;
-    std::memset(&mc, 0, sizeof mc);
-    std::memcpy(&mc.mf6cc_origin.sin6_addr, source, 16);
-    std::memcpy(&mc.mf6cc_mcastgrp.sin6_addr, group, 16);
-    return mc;
+void fill_mf6cctl(mldrt_mf6cctl* mc, const uint8_t* group, const uint8_t* source) {
+    std::memset(mc, 0, sizeof *mc);
+    std::memcpy(&mc->mf6cc_origin.sin6_addr, source, 16);
+    std::memcpy(&mc->mf6cc_mcastgrp.sin6_addr, group, 16);
 }
 
 int set_mfc(int sock, int option, const mldrt_mf6cctl* mc) {
@@ -57,7 +55,8 @@ int mldrt_add_k_vif(int sock, const mldrt_interface* ifp) {
         puts("MLDRT: Setsockopt error on MRT_ADD_MIF");
         return -1;
     }
-    mldrt_mif6ctl mc = make_mif6ctl(ifp);
+    mldrt_mif6ctl mc;
+    fill_mif6ctl(&mc, ifp);
     if (setsockopt(sock, MLDRT_K_LEVEL, MRT6_ADD_MIF_OPT, &mc, sizeof mc) < 0) {
         puts("MLDRT: Setsockopt error on MRT_ADD_MIF");
         return -1;
@@ -66,7 +65,8 @@ int mldrt_add_k_vif(int sock, const mldrt_interface* ifp) {
 }
 
 int mldrt_delete_k_vif(int sock, const mldrt_interface* ifp) {
-    mldrt_mif6ctl mc = make_mif6ctl(ifp);
+    mldrt_mif6ctl mc;
+    fill_mif6ctl(&mc, ifp);
     if (setsockopt(sock, MLDRT_K_LEVEL, MRT6_DEL_MIF_OPT, &mc, sizeof mc) < 0) {
         puts("MLDRT: Setsockopt error on MRT_DEL_VIF");
         return -1;
@@ -89,7 +89,8 @@ int mldrt_add_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source
     if (!r->upstream) {
         return -1;  // no parent MIF to name yet; written again when the upstream appears
     }
-    mldrt_mf6cctl mc = make_mf6cctl(group, source);
+    mldrt_mf6cctl mc;
+    fill_mf6cctl(&mc, group, source);
     mc.mf6cc_parent = r->upstream->mifi;
     mc.mf6cc_ifset[0] = mldrt_k_ifset_word(oifs);
     if (mldrt_is_any_addr(source) && r->upstream->mifi < MLDRT_MAXMIFS) {
@@ -103,7 +104,8 @@ int mldrt_add_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source
 }
 
 int mldrt_delete_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source) {
-    mldrt_mf6cctl mc = make_mf6cctl(group, source);
+    mldrt_mf6cctl mc;
+    fill_mf6cctl(&mc, group, source);
     if (set_mfc(r->router_sock, MRT6_DEL_MFC_OPT, &mc) < 0) {
         if (mldrt_is_any_addr(source)) {
             puts("MLDRT: Setsockopt error on MRT_DEL_ADD_MFC");
