@@ -83,7 +83,7 @@ TEST_F(ConfigTest, FileTextSetsRouterFields) {
          "# UPSTREAM_IFNAME x\n" + std::string(kUp) + "QUERY_INTERVAL 125 # comment 9\n", "e", 0,
          125, 0, 0, 0, 0, OK, ""},
         {"the last line with a value wins",
-         "UPSTREAM_IFNAME a\nUPSTREAM_IFNAME b\nQUERY_INTERVAL 1\nQUERY_INTERVAL 2\n"
+         "UPSTREAM_IFNAME eth0.100\nUPSTREAM_IFNAME b\nQUERY_INTERVAL 1\nQUERY_INTERVAL 2\n"
          "QUERY_INTERVAL\nVERBOSE 4\nVERBOSE\n",
          "b", 0, 2, 0, 0, 0, 4, OK, ""},
         {"20-character name cut to 16 and terminated", "UPSTREAM_IFNAME abcdefghijklmnopqrst\n",
