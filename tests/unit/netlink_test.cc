@@ -1,0 +1,387 @@
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "iface/interface.h"
+#include "iface/netlink.h"
+#include "kernel/mroute.h"
+#include "test_support.h"
+
+namespace {
+
+// Netlink messages are in host byte order; addresses inside them in network order.
+using bytes = std::vector<uint8_t>;
+
+template <typename T>
+bytes raw(const T& v) {
+    const auto* p = reinterpret_cast<const uint8_t*>(&v);
+    return bytes(p, p + sizeof v);
+}
+
+bytes cat(std::initializer_list<bytes> parts) {
+    bytes out;
+    for (const auto& p : parts) {
+        out.insert(out.end(), p.begin(), p.end());
+    }
+    return out;
+}
+
+void patch16(bytes& b, size_t off, uint16_t v) {
+    std::memcpy(&b[off], &v, 2);
+}
+void patch32(bytes& b, size_t off, uint32_t v) {
+    std::memcpy(&b[off], &v, 4);
+}
+
+bytes nl(uint16_t type, const bytes& body) {
+    nlmsghdr h{};
+    h.nlmsg_len = static_cast<uint32_t>(sizeof h + body.size());
+    h.nlmsg_type = type;
+    bytes m = cat({raw(h), body});
+    m.resize((m.size() + 3) & ~size_t{3});
+    return m;
+}
+
+bytes rta(uint16_t type, const void* data, size_t len) {
+    rtattr a{static_cast<unsigned short>(4 + len), type};
+    bytes b = raw(a);
+    const auto* p = static_cast<const uint8_t*>(data);
+    b.insert(b.end(), p, p + len);
+    b.resize((b.size() + 3) & ~size_t{3});
+    return b;
+}
+
+bytes a6(uint16_t type, const char* text) {
+    addr6 a = ip6(text);
+    return rta(type, a.data(), 16);
+}
+
+constexpr unsigned kUpMc = IFF_UP | IFF_MULTICAST;
+const uint32_t kMtu = 1500;
+
+// IFLA_IFNAME (with its terminator) at offset 32, then IFLA_MTU.
+bytes link(uint16_t type, int index, unsigned flags, const std::string& name, bool mtu = true) {
+    ifinfomsg ifi{};
+    ifi.ifi_index = index;
+    ifi.ifi_flags = flags;
+    return nl(type, cat({raw(ifi), rta(IFLA_IFNAME, name.c_str(), name.size() + 1),
+                         mtu ? rta(IFLA_MTU, &kMtu, 4) : bytes{}}));
+}
+
+bytes addr(uint32_t index, const bytes& attrs, uint8_t family = AF_INET6, uint16_t type = 20) {
+    ifaddrmsg ifa{};
+    ifa.ifa_family = family;
+    ifa.ifa_prefixlen = 64;
+    ifa.ifa_index = index;
+    return nl(type, cat({raw(ifa), attrs}));
+}
+
+bytes ll_addr(uint32_t index, const char* text = "fe80::1") {
+    return addr(index, a6(IFA_ADDRESS, text));
+}
+
+class NetlinkTest : public RouterTest {
+  protected:
+    // The batch fills a receive buffer of exactly its size: ASan reports any read past it.
+    void feed(const bytes& batch) {
+        free(router.nl_buf);
+        router.nl_buf = static_cast<uint8_t*>(calloc(1, std::max<size_t>(batch.size(), 1)));
+        router.nl_buf_size = static_cast<uint32_t>(batch.size());
+        fake::kernel().netlink_batches.push_back(batch);
+        EXPECT_EQ(mldrt_handle_interface(&router), 0);
+    }
+};
+
+TEST_F(NetlinkTest, DumpRequestsShareOneSocketBoundToLinkAndAddressGroups) {
+    int32_t sock = 0;
+    ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETLINK), 0);
+    ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETADDR), 0);
+    const auto& k = fake::kernel();
+    ASSERT_EQ(k.sockets.size(), 1u);
+    EXPECT_EQ(sock, k.sockets[0].fd);
+    EXPECT_EQ(k.sockets[0].domain, AF_NETLINK);
+    EXPECT_EQ(k.sockets[0].type, SOCK_RAW);
+    EXPECT_EQ(k.sockets[0].protocol, NETLINK_ROUTE);
+    ASSERT_EQ(k.bound.size(), 1u);
+    ASSERT_EQ(k.bound[0].size(), 12u);
+    sockaddr_nl local;
+    std::memcpy(&local, k.bound[0].data(), sizeof local);
+    EXPECT_EQ(local.nl_family, AF_NETLINK);
+    EXPECT_EQ(local.nl_pid, 0u);
+    EXPECT_EQ(local.nl_groups, 0x101u);
+    ASSERT_EQ(k.sent.size(), 2u);
+    uint32_t seq0 = 0;
+    for (size_t i = 0; i < 2; i++) {
+        SCOPED_TRACE(i);
+        ASSERT_EQ(k.sent[i].size(), 20u);
+        nlmsghdr h;
+        std::memcpy(&h, k.sent[i].data(), sizeof h);
+        EXPECT_EQ(h.nlmsg_len, 17u);
+        EXPECT_EQ(h.nlmsg_type, i == 0 ? 18 : 22);
+        EXPECT_EQ(h.nlmsg_flags, 0x301);
+        seq0 = i == 0 ? h.nlmsg_seq : seq0;
+        EXPECT_EQ(h.nlmsg_seq, seq0 + i);
+        EXPECT_EQ(h.nlmsg_pid, 0u);
+        EXPECT_EQ(bytes(k.sent[i].begin() + 16, k.sent[i].end()), bytes(4, 0));
+    }
+}
+
+TEST_F(NetlinkTest, SocketOrBindFailureIsReportedAndSendsNothing) {
+    int32_t sock = 0;
+    fake::kernel().socket_result = -1;
+    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK), -1); }),
+              "MLDRT: Can't open bcast socket -1\n");
+    fake::kernel().socket_result = 0;
+    fake::kernel().bind_result = -1;
+    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK), -1); }),
+              "MLDRT: Can't bind bcast socket -1\n");
+    EXPECT_EQ(fake::kernel().closed, std::vector<int>{fake::kernel().sockets.at(0).fd});
+    EXPECT_TRUE(fake::kernel().sent.empty());
+    EXPECT_EQ(sock, 0);
+}
+
+TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
+    bytes eth1 = link(RTM_NEWLINK, 7, kUpMc, "eth1");
+    bytes bad_mtu_len = eth1;
+    patch16(bad_mtu_len, 44, 200);  // IFLA_MTU reaching past the message
+    bytes tiny_attr = eth1;
+    patch16(tiny_attr, 32, 2);  // IFLA_NAME shorter than an attribute header
+    bytes long_msg = eth1;
+    patch32(long_msg, 0, static_cast<uint32_t>(eth1.size() + 4));
+    bytes short_addr = ll_addr(7);
+    patch16(short_addr, 24, 40);
+    ifinfomsg ifi{};
+    ifi.ifi_index = 7;
+    ifi.ifi_flags = kUpMc;
+    const bytes ifi_bytes = raw(ifi);
+    bytes header_only = nl(RTM_NEWLINK, bytes(ifi_bytes.begin(), ifi_bytes.begin() + 8));
+    bytes below_16 = nl(99, {});
+    patch32(below_16, 0, 12);
+    bytes twenty(20, 0);
+    twenty[0] = 0xfe;
+    twenty[1] = 0x80;
+    struct Row {
+        const char* name;
+        std::vector<bytes> batches;
+        const char* ifname;  // nullptr: no record
+        uint32_t ifindex;
+        const char* out;
+    };
+    const std::vector<Row> rows = {
+        {"link then link-local address", {cat({eth1, ll_addr(7)})}, "eth1", 7, ""},
+        {"in separate batches, as IFA_LOCAL",
+         {eth1, addr(7, a6(IFA_LOCAL, "fe80::1"))},
+         "eth1",
+         7,
+         ""},
+        {"IFA_LOCAL wins over IFA_ADDRESS",
+         {eth1, addr(7, cat({a6(IFA_ADDRESS, "fe80::1"), a6(IFA_LOCAL, "2001:db8::1")}))},
+         nullptr,
+         0,
+         ""},
+        {"febf:: is still link-local", {eth1, addr(7, a6(IFA_ADDRESS, "febf::1"))}, "eth1", 7, ""},
+        {"global address", {eth1, addr(7, a6(IFA_ADDRESS, "2001:db8::7"))}, nullptr, 0, ""},
+        {"fec0:: is not link-local", {eth1, addr(7, a6(IFA_ADDRESS, "fec0::1"))}, nullptr, 0, ""},
+        {"deleted address is handled alike",
+         {eth1, addr(7, a6(IFA_ADDRESS, "fe80::1"), AF_INET6, RTM_DELADDR)},
+         "eth1",
+         7,
+         ""},
+        {"IPv4 address", {eth1, addr(7, a6(IFA_ADDRESS, "fe80::1"), AF_INET)}, nullptr, 0, ""},
+        {"link down still comes up with its address",
+         {link(RTM_NEWLINK, 7, IFF_MULTICAST, "eth1"), ll_addr(7)},
+         "eth1",
+         7,
+         ""},
+        {"loopback",
+         {link(RTM_NEWLINK, 1, kUpMc | IFF_LOOPBACK, "lo"), ll_addr(1)},
+         nullptr,
+         0,
+         ""},
+        {"no multicast", {link(RTM_NEWLINK, 7, IFF_UP, "eth1"), ll_addr(7)}, nullptr, 0, ""},
+        {"no MTU attribute",
+         {link(RTM_NEWLINK, 7, kUpMc, "eth1", false), ll_addr(7)},
+         nullptr,
+         0,
+         ""},
+        {"address for an unknown index", {eth1, ll_addr(8)}, nullptr, 0, ""},
+        {"kernel index 40", {link(RTM_NEWLINK, 40, kUpMc, "eth9"), ll_addr(40)}, "eth9", 40, ""},
+        {"kernel index 70000 fails MIF registration",
+         {link(RTM_NEWLINK, 70000, kUpMc, "eth9"), ll_addr(70000)},
+         nullptr,
+         0,
+         "MLDRT: Setsockopt error on MRT_ADD_MIF\n"},
+        {"long name cut and terminated",
+         {link(RTM_NEWLINK, 7, kUpMc, "abcdefghijklmnopqrst"), ll_addr(7)},
+         "abcdefghijklmnop",
+         7,
+         ""},
+        {"name without terminator",
+         {nl(RTM_NEWLINK, cat({ifi_bytes, rta(IFLA_IFNAME, "eth5", 4), rta(IFLA_MTU, &kMtu, 4)})),
+          ll_addr(7)},
+         "eth5",
+         7,
+         ""},
+        {"NLMSG_DONE drops what follows",
+         {cat({eth1, nl(NLMSG_DONE, bytes(4, 0)), ll_addr(7)})},
+         nullptr,
+         0,
+         ""},
+        {"message length below 16 stops the walk",
+         {cat({below_16, eth1, ll_addr(7)})},
+         nullptr,
+         0,
+         ""},
+        {"message longer than the batch", {long_msg, ll_addr(7)}, nullptr, 0, ""},
+        {"batch shorter than a header",
+         {bytes(eth1.begin(), eth1.begin() + 10), ll_addr(7)},
+         nullptr,
+         0,
+         ""},
+        {"link message shorter than its header", {header_only, ll_addr(7)}, nullptr, 0, ""},
+        {"attribute length below 4", {tiny_attr, ll_addr(7)}, nullptr, 0, ""},
+        {"attribute beyond the message", {bad_mtu_len, ll_addr(7)}, nullptr, 0, ""},
+        {"address attribute beyond the message", {eth1, short_addr}, nullptr, 0, ""},
+        {"address attribute of 4 bytes",
+         {eth1, addr(7, rta(IFA_ADDRESS, nullptr, 0))},
+         nullptr,
+         0,
+         ""},
+        {"address attribute of 20 bytes",
+         {eth1, addr(7, rta(IFA_ADDRESS, twenty.data(), 20))},
+         nullptr,
+         0,
+         ""},
+        {"address message shorter than its header",
+         {eth1, nl(RTM_NEWADDR, bytes(4, 0))},
+         nullptr,
+         0,
+         ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        while (router.interfaces) {
+            mldrt_delete_interface(router.interfaces);
+        }
+        mldrt_sysif_reset();
+        fake::kernel().sockopts.clear();
+        fake::kernel().sockets.clear();
+        fake::kernel().closed.clear();
+        std::string out = stdout_of([&] {
+            for (const auto& b : row.batches) {
+                feed(b);
+            }
+        });
+        EXPECT_EQ(out, row.out);
+        auto add_mif = fake::sockopts(41, 202);
+        if (!row.ifname) {
+            EXPECT_EQ(router.interfaces, nullptr);
+            EXPECT_TRUE(add_mif.empty());
+            for (const auto& s : fake::kernel().sockets) {
+                EXPECT_EQ(
+                    std::count(fake::kernel().closed.begin(), fake::kernel().closed.end(), s.fd),
+                    1);
+            }
+            continue;
+        }
+        mldrt_interface* ifp = router.interfaces;
+        ASSERT_NE(ifp, nullptr);
+        EXPECT_EQ(ifp->next, nullptr);
+        EXPECT_EQ(std::string(ifp->name, strnlen(ifp->name, sizeof ifp->name)), row.ifname);
+        EXPECT_EQ(ifp->ifindex, row.ifindex);
+        ASSERT_EQ(add_mif.size(), 1u);
+        mldrt_mif6ctl mc;
+        std::memcpy(&mc, add_mif[0].value.data(), sizeof mc);
+        EXPECT_EQ(mc.mif6c_mifi, 0);
+        EXPECT_EQ(mc.mif6c_pifi, row.ifindex);
+    }
+}
+
+TEST_F(NetlinkTest, EveryBatchAfterTheFirstLinkDumpRestartsTheInputThread) {
+    struct Row {
+        const char* name;
+        int init_scan;
+        std::optional<bytes> batch;  // none: the read fails
+        int running, restart, scan_ifaddr, init_after;
+    };
+    const bytes eth1 = link(RTM_NEWLINK, 7, kUpMc, "eth1");
+    const bytes done = nl(NLMSG_DONE, bytes(4, 0)), error = nl(NLMSG_ERROR, bytes(20, 0));
+    const std::vector<Row> rows = {
+        {"link message", 0, eth1, 0, 1, 1, 0},
+        {"link message during the first dump", 1, eth1, 1, 0, 1, 1},
+        {"address message", 0, ll_addr(7), 0, 1, 0, 0},
+        {"unknown type during the first dump", 1, nl(RTM_NEWROUTE, bytes(12, 0)), 1, 0, 0, 1},
+        {"NLMSG_DONE ends the first dump", 1, cat({eth1, done}), 0, 1, 1, 0},
+        {"NLMSG_DONE drops the link after it", 1, cat({done, eth1}), 0, 1, 0, 0},
+        {"NLMSG_ERROR", 1, cat({error, eth1}), 0, 1, 0, 0},
+        {"failed read", 1, std::nullopt, 0, 1, 0, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        router.running = 1;
+        uc_restart_rt_input_thread = 0;
+        g_scan_ifaddr = 0;
+        mld_init_scan_link = row.init_scan;
+        fake::kernel().recv_flags.clear();
+        if (row.batch) {
+            feed(*row.batch);
+        } else {
+            EXPECT_EQ(mldrt_handle_interface(&router), 0);
+        }
+        EXPECT_EQ(router.running, row.running);
+        EXPECT_EQ(uc_restart_rt_input_thread, row.restart);
+        EXPECT_EQ(g_scan_ifaddr, row.scan_ifaddr);
+        EXPECT_EQ(mld_init_scan_link, row.init_after);
+        EXPECT_EQ(fake::kernel().recv_flags, std::vector<int>{MSG_DONTWAIT | MSG_NOSIGNAL});
+    }
+}
+
+TEST_F(NetlinkTest, UpstreamActivatesTheRouterAndDeletedLinksLoseTheirMif) {
+    feed(cat({link(RTM_NEWLINK, 7, kUpMc, "eth1"), ll_addr(7)}));
+    mldrt_interface* eth1 = mldrt_lookup_interface_name(&router, "eth1");
+    ASSERT_NE(eth1, nullptr);
+    int eth1_sock = eth1->sock;
+    EXPECT_EQ(router.upstream, nullptr);
+    EXPECT_EQ(router.active, 0);
+    eth1->query_timer = 3;
+    feed(cat({link(RTM_NEWLINK, 2, kUpMc, "up0"), ll_addr(2, "fe80::2")}));
+    mldrt_interface* up = mldrt_lookup_interface_name(&router, "up0");
+    ASSERT_NE(up, nullptr);
+    EXPECT_EQ(router.upstream, up);
+    EXPECT_EQ(router.active, 1);
+    EXPECT_EQ(up->mifi, 1);
+    EXPECT_EQ(eth1->query_timer, 125u);  // every querier sends a general query at the next tick
+    EXPECT_EQ(ip6_text(router.upstream_addr), "fe80::2");
+    // A link going administratively down is a new-link message: the record stays.
+    feed(link(RTM_NEWLINK, 7, IFF_MULTICAST, "eth1"));
+    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth1"), eth1);
+
+    fake::kernel().sockopts.clear();
+    feed(link(RTM_DELLINK, 7, kUpMc, "eth1"));
+    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth1"), nullptr);
+    EXPECT_EQ(std::count(fake::kernel().closed.begin(), fake::kernel().closed.end(), eth1_sock), 1);
+    EXPECT_EQ(router.upstream, up);
+    feed(ll_addr(7));  // the table entry went with the link
+    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth1"), nullptr);
+    feed(link(RTM_DELLINK, 2, kUpMc, "up0"));
+    EXPECT_EQ(router.upstream, nullptr);
+    EXPECT_EQ(router.active, 0);
+    EXPECT_EQ(router.interfaces, nullptr);
+    auto del = fake::sockopts(41, 203);
+    ASSERT_EQ(del.size(), 2u);
+    mldrt_mif6ctl mc;
+    std::memcpy(&mc, del[0].value.data(), sizeof mc);
+    EXPECT_EQ(mc.mif6c_mifi, 0);
+    EXPECT_EQ(mc.mif6c_pifi, 7);
+    std::memcpy(&mc, del[1].value.data(), sizeof mc);
+    EXPECT_EQ(mc.mif6c_mifi, 1);
+    EXPECT_EQ(mc.mif6c_pifi, 2);
+}
+
+}  // namespace
