@@ -1,0 +1,193 @@
+#!/usr/bin/env bash
+# The daemon on the wire of its downstream links, captured on the host side of each link from
+# before the daemon starts: its start-up reports (one CHANGE_TO_EXCLUDE record each for the
+# solicited-node group of the upstream link-local address, ff02::16 and ff02::2, robustness
+# times each, to ff02::16, hop limit 1, Router Alert), its general queries (to ff02::1 from the
+# router's link-local address on that link, hop limit 1, Router Alert, 28 bytes of ICMPv6 with
+# MRC 1000, QQIC 4, QRV 2) and their spacing (the second one 2 ticks after the first, then one
+# every QUERY_INTERVAL ticks); and nothing of that on the upstream link (captured on the
+# bridge's side of up0).
+#
+# Telling the daemon's reports from the router kernel's own: the kernel reports ff02::16 and
+# ff02::2 itself (when the daemon's sockets join them), with flow label 0 and here two records a
+# report; the daemon's reports leave its raw sockets with a non-zero flow label and carry one
+# record each. Only the daemon reports the upstream link's solicited-node group on a downstream
+# link.
+#
+# Ticks: the daemon's clock runs in its input thread, which is ended and started again after
+# every batch of netlink messages (the start-up brings such batches: the address dump's end
+# arrives on its own). A new thread sleeps a second before its first tick, so wall-clock gaps
+# between queries stretch across such a restart. The test records when input threads start
+# (tests/lab/thread_starts.py) and counts the ticks between queries (tests/lab/query_ticks.py).
+
+# Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
+# shellcheck disable=SC2317
+# shellcheck source=tests/lab/lib.sh
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+LOG=$T_WORK/daemon.log
+ROBUSTNESS=2 QUERY_INTERVAL=4
+WANT_QUERIES=4 # general queries to see on each downstream link
+THREADS=$T_WORK/threads.txt
+CAPTURES=() TRACKER='' SETUP_OK=0
+declare -A RT_LL=() HOST_OF=([dn1]=$LAB_H1 [dn2]=$LAB_H2)
+UP_SN=''
+
+# count_queries FILE ROUTER_ADDR: general queries from the router in a decoded capture.
+count_queries() { grep -c " MLD src=$2 .* type=130 .* group=:: " "$1" 2>/dev/null || true; }
+
+enough_queries() {
+  local link
+  for link in dn1 dn2; do
+    lab_mld_lines "$T_WORK/$link.pcap" >"$T_WORK/$link.txt" 2>/dev/null || return 1
+    [[ $(count_queries "$T_WORK/$link.txt" "${RT_LL[$link]}") -ge $WANT_QUERIES ]] || return 1
+  done
+}
+
+setup() {
+  t_need_daemon || return 1
+  lab_up || fail "the lab could not be built" || return 1
+  local link
+  for link in dn1 dn2 up0; do RT_LL[$link]=$(lab_ll_addr "$LAB_RT" "$link"); done
+  # ff02::1:ff00:0 with the last three bytes of the upstream link-local address.
+  UP_SN=$("$LAB_PYTHON" -c 'import ipaddress, sys
+b = ipaddress.IPv6Address(sys.argv[1]).packed
+print(ipaddress.IPv6Address(bytes.fromhex("ff0200000000000000000001ff") + b[13:]))' "${RT_LL[up0]}") ||
+    fail "cannot compute the solicited-node group of ${RT_LL[up0]}" || return 1
+  for link in dn1 dn2; do
+    lab_capture "${HOST_OF[$link]}" eth0 "$T_WORK/$link.pcap" || fail "no capture on $link" || return 1
+    CAPTURES+=("$LAB_CAPTURE_PID")
+  done
+  lab_capture "$LAB_UP" p-rt "$T_WORK/up0.pcap" || fail "no capture on the bridge side of up0" || return 1
+  CAPTURES+=("$LAB_CAPTURE_PID")
+  lab_start_daemon -l "$LOG" || fail "the daemon did not start" || return 1
+  "$LAB_PYTHON" "$LAB_TESTS_DIR/thread_starts.py" "$LAB_DAEMON_PID" >"$THREADS" 2>&1 &
+  TRACKER=$!
+  say "router: up0 ${RT_LL[up0]}, dn1 ${RT_LL[dn1]}, dn2 ${RT_LL[dn2]}; upstream solicited-node group $UP_SN"
+  if ! lab_wait_for 45 enough_queries; then
+    fail "fewer than $WANT_QUERIES general queries on dn1/dn2 within 45 s (dn1: $(count_queries "$T_WORK/dn1.txt" "${RT_LL[dn1]}"), dn2: $(count_queries "$T_WORK/dn2.txt" "${RT_LL[dn2]}"))"
+    return 1
+  fi
+  t_stop "$TRACKER"
+  lab_capture_stop "${CAPTURES[@]}"
+  for link in dn1 dn2 up0; do lab_mld_lines "$T_WORK/$link.pcap" >"$T_WORK/$link.txt" || fail "cannot decode $link.pcap" || return 1; done
+  t_daemon_alive || fail "the daemon ended" || return 1
+  SETUP_OK=1
+}
+
+# field LINE KEY: the value of key=value in a decoded line.
+field() { awk -v k="$2" '{ for (i = 3; i <= NF; i++) if (index($i, k "=") == 1) { print substr($i, length(k) + 2); exit } }' <<<"$1"; }
+
+# The daemon's reports on a link: from the router's address there, non-zero flow label.
+daemon_reports() { grep " MLD src=$2 .* fl=0x[1-9a-f][0-9a-f]* .* type=143 " "$1"; }
+
+startup_reports() {
+  local link=$1 file=$T_WORK/$1.txt addr=${RT_LL[$1]} line got want n=0 g t prev_t prev_g=''
+  [[ $SETUP_OK == 1 ]] || fail "the set-up failed" || return 1
+  want="4/$UP_SN/0 4/$UP_SN/0 4/ff02::16/0 4/ff02::16/0 4/ff02::2/0 4/ff02::2/0"
+  got=''
+  while read -r line; do
+    [[ -n $line ]] || continue
+    n=$((n + 1))
+    got+="$(field "$line" recs) "
+    [[ $(field "$line" nrec) == 1 ]] || fail "$link: a daemon report with $(field "$line" nrec) records: $line" || return 1
+    [[ $(field "$line" dst) == ff02::16 && $(field "$line" hlim) == 1 && $(field "$line" ra) == 1 ]] ||
+      fail "$link: report not to ff02::16 with hop limit 1 and Router Alert: $line" || return 1
+    g=$(field "$line" recs) t=${line%% *}
+    if [[ $g == "$prev_g" ]]; then
+      # Copies of one group are 1 s / robustness apart.
+      awk -v a="$prev_t" -v b="$t" 'BEGIN { d = b - a; exit !(d > 0.3 && d < 0.8) }' ||
+        fail "$link: copies of $g $(awk -v a="$prev_t" -v b="$t" 'BEGIN { printf "%.3f", b - a }') s apart (want 0.5 s)" || return 1
+    fi
+    prev_g=$g prev_t=$t
+  done < <(daemon_reports "$file" "$addr")
+  [[ ${got% } == "$want" ]] || fail "$link: the daemon's reports carry [${got% }], want [$want] (CHANGE_TO_EXCLUDE, $ROBUSTNESS copies each)" || return 1
+  if [[ $link == dn1 ]]; then
+    say "a start-up report on $link, decoded: $(daemon_reports "$file" "$addr" | head -n 1)"
+    say "the router kernel's own report on $link (not the daemon's): $(grep " MLD src=$addr .* fl=0x0 .* type=143 " "$file" | head -n 1)"
+  fi
+}
+
+general_queries() {
+  local link=$1 file=$T_WORK/$1.txt addr=${RT_LL[$1]} line n=0 bad first last_report
+  [[ $SETUP_OK == 1 ]] || fail "the set-up failed" || return 1
+  while read -r line; do
+    n=$((n + 1))
+    bad=''
+    [[ $(field "$line" dst) == ff02::1 ]] || bad+=" destination"
+    [[ $(field "$line" hlim) == 1 ]] || bad+=" hop-limit"
+    [[ $(field "$line" ra) == 1 ]] || bad+=" router-alert"
+    [[ $(field "$line" len) == 28 && $(field "$line" v) == 2 ]] || bad+=" length"
+    [[ $(field "$line" mrc) == 1000 ]] || bad+=" MRC"
+    [[ $(field "$line" qqic) == "$QUERY_INTERVAL" ]] || bad+=" QQIC"
+    [[ $(field "$line" qrv) == "$ROBUSTNESS" ]] || bad+=" QRV"
+    [[ $(field "$line" s) == 0 && $(field "$line" nsrc) == 0 ]] || bad+=" S/sources"
+    [[ -z $bad ]] || fail "$link: general query with wrong$bad: $line" || return 1
+  done < <(grep " MLD src=$addr .* type=130 .* group=:: " "$file")
+  [[ $n -ge $WANT_QUERIES ]] || fail "$link: $n general queries from $addr, want $WANT_QUERIES" || return 1
+  # No query from any other address (the router's link-local address is the one on this link).
+  bad=$(grep " MLD .* type=130 " "$file" | grep -v " src=$addr " | head -n 1)
+  [[ -z $bad ]] || fail "$link: a query from another address: $bad" || return 1
+  # The first query closes the link's start-up actions, right after its last report.
+  first=$(grep " MLD src=$addr .* type=130 " "$file" | head -n 1 | cut -d' ' -f1)
+  last_report=$(daemon_reports "$file" "$addr" | tail -n 1 | cut -d' ' -f1)
+  [[ -n $last_report ]] && awk -v a="$last_report" -v b="$first" 'BEGIN { exit !(b >= a && b - a < 0.2) }' ||
+    fail "$link: the first query ($first) does not follow the last start-up report ($last_report) at once" || return 1
+  [[ $link == dn1 ]] && say "a general query on $link, decoded: $(grep " MLD src=$addr .* type=130 " "$file" | head -n 1)"
+  return 0
+}
+
+query_spacing() {
+  local link=$1 file=$T_WORK/$1.txt addr=${RT_LL[$1]} queries startup result ticks offsets ambiguous want i
+  [[ $SETUP_OK == 1 ]] || fail "the set-up failed" || return 1
+  queries=$(grep " MLD src=$addr .* type=130 .* group=:: " "$file" | head -n "$WANT_QUERIES" | cut -d' ' -f1 | tr '\n' ',')
+  # Every start-up message of the daemon on either downstream link.
+  startup=$({
+    daemon_reports "$T_WORK/dn1.txt" "${RT_LL[dn1]}"
+    daemon_reports "$T_WORK/dn2.txt" "${RT_LL[dn2]}"
+    grep " MLD src=${RT_LL[dn1]} .* type=130 " "$T_WORK/dn1.txt" | head -n 1
+    grep " MLD src=${RT_LL[dn2]} .* type=130 " "$T_WORK/dn2.txt" | head -n 1
+  } | cut -d' ' -f1 | tr '\n' ',')
+  result=$("$LAB_PYTHON" "$LAB_TESTS_DIR/query_ticks.py" "$THREADS" "$LAB_DAEMON_PID" "$startup" "$queries") ||
+    fail "$link: cannot count ticks: $result" || return 1
+  say "$link: general queries $(awk -v q="$queries" 'BEGIN { n = split(q, a, ","); for (i = 2; i < n; i++) printf "%s%.2f", (i > 2 ? ", " : ""), a[i] - a[i - 1] }') s apart; $result"
+  ticks=$(sed -nE 's/.*ticks=([^ ]*).*/\1/p' <<<"$result")
+  offsets=$(sed -nE 's/.*offsets=([^ ]*).*/\1/p' <<<"$result")
+  ambiguous=$(sed -nE 's/.*ambiguous=([0-9]+).*/\1/p' <<<"$result")
+  # Start-up queries: the second (QUERY_INTERVAL >> 2) + 1 ticks after the first, then every
+  # QUERY_INTERVAL ticks.
+  want=$(((QUERY_INTERVAL >> 2) + 1))
+  for ((i = 3; i <= WANT_QUERIES; i++)); do want+=",$QUERY_INTERVAL"; done
+  [[ $ambiguous == 0 ]] || fail "$link: a tick fell too close to an input-thread restart to be counted ($result)" || return 1
+  [[ $ticks == "$want" ]] || fail "$link: ticks between queries $ticks, want $want ($result)" || return 1
+  awk -v o="$offsets" 'BEGIN { n = split(o, a, ","); for (i = 1; i <= n; i++) if (a[i] > 0.3 || a[i] < -0.3) exit 1 }' ||
+    fail "$link: a query lies more than 0.3 s from its tick ($result)" || return 1
+}
+
+nothing_upstream() {
+  local file=$T_WORK/up0.txt addr=${RT_LL[up0]} bad
+  [[ $SETUP_OK == 1 ]] || fail "the set-up failed" || return 1
+  # The capture works: it holds the router kernel's own reports.
+  grep -q " MLD src=$addr .* fl=0x0 .* type=143 " "$file" || fail "no report of the router's kernel in the up0 capture: the capture saw nothing" || return 1
+  bad=$(grep " MLD src=$addr .* type=130 " "$file" | head -n 1)
+  [[ -z $bad ]] || fail "the router sent a query on its upstream link: $bad" || return 1
+  bad=$(daemon_reports "$file" "$addr" | grep -E " nrec=1 recs=4/($UP_SN|ff02::16|ff02::2)/0$" | head -n 1)
+  [[ -z $bad ]] || fail "a start-up report of the daemon on the upstream link: $bad" || return 1
+  say "up0: $(grep -c " MLD src=$addr " "$file") MLD messages from the router (its kernel's own reports$(daemon_reports "$file" "$addr" | grep -q . && echo ' and the daemon'"'"'s upstream reports')), none of them a query or a start-up report"
+}
+
+check downstream_capture_setup setup
+for link in dn1 dn2; do
+  check "startup_reports_on_$link" startup_reports "$link"
+  check "general_queries_on_$link" general_queries "$link"
+  check "general_query_spacing_on_$link" query_spacing "$link"
+done
+check no_startup_report_or_query_on_upstream nothing_upstream
+
+t_stop "$TRACKER"
+lab_capture_stop "${CAPTURES[@]}"
+if t_daemon_alive; then lab_stop_daemon TERM 10 || say "the daemon did not end on SIGTERM"; fi
+[[ $SETUP_OK == 1 ]] || show_file "$LOG" 20 "daemon output"
+[[ -s $THREADS ]] && say "input threads started at: $(awk -v p="$LAB_DAEMON_PID" '$2 != p { printf "%s ", $1 }' "$THREADS")"
+
+exit 0
