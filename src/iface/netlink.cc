@@ -13,6 +13,7 @@
 #include "db/db.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"
+#include "proxy/proxy.h"
 
 namespace {
 
@@ -282,6 +283,7 @@ void mldrt_handle_interface_up(mldrt_router* r, const mldrt_sysif* entry) {
             it->query_timer = r->query_interval;
         }
         mldrt_rewrite_kernel_forwarding(r);
+        mldrt_restart_host_state(r);
     }
 }
 

@@ -162,3 +162,17 @@ void mldrt_update_host_state(mldrt_router* r) {
         mldrt_take_host_state_change_actions(r, e);
     }
 }
+
+void mldrt_restart_host_state(mldrt_router* r) {
+    for (mldrt_mfdb_entry* e = r->mfdb_list; e; e = e->next) {
+        if (e->old_host_state) {
+            mldrt_free_srclist(&e->old_host_state->list);
+            e->old_host_state->mode = MLDRT_INCLUDE;
+        }
+        e->scr_to_ex_cnt = e->scr_to_in_cnt = e->scr_allow_cnt = e->scr_block_cnt = 0;
+        mldrt_free_srclist(&e->scr_to_ex_list);
+        mldrt_free_srclist(&e->scr_to_in_list);
+        mldrt_free_srclist(&e->scr_allow_list);
+        mldrt_free_srclist(&e->scr_block_list);
+    }
+}

@@ -22,6 +22,10 @@ void mldrt_finish_host_state_update(mldrt_router* r, mldrt_mfdb_entry* e);
 // first copy.
 void mldrt_handle_host_state_transitions(mldrt_router* r, mldrt_mfdb_entry* e, uint32_t old_mode,
                                          uint32_t new_mode);
+// A new upstream link has heard nothing from us: every group's last reported state becomes
+// INCLUDE{} with nothing pending, so the next update reports the whole state afresh
+// (RFC 3810 section 6.1).
+void mldrt_restart_host_state(mldrt_router* r);
 // One retransmission pass over every group, and over one.
 void mldrt_clean_host_state(mldrt_router* r);
 void mldrt_clean_mfdb_host_state(mldrt_router* r, mldrt_mfdb_entry* e);

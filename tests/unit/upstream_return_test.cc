@@ -1,0 +1,25 @@
+// A new upstream link has heard nothing of the groups the proxy reported on the old one: the
+// whole state is reported again, as for a fresh change (RFC 3810 section 6.1).
+#include "proxy/proxy.h"
+#include "upstream_support.h"
+
+namespace {
+
+using namespace ups;
+
+class UpstreamReturnTest : public UpstreamTest {};
+
+TEST_F(UpstreamReturnTest, GroupsAreReportedAgainOnANewUpstream) {
+    set_state(eth1, G1, exc({1}));
+    const texts first = tick();
+    ASSERT_FALSE(first.empty());
+    for (uint32_t i = 0; i < router.robustness; i++) {
+        tick();
+    }
+    ASSERT_EQ(tick(), texts{});
+    mldrt_restart_host_state(&router);
+    EXPECT_EQ(mldrt_pending_host_state_update(entry(G1)), 0);
+    EXPECT_EQ(tick(), first);
+}
+
+}  // namespace
