@@ -194,49 +194,24 @@ TEST_F(GroupAlgebraTest, GroupListOperationsWithdrawForwardingPerEntry) {
         const char* name;
         bool empty;  // mldrt_empty_grp_srclist, else the intersection with a record
         uint32_t code;
-        std::vector<int> list;  // added in this order, so the list reads backwards
-        std::vector<int> rec;
+        std::vector<int> list, rec;  // list added in this order, so it reads backwards
         int result;
         const char* left;
-        std::vector<std::string> kernel;
+        const char* kernel;  // sorted MFC calls, Sn for 2001:db8::n and Gn for ff0e::n
         const char* out;
     };
     const char* kUnknown = "\n FATAL: Req for deleteing unknown list type in the group";
     const std::vector<GroupRow> rows = {
-        {"IntersectKeepsNamed",
-         false,
-         0,
-         {1, 2, 3},
-         {2, 9},
-         0,
-         "2",
-         {"del 2001:db8::1 ff0e::1", "del 2001:db8::3 ff0e::1"},
-         ""},
-        {"IntersectNoSourcesRemovesAll",
-         false,
-         1,
-         {0, 1},
-         {},
-         0,
-         "",
-         {"del 2001:db8::1 ff0e::2", "del :: ff0e::2"},
-         ""},
-        {"IntersectExcludedNoKernel", false, 2, {1, 2}, {1}, 0, "1", {}, ""},
-        {"IntersectCode3Rejected", false, 3, {1}, {}, -1, "1", {}, "\n Invalid List Type"},
-        {"EmptyInclude",
-         true,
-         0,
-         {1, 2},
-         {},
-         0,
-         "",
-         {"del 2001:db8::1 ff0e::5", "del 2001:db8::2 ff0e::5"},
-         ""},
-        {"EmptyExcluded", true, 2, {1, 2}, {}, 0, "", {}, ""},
-        {"EmptyCode3Refused", true, 3, {1, 2}, {}, 0, "2 1", {}, kUnknown},
-        {"EmptyCode4Refused", true, 4, {1, 2}, {}, 0, "2 1", {}, kUnknown},
-        {"EmptyCode11Refused", true, 11, {1}, {}, 0, "1", {}, kUnknown},
-        {"EmptyScrAllow", true, 9, {1, 2}, {}, 0, "", {}, ""},
+        {"IntersectKeepsNamed", false, 0, {1, 2, 3}, {2, 9}, 0, "2", "del S1 G1; del S3 G1", ""},
+        {"IntersectNoSourcesRemovesAll", false, 1, {0, 1}, {}, 0, "", "del S1 G2; del :: G2", ""},
+        {"IntersectExcludedNoKernel", false, 2, {1, 2}, {1}, 0, "1", "", ""},
+        {"IntersectCode3Rejected", false, 3, {1}, {}, -1, "1", "", "\n Invalid List Type"},
+        {"EmptyInclude", true, 0, {1, 2}, {}, 0, "", "del S1 G5; del S2 G5", ""},
+        {"EmptyExcluded", true, 2, {1, 2}, {}, 0, "", "", ""},
+        {"EmptyCode3Refused", true, 3, {1, 2}, {}, 0, "2 1", "", kUnknown},
+        {"EmptyCode4Refused", true, 4, {1, 2}, {}, 0, "2 1", "", kUnknown},
+        {"EmptyCode11Refused", true, 11, {1}, {}, 0, "1", "", kUnknown},
+        {"EmptyScrAllow", true, 9, {1, 2}, {}, 0, "", "", ""},
     };
     int grp = 1;
     for (const auto& row : rows) {
@@ -265,10 +240,18 @@ TEST_F(GroupAlgebraTest, GroupListOperationsWithdrawForwardingPerEntry) {
         EXPECT_EQ(rc, row.result);
         EXPECT_EQ(order(*list), row.left);
         std::vector<std::string> got = mfc_calls();
-        std::vector<std::string> want = row.kernel;
         std::sort(got.begin(), got.end());
-        std::sort(want.begin(), want.end());
-        EXPECT_EQ(got, want);
+        std::string calls;
+        for (std::string c : got) {
+            for (const char* from : {"2001:db8::", "ff0e::"}) {
+                const size_t at = c.find(from);
+                if (at != std::string::npos) {
+                    c.replace(at, std::strlen(from), from[0] == '2' ? "S" : "G");
+                }
+            }
+            calls += (calls.empty() ? "" : "; ") + c;
+        }
+        EXPECT_EQ(calls, row.kernel);
     }
 }
 
