@@ -102,14 +102,10 @@ struct DiffRow {
 
 TEST_F(HostStateTest, ComparesModeAndSourceSetsNotOrder) {
     const uint32_t IN = MLDRT_INCLUDE, EX = MLDRT_EXCLUDE;
+    const std::vector<int> eleven = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
     const std::vector<DiffRow> rows = {
         {"SameSourcesInAnotherOrder", IN, {1, 2, 3}, IN, {3, 1, 2}, 0},
-        {"ElevenSameSourcesReversed",
-         IN,
-         {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11},
-         IN,
-         {11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1},
-         0},
+        {"ElevenSameSourcesReversed", IN, eleven, IN, {eleven.rbegin(), eleven.rend()}, 0},
         {"BothExcludeNone", EX, {}, EX, {}, 0},
         {"BothIncludeNone", IN, {}, IN, {}, 0},
         {"ModeChanges", IN, {1}, EX, {1}, 1},
