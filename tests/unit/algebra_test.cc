@@ -70,6 +70,8 @@ std::vector<int> upto(int n, int from = 1) {
 }
 
 void run(Op op, const std::vector<Row>& rows) {
+    const char* const kOps[] = {"SubtractLists", "SubtractRecord", "IntersectRecord", "Union"};
+    SCOPED_TRACE(kOps[static_cast<int>(op)]);
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         mldrt_src* arr = aIPv6SrcAddrList2;
@@ -112,7 +114,8 @@ void run(Op op, const std::vector<Row>& rows) {
 
 const char* kFull = "\n Fatal: SrcList cannot be accomodated";
 
-TEST(AlgebraTest, SubtractListsKeepsEntriesOfANotInB) {
+// Subtraction of lists and of a record, intersection with a record, and union, into the array.
+TEST(AlgebraTest, ArrayResultsByOperation) {
     run(Op::SubtractLists, {
                                {"EmptyA", {}, {1}, 0, 0, {}, ""},
                                {"EmptyBCopiesA", {1, 2, 3}, {}, 0, 3, {1, 2, 3}, ""},
@@ -121,9 +124,6 @@ TEST(AlgebraTest, SubtractListsKeepsEntriesOfANotInB) {
                                {"TenFit", upto(10), {}, 0, 10, upto(10), ""},
                                {"EleventhFailsBeforeWriting", upto(11), {}, 0, -1, upto(10), kFull},
                            });
-}
-
-TEST(AlgebraTest, RecordSubtractionByMode) {
     run(Op::SubtractRecord,
         {
             {"Mode0NoSources", {1}, {}, 0, 0, {}, ""},
@@ -137,9 +137,6 @@ TEST(AlgebraTest, RecordSubtractionByMode) {
             {"Mode1EleventhFails", upto(11), {}, 1, -1, upto(10), kFull},
             {"Mode2IsAnEmptyResult", {1}, {2}, 2, 0, {}, "\n FATAL: Invalid mode type passed"},
         });
-}
-
-TEST(AlgebraTest, IntersectionWithRecordClearsWholeEntries) {
     run(Op::IntersectRecord, {
                                  {"NoSources", {1, 2}, {}, 0, 0, {}, ""},
                                  {"ListOrder", {3, 1, 2}, {2, 3}, 0, 2, {3, 2}, ""},
@@ -147,9 +144,6 @@ TEST(AlgebraTest, IntersectionWithRecordClearsWholeEntries) {
                                  {"TenFit", upto(10), upto(12), 0, 10, upto(10), ""},
                                  {"EleventhFails", upto(11), upto(11), 0, -1, upto(10), kFull},
                              });
-}
-
-TEST(AlgebraTest, UnionTestsCapacityAfterWriting) {
     run(Op::Union, {
                        {"BothEmpty", {}, {}, 0, 0, {}, ""},
                        {"AThenNewOfB", {2, 1}, {3, 1, 4}, 0, 4, {2, 1, 3, 4}, ""},
