@@ -283,7 +283,10 @@ void mldrt_handle_interface_up(mldrt_router* r, const mldrt_sysif* entry) {
             it->query_timer = r->query_interval;
         }
         mldrt_rewrite_kernel_forwarding(r);
+        // The new upstream hears the whole state at once, not at a tick that link events may
+        // keep putting off.
         mldrt_restart_host_state(r);
+        mldrt_update_host_state(r);
     }
 }
 
