@@ -504,17 +504,18 @@ lab_add_lan_host() {
   lab_wait_ll "$newhost" eth0
 }
 
-# lab_capture NS IFNAME FILE [FILTER]: tcpdump on the link into the pcap FILE (packet-buffered,
-# so the file can be read while it grows), in the background; FILTER defaults to "ip6" (the
+# lab_capture NS IFNAME FILE [FILTER]: tcpdump on the link into the pcap FILE (immediate mode and
+# packet-buffered: a packet is in the file at once, not up to a second later when the kernel's
+# capture buffer times out, so the file can be polled while it grows), in the background; FILTER defaults to "ip6" (the
 # "icmp6" primitive does not follow the hop-by-hop header that MLD messages carry). Returns
 # once tcpdump listens. Sets LAB_CAPTURE_PID.
 lab_capture() {
   local ns=$1 ifname=$2 file=$3 filter=${4:-ip6}
   LAB_CAPTURE_PID=''
-  ip netns exec "$(lab_ns "$ns")" tcpdump -i "$ifname" -n -U -Z root -w "$file" "$filter" \
+  ip netns exec "$(lab_ns "$ns")" tcpdump -i "$ifname" -n -U --immediate-mode -Z root -w "$file" "$filter" \
     </dev/null >/dev/null 2>"$file.err" &
   LAB_CAPTURE_PID=$!
-  lab_wait_for 10 grep -q 'listening on' "$file.err" || {
+  lab_wait_for 10 grep -qs 'listening on' "$file.err" || {
     lab_say "tcpdump on $ns/$ifname did not start: $(head -c 300 "$file.err")"
     return 1
   }
@@ -526,10 +527,10 @@ lab_capture() {
 lab_capture_lines() {
   local ns=$1 ifname=$2 file=$3 filter=${4:-udp}
   LAB_CAPTURE_PID=''
-  ip netns exec "$(lab_ns "$ns")" tcpdump -i "$ifname" -n -l -tt -Z root "$filter" \
+  ip netns exec "$(lab_ns "$ns")" tcpdump -i "$ifname" -n -l -tt --immediate-mode -Z root "$filter" \
     </dev/null >"$file" 2>"$file.err" &
   LAB_CAPTURE_PID=$!
-  lab_wait_for 10 grep -q 'listening on' "$file.err" || {
+  lab_wait_for 10 grep -qs 'listening on' "$file.err" || {
     lab_say "tcpdump on $ns/$ifname did not start: $(head -c 300 "$file.err")"
     return 1
   }
