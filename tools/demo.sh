@@ -2,8 +2,10 @@
 # mldproxyd demo (root, Debian 12): builds the daemon if needed, brings up the lab of network
 # namespaces (tools/lab.sh), runs the daemon in the router namespace and shows, as it happens,
 # the daemon finding the router's links and registering them as multicast interfaces (MIFs) in
-# the kernel, a link added while it runs, and the clean shutdown on SIGTERM. The lab is removed
-# at the end, also when the demo is interrupted.
+# the kernel, a link added while it runs, a host joining a group (its report, the router's report
+# upstream, traffic from src reaching the host), the host leaving (the router's group-specific
+# queries, traffic stopping), and the clean shutdown on SIGTERM. The lab is removed at the end,
+# also when the demo is interrupted.
 #
 #   sudo bash tools/demo.sh
 #
@@ -27,6 +29,8 @@ fi
 
 T0=$(lab_now_us)
 TAIL_PID=''
+SENDER='' RECEIVER=''
+CAPTURES=() FOLLOWERS=()
 
 stamp() {
   local cs=$((($(lab_now_us) - T0) / 10000))
@@ -40,6 +44,12 @@ die() {
 }
 
 cleanup() {
+  local pid
+  for pid in $RECEIVER $SENDER "${FOLLOWERS[@]}"; do
+    kill "$pid" 2>/dev/null
+    wait "$pid" 2>/dev/null
+  done
+  lab_capture_stop "${CAPTURES[@]}"
   if [[ -n $TAIL_PID ]]; then
     kill "$TAIL_PID" 2>/dev/null
     wait "$TAIL_PID" 2>/dev/null
@@ -153,13 +163,86 @@ watch_mifs "lab_has_mif dn3" 40 || die "dn3 did not become a MIF within 40 s"
 info "dn3 is MIF $(lab_mif_index dn3) (the lowest free index)"
 
 # ---------------------------------------------------------------------------------------------
-step "6. Listeners and traffic"
-# The next steps of this demo go here, each shown as it happens:
-#   - h1 joins a group (its kernel sends an MLDv2 report); the router's state and the kernel's
-#     forwarding entry (/proc/net/ip6_mr_cache) show the listener on dn1;
-#   - src sends to the group: h1 receives the packets, h2 (no listener) does not;
-#   - h1 leaves: the last-listener queries, the entry goes, the traffic stops.
-info "(not in this demo yet: a host joining a group, traffic from src reaching it, the host leaving)"
+step "6. A host joins a group, traffic from upstream reaches it, the host leaves"
+G=ff0e::1:101
+PORT=5001
+lab_add_source_addrs || die "cannot give src its address"
+RT_UP=$(lab_ll_addr "$LAB_RT" "$LAB_UPSTREAM") RT_DN1=$(lab_ll_addr "$LAB_RT" dn1)
+H1_LL=$(lab_ll_addr "$LAB_H1" eth0) BR_LL=$(lab_ll_addr "$LAB_UP" br0)
+names=(--name "$RT_UP=router(up0)" --name "$RT_DN1=router(dn1)" --name "$H1_LL=h1" --name "$BR_LL=bridge")
+# What is shown as it happens: the MLD messages about $G on dn1 (host side) and on the bridge
+# side of up0, decoded; once a second the datagrams that reached up0, h1's socket and h2's link.
+lab_capture "$LAB_H1" eth0 "$LAB_STATE/dn1.pcap" "ip6 and not udp" || die "no capture on dn1"
+CAPTURES+=("$LAB_CAPTURE_PID")
+lab_capture "$LAB_UP" p-rt "$LAB_STATE/up0.pcap" "ip6 and not udp" || die "no capture on up0"
+CAPTURES+=("$LAB_CAPTURE_PID")
+for where in up0 h1 h2; do
+  case $where in
+    up0) lab_capture_lines "$LAB_UP" p-rt "$LAB_STATE/udp-$where.txt" udp ;;
+    *) lab_capture_lines "$where" eth0 "$LAB_STATE/udp-$where.txt" udp ;;
+  esac || die "no capture of the traffic at $where"
+  CAPTURES+=("$LAB_CAPTURE_PID")
+done
+t0s=$(awk -v t="$T0" 'BEGIN { printf "%.6f", t / 1000000 }')
+"$LAB_PYTHON" "$LAB_PCAP_PY" --follow --human --grep "$G" --t0 "$t0s" --label '    dn1| ' "${names[@]}" "$LAB_STATE/dn1.pcap" &
+FOLLOWERS+=("$!")
+"$LAB_PYTHON" "$LAB_PCAP_PY" --follow --human --grep "$G" --t0 "$t0s" --label '    up0| ' "${names[@]}" "$LAB_STATE/up0.pcap" &
+FOLLOWERS+=("$!")
+
+# counts SECONDS: print once a second how many datagrams of $G arrived in that second.
+RECV_LOG=$LAB_STATE/h1-recv.log
+counts() {
+  local i a b c na nb nc
+  na=$(lab_udp_times "$LAB_STATE/udp-up0.txt" "$G" | wc -l) nb=$(grep -vc -e JOINED -e LEFT "$RECV_LOG" 2>/dev/null) nc=$(lab_udp_times "$LAB_STATE/udp-h2.txt" "$G" | wc -l)
+  for ((i = 0; i < $1; i++)); do
+    sleep 1
+    a=$(lab_udp_times "$LAB_STATE/udp-up0.txt" "$G" | wc -l) b=$(grep -vc -e JOINED -e LEFT "$RECV_LOG" 2>/dev/null) c=$(lab_udp_times "$LAB_STATE/udp-h2.txt" "$G" | wc -l)
+    info "  datagrams in the last second: reaching up0 $((a - na)), received by h1's socket $((${b:-0} - ${nb:-0})), on h2's link $((c - nc))"
+    na=$a nb=$b nc=$c
+  done
+}
+show_entry() {
+  local e
+  e=$(lab_mfc "$G")
+  if [[ -n $e ]]; then
+    info "  kernel entry (*,$G) in /proc/net/ip6_mr_cache: parent MIF ${e%% *}, output MIFs ${e#* } (MIFs: $(lab_mifs | awk '{ printf "%s%s=%s", (NR > 1 ? " " : ""), $1, $2 }'))"
+  else
+    info "  kernel entry (*,$G): none"
+  fi
+}
+
+info "src sends UDP to $G from $LAB_SRC_ADDR1, 100 datagrams a second, hop limit 16; nobody listens yet"
+ip netns exec "$(lab_ns "$LAB_SRC")" "$LAB_PYTHON" "$LAB_FLOW_PY" send --iface eth0 --rate 100 --hops 16 \
+  "$LAB_SRC_ADDR1,$G,$PORT" >"$LAB_STATE/send.log" 2>&1 &
+SENDER=$!
+info "(the bridge snoops MLD: it sends $G to the router only once the router has reported it upstream)"
+counts 2
+show_entry
+
+info "h1 opens a socket and joins $G (its kernel sends an MLDv2 report)"
+ip netns exec "$(lab_ns "$LAB_H1")" "$LAB_PYTHON" "$LAB_FLOW_PY" recv --iface eth0 --group "$G" --port "$PORT" \
+  --log "$RECV_LOG" 2>/dev/null &
+RECEIVER=$!
+counts 4
+show_entry
+
+info "h1 closes its socket: its kernel reports the leave; the router asks the link whether anybody"
+info "else still listens (group-specific queries, max response 1 s, sent twice) and, with no answer,"
+info "stops forwarding $G to dn1 and reports the leave upstream"
+kill -TERM "$RECEIVER" 2>/dev/null
+wait "$RECEIVER" 2>/dev/null
+RECEIVER=''
+counts 4
+show_entry
+kill -TERM "$SENDER" 2>/dev/null
+wait "$SENDER" 2>/dev/null
+SENDER=''
+info "h1's link got $(lab_udp_times "$LAB_STATE/udp-h1.txt" "$G" | wc -l) datagrams of $G in all, h2's link $(lab_udp_times "$LAB_STATE/udp-h2.txt" "$G" | wc -l)"
+sleep 0.3 # the decoders print what is left
+for pid in "${FOLLOWERS[@]}"; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done
+FOLLOWERS=()
+lab_capture_stop "${CAPTURES[@]}"
+CAPTURES=()
 
 # ---------------------------------------------------------------------------------------------
 step "7. SIGTERM: clean shutdown"

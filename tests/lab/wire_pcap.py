@@ -2,6 +2,7 @@
 """Decode the IPv6 packets of a pcap file (tcpdump -w) into one text line each.
 
     wire_pcap.py FILE [FILE ...]
+    wire_pcap.py --follow [--human] [--grep TEXT] [--label TEXT] [--t0 EPOCH] [--name ADDR=NAME] FILE
 
 Lines are "TIME KIND key=value ...", TIME in seconds with microseconds, in capture order. The
 decoder is written by hand (no scapy) so that any packet, however malformed, gives a line and
@@ -19,12 +20,17 @@ the IPv6 flow label (the daemon's own messages, from its raw sockets, carry a no
 kernel's own MLD reports carry 0). A query's "v" is 1 for the 24-byte MLDv1 form, 2 otherwise.
 UDP payloads written by mcast_flow.py start with "seq=N "; "seq" is that N.
 
+--follow prints the packets of one file as tcpdump writes them (until killed); --human puts
+MLD messages in words, naming the addresses given with --name (tools/demo.sh).
+
 Run it with /usr/bin/python3.
 """
 
+import argparse
 import ipaddress
 import struct
 import sys
+import time
 
 LINKTYPE_ETHERNET = 1
 LINKTYPE_RAW = 101
@@ -178,11 +184,117 @@ def ipv6_of(linktype, frame):
     return None
 
 
+REC_NAMES = {1: "IS_IN", 2: "IS_EX", 3: "TO_IN", 4: "TO_EX", 5: "ALLOW", 6: "BLOCK"}
+
+
+def human(line, names):
+    """A decoded line in words (for tools/demo.sh); None for lines it does not describe."""
+    parts = line.split(" ")
+    kind = parts[1]
+    kv = dict(p.split("=", 1) for p in parts[2:] if "=" in p)
+
+    def who(address):
+        return names.get(address, address)
+
+    if kind == "UDP":
+        return "UDP %s -> %s port %s, hop limit %s" % (who(kv["src"]), kv["dst"], kv["dport"], kv["hlim"])
+    if kind != "MLD":
+        return None
+    head = "%s -> %s:" % (who(kv["src"]), who(kv["dst"]))
+    mtype = kv["type"]
+    if mtype == "130":
+        form = "v%s" % kv["v"]
+        if kv["group"] == "::":
+            what = "general query"
+        elif kv.get("nsrc", "0") != "0":
+            what = "group-and-source-specific query for %s {%s}" % (kv["group"], kv["srcs"].replace(",", " "))
+        else:
+            what = "group-specific query for %s" % kv["group"]
+        extra = ", QRV %s, QQIC %s" % (kv["qrv"], kv["qqic"]) if kv["v"] == "2" else ""
+        return "%s %s %s (%s bytes), max response %s ms%s" % (head, form, what, kv["len"], kv["mrc"], extra)
+    if mtype == "143":
+        recs = []
+        for rec in kv["recs"].split(","):
+            if rec == "-":
+                continue
+            f = rec.split("/")
+            name = REC_NAMES.get(int(f[0]), "type %s" % f[0])
+            srcs = f[3].replace("+", " ") if len(f) > 3 else ""
+            recs.append("%s %s {%s}" % (name, f[1], srcs))
+        return "%s v2 report, %s record(s): %s" % (head, kv["nrec"], ", ".join(recs))
+    if mtype == "131":
+        return "%s v1 report for %s" % (head, kv["group"])
+    if mtype == "132":
+        return "%s v1 done for %s" % (head, kv["group"])
+    return None
+
+
+def follow(name, args, names):
+    """Print the packets of a pcap file as they are written, until killed."""
+    offset = 0
+    data = b""
+    linktype = None
+    endian = "<"
+    nano = False
+    while True:
+        try:
+            with open(name, "rb") as f:
+                f.seek(offset)
+                chunk = f.read()
+        except OSError:
+            chunk = b""
+        if chunk:
+            data += chunk
+            offset += len(chunk)
+        if linktype is None and len(data) >= 24:
+            magic = data[0:4]
+            endian = ">" if magic in (b"\xa1\xb2\xc3\xd4", b"\xa1\xb2\x3c\x4d") else "<"
+            nano = magic in (b"\x4d\x3c\xb2\xa1", b"\xa1\xb2\x3c\x4d")
+            linktype = struct.unpack(endian + "I", data[20:24])[0]
+            data = data[24:]
+        while linktype is not None and len(data) >= 16:
+            sec, frac, incl, _orig = struct.unpack(endian + "IIII", data[0:16])
+            if len(data) < 16 + incl:
+                break
+            t = sec + frac / (1e9 if nano else 1e6)
+            pkt = ipv6_of(linktype, data[16 : 16 + incl])
+            data = data[16 + incl :]
+            if pkt is None:
+                continue
+            line = decode_ipv6(pkt)
+            if line is None:
+                continue
+            line = "%.6f %s" % (t, line)
+            if args.grep and args.grep not in line:
+                continue
+            text = human(line, names) if args.human else line
+            if text is None:
+                continue
+            if args.t0:
+                cs = int((t - args.t0) * 100)
+                text = "[%3d.%02ds] %s%s" % (cs // 100, cs % 100, args.label, text)
+            else:
+                text = args.label + text
+            sys.stdout.write(text + "\n")
+            sys.stdout.flush()
+        time.sleep(0.1)
+
+
 def main():
-    if len(sys.argv) < 2:
-        print(__doc__, file=sys.stderr)
-        return 2
-    for name in sys.argv[1:]:
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--follow", action="store_true", help="one file: print packets as they are written, until killed")
+    parser.add_argument("--human", action="store_true", help="(with --follow) MLD messages in words")
+    parser.add_argument("--grep", default="", help="(with --follow) only decoded lines holding this text")
+    parser.add_argument("--label", default="", help="(with --follow) text put before each line")
+    parser.add_argument("--t0", type=float, default=0.0, help="(with --follow) print times as seconds since this epoch time")
+    parser.add_argument("--name", action="append", default=[], metavar="ADDR=NAME", help="(with --human) call ADDR NAME")
+    parser.add_argument("files", nargs="+", metavar="FILE")
+    args = parser.parse_args()
+    if args.follow:
+        names = dict(n.split("=", 1) for n in args.name)
+        follow(args.files[0], args, names)
+        return 0
+    for name in args.files:
         try:
             with open(name, "rb") as f:
                 data = f.read()
