@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <ctime>
 
 #include "core/receive.h"
 #include "db/db.h"
@@ -101,6 +102,28 @@ bool announce_memberships(mldrt_router* r, mldrt_interface* ifp, const uint8_t (
     return true;
 }
 
+uint64_t monotonic_usec() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * kOneSecondUsec +
+           static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+timeval remaining_budget(uint64_t deadline) {
+    uint64_t now = monotonic_usec();
+    uint64_t left = deadline > now ? deadline - now : 0;
+    return timeval{static_cast<time_t>(left / kOneSecondUsec),
+                   static_cast<suseconds_t>(left % kOneSecondUsec)};
+}
+
+// A second after the last deadline, so that the tick's own work does not stretch the period;
+// a thread that fell behind by more than that starts afresh instead of ticking in a burst.
+uint64_t next_deadline(uint64_t deadline) {
+    uint64_t now = monotonic_usec();
+    deadline += kOneSecondUsec;
+    return deadline > now ? deadline : now + kOneSecondUsec;
+}
+
 }  // namespace
 
 bool mldrt_sleep_unless_stopped(uint32_t usec) {
@@ -160,15 +183,18 @@ void* mldrt_input_thread(void* arg) {
     fd_set watched;
     int maxfd = build_watched_set(r, &watched);
     mldrt_sleep_unless_stopped(kOneSecondUsec);
-    // Linux select() leaves the unused time in the budget, so one tick comes per second of
-    // waiting however much traffic arrives in between.
-    timeval budget{1, 0};
+    // The budget is measured on the monotonic clock rather than left to select(): Linux select
+    // only counts the time spent asleep, and under a flood of reports the thread hardly ever
+    // sleeps, which would hold back the queries and timers (RFC 3810 section 9.2) for as long as
+    // the flood lasts.
+    uint64_t deadline = monotonic_usec() + kOneSecondUsec;
     while (r->running && !g_stop_requested) {
         fd_set readable = watched;
+        timeval budget = remaining_budget(deadline);
         int n = select(maxfd + 1, &readable, nullptr, nullptr, &budget);
-        if (n == 0 || (budget.tv_sec == 0 && budget.tv_usec == 0)) {
+        if (n == 0 || monotonic_usec() >= deadline) {
             mldrt_tick(r);
-            budget = timeval{1, 0};
+            deadline = next_deadline(deadline);
         }
         if (n > 0) {
             handle_readable(r, &readable, n);
