@@ -2,7 +2,7 @@
 # mldproxyd demo (root, Debian 12): builds the daemon if needed, brings up the lab of network
 # namespaces (tools/lab.sh), runs the daemon in the router namespace and shows, as it happens,
 # the daemon finding the router's links and registering them as multicast interfaces (MIFs) in
-# the kernel, a link added while it runs, a host joining a group (its report, the router's report
+# the kernel, its start-up reports and general queries on a downstream link, a link added while it runs, a host joining a group (its report, the router's report
 # upstream, traffic from src reaching the host), the host leaving (the router's group-specific
 # queries, traffic stopping), and the clean shutdown on SIGTERM. The lab is removed at the end,
 # also when the demo is interrupted.
@@ -131,6 +131,10 @@ EOF
 info "router links and their link-local addresses:"
 ip -n "$(lab_ns "$LAB_RT")" -6 -o addr show scope link | awk '{ printf "               %-5s %s\n", $2, $4 }'
 show_mifs
+RT_UP=$(lab_ll_addr "$LAB_RT" "$LAB_UPSTREAM") RT_DN1=$(lab_ll_addr "$LAB_RT" dn1)
+H1_LL=$(lab_ll_addr "$LAB_H1" eth0) BR_LL=$(lab_ll_addr "$LAB_UP" br0)
+names=(--name "$RT_UP=router(up0)" --name "$RT_DN1=router(dn1)" --name "$H1_LL=h1" --name "$BR_LL=bridge")
+t0s=$(awk -v t="$T0" 'BEGIN { printf "%.6f", t / 1000000 }')
 
 # ---------------------------------------------------------------------------------------------
 step "3. Start mldproxyd in the router namespace"
@@ -139,6 +143,12 @@ mkdir -p "$LAB_STATE"
 lab_write_conf "$CONF"
 info "/etc/mld/mld.conf (bind-mounted in the daemon's own mount namespace):"
 sed 's/^/               /' "$CONF"
+# What the router sends on dn1 from its start on, decoded as it goes out (seen from h1's side).
+lab_capture "$LAB_H1" eth0 "$LAB_STATE/dn1-start.pcap" "ip6 and not udp" || die "no capture on dn1"
+CAPTURES+=("$LAB_CAPTURE_PID")
+"$LAB_PYTHON" "$LAB_PCAP_PY" --follow --human --grep "src=$RT_DN1 " --t0 "$t0s" --label '    dn1| ' "${names[@]}" \
+  "$LAB_STATE/dn1-start.pcap" &
+FOLLOWERS+=("$!")
 lab_start_daemon -c "$CONF" || die "the daemon did not start"
 info "mldproxyd runs, PID $LAB_DAEMON_PID; its output follows, marked 'mldproxyd|'"
 tail -n +1 -f "$LAB_DAEMON_LOG" 2>/dev/null | sed -u 's/^/               mldproxyd| /' &
@@ -149,8 +159,17 @@ step "4. The daemon finds the router's links and registers each one as a MIF"
 info "(it waits a second at start, then reads the links and addresses over netlink)"
 watch_mifs lab_all_links_are_mifs 40 || die "not every link became a MIF within 40 s"
 info "every link of the router except lo is a MIF: $(lab_mifs | awk '{ printf "%s=%s ", $2, $1 }')"
-info "waiting for the start-up announcements to be over ..."
+info "on each downstream link the daemon announces its own memberships (one TO_EX record each for"
+info "the solicited-node group of its upstream address, ff02::16 and ff02::2, robustness times) and"
+info "starts querying: the second general query (QUERY_INTERVAL / 4) + 1 ticks after the first, then"
+info "one every QUERY_INTERVAL ticks (4 here; a tick is a second of the daemon's clock, which pauses"
+info "while it re-reads its links); the router kernel's own reports carry several records"
 lab_wait_started 40 || info "(the router did not fall quiet; going on)"
+sleep 9
+for pid in "${FOLLOWERS[@]}"; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done
+FOLLOWERS=()
+lab_capture_stop "${CAPTURES[@]}"
+CAPTURES=()
 for host in "$LAB_H1" "$LAB_H2"; do
   info "  $host has received $(lab_counter "$host" eth0 Icmp6InGroupMembQueries) MLD queries from the router"
 done
@@ -167,9 +186,6 @@ step "6. A host joins a group, traffic from upstream reaches it, the host leaves
 G=ff0e::1:101
 PORT=5001
 lab_add_source_addrs || die "cannot give src its address"
-RT_UP=$(lab_ll_addr "$LAB_RT" "$LAB_UPSTREAM") RT_DN1=$(lab_ll_addr "$LAB_RT" dn1)
-H1_LL=$(lab_ll_addr "$LAB_H1" eth0) BR_LL=$(lab_ll_addr "$LAB_UP" br0)
-names=(--name "$RT_UP=router(up0)" --name "$RT_DN1=router(dn1)" --name "$H1_LL=h1" --name "$BR_LL=bridge")
 # What is shown as it happens: the MLD messages about $G on dn1 (host side) and on the bridge
 # side of up0, decoded; once a second the datagrams that reached up0, h1's socket and h2's link.
 lab_capture "$LAB_H1" eth0 "$LAB_STATE/dn1.pcap" "ip6 and not udp" || die "no capture on dn1"
@@ -183,7 +199,6 @@ for where in up0 h1 h2; do
   esac || die "no capture of the traffic at $where"
   CAPTURES+=("$LAB_CAPTURE_PID")
 done
-t0s=$(awk -v t="$T0" 'BEGIN { printf "%.6f", t / 1000000 }')
 "$LAB_PYTHON" "$LAB_PCAP_PY" --follow --human --grep "$G" --t0 "$t0s" --label '    dn1| ' "${names[@]}" "$LAB_STATE/dn1.pcap" &
 FOLLOWERS+=("$!")
 "$LAB_PYTHON" "$LAB_PCAP_PY" --follow --human --grep "$G" --t0 "$t0s" --label '    up0| ' "${names[@]}" "$LAB_STATE/up0.pcap" &
@@ -232,7 +247,8 @@ info "stops forwarding $G to dn1 and reports the leave upstream"
 kill -TERM "$RECEIVER" 2>/dev/null
 wait "$RECEIVER" 2>/dev/null
 RECEIVER=''
-counts 4
+info "(once the leave is reported upstream the bridge prunes: traffic stops reaching up0 too)"
+counts 6
 show_entry
 kill -TERM "$SENDER" 2>/dev/null
 wait "$SENDER" 2>/dev/null

@@ -201,6 +201,7 @@ def human(line, names):
     if kind != "MLD":
         return None
     head = "%s -> %s:" % (who(kv["src"]), who(kv["dst"]))
+    wire = ", hop limit %s%s" % (kv["hlim"], ", Router Alert" if kv.get("ra") == "1" else "")
     mtype = kv["type"]
     if mtype == "130":
         form = "v%s" % kv["v"]
@@ -211,7 +212,7 @@ def human(line, names):
         else:
             what = "group-specific query for %s" % kv["group"]
         extra = ", QRV %s, QQIC %s" % (kv["qrv"], kv["qqic"]) if kv["v"] == "2" else ""
-        return "%s %s %s (%s bytes), max response %s ms%s" % (head, form, what, kv["len"], kv["mrc"], extra)
+        return "%s %s %s (%s bytes), max response %s ms%s%s" % (head, form, what, kv["len"], kv["mrc"], extra, wire)
     if mtype == "143":
         recs = []
         for rec in kv["recs"].split(","):
@@ -221,11 +222,11 @@ def human(line, names):
             name = REC_NAMES.get(int(f[0]), "type %s" % f[0])
             srcs = f[3].replace("+", " ") if len(f) > 3 else ""
             recs.append("%s %s {%s}" % (name, f[1], srcs))
-        return "%s v2 report, %s record(s): %s" % (head, kv["nrec"], ", ".join(recs))
+        return "%s v2 report, %s record(s): %s%s" % (head, kv["nrec"], ", ".join(recs), wire)
     if mtype == "131":
-        return "%s v1 report for %s" % (head, kv["group"])
+        return "%s v1 report for %s%s" % (head, kv["group"], wire)
     if mtype == "132":
-        return "%s v1 done for %s" % (head, kv["group"])
+        return "%s v1 done for %s%s" % (head, kv["group"], wire)
     return None
 
 
