@@ -2,9 +2,10 @@
 # mldproxyd demo (root, Debian 12): builds the daemon if needed, brings up the lab of network
 # namespaces (tools/lab.sh), runs the daemon in the router namespace and shows, as it happens,
 # the daemon finding the router's links and registering them as multicast interfaces (MIFs) in
-# the kernel, its start-up reports and general queries on a downstream link, a link added while it runs, a host joining a group (its report, the router's report
-# upstream, traffic from src reaching the host), the host leaving (the router's group-specific
-# queries, traffic stopping), and the clean shutdown on SIGTERM. The lab is removed at the end,
+# the kernel, its start-up reports and general queries on a downstream link, a link added while
+# it runs, a host joining a group (its report, the router's report upstream, traffic from src
+# reaching the host), the host leaving (the router's group-specific queries, its report upstream,
+# the bridge's prune, traffic stopping), and the clean shutdown on SIGTERM. The lab is removed at the end,
 # also when the demo is interrupted.
 #
 #   sudo bash tools/demo.sh
