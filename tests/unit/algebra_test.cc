@@ -1,12 +1,6 @@
 // Source-list algebra: results in the process-wide arrays, in-place intersections, and the
 // forwarding-aware list operations built on them.
-#include <algorithm>
-#include <cstring>
-#include <string>
-#include <vector>
 
-#include "db/db.h"
-#include "iface/interface.h"
 #include "test_support.h"
 
 namespace {
@@ -61,14 +55,6 @@ struct Row {
     const char* out;
 };
 
-std::vector<int> upto(int n, int from = 1) {
-    std::vector<int> v;
-    for (int i = from; i <= n; i++) {
-        v.push_back(i);
-    }
-    return v;
-}
-
 void run(Op op, const std::vector<Row>& rows) {
     const char* const kOps[] = {"SubtractLists", "SubtractRecord", "IntersectRecord", "Union"};
     SCOPED_TRACE(kOps[static_cast<int>(op)]);
@@ -116,40 +102,42 @@ const char* kFull = "\n Fatal: SrcList cannot be accomodated";
 
 // Subtraction of lists and of a record, intersection with a record, and union, into the array.
 TEST(AlgebraTest, ArrayResultsByOperation) {
-    run(Op::SubtractLists, {
-                               {"EmptyA", {}, {1}, 0, 0, {}, ""},
-                               {"EmptyBCopiesA", {1, 2, 3}, {}, 0, 3, {1, 2, 3}, ""},
-                               {"InOrderOfA", {3, 1, 2, 4}, {4, 1}, 0, 2, {3, 2}, ""},
-                               {"DuplicatesOfAStay", {1, 2, 1}, {2}, 0, 2, {1, 1}, ""},
-                               {"TenFit", upto(10), {}, 0, 10, upto(10), ""},
-                               {"EleventhFailsBeforeWriting", upto(11), {}, 0, -1, upto(10), kFull},
-                           });
+    run(Op::SubtractLists,
+        {
+            {"EmptyA", {}, {1}, 0, 0, {}, ""},
+            {"EmptyBCopiesA", {1, 2, 3}, {}, 0, 3, {1, 2, 3}, ""},
+            {"InOrderOfA", {3, 1, 2, 4}, {4, 1}, 0, 2, {3, 2}, ""},
+            {"DuplicatesOfAStay", {1, 2, 1}, {2}, 0, 2, {1, 1}, ""},
+            {"TenFit", upto(1, 10), {}, 0, 10, upto(1, 10), ""},
+            {"EleventhFailsBeforeWriting", upto(1, 11), {}, 0, -1, upto(1, 10), kFull},
+        });
     run(Op::SubtractRecord,
         {
             {"Mode0NoSources", {1}, {}, 0, 0, {}, ""},
             {"Mode0RecordOrderTimerUntouched", {2}, {3, 2, 1}, 0, 2, {3, 1}, ""},
             {"Mode0RecordDuplicateTwice", {}, {5, 5}, 0, 2, {5, 5}, ""},
-            {"Mode0TenFit", {}, upto(10), 0, 10, upto(10), ""},
-            {"Mode0EleventhFails", {}, upto(11), 0, -1, upto(10), kFull},
+            {"Mode0TenFit", {}, upto(1, 10), 0, 10, upto(1, 10), ""},
+            {"Mode0EleventhFails", {}, upto(1, 11), 0, -1, upto(1, 10), kFull},
             {"Mode1NoSourcesCopiesList", {1, 2}, {}, 1, 2, {1, 2}, ""},
             {"Mode1ListOrder", {3, 1, 2}, {1}, 1, 2, {3, 2}, ""},
             {"Mode1RecordDuplicateIgnored", {5, 6}, {6, 6}, 1, 1, {5}, ""},
-            {"Mode1EleventhFails", upto(11), {}, 1, -1, upto(10), kFull},
+            {"Mode1EleventhFails", upto(1, 11), {}, 1, -1, upto(1, 10), kFull},
             {"Mode2IsAnEmptyResult", {1}, {2}, 2, 0, {}, "\n FATAL: Invalid mode type passed"},
         });
-    run(Op::IntersectRecord, {
-                                 {"NoSources", {1, 2}, {}, 0, 0, {}, ""},
-                                 {"ListOrder", {3, 1, 2}, {2, 3}, 0, 2, {3, 2}, ""},
-                                 {"RecordDuplicateOnce", {4}, {4, 4}, 0, 1, {4}, ""},
-                                 {"TenFit", upto(10), upto(12), 0, 10, upto(10), ""},
-                                 {"EleventhFails", upto(11), upto(11), 0, -1, upto(10), kFull},
-                             });
+    run(Op::IntersectRecord,
+        {
+            {"NoSources", {1, 2}, {}, 0, 0, {}, ""},
+            {"ListOrder", {3, 1, 2}, {2, 3}, 0, 2, {3, 2}, ""},
+            {"RecordDuplicateOnce", {4}, {4, 4}, 0, 1, {4}, ""},
+            {"TenFit", upto(1, 10), upto(1, 12), 0, 10, upto(1, 10), ""},
+            {"EleventhFails", upto(1, 11), upto(1, 11), 0, -1, upto(1, 10), kFull},
+        });
     run(Op::Union, {
                        {"BothEmpty", {}, {}, 0, 0, {}, ""},
                        {"AThenNewOfB", {2, 1}, {3, 1, 4}, 0, 4, {2, 1, 3, 4}, ""},
                        {"DuplicatesOfARemoved", {1, 2, 1}, {2}, 0, 2, {1, 2}, ""},
-                       {"TenFit", upto(5), upto(10, 6), 0, 10, upto(10), ""},
-                       {"EleventhWrittenThenFails", upto(6), upto(11, 7), 0, -1, upto(11),
+                       {"TenFit", upto(1, 5), upto(6, 10), 0, 10, upto(1, 10), ""},
+                       {"EleventhWrittenThenFails", upto(1, 6), upto(7, 11), 0, -1, upto(1, 11),
                         "\n Cannot add source lists"},
                    });
 }

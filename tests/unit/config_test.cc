@@ -1,9 +1,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
-#include <string>
-#include <vector>
 
 #include "core/config.h"
 #include "test_support.h"

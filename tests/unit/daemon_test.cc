@@ -1,10 +1,5 @@
-#include <cstring>
-#include <string>
-#include <vector>
 
 #include "core/daemon.h"
-#include "iface/interface.h"
-#include "kernel/mroute.h"
 #include "test_support.h"
 
 namespace {

@@ -1,12 +1,5 @@
 // Listener records (groups, members, sources), list codes, limits, and the forwarding database.
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <string>
-#include <vector>
 
-#include "db/db.h"
-#include "iface/interface.h"
 #include "test_support.h"
 
 namespace {

@@ -1,8 +1,6 @@
 // Acceptance of received MLD messages, the link's MLD version, and the walk over an MLDv2
 // report's records inside the 2048-byte receive buffer. Messages are written in wire order
 // into router.buf, where the receive path puts them.
-#include <string>
-#include <vector>
 
 #include "listener_support.h"
 

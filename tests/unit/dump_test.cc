@@ -2,9 +2,6 @@
 // upstream host state, printed only while VERBOSE is non-zero. Record identities print as
 // the low 32 bits of their address on every target.
 #include <cstdio>
-#include <cstdlib>
-#include <cstdint>
-#include <string>
 
 #include "listener_support.h"
 

@@ -1,13 +1,7 @@
 // Forwarding-aware list operations, observed where they meet the kernel: the MRT6_ADD_MFC and
 // MRT6_DEL_MFC calls on the router socket. Upstream is MIF 5; links on MIFs 1 and 3.
-#include <algorithm>
 #include <cstdio>
-#include <functional>
-#include <string>
-#include <vector>
 
-#include "db/db.h"
-#include "iface/interface.h"
 #include "test_support.h"
 
 namespace {

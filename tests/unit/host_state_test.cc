@@ -1,9 +1,6 @@
 // The merged host state of a group (RFC 3810 section 7 merging rules across the downstream
 // links, in interface-list and group-list order) and the comparison with the state last acted
 // upon. Links eth3, eth2, eth1 are visited in that order; A, B, C are sources S1, S2, S3.
-#include <cstdlib>
-#include <string>
-#include <vector>
 
 #include "upstream_support.h"
 

@@ -1,13 +1,6 @@
 #include <netinet/icmp6.h>
 #include <sys/select.h>
 
-#include <algorithm>
-#include <cstring>
-#include <functional>
-#include <string>
-#include <vector>
-
-#include "iface/interface.h"
 #include "test_support.h"
 
 namespace {

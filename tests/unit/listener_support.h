@@ -4,16 +4,9 @@
 #ifndef MLDPROXYD_TESTS_LISTENER_SUPPORT_H
 #define MLDPROXYD_TESTS_LISTENER_SUPPORT_H
 
-#include <algorithm>
-#include <cstring>
-#include <string>
 #include <utility>
-#include <vector>
 
-#include "db/db.h"
-#include "iface/interface.h"
 #include "mld/handlers.h"
-#include "mld/mld.h"
 #include "test_support.h"
 
 namespace lsn {

@@ -1,11 +1,6 @@
 // MLD encodings, byte for byte: Maximum Response Code, QQIC and QRV as a query carries them,
 // multicast address records, and the small record helpers.
-#include <cstring>
-#include <vector>
 
-#include "db/db.h"
-#include "iface/interface.h"
-#include "mld/mld.h"
 #include "test_support.h"
 
 namespace {

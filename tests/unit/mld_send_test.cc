@@ -4,13 +4,7 @@
 #include <sys/socket.h>
 
 #include <cstdio>
-#include <cstring>
-#include <string>
-#include <vector>
 
-#include "db/db.h"
-#include "iface/interface.h"
-#include "mld/mld.h"
 #include "test_support.h"
 
 namespace {
@@ -204,7 +198,6 @@ std::vector<uint8_t> rec(uint8_t type, int grp, int n, int first = 0, uint8_t au
     return r;
 }
 
-using bytes = std::vector<uint8_t>;
 using msgs = std::vector<std::pair<std::string, bytes>>;  // destination and payload, in order
 
 struct ReportRow {

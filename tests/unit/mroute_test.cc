@@ -1,10 +1,4 @@
-#include <algorithm>
-#include <cstring>
-#include <functional>
-#include <vector>
 
-#include "iface/interface.h"
-#include "kernel/mroute.h"
 #include "test_support.h"
 
 namespace {

@@ -2,22 +2,14 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 
-#include <algorithm>
-#include <cstring>
 #include <optional>
-#include <string>
-#include <vector>
 
-#include "iface/interface.h"
 #include "iface/netlink.h"
-#include "kernel/mroute.h"
 #include "test_support.h"
 
 namespace {
 
 // Netlink messages are in host byte order; addresses inside them in network order.
-using bytes = std::vector<uint8_t>;
-
 template <typename T>
 bytes raw(const T& v) {
     const auto* p = reinterpret_cast<const uint8_t*>(&v);

@@ -2,9 +2,6 @@
 // MLDv2 host would answer them (RFC 3810 section 6.2); queries heard downstream change only
 // the link's MLD version. Answers never exceed the link's MTU - 48 bytes: a long record is
 // split (RFC 3810 section 5.2.15), an EXCLUDE-type one keeps the first sources that fit.
-#include <cstdlib>
-#include <string>
-#include <vector>
 
 #include "upstream_support.h"
 
@@ -13,14 +10,6 @@ namespace {
 using namespace ups;
 
 const addr6 kAny{};
-
-std::vector<int> upto(int first, int last) {
-    std::vector<int> v;
-    for (int n = first; n <= last; n++) {
-        v.push_back(n);
-    }
-    return v;
-}
 
 // Every record sent as "IS_IN G3 S5" lines, one per source ("IS_IN G3" for none), and each
 // report's shape ("1 records 75 sources"); the reports themselves are checked by reports_sent().

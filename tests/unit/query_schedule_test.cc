@@ -1,7 +1,5 @@
 // Group- and group-and-source-specific queries after a possible leave (RFC 3810 section
 // 7.6.3): timers lowered to LLQT (2 with LLQI 1 and LLQC 2), retransmission state, first query.
-#include <string>
-#include <vector>
 
 #include "listener_support.h"
 

@@ -1,9 +1,5 @@
-#include <cstring>
-#include <string>
-#include <vector>
 
 #include "core/receive.h"
-#include "iface/interface.h"
 #include "test_support.h"
 
 namespace {

@@ -2,8 +2,6 @@
 // summary (current-state, filter-mode-change, source-list-change records), and the MLDv1
 // mapping onto them. Each row starts from a fresh router with one downstream link (MIF 1) and
 // the upstream on MIF 0; GMI is 260 and LLQT 2.
-#include <string>
-#include <vector>
 
 #include "listener_support.h"
 
@@ -19,14 +17,7 @@ const char* const kOverflow =
 const char* const kIntersectOverflow =
     "\n Fatal: SrcList cannot be accomodated\n Fatal : Coudnt intersect source lists";
 
-// Sources first..last, and the same as list entries with one timer.
-std::vector<int> range(int first, int last) {
-    std::vector<int> v;
-    for (int n = first; n <= last; n++) {
-        v.push_back(n);
-    }
-    return v;
-}
+// Sources as list entries with one timer.
 std::vector<src_timer> timed(const std::vector<int>& ns, int32_t timer) {
     std::vector<src_timer> v;
     for (int n : ns) {
@@ -146,7 +137,7 @@ TEST_F(RecordHandlerTest, CurrentStateRecordsFollowTheRfc3810Table) {
          exclude({{1, 100}}, {{2, 0}}, 200), IS_EX, {}, exclude({{0, 260}}, {}, 260),
          {}, {del_sg(1), kAddStarG}},
         {"IS_EX with 11 sources on an empty INCLUDE group overflows the scratch capacity",
-         include({}), IS_EX, range(1, 11), include({}),
+         include({}), IS_EX, upto(1, 11), include({}),
          {}, {}, kOverflow},
     };
     for (const Row& row : rows) {
@@ -199,10 +190,10 @@ TEST_F(RecordHandlerTest, FilterModeChangeRecordsFollowTheRfc3810Table) {
          exclude({{1, 100}}, {{2, 0}}, 200), TO_EX, {2}, exclude({}, {{2, 0}}, 260),
          {}, {del_sg(1)}},
         {"TO_EX with 11 new sources on EXCLUDE overflows B-Y before any change",
-         exclude({{1, 100}}, {}, 200), TO_EX, range(2, 12), exclude({{1, 100}}, {}, 200),
+         exclude({{1, 100}}, {}, 200), TO_EX, upto(2, 12), exclude({{1, 100}}, {}, 200),
          {}, {}, kOverflow},
         {"TO_EX with 11 sources on INCLUDE of the same 11 overflows A*B before any change",
-         include(timed(range(1, 11), 100)), TO_EX, range(1, 11), include(timed(range(1, 11), 100)),
+         include(timed(upto(1, 11), 100)), TO_EX, upto(1, 11), include(timed(upto(1, 11), 100)),
          {}, {}, kIntersectOverflow},
     };
     for (const Row& row : rows) {
@@ -246,10 +237,10 @@ TEST_F(RecordHandlerTest, SourceListChangeRecordsFollowTheRfc3810Table) {
          exclude({{1, 100}}, {}, 200), BLOCK, {1}, exclude({{1, 1}}, {}, 200),
          {query(G1, {1})}, {}, "", 1},
         {"BLOCK with 11 sources on INCLUDE of the same 11 overflows A*B: no query",
-         include(timed(range(1, 11), 100)), BLOCK, range(1, 11), include(timed(range(1, 11), 100)),
+         include(timed(upto(1, 11), 100)), BLOCK, upto(1, 11), include(timed(upto(1, 11), 100)),
          {}, {}, kIntersectOverflow},
         {"BLOCK with 11 new sources on EXCLUDE overflows B-Y: nothing requested",
-         exclude({{1, 100}}, {}, 200), BLOCK, range(2, 12), exclude({{1, 100}}, {}, 200),
+         exclude({{1, 100}}, {}, 200), BLOCK, upto(2, 12), exclude({{1, 100}}, {}, 200),
          {}, {}, kOverflow},
     };
     for (const Row& row : rows) {

@@ -1,10 +1,6 @@
-#include <cstring>
 #include <numeric>
-#include <string>
-#include <vector>
 
 #include "core/input_thread.h"
-#include "iface/interface.h"
 #include "test_support.h"
 
 namespace {

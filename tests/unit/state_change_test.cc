@@ -2,8 +2,6 @@
 // changes and robustness - 1 retransmissions, the first of them in the same tick; a pending
 // filter-mode change holds ALLOW and BLOCK back, and TO_EX goes before TO_IN. One downstream
 // link (eth1) holds group G1; each tick runs the host-state update, then the retransmissions.
-#include <string>
-#include <vector>
 
 #include "upstream_support.h"
 

@@ -2,15 +2,9 @@
 
 #include <arpa/inet.h>
 
-#include <cstdlib>
-#include <cstring>
-
 #include "core/daemon.h"
 #include "core/input_thread.h"
-#include "db/db.h"
-#include "iface/interface.h"
 #include "iface/netlink.h"
-#include "kernel/mroute.h"
 
 void RouterTest::SetUp() {
     fake::reset();
@@ -49,6 +43,14 @@ addr6 ip6(const char* text) {
     addr6 a{};
     EXPECT_EQ(inet_pton(AF_INET6, text, a.data()), 1) << text;
     return a;
+}
+
+std::vector<int> upto(int first, int last) {
+    std::vector<int> v;
+    for (int n = first; n <= last; n++) {
+        v.push_back(n);
+    }
+    return v;
 }
 
 std::string ip6_text(const uint8_t* addr) {

@@ -5,16 +5,21 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "core/router.h"
+#include "db/db.h"
 #include "fake_kernel.h"
-
-struct mldrt_interface;
+#include "iface/interface.h"
+#include "kernel/mroute.h"
+#include "mld/mld.h"
 
 class RouterTest : public ::testing::Test {
   protected:
@@ -23,6 +28,11 @@ class RouterTest : public ::testing::Test {
 };
 
 using addr6 = std::array<uint8_t, 16>;
+using bytes = std::vector<uint8_t>;
+using texts = std::vector<std::string>;
+
+// The numbers first..last.
+std::vector<int> upto(int first, int last);
 
 // An IPv6 address from its text form (the test fails on a typo).
 addr6 ip6(const char* text);

@@ -1,11 +1,8 @@
 // The once-a-second pass over the listener database: source and filter timers, query
 // retransmissions, the removal of what has become empty, and the release of a deleted
 // interface's groups. GMI 260, LLQI 1, LLQC 2; downstream links on MIFs 1 and 2, upstream 0.
-#include <string>
-#include <vector>
 
 #include "iface/netlink.h"
-#include "kernel/mroute.h"
 #include "listener_support.h"
 #include "proxy/proxy.h"
 
@@ -28,8 +25,6 @@ class TimersTest : public ListenerTest {
     }
     const addr6 G2 = grp(2);
 };
-
-using texts = std::vector<std::string>;
 
 TEST_F(TimersTest, IncludeSourceWithTimerThreeLeavesAtTheThirdTick) {
     mldrt_group* g = make_group(eth1, G1, include({{1, 3}, {2, 100}}), host);

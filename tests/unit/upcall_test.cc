@@ -2,11 +2,8 @@
 // as the kernel queues them on the router socket: im6_mif in host order, no arrival index.
 // The upstream is on MIF 2, so a MIF read in the wrong byte order never matches.
 #include <cstddef>
-#include <string>
-#include <vector>
 
 #include "core/receive.h"
-#include "kernel/mroute.h"
 #include "listener_support.h"
 
 namespace {

@@ -1,6 +1,5 @@
 // A new upstream link has heard nothing of the groups the proxy reported on the old one: the
 // whole state is reported again, as for a fresh change (RFC 3810 section 6.1).
-#include "proxy/proxy.h"
 #include "upstream_support.h"
 
 namespace {

@@ -4,19 +4,12 @@
 #ifndef MLDPROXYD_TESTS_UPSTREAM_SUPPORT_H
 #define MLDPROXYD_TESTS_UPSTREAM_SUPPORT_H
 
-#include <algorithm>
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include "listener_support.h"
 #include "proxy/proxy.h"
 
 namespace ups {
 
 using namespace lsn;
-using texts = std::vector<std::string>;
-
 inline uint32_t be16(const uint8_t* p) {
     return (static_cast<uint32_t>(p[0]) << 8) | p[1];
 }
