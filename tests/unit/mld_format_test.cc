@@ -1,6 +1,5 @@
 // MLD encodings, byte for byte: Maximum Response Code, QQIC and QRV as a query carries them,
 // multicast address records, and the small record helpers.
-
 #include "test_support.h"
 
 namespace {
@@ -8,7 +7,7 @@ namespace {
 class FormatTest : public RouterTest {
   protected:
     // Bytes 4-5, 24 and 25 of a general query sent on an MLDv2 link.
-    std::vector<uint8_t> query_fields() {
+    bytes query_fields() {
         if (!ifp) {
             ifp = add_link("eth2", 20, 2);
         }
@@ -25,120 +24,90 @@ class FormatTest : public RouterTest {
     mldrt_interface* ifp = nullptr;
 };
 
-TEST_F(FormatTest, MaximumResponseCodeUsesFloatingFormFrom32768Ms) {
+// Each row sets one configured value and expects bytes 4, 5, 24 and 25 of the query; the MRC
+// and the QQIC also as the encoders return them.
+TEST_F(FormatTest, MrcFloatingFrom32768MsQqicFrom128QrvOnlyBelow8) {
     struct Row {
-        const char* name;
-        uint32_t ms;
-        uint8_t hi, lo;
+        uint32_t* field;
+        uint32_t value;
+        bytes fields;
     };
+    uint32_t *mrt = &router.query_response_interval, *qi = &router.query_interval;
+    uint32_t* rv = &router.robustness;
     const std::vector<Row> rows = {
-        {"Zero", 0, 0x00, 0x00},
-        {"LargestLinear", 32767, 0x7f, 0xff},
-        {"FirstFloating", 32768, 0x80, 0x00},  // exponent 0, mantissa 0
-        {"Exponent1", 100000, 0x98, 0x6a},     // 100000 >> 4 = 6250 = 0x1000 + 0x86a
-        {"LargestFloating", 8387584, 0xff, 0xff},
-        {"TruncatedBelowNextStep", 8388607, 0xff, 0xff},
-        {"BeyondKeepsLow16Bits", 8388608, 0x00, 0x00},
-        {"BeyondKeepsLow16BitsToo", 8400000, 0x2c, 0x80},
-        {"Largest32Bit", 0xffffffffu, 0xff, 0xff},
+        {mrt, 0, {0x00, 0x00, 2, 125}},
+        {mrt, 32767, {0x7f, 0xff, 2, 125}},        // largest linear
+        {mrt, 32768, {0x80, 0x00, 2, 125}},        // exponent 0, mantissa 0
+        {mrt, 100000, {0x98, 0x6a, 2, 125}},       // 100000 >> 4 = 6250 = 0x1000 + 0x86a
+        {mrt, 8387584, {0xff, 0xff, 2, 125}},      // largest floating
+        {mrt, 8388607, {0xff, 0xff, 2, 125}},      // truncated below the next step
+        {mrt, 8388608, {0x00, 0x00, 2, 125}},      // beyond: the low 16 bits
+        {mrt, 8400000, {0x2c, 0x80, 2, 125}},      // beyond: the low 16 bits
+        {mrt, 0xffffffffu, {0xff, 0xff, 2, 125}},  // largest 32-bit
+        {qi, 125, {0x27, 0x10, 2, 125}},
+        {qi, 127, {0x27, 0x10, 2, 127}},     // largest linear
+        {qi, 128, {0x27, 0x10, 2, 0x80}},    // first floating
+        {qi, 1000, {0x27, 0x10, 2, 0xaf}},   // 1000 >> 5 = 31 = 16 + 15
+        {qi, 31744, {0x27, 0x10, 2, 0xff}},  // largest floating
+        {qi, 31745, {0x27, 0x10, 2, 0xff}},  // truncated below the next step
+        {qi, 32767, {0x27, 0x10, 2, 0xff}},  // last truncated
+        {qi, 32768, {0x27, 0x10, 2, 0x00}},  // beyond: the low 8 bits
+        {qi, 40000, {0x27, 0x10, 2, 0x40}},  // beyond: the low 8 bits
+        // QRV: S flag clear, reserved bits zero.
+        {rv, 1, {0x27, 0x10, 1, 125}},
+        {rv, 7, {0x27, 0x10, 7, 125}},
+        {rv, 8, {0x27, 0x10, 0, 125}},
+        {rv, 10, {0x27, 0x10, 0, 125}},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        router.query_response_interval = row.ms;
-        const std::vector<uint8_t> f = query_fields();
-        ASSERT_EQ(f.size(), 4u);
-        EXPECT_EQ(f[0], row.hi);
-        EXPECT_EQ(f[1], row.lo);
-        EXPECT_EQ(mldrt_encode_mrc(row.ms), (row.hi << 8) | row.lo);
-    }
-}
-
-TEST_F(FormatTest, QqicUsesFloatingFormFrom128) {
-    struct Row {
-        const char* name;
-        uint32_t seconds;
-        uint8_t qqic;
-    };
-    const std::vector<Row> rows = {
-        {"Usual", 125, 125},
-        {"LargestLinear", 127, 127},
-        {"FirstFloating", 128, 0x80},
-        {"Exponent2", 1000, 0xaf},  // 1000 >> 5 = 31 = 16 + 15
-        {"LargestFloating", 31744, 0xff},
-        {"TruncatedBelowNextStep", 31745, 0xff},
-        {"LastTruncated", 32767, 0xff},
-        {"BeyondKeepsLow8Bits", 32768, 0x00},
-        {"BeyondKeepsLow8BitsToo", 40000, 0x40},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        router.query_interval = row.seconds;
-        const std::vector<uint8_t> f = query_fields();
-        ASSERT_EQ(f.size(), 4u);
-        EXPECT_EQ(f[3], row.qqic);
-        EXPECT_EQ(mldrt_encode_qqic(row.seconds), row.qqic);
-    }
-}
-
-TEST_F(FormatTest, QrvCarriesRobustnessBelow8) {
-    const std::vector<std::pair<uint32_t, uint8_t>> rows = {
-        {1, 1}, {2, 2}, {7, 7}, {8, 0}, {10, 0}};
-    for (const auto& [robustness, qrv] : rows) {
-        SCOPED_TRACE(robustness);
-        router.robustness = robustness;
-        const std::vector<uint8_t> f = query_fields();
-        ASSERT_EQ(f.size(), 4u);
-        EXPECT_EQ(f[2], qrv) << "S flag clear, reserved bits zero";
+        SCOPED_TRACE(testing::Message() << (row.field == mrt  ? "MRT "
+                                            : row.field == qi ? "QI "
+                                                              : "R ")
+                                        << row.value);
+        router.query_response_interval = 10000;
+        router.query_interval = 125;
+        router.robustness = 2;
+        *row.field = row.value;
+        EXPECT_EQ(query_fields(), row.fields);
+        if (row.field == mrt) {
+            EXPECT_EQ(mldrt_encode_mrc(row.value), (row.fields[0] << 8) | row.fields[1]);
+        } else if (row.field == qi) {
+            EXPECT_EQ(mldrt_encode_qqic(row.value), row.fields[3]);
+        }
     }
 }
 
 TEST(RecordFormatTest, RecordHeaderAndSourcesInNetworkOrder) {
-    struct Row {
-        const char* name;
-        uint8_t type;
-        int nsrc;
-        uint32_t len;
-        uint8_t n_hi, n_lo;
-    };
-    const std::vector<Row> rows = {
-        {"NoSources", 4, 0, 20, 0, 0},
-        {"ThreeSources", 5, 3, 68, 0, 3},
-        {"ThreeHundredSources", 1, 300, 4820, 0x01, 0x2c},
-    };
     const addr6 grp = ip6("ff0e::1:2");
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        std::vector<mldrt_src> srcs(static_cast<size_t>(row.nsrc));
-        for (int i = 0; i < row.nsrc; i++) {
+    // Type, number of sources; the record is the type, aux data length 0, the number of
+    // sources in network order, the group and the sources 2000::<i>.
+    for (const auto& [type, nsrc] :
+         std::vector<std::pair<uint8_t, int>>{{4, 0}, {5, 3}, {1, 300}}) {
+        SCOPED_TRACE(nsrc);
+        std::vector<mldrt_src> srcs(static_cast<size_t>(nsrc));
+        bytes expected = {type, 0, static_cast<uint8_t>(nsrc >> 8), static_cast<uint8_t>(nsrc)};
+        expected.insert(expected.end(), grp.begin(), grp.end());
+        for (int i = 0; i < nsrc; i++) {
             srcs[i].src_addr[0] = 0x20;
             srcs[i].src_addr[14] = static_cast<uint8_t>(i >> 8);
             srcs[i].src_addr[15] = static_cast<uint8_t>(i);
-            srcs[i].next = i + 1 < row.nsrc ? &srcs[i + 1] : nullptr;
+            srcs[i].next = i + 1 < nsrc ? &srcs[i + 1] : nullptr;
+            expected.insert(expected.end(), srcs[i].src_addr, srcs[i].src_addr + 16);
         }
-        std::vector<uint8_t> buf(5000, 0xaa);
-        const uint32_t len = mldrt_build_mcast_record(buf.data(), grp.data(), row.type,
-                                                      srcs.empty() ? nullptr : &srcs[0]);
-        EXPECT_EQ(len, row.len);
-        EXPECT_EQ(buf[0], row.type);
-        EXPECT_EQ(buf[1], 0) << "aux data length";
-        EXPECT_EQ(buf[2], row.n_hi);
-        EXPECT_EQ(buf[3], row.n_lo);
-        EXPECT_EQ(std::memcmp(&buf[4], grp.data(), 16), 0);
-        for (int i = 0; i < row.nsrc; i++) {
-            ASSERT_EQ(std::memcmp(&buf[20 + 16 * i], srcs[i].src_addr, 16), 0) << "source " << i;
-        }
-        EXPECT_EQ(buf[row.len], 0xaa) << "nothing written past the record";
-        EXPECT_EQ(mldrt_srclist_len(srcs.empty() ? nullptr : &srcs[0]),
-                  static_cast<uint32_t>(row.nsrc));
+        bytes buf(5000, 0xaa);
+        const mldrt_src* first = srcs.empty() ? nullptr : &srcs[0];
+        const uint32_t len = mldrt_build_mcast_record(buf.data(), grp.data(), type, first);
+        EXPECT_EQ(len, 20u + 16u * nsrc);
+        EXPECT_EQ(bytes(buf.begin(), buf.begin() + len), expected);
+        EXPECT_EQ(buf[len], 0xaa) << "nothing written past the record";
+        EXPECT_EQ(mldrt_srclist_len(first), static_cast<uint32_t>(nsrc));
     }
 }
 
 TEST(RecordFormatTest, RecordTypeFromFilterMode) {
-    const std::vector<std::pair<uint32_t, uint8_t>> rows = {
-        {0, 1}, {1, 2}, {2, 0}, {0xffffffffu, 0}};
-    for (const auto& [mode, type] : rows) {
-        SCOPED_TRACE(mode);
-        EXPECT_EQ(mldrt_get_rectype_from_group_mode(mode), type);
+    for (const auto& [mode, type] :
+         std::vector<std::pair<uint32_t, uint8_t>>{{0, 1}, {1, 2}, {2, 0}, {0xffffffffu, 0}}) {
+        EXPECT_EQ(mldrt_get_rectype_from_group_mode(mode), type) << mode;
     }
 }
 
