@@ -23,13 +23,6 @@ void put32(std::vector<uint8_t>& v, size_t off, uint32_t x) {
     std::memcpy(&v[off], &x, 4);
 }
 
-std::vector<uint8_t> mif6ctl_bytes(uint16_t mifi, uint16_t pifi) {
-    std::vector<uint8_t> v(12, 0);
-    put16(v, 0, mifi);
-    put16(v, 4, pifi);
-    return v;
-}
-
 // mf6cctl: origin sockaddr_in6 at 0 (address at 8), group at 28 (address at 36), parent at 56,
 // ifset words at 60.
 std::vector<uint8_t> mf6cctl_bytes(const addr6& s, const addr6& g, uint16_t parent, uint32_t word) {
@@ -103,8 +96,8 @@ TEST_F(MrouteTest, MifRecordHoldsMifAndIndexWithZeroFlagsThresholdAndRate) {
     ASSERT_EQ(mldrt_add_k_vif(router.router_sock, &link), 0);
     ASSERT_EQ(mldrt_delete_k_vif(router.router_sock, &link), 0);
     ASSERT_EQ(fake::kernel().sockopts.size(), 2u);
-    EXPECT_EQ(fake::kernel().sockopts[0].value, mif6ctl_bytes(5, 0x1234));
-    EXPECT_EQ(fake::kernel().sockopts[1].value, mif6ctl_bytes(5, 0x1234));
+    EXPECT_EQ(fake::kernel().sockopts[0].value, mif_bytes(5, 0x1234));
+    EXPECT_EQ(fake::kernel().sockopts[1].value, mif_bytes(5, 0x1234));
 }
 
 TEST_F(MrouteTest, MifThatTheKernelCannotHoldIsRefusedWithoutSyscall) {

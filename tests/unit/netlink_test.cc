@@ -96,31 +96,22 @@ TEST_F(NetlinkTest, DumpRequestsShareOneSocketBoundToLinkAndAddressGroups) {
     ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETADDR), 0);
     const auto& k = fake::kernel();
     ASSERT_EQ(k.sockets.size(), 1u);
-    EXPECT_EQ(sock, k.sockets[0].fd);
-    EXPECT_EQ(k.sockets[0].domain, AF_NETLINK);
-    EXPECT_EQ(k.sockets[0].type, SOCK_RAW);
-    EXPECT_EQ(k.sockets[0].protocol, NETLINK_ROUTE);
-    ASSERT_EQ(k.bound.size(), 1u);
-    ASSERT_EQ(k.bound[0].size(), 12u);
-    sockaddr_nl local;
-    std::memcpy(&local, k.bound[0].data(), sizeof local);
-    EXPECT_EQ(local.nl_family, AF_NETLINK);
-    EXPECT_EQ(local.nl_pid, 0u);
-    EXPECT_EQ(local.nl_groups, 0x101u);
+    const fake::socket_call& s = k.sockets[0];
+    EXPECT_EQ(std::vector<int>({sock, s.domain, s.type, s.protocol}),
+              std::vector<int>({s.fd, AF_NETLINK, SOCK_RAW, NETLINK_ROUTE}));
+    sockaddr_nl local{};
+    local.nl_family = AF_NETLINK;
+    local.nl_groups = 0x101;  // RTMGRP_LINK | RTMGRP_IPV6_IFADDR
+    EXPECT_EQ(k.bound, std::vector<bytes>{raw(local)});
+    // Header (length 17, type, NLM_F_REQUEST | NLM_F_DUMP, consecutive sequence numbers,
+    // pid 0), then a zeroed rtgenmsg padded to 4 bytes.
     ASSERT_EQ(k.sent.size(), 2u);
+    ASSERT_GE(k.sent[0].size(), 12u);
     uint32_t seq0 = 0;
-    for (size_t i = 0; i < 2; i++) {
-        SCOPED_TRACE(i);
-        ASSERT_EQ(k.sent[i].size(), 20u);
-        nlmsghdr h;
-        std::memcpy(&h, k.sent[i].data(), sizeof h);
-        EXPECT_EQ(h.nlmsg_len, 17u);
-        EXPECT_EQ(h.nlmsg_type, i == 0 ? 18 : 22);
-        EXPECT_EQ(h.nlmsg_flags, 0x301);
-        seq0 = i == 0 ? h.nlmsg_seq : seq0;
-        EXPECT_EQ(h.nlmsg_seq, seq0 + i);
-        EXPECT_EQ(h.nlmsg_pid, 0u);
-        EXPECT_EQ(bytes(k.sent[i].begin() + 16, k.sent[i].end()), bytes(4, 0));
+    std::memcpy(&seq0, &k.sent[0][8], 4);
+    for (uint16_t i = 0; i < 2; i++) {
+        nlmsghdr h{17, static_cast<uint16_t>(i == 0 ? 18 : 22), 0x301, seq0 + i, 0};
+        EXPECT_EQ(k.sent[i], cat({raw(h), bytes(4, 0)})) << i;
     }
 }
 
@@ -232,16 +223,17 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
                             std::to_string(ifp->ifindex)
                       : "",
                   row.want);
-        auto add_mif = fake::sockopts(41, 202);
-        ASSERT_EQ(add_mif.size(), ifp ? 1u : 0u);
+        std::vector<bytes> add_mif;
+        for (const auto& c : fake::sockopts(41, 202)) {
+            add_mif.push_back(c.value);
+        }
         if (ifp) {
             EXPECT_EQ(ifp->next, nullptr);
-            mldrt_mif6ctl mc;
-            std::memcpy(&mc, add_mif[0].value.data(), sizeof mc);
-            EXPECT_EQ(mc.mif6c_mifi, 0);
-            EXPECT_EQ(mc.mif6c_pifi, ifp->ifindex);
+            EXPECT_EQ(add_mif,
+                      std::vector<bytes>{mif_bytes(0, static_cast<uint16_t>(ifp->ifindex))});
             continue;
         }
+        EXPECT_EQ(add_mif, std::vector<bytes>{});
         for (const auto& s : fake::kernel().sockets) {  // a failed creation closed its socket
             auto& closed = fake::kernel().closed;
             EXPECT_EQ(std::count(closed.begin(), closed.end(), s.fd), 1);
@@ -319,15 +311,11 @@ TEST_F(NetlinkTest, UpstreamActivatesTheRouterAndDeletedLinksLoseTheirMif) {
     EXPECT_EQ(router.upstream, nullptr);
     EXPECT_EQ(router.active, 0);
     EXPECT_EQ(router.interfaces, nullptr);
-    auto del = fake::sockopts(41, 203);
-    ASSERT_EQ(del.size(), 2u);
-    mldrt_mif6ctl mc;
-    std::memcpy(&mc, del[0].value.data(), sizeof mc);
-    EXPECT_EQ(mc.mif6c_mifi, 0);
-    EXPECT_EQ(mc.mif6c_pifi, 7);
-    std::memcpy(&mc, del[1].value.data(), sizeof mc);
-    EXPECT_EQ(mc.mif6c_mifi, 1);
-    EXPECT_EQ(mc.mif6c_pifi, 2);
+    std::vector<bytes> del;
+    for (const auto& c : fake::sockopts(41, 203)) {
+        del.push_back(c.value);
+    }
+    EXPECT_EQ(del, (std::vector<bytes>{mif_bytes(0, 7), mif_bytes(1, 2)}));
 }
 
 }  // namespace

@@ -77,6 +77,13 @@ std::string stdout_of(const std::function<void()>& f) {
     return testing::internal::GetCapturedStdout();
 }
 
+bytes mif_bytes(uint16_t mifi, uint16_t pifi) {
+    bytes v(12, 0);
+    std::memcpy(&v[0], &mifi, 2);
+    std::memcpy(&v[4], &pifi, 2);
+    return v;
+}
+
 std::vector<std::string> mfc_calls() {
     std::vector<std::string> out;
     for (const auto& c : fake::kernel().sockopts) {

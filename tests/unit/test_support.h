@@ -45,6 +45,10 @@ mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi);
 // What `f` writes on standard output (the daemon's messages are printf and puts lines).
 std::string stdout_of(const std::function<void()>& f);
 
+// The 12 bytes of a MIF record (mif6ctl) for MIF `mifi` on interface `pifi`: flags, threshold
+// and rate limit 0, fields in host order.
+bytes mif_bytes(uint16_t mifi, uint16_t pifi);
+
 // Every MRT6_ADD_MFC (204) and MRT6_DEL_MFC (205) made so far, decoded from its 92 bytes, as
 // "add S G parent P mifs a,b" or "del S G", so that a failing comparison reads as a diff.
 std::vector<std::string> mfc_calls();
