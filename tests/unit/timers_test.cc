@@ -3,14 +3,13 @@
 // interface's groups. GMI 260, LLQI 1, LLQC 2; downstream links on MIFs 1 and 2, upstream 0.
 
 #include "iface/netlink.h"
-#include "listener_support.h"
-#include "proxy/proxy.h"
+#include "upstream_support.h"
 
 namespace {
 
-using namespace lsn;
+using namespace ups;
 
-class TimersTest : public ListenerTest {
+class TimersTest : public UpstreamTest {
   protected:
     // The input thread's tick: the removal pass, then each interface's timer pass.
     void tick() {
@@ -19,11 +18,9 @@ class TimersTest : public ListenerTest {
             mldrt_update_memberships(&router, ifp, 0);
         }
     }
-    mldrt_mfdb_entry* entry(const addr6& g) { return mldrt_lookup_mfdb_entry(&router, g.data()); }
     void add_to(mldrt_group* g, uint32_t ltype, int s, uint16_t rtx) {
         mldrt_add_src_to_group(g, g->mfdb, ltype, src(s).data())->rtx_count = rtx;
     }
-    const addr6 G2 = grp(2);
 };
 
 TEST_F(TimersTest, IncludeSourceWithTimerThreeLeavesAtTheThirdTick) {
@@ -70,7 +67,6 @@ TEST_F(TimersTest, FilterTimerExpiryReturnsTheGroupToInclude) {
     for (const ExpiryRow& row : rows) {
         SCOPED_TRACE(row.name);
         restart();
-        mldrt_interface* eth2 = add_link("eth2", 12, 2);
         make_group(eth1, G1, row.eth1_before, host);
         make_group(eth2, G1, row.eth2_before, host);
         forget_kernel_calls();
@@ -203,7 +199,6 @@ TEST_F(TimersTest, RetransmissionListsAgeAndLoseSpentEntries) {
 // A deleted interface's groups leave the forwarding database first: the other link's
 // listening stays in the kernel, this link's goes, and the EXCLUDE count drops once.
 TEST_F(TimersTest, ReleasingAnInterfaceWithdrawsOnlyItsForwarding) {
-    mldrt_interface* eth2 = add_link("eth2", 12, 2);
     make_group(eth1, G1, exclude({{0, 260}}, {}, 260), host);
     make_group(eth1, G2, include({{1, 260}}), host);
     make_group(eth2, G1, exclude({{0, 260}}, {}, 260), host);
@@ -244,25 +239,6 @@ TEST_F(TimersTest, InterfaceDownReleasesItsGroupsBeforeTheRecordIsFreed) {
     EXPECT_EQ(router.mfdb_list, nullptr);
 }
 
-// Records sent on the upstream link, as "type 3 ff0e::101 n 0".
-texts upstream_records(const mldrt_interface* up) {
-    texts out;
-    for (const auto& m : fake::kernel().sent_msgs) {
-        const std::vector<uint8_t>& p = m.payload;
-        if (m.fd != up->sock || p.size() < MLDRT_REPORT_HDR_LEN || p[0] != MLDRT_TYPE_V2_REPORT) {
-            continue;
-        }
-        uint32_t nrec = (uint32_t{p[6]} << 8) | p[7], off = MLDRT_REPORT_HDR_LEN;
-        for (uint32_t i = 0; i < nrec && off + 20 <= p.size(); i++) {
-            uint32_t n = (uint32_t{p[off + 2]} << 8) | p[off + 3];
-            out.push_back("type " + std::to_string(p[off]) + " " + ip6_text(&p[off + 4]) + " n " +
-                          std::to_string(n));
-            off += 20 + 16 * n;
-        }
-    }
-    return out;
-}
-
 // The released group's leave reaches the upstream at once (robustness 2: the change and one
 // retransmission) and keeps the entry until the last copy is sent.
 TEST_F(TimersTest, InterfaceDownTellsTheUpstreamBeforeTheEntryGoes) {
@@ -273,14 +249,14 @@ TEST_F(TimersTest, InterfaceDownTellsTheUpstreamBeforeTheEntryGoes) {
     mldrt_sysif link{};
     std::strcpy(link.name, "eth1");
     mldrt_handle_interface_down(&router, &link);
-    EXPECT_EQ(upstream_records(up), texts{"type 3 ff0e::101 n 0"});
+    EXPECT_EQ(reports_sent(up), texts{"TO_IN G1 {}"});
     mldrt_update_group_state(&router);
     ASSERT_NE(entry(G1), nullptr);
 
     tick();
     mldrt_update_host_state(&router);
     mldrt_clean_host_state(&router);
-    EXPECT_EQ(upstream_records(up), (texts{"type 3 ff0e::101 n 0", "type 3 ff0e::101 n 0"}));
+    EXPECT_EQ(reports_sent(up), (texts{"TO_IN G1 {}", "TO_IN G1 {}"}));
     tick();
     EXPECT_EQ(router.mfdb_list, nullptr);
 }
