@@ -66,17 +66,13 @@ TEST_F(QueryScheduleTest, SourceSpecificQueryLowersTimersAboveLlqtAndKeepsTheOth
     const std::vector<SourceRow> rows = {
         {"INCLUDE: 260 and -1 (compared unsigned) lowered to SRSP, 2 and 1 kept, S5 unknown",
          include({{1, 260}, {2, 2}, {3, 1}, {4, -1}}, 50), {1, 2, 3, 4, 5},
-         include({{1, 2}, {2, 2}, {3, 1}, {4, 2}}, 50),
-         "S4/1 S1/1", "S3/1 S2/1", 2, 2, 1, 1,
+         include({{1, 2}, {2, 2}, {3, 1}, {4, 2}}, 50), "S4/1 S1/1", "S3/1 S2/1", 2, 2, 1, 1,
          {query(G1, {4, 1}), query(G1, {3, 2})}},
         {"EXCLUDE searches the requested list only",
-         exclude({{1, 260}}, {{2, 0}}, 200), {2, 1},
-         exclude({{1, 2}}, {{2, 0}}, 200),
+         exclude({{1, 260}}, {{2, 0}}, 200), {2, 1}, exclude({{1, 2}}, {{2, 0}}, 200),
          "S1/1", "", 1, 0, 1, 1, {query(G1, {1})}},
         {"no queried source in the group: nothing sent, no retransmission",
-         include({{1, 100}}), {2, 3},
-         include({{1, 100}}),
-         "", "", 0, 0, 0, 0, {}},
+         include({{1, 100}}), {2, 3}, include({{1, 100}}), "", "", 0, 0, 0, 0, {}},
     };
     // clang-format on
     for (const SourceRow& row : rows) {
