@@ -104,12 +104,12 @@ TEST_F(ConfigTest, FileTextSetsRouterFields) {
         EXPECT_EQ(result, row.result);
         const char* n = router.upstream_ifname;
         EXPECT_EQ(std::string(n, strnlen(n, sizeof router.upstream_ifname)), row.ifname);
-        EXPECT_EQ(router.robustness, row.robustness);
-        EXPECT_EQ(router.query_interval, row.qi);
-        EXPECT_EQ(router.query_response_interval, row.qri);
-        EXPECT_EQ(router.last_listener_query_interval, row.llqi);
-        EXPECT_EQ(router.last_listener_query_count, row.llqc);
-        EXPECT_EQ(router.verbose, row.verbose);
+        EXPECT_EQ(std::vector<uint32_t>({router.robustness, router.query_interval,
+                                         router.query_response_interval,
+                                         router.last_listener_query_interval,
+                                         router.last_listener_query_count, router.verbose}),
+                  std::vector<uint32_t>(
+                      {row.robustness, row.qi, row.qri, row.llqi, row.llqc, row.verbose}));
     }
 }
 

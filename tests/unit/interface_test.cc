@@ -59,10 +59,8 @@ TEST_F(InterfaceTest, UpstreamAndDownstreamSocketsGetTheNineOptionsInOrder) {
         mldrt_interface* ifp = add_link(name, ifindex, 0);
         ASSERT_NE(ifp, nullptr);
         const auto& s = fake::kernel().sockets.back();
-        EXPECT_EQ(s.fd, ifp->sock);
-        EXPECT_EQ(s.domain, AF_INET6);
-        EXPECT_EQ(s.type, SOCK_RAW);
-        EXPECT_EQ(s.protocol, 58);
+        EXPECT_EQ(std::vector<int>({s.fd, s.domain, s.type, s.protocol}),
+                  std::vector<int>({ifp->sock, AF_INET6, SOCK_RAW, 58}));
         struct Want {
             int level, name;
             std::vector<uint8_t> value;
@@ -81,12 +79,11 @@ TEST_F(InterfaceTest, UpstreamAndDownstreamSocketsGetTheNineOptionsInOrder) {
         const auto& got = fake::kernel().sockopts;
         ASSERT_EQ(got.size(), want.size());
         for (size_t i = 0; i < want.size(); i++) {
-            SCOPED_TRACE(testing::Message() << "option " << i);
-            EXPECT_EQ(got[i].fd, ifp->sock);
-            EXPECT_EQ(got[i].level, want[i].level);
-            EXPECT_EQ(got[i].name, want[i].name);
+            EXPECT_EQ(std::vector<int>({got[i].fd, got[i].level, got[i].name}),
+                      std::vector<int>({ifp->sock, want[i].level, want[i].name}))
+                << "option " << i;
             if (i + 1 < want.size()) {
-                EXPECT_EQ(got[i].value, want[i].value);
+                EXPECT_EQ(got[i].value, want[i].value) << "option " << i;
             }
         }
         EXPECT_EQ(passing_types(got.back().value), (std::vector<int>{130, 131, 132, 143}));
@@ -169,19 +166,15 @@ TEST_F(InterfaceTest, RoleBufferAndCountsFollowNameMtuAndConfiguration) {
         mldrt_interface_desc d = desc_of(row.name, 7, "fe80::abcd");
         mldrt_interface* ifp = mld_add_interface(&router, &d, 4);
         ASSERT_NE(ifp, nullptr);
-        EXPECT_EQ(ifp->is_upstream, row.is_upstream);
-        EXPECT_EQ(ifp->querier, 1 - row.is_upstream);
+        // Role, buffer and counts; a general query due at the first count; defaults as set.
+        EXPECT_EQ(std::vector<int64_t>({ifp->is_upstream, ifp->querier, ifp->buf_size,
+                                        ifp->startup_query_count, ifp->query_timer,
+                                        ifp->query_interval, ifp->query_response_interval,
+                                        ifp->mld_version, ifp->mifi, ifp->ifindex, ifp->started}),
+                  std::vector<int64_t>({row.is_upstream, 1 - row.is_upstream, row.buf_size,
+                                        row.startup_query_count, 125, 125, 10000, 2, 4, 7, 0}));
         EXPECT_EQ(ip6_text(router.upstream_addr), row.is_upstream ? "fe80::abcd" : "::");
         EXPECT_EQ(ip6_text(ifp->addr), "fe80::abcd");
-        EXPECT_EQ(ifp->buf_size, row.buf_size);
-        EXPECT_EQ(ifp->startup_query_count, row.startup_query_count);
-        EXPECT_EQ(ifp->query_timer, 125u);  // so that the first count sends
-        EXPECT_EQ(ifp->query_interval, 125u);
-        EXPECT_EQ(ifp->query_response_interval, 10000u);
-        EXPECT_EQ(ifp->mld_version, 2);
-        EXPECT_EQ(ifp->mifi, 4);
-        EXPECT_EQ(ifp->ifindex, 7u);
-        EXPECT_EQ(ifp->started, 0);
         std::memset(ifp->buf, 0xa5, ifp->buf_size);  // ASan: the buffer really is that big
         delete_all();
     }
