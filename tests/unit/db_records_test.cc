@@ -1,5 +1,7 @@
 // Listener records (groups, members, sources), list codes, limits, and the forwarding database.
 
+#include <type_traits>
+
 #include "test_support.h"
 
 namespace {
@@ -16,25 +18,20 @@ addr6 S(int n) {
     return a;
 }
 
-const uint8_t* addr_of(const mldrt_group* g) {
-    return g->grp_addr;
-}
-const uint8_t* addr_of(const mldrt_member* m) {
-    return m->member_addr;
-}
-const uint8_t* addr_of(const mldrt_src* s) {
-    return s->src_addr;
-}
-const uint8_t* addr_of(const mldrt_mfdb_entry* e) {
-    return e->grp_addr;
-}
-
 // A list as the last bytes of its addresses in walking order: "3 2 1".
 template <typename T>
 std::string order(const T* p) {
     std::string s;
     for (; p; p = p->next) {
-        s += (s.empty() ? "" : " ") + std::to_string(addr_of(p)[15]);
+        const uint8_t* a;
+        if constexpr (std::is_same_v<T, mldrt_member>) {
+            a = p->member_addr;
+        } else if constexpr (std::is_same_v<T, mldrt_src>) {
+            a = p->src_addr;
+        } else {
+            a = p->grp_addr;
+        }
+        s += (s.empty() ? "" : " ") + std::to_string(a[15]);
     }
     return s;
 }

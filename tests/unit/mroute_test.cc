@@ -121,23 +121,18 @@ TEST_F(MrouteTest, MifThatTheKernelCannotHoldIsRefusedWithoutSyscall) {
 }
 
 TEST_F(MrouteTest, OutputArrayByteSetsItsIfsetBit) {
-    struct Row {
-        std::vector<uint8_t> oifs;
-        uint32_t word;
-    };
-    std::vector<uint8_t> beyond(40, 7);  // bytes 32..39 name MIFs the kernel cannot have
+    bytes beyond(40, 7);
     std::fill(beyond.begin(), beyond.begin() + 32, 0);
-    const std::vector<Row> rows = {
+    const std::vector<std::pair<bytes, uint32_t>> rows = {
         {oifs_of({}), 0},
         {oifs_of({0}), 0x1},
         {oifs_of({5}), 0x20},
         {oifs_of({31}), 0x80000000u},
         {oifs_of({0, 5, 31}), 0x80000021u},
-        {beyond, 0},
+        {beyond, 0},  // bytes 32..39 name MIFs the kernel cannot have
     };
     for (size_t i = 0; i < rows.size(); i++) {
-        SCOPED_TRACE(testing::Message() << "row " << i);
-        EXPECT_EQ(mldrt_k_ifset_word(rows[i].oifs.data()), rows[i].word);
+        EXPECT_EQ(mldrt_k_ifset_word(rows[i].first.data()), rows[i].second) << "row " << i;
     }
 }
 
