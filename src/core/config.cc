@@ -43,8 +43,7 @@ char* next_token(line_state* ls) {
 void set_upstream_name(mldrt_router* r, const char* name) {
     // Keep at most 16 characters; the field has room for the terminator, so a longer configured
     // name is cut and then simply matches no kernel interface name (those have at most 15).
-    std::strncpy(r->upstream_ifname, name, MLDRT_IFNAME_LEN);
-    r->upstream_ifname[MLDRT_IFNAME_LEN] = '\0';
+    mldrt_copy_ifname(r->upstream_ifname, name);
 }
 
 // One line's keyword and its values; false when the robustness check fails.

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 
 struct mldrt_interface;
 struct mldrt_mfdb_entry;
@@ -15,6 +16,14 @@ constexpr uint32_t MLDRT_BUF_SIZE = 2048;
 constexpr uint32_t MLDRT_SCRATCH_SIZE = 2048;
 constexpr uint32_t MLDRT_NL_BUF_SIZE = 4096;
 constexpr uint32_t MLDRT_IFNAME_LEN = 16;  // characters kept of an interface name
+
+// Copies at most MLDRT_IFNAME_LEN characters of a name and terminates the copy (the
+// destination has MLDRT_IFNAME_LEN + 1 bytes).
+inline void mldrt_copy_ifname(char* dst, const char* src) {
+    size_t len = strnlen(src, MLDRT_IFNAME_LEN);
+    std::memcpy(dst, src, len);
+    dst[len] = '\0';
+}
 constexpr int MLDRT_PROTO_ICMPV6 = 58;
 
 struct mldrt_router {

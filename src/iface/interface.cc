@@ -78,14 +78,9 @@ bool set_interface_options(mldrt_interface* ifp) {
     return true;
 }
 
-void copy_name(char* dst, const char* src) {
-    std::strncpy(dst, src, MLDRT_IFNAME_LEN);
-    dst[MLDRT_IFNAME_LEN] = '\0';
-}
-
 void fill_record(mldrt_router* r, mldrt_interface* ifp, const mldrt_interface_desc* desc,
                  uint16_t mifi) {
-    copy_name(ifp->name, desc->name);
+    mldrt_copy_ifname(ifp->name, desc->name);
     if (std::strcmp(ifp->name, r->upstream_ifname) == 0) {
         ifp->is_upstream = 1;
         ifp->querier = 0;
@@ -133,7 +128,7 @@ int get_interface_mtu(const char* name) {
         return -1;
     }
     ifreq ifr{};
-    std::strncpy(ifr.ifr_name, name, IFNAMSIZ - 1);
+    std::memcpy(ifr.ifr_name, name, strnlen(name, IFNAMSIZ - 1));
     int rc = ioctl(s, SIOCGIFMTU, &ifr);
     close(s);
     return rc < 0 ? -1 : ifr.ifr_mtu;

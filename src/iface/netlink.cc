@@ -264,7 +264,7 @@ void mldrt_handle_interface_up(mldrt_router* r, const mldrt_sysif* entry) {
         return;
     }
     mldrt_interface_desc desc{};
-    std::strncpy(desc.name, entry->name, MLDRT_IFNAME_LEN);
+    mldrt_copy_ifname(desc.name, entry->name);
     std::memcpy(desc.addr, entry->addr, 16);
     desc.ifindex = entry->ifindex;
     mldrt_interface* ifp = mld_add_interface(r, &desc, mldrt_get_new_vifi(r));
