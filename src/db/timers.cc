@@ -64,10 +64,7 @@ bool age_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
         uint8_t addr[16];
         std::memcpy(addr, s->src_addr, sizeof addr);
         mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, addr, ifp);
-        if (!g->include_list) {
-            mldrt_update_host_state(r);
-            emptied = true;
-        }
+        emptied = emptied || !g->include_list;
     }
     return emptied;
 }
@@ -107,11 +104,7 @@ bool expire_filter(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     if (g->mfdb) {
         g->mfdb->exclude_count--;
     }
-    if (!g->include_list) {
-        mldrt_update_host_state(r);
-        return true;
-    }
-    return false;
+    return !g->include_list;
 }
 
 // EXCLUDE mode, filter timer running: requested sources that run out become excluded.
@@ -131,7 +124,8 @@ void age_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     }
 }
 
-// One tick of one group; true when the database needs the removal pass afterwards.
+// One tick of one group; true when the group was left with no source, so that the upstream must
+// hear of it and the database needs the removal pass afterwards.
 bool tick_group(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     retransmit_group_query(r, ifp, g);
     retransmit_source_queries(r, ifp, g);
@@ -227,8 +221,13 @@ void mldrt_update_memberships(mldrt_router* r, mldrt_interface* ifp, int flag) {
         next = g->next;
         removal_due |= tick_group(r, ifp, g);
     }
-    // Removal frees groups, so it runs once the walk no longer stands on any of them.
+    // Once after the walk rather than for every group that emptied: each pass merges every
+    // entry, so a tick in which thousands of groups time out together (a link whose hosts all
+    // went away, the end of a report storm) would cost their number squared. The upstream still
+    // hears of every change in this tick and before anything is removed. Removal frees groups,
+    // so it too runs once the walk no longer stands on any of them.
     if (removal_due) {
+        mldrt_update_host_state(r);
         mldrt_update_group_state(r);
     }
 }
