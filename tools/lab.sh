@@ -280,10 +280,14 @@ EOF
 #   -e ERR     standard error (default: the same file as standard output)
 #   -s FILE    run under strace -f, setsockopt calls with timestamps, raw numbers and hex
 #              strings into FILE
+#   -w WORDS   run through this command (blank-separated words, e.g. a setpriv command line
+#              with its options); it must exec the daemon, whose PID is then LAB_DAEMON_PID
+# The configuration is readable by every user, as an installed /etc/mld/mld.conf is.
 lab_start_daemon() {
   local conf=default bin=$LAB_DAEMON ns=$LAB_RT log=$LAB_STATE/daemon.log err='' straceout='' opt
+  local wrap=()
   local OPTIND=1
-  while getopts 'c:b:n:l:e:s:' opt; do
+  while getopts 'c:b:n:l:e:s:w:' opt; do
     case $opt in
       c) conf=$OPTARG ;;
       b) bin=$OPTARG ;;
@@ -291,6 +295,7 @@ lab_start_daemon() {
       l) log=$OPTARG ;;
       e) err=$OPTARG ;;
       s) straceout=$OPTARG ;;
+      w) read -ra wrap <<<"$OPTARG" ;;
       *) lab_say "lab_start_daemon: bad option"; return 2 ;;
     esac
   done
@@ -301,13 +306,15 @@ lab_start_daemon() {
   # The bind target must exist; an empty /etc/mld is all this leaves on the machine.
   [[ -d /etc/mld ]] || mkdir -p /etc/mld || return 1
   local etc
-  etc=$(mktemp -d "$LAB_STATE/etc-mld.XXXXXX") || return 1
+  etc=$(mktemp -d "$LAB_STATE/etc-mld.XXXXXX") && chmod 755 "$etc" || return 1
   if [[ $conf == default ]]; then
     lab_write_conf "$etc/mld.conf"
   elif [[ -n $conf ]]; then
     cp -- "$conf" "$etc/mld.conf" || return 1
   fi
+  if [[ -f $etc/mld.conf ]]; then chmod 644 "$etc/mld.conf" || return 1; fi
   local cmd=("$bin")
+  if [[ ${#wrap[@]} -gt 0 ]]; then cmd=("${wrap[@]}" "$bin"); fi
   if [[ -n $straceout ]]; then
     cmd=(strace -f -ttt -X raw -xx -e trace=setsockopt -o "$straceout" -- "$bin")
   fi
@@ -328,7 +335,10 @@ lab_start_daemon() {
       return 1
     fi
     exe=$(readlink "/proc/$LAB_DAEMON_PID/exe" 2>/dev/null)
-    if [[ -n $exe && $exe != "${chain[0]}" && $exe != "${chain[1]}" && $exe != "${chain[2]}" ]]; then
+    if [[ ${#wrap[@]} -gt 0 ]]; then
+      # Through a wrapper: only the daemon binary itself counts.
+      [[ $exe == "$bin" ]] && return 0
+    elif [[ -n $exe && $exe != "${chain[0]}" && $exe != "${chain[1]}" && $exe != "${chain[2]}" ]]; then
       return 0
     fi
     sleep 0.02

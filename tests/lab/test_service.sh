@@ -1,0 +1,221 @@
+#!/usr/bin/env bash
+# The systemd unit's privileges are enough, and nothing more is used: the daemon runs as the
+# unit would run it (ExecStart's command, an unprivileged user, only the capabilities of
+# CapabilityBoundingSet / AmbientCapabilities, no new privileges), through setpriv, with the
+# installed example configuration (its UPSTREAM_IFNAME set to the lab's up0). It must register
+# its MIFs, forward a group that a host joins, and end on SIGTERM with status 0; /proc/PID/status
+# shows it never had more. Each capability of the unit is shown to be needed. What systemd adds
+# besides (ProtectSystem, ProtectHome, the other sandboxing lines) is not reproduced here.
+#
+#   src ── br0 ── up0 [rt: mldproxyd as nobody, CAP_NET_RAW only] dn1 ── h1
+#                                                                 dn2 ── h2
+
+# Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
+# shellcheck disable=SC2317
+# shellcheck source=tests/lab/lib.sh
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+# The unit as `cmake --install --prefix /usr` installs it (the template with its path filled in).
+UNIT_TEMPLATE=$LAB_ROOT/packaging/systemd/mldproxyd.service.in
+UNIT=$T_WORK/mldproxyd.service
+sed 's|@MLD_SBINDIR@|/usr/sbin|g' "$UNIT_TEMPLATE" >"$UNIT" 2>/dev/null || rm -f "$UNIT"
+EXAMPLE_CONF=$LAB_ROOT/packaging/mld.conf
+LOG=$T_WORK/daemon.log
+RUN_USER=nobody RUN_GROUP=nogroup # stands in for the unit's unprivileged user (DynamicUser=yes)
+G=ff0e::1:201 PORT=5201
+# What the daemon needs: CAP_NET_RAW (raw ICMPv6 sockets, the Router Alert option). Not
+# CAP_NET_ADMIN: the kernel lets the socket that made MRT6_INIT make the other MRT6 calls.
+WANT_CAPS=cap_net_raw
+WANT_CAP_MASK=0000000000002000 # bit 13 (CAP_NET_RAW)
+
+EXEC_ARGS=() CAPS='' SETPRIV='' BIN='' CONF='' DAEMON='' SEND_PID='' RECV_PID='' SETUP_OK=0
+
+# unit_value KEY: the value of KEY= in the unit (the last line with it), without blanks around.
+unit_value() { sed -nE "s/^[[:space:]]*$1[[:space:]]*=[[:space:]]*(.*[^[:space:]])?[[:space:]]*$/\\1/p" "$UNIT" | tail -n 1; }
+
+# cap_list "CAP_A CAP_B": "cap_a,cap_b", sorted.
+cap_list() { tr ' ' '\n' <<<"$1" | grep . | tr '[:upper:]' '[:lower:]' | sort | paste -sd, -; }
+
+# setpriv_cmd CAPS: the setpriv command line (blank-separated words) that runs a program the way
+# the unit does, with the capabilities CAPS ("cap_a,cap_b"; empty: none).
+setpriv_cmd() {
+  local set=-all c
+  for c in ${1//,/ }; do set+=",+${c#cap_}"; done
+  printf 'setpriv --reuid=%s --regid=%s --clear-groups --inh-caps=%s --ambient-caps=%s --bounding-set=%s' \
+    "$RUN_USER" "$RUN_GROUP" "$set" "$set" "$set"
+  [[ $(unit_value NoNewPrivileges) == yes ]] && printf ' --no-new-privs'
+  printf '\n'
+}
+
+# status_field PID NAME: a field of /proc/PID/status (tabs as blanks).
+status_field() { awk -v n="$2:" '$1 == n { $1 = ""; sub(/^ /, ""); print; exit }' "/proc/$1/status" 2>/dev/null; }
+
+# ---------------------------------------------------------------------------------------------
+# the unit
+
+unit_settings() {
+  [[ -f $UNIT ]] || fail "no unit file $UNIT_TEMPLATE" || return 1
+  local exec bound ambient user dynamic protect
+  exec=$(unit_value ExecStart)
+  say "unit $UNIT_TEMPLATE (installed with ExecStart in /usr/sbin):"
+  grep -E '^(Type|ExecStart|Restart|User|DynamicUser|CapabilityBoundingSet|AmbientCapabilities|NoNewPrivileges|ProtectSystem|ProtectHome)=' "$UNIT" | sed 's/^/#   /'
+  [[ $(unit_value Type) == simple ]] || fail "Type is '$(unit_value Type)', want simple (the daemon does not fork)" || return 1
+  [[ $(unit_value Restart) == on-failure ]] || fail "Restart is '$(unit_value Restart)', want on-failure" || return 1
+  # A "+" or "!" prefix would run the command with full privileges, "@" would change argv[0].
+  [[ $exec =~ ^/[^[:space:]]*/mldproxyd([[:space:]].*)?$ ]] || fail "ExecStart '$exec' is not the absolute path of mldproxyd (with no prefix)" || return 1
+  read -ra EXEC_ARGS <<<"${exec#*mldproxyd}"
+  bound=$(cap_list "$(unit_value CapabilityBoundingSet)")
+  ambient=$(cap_list "$(unit_value AmbientCapabilities)")
+  [[ $bound == "$WANT_CAPS" ]] || fail "CapabilityBoundingSet gives '$bound', want exactly $WANT_CAPS" || return 1
+  [[ $ambient == "$bound" ]] || fail "AmbientCapabilities gives '$ambient', CapabilityBoundingSet '$bound'" || return 1
+  [[ $(unit_value NoNewPrivileges) == yes ]] || fail "NoNewPrivileges is not yes" || return 1
+  protect=$(unit_value ProtectSystem)
+  [[ $protect == strict || $protect == full ]] || fail "ProtectSystem is '$protect', want strict or full" || return 1
+  [[ $(unit_value ProtectHome) == yes ]] || fail "ProtectHome is not yes" || return 1
+  user=$(unit_value User) dynamic=$(unit_value DynamicUser)
+  [[ $dynamic == yes || ( -n $user && $user != root && $user != 0 ) ]] ||
+    fail "the unit runs as root (no DynamicUser=yes, User='$user')" || return 1
+  CAPS=$bound
+  SETPRIV=$(setpriv_cmd "$CAPS")
+  say "runs as: $SETPRIV <daemon>${EXEC_ARGS[*]:+ ${EXEC_ARGS[*]}}"
+}
+
+# ---------------------------------------------------------------------------------------------
+# set-up
+
+setup() {
+  t_need_daemon || return 1
+  [[ -n $SETPRIV ]] || fail "the unit could not be read (previous check)" || return 1
+  command -v setpriv >/dev/null || fail "setpriv (util-linux) is not installed" || return 1
+  [[ ${#EXEC_ARGS[@]} -eq 0 ]] || fail "ExecStart passes arguments (${EXEC_ARGS[*]}); mldproxyd takes none" || return 1
+  # The daemon where the unprivileged user can reach it (T_WORK is private to root).
+  chmod 755 "$T_WORK" && mkdir -p "$T_WORK/sbin" && install -m 755 "$LAB_DAEMON" "$T_WORK/sbin/mldproxyd" ||
+    fail "cannot copy the daemon" || return 1
+  BIN=$T_WORK/sbin/mldproxyd
+  # The installed example configuration, with the lab's upstream link.
+  CONF=$T_WORK/mld.conf
+  sed -E 's/^UPSTREAM_IFNAME[[:space:]].*/UPSTREAM_IFNAME up0/' "$EXAMPLE_CONF" >"$CONF" || fail "no $EXAMPLE_CONF" || return 1
+  say "configuration: $EXAMPLE_CONF with UPSTREAM_IFNAME up0: $(grep -v '^#' "$CONF" | tr '\n' ';')"
+  lab_up || fail "the lab could not be built" || return 1
+  lab_add_source_addrs || fail "cannot give src its addresses" || return 1
+  lab_flood_upstream || fail "cannot make the bridge send all multicast to up0" || return 1
+  SETUP_OK=1
+}
+
+# ---------------------------------------------------------------------------------------------
+# checks
+
+# started_with_unit_privileges: the daemon, run as the unit runs it, takes up every link.
+started_with_unit_privileges() {
+  [[ $SETUP_OK == 1 ]] || fail "no lab (set-up failed)" || return 1
+  lab_start_daemon -b "$BIN" -c "$CONF" -l "$LOG" -w "$SETPRIV" || fail "the daemon did not start through setpriv: $(head -c 300 "$LOG")" || return 1
+  DAEMON=$LAB_DAEMON_PID
+  if ! lab_wait_started 40; then
+    fail "not every link became a MIF; MIFs [$(t_mif_table)]"
+    show_file "$LOG" 20 "daemon output"
+    return 1
+  fi
+  say "PID $DAEMON ($(readlink "/proc/$DAEMON/exe")); /proc/net/ip6_mr_vif of the router:"
+  ip netns exec "$(lab_ns "$LAB_RT")" cat /proc/net/ip6_mr_vif | sed 's/^/#   /'
+  lab_all_links_are_mifs || fail "MIFs [$(t_mif_table)], links $(lab_router_links | tr '\n' ' ')" || return 1
+}
+
+# runs_without_root: /proc/PID/status of the running daemon: not root, exactly the unit's
+# capabilities in every set, no new privileges.
+runs_without_root() {
+  [[ -n $DAEMON ]] && t_daemon_alive || fail "no daemon running (an earlier check failed)" || return 1
+  local field uid gid
+  for field in Uid Gid CapInh CapPrm CapEff CapBnd CapAmb NoNewPrivs; do
+    say "$(printf '%-10s %s' "$field:" "$(status_field "$DAEMON" "$field")")"
+  done
+  uid=$(status_field "$DAEMON" Uid) gid=$(status_field "$DAEMON" Gid)
+  [[ $(tr -s ' \t' '\n' <<<"$uid" | sort -u) == "$(id -u "$RUN_USER")" ]] || fail "Uid is '$uid', want $(id -u "$RUN_USER") ($RUN_USER) in every field" || return 1
+  [[ $(tr -s ' \t' '\n' <<<"$gid" | sort -u) == "$(getent group "$RUN_GROUP" | cut -d: -f3)" ]] || fail "Gid is '$gid', want $RUN_GROUP" || return 1
+  for field in CapPrm CapEff CapBnd CapAmb; do
+    [[ $(status_field "$DAEMON" "$field") == "$WANT_CAP_MASK" ]] || fail "$field is $(status_field "$DAEMON" "$field"), want $WANT_CAP_MASK ($WANT_CAPS)" || return 1
+  done
+  [[ $(status_field "$DAEMON" NoNewPrivs) == 1 ]] || fail "NoNewPrivs is not 1" || return 1
+}
+
+# forwards_joined_group: h1 joins G, src's traffic to G reaches h1 through the kernel entry
+# the unprivileged daemon wrote; h2 (no listener) is not in it.
+forwards_joined_group() {
+  [[ -n $DAEMON ]] && t_daemon_alive || fail "no daemon running (an earlier check failed)" || return 1
+  local recv_log=$T_WORK/recv-h1.log n oifs want
+  ip netns exec "$(lab_ns "$LAB_SRC")" "$LAB_PYTHON" "$LAB_FLOW_PY" send --iface eth0 --rate 100 --hops 16 "$LAB_SRC_ADDR1,$G,$PORT" \
+    >"$T_WORK/send.log" 2>&1 &
+  SEND_PID=$!
+  ip netns exec "$(lab_ns "$LAB_H1")" "$LAB_PYTHON" "$LAB_FLOW_PY" recv --iface eth0 --group "$G" --port "$PORT" --log "$recv_log" \
+    2>"$recv_log.err" &
+  RECV_PID=$!
+  lab_wait_for 5 grep -qs '^JOINED' "$recv_log" || fail "the receiver in h1 did not join $G: $(head -c 300 "$recv_log.err" 2>/dev/null)" || return 1
+  lab_wait_for 10 received_at_least "$recv_log" 50 ||
+    fail "h1 received $(received_count "$recv_log") datagrams of $G in 10 s (sender: $(head -c 200 "$T_WORK/send.log")); entries: $(lab_mfc_group "$G" | tr '\n' ';')" || return 1
+  n=$(received_count "$recv_log")
+  oifs=$(lab_mfc_oifs "$G") want=$(lab_mif_set up0 "$LAB_H1_LINK")
+  say "h1 joined $G and received $n datagrams from $LAB_SRC_ADDR1; (*,$G) parent $(lab_mfc "$G" | cut -d' ' -f1) outputs [$oifs]; MIFs [$(t_mif_table)]"
+  [[ $(lab_mfc "$G" | cut -d' ' -f1) == "$(lab_mif_index up0)" && $oifs == "$want" ]] ||
+    fail "(*,$G) should have parent up0 and output to up0 + dn1 ([$want]): $(lab_mfc "$G")" || return 1
+}
+LAB_H1_LINK=dn1
+received_count() { grep -cvE '^(JOINED|LEFT)' "$1" 2>/dev/null || true; }
+received_at_least() { [[ $(received_count "$1") -ge $2 ]]; }
+
+# sigterm_ends_cleanly: SIGTERM ends it within 3 s with status 0, its MIFs are gone, and with
+# the example configuration (VERBOSE 0) it printed nothing at all.
+sigterm_ends_cleanly() {
+  [[ -n $DAEMON ]] && t_daemon_alive || fail "no daemon running (an earlier check failed)" || return 1
+  local t0
+  t_stop "$RECV_PID"
+  t_stop "$SEND_PID"
+  t0=$(lab_now_us)
+  lab_stop_daemon TERM 10 || fail "the daemon did not end within 10 s of SIGTERM" || return 1
+  say "SIGTERM: ended after $(elapsed_ms "$t0") ms with status $LAB_DAEMON_STATUS"
+  [[ $LAB_DAEMON_STATUS == 0 ]] || { fail "exit status $LAB_DAEMON_STATUS after SIGTERM (want 0)"; show_file "$LOG" 20 "daemon output"; return 1; }
+  [[ $(elapsed_ms "$t0") -le 3000 ]] || fail "took $(elapsed_ms "$t0") ms" || return 1
+  [[ -z $(lab_mifs) ]] || fail "MIFs left after the daemon ended: [$(t_mif_table)]" || return 1
+  if [[ -s $LOG ]]; then
+    show_bytes "$LOG" "daemon output"
+    fail "the daemon printed $(stat -c %s "$LOG") bytes (want none with VERBOSE 0)" || return 1
+  fi
+  say "daemon output: none"
+}
+
+# each_capability_needed: with one of the unit's capabilities dropped the daemon cannot start,
+# and says why (without CAP_NET_RAW: no raw ICMPv6 socket).
+each_capability_needed() {
+  [[ $SETUP_OK == 1 && -n $CAPS ]] || fail "no lab or no unit (an earlier check failed)" || return 1
+  local drop keep log want
+  for drop in ${CAPS//,/ }; do
+    keep=$(tr ',' '\n' <<<"$CAPS" | grep -vx "$drop" | paste -sd, -)
+    log=$T_WORK/daemon-without-$drop.log
+    case $drop in
+      cap_net_raw) want="MLDRT: Can't open router socket -1" ;;
+      *) fail "the unit grants $drop, which this test does not know the daemon to need" || return 1 ;;
+    esac
+    lab_start_daemon -b "$BIN" -c "$CONF" -l "$log" -w "$(setpriv_cmd "$keep")" || fail "could not start the daemon without $drop" || return 1
+    if ! lab_wait_exit "$LAB_DAEMON_PID" 10; then
+      lab_stop_daemon KILL 5
+      fail "the daemon kept running without $drop"
+      return 1
+    fi
+    wait "$LAB_DAEMON_PID" 2>/dev/null
+    say "without $drop (capabilities: ${keep:-none}): $(tr '\n' ' ' <<<"$(cat "$log")")"
+    grep -qxF "$want" "$log" || fail "without $drop the output is '$(head -c 200 "$log")', want the line '$want'" || return 1
+    [[ -z $(lab_mifs) ]] || fail "MIFs registered without $drop: [$(t_mif_table)]" || return 1
+  done
+}
+
+check unit_runs_unprivileged_with_only_cap_net_raw unit_settings
+check service_lab_setup setup
+check daemon_under_unit_privileges_registers_every_link started_with_unit_privileges
+check daemon_runs_as_nobody_with_exactly_the_units_capabilities runs_without_root
+check daemon_under_unit_privileges_forwards_a_joined_group forwards_joined_group
+check sigterm_ends_unprivileged_daemon_with_status_0 sigterm_ends_cleanly
+check each_capability_of_the_unit_is_needed each_capability_needed
+
+t_stop "$RECV_PID"
+t_stop "$SEND_PID"
+if t_daemon_alive; then lab_stop_daemon TERM 10 || true; fi
+
+exit 0
