@@ -7,11 +7,15 @@
 # Stages (names usable as arguments):
 #   packages  install missing Debian packages (apt-get, only when something is missing)
 #   build     g++ build with warnings as errors into build/, unit tests (ctest)
-#   size      readelf -d build/mldproxyd: no C++ runtime needed; stripped size
 #   asan      AddressSanitizer + UndefinedBehaviorSanitizer build into build-asan/, unit tests
 #   tsan      ThreadSanitizer build of the daemon into build-tsan/ (the lab runs it)
-#   mips      big-endian MIPS cross build into build-mips/, unit tests under qemu-mips,
-#             readelf -d and stripped size of the MIPS daemon
+#   mips      big-endian MIPS cross build into build-mips/, unit tests under qemu-mips, the
+#             stripped MIPS daemon's start-up under qemu-mips
+#   size      size report: the stripped daemon of build/ and build-mips/ (release flags), its
+#             NEEDED libraries (only libc and the thread library allowed), the MIPS size budget
+#   install   cmake --install into a staging directory: the file list, the stripped daemon, the
+#             manual pages rendered without warnings, the unit, the OpenWrt init script (sh -n),
+#             the installed daemon started with the installed configuration
 #   fuzz      clang++ 14 + libFuzzer build into build-fuzz/, every fuzz target for a bounded time
 #   lab       network-namespace lab tests with the real daemon (needs root)
 #
@@ -22,7 +26,8 @@
 # going after a failure and exits non-zero at the end if anything failed.
 #
 # Environment: MLD_JOBS (default 2), MLD_FUZZ_SECONDS (per fuzz target, default 60),
-# MLD_LAB_TIMEOUT (seconds, default 1200).
+# MLD_LAB_TIMEOUT (seconds, default 1200), MLD_MIPS_SIZE_BUDGET (bytes of the stripped MIPS
+# daemon, default 65536; more fails the size stage).
 
 set -u
 set -o pipefail
@@ -33,6 +38,7 @@ cd "$ROOT" || exit 1
 JOBS=${MLD_JOBS:-2}
 FUZZ_SECONDS=${MLD_FUZZ_SECONDS:-60}
 LAB_TIMEOUT=${MLD_LAB_TIMEOUT:-1200}
+MIPS_SIZE_BUDGET=${MLD_MIPS_SIZE_BUDGET:-65536}
 MIPS_TOOLCHAIN=$ROOT/cmake/mips-linux-gnu.cmake
 MIPS_GTEST=$ROOT/build-mips/gtest-mips # GoogleTest cross-built for MIPS (tools/mips-gtest.sh)
 export DEBIAN_FRONTEND=noninteractive
@@ -48,7 +54,7 @@ PACKAGES=(
   iproute2 tcpdump python3-scapy strace util-linux procps iputils-ping man-db  # the lab
 )
 
-ALL_STAGES=(packages build size asan tsan mips fuzz lab)
+ALL_STAGES=(packages build asan tsan mips size install fuzz lab)
 
 SCRATCH=$(mktemp -d /tmp/mldproxyd-test.XXXXXX) || exit 1
 trap 'rm -rf "$SCRATCH"' EXIT
@@ -177,16 +183,18 @@ check_needed() { # readelf binary
   return "$bad"
 }
 
-stripped_size() { # strip binary label
-  local strip=$1 bin=$2 label=$3 copy bytes line
+# One line of the size report: the daemon stripped (as `cmake --install --strip` installs it),
+# unstripped, and its NEEDED libraries. Prints the stripped size on standard output.
+size_report_line() { # label strip readelf binary
+  local label=$1 strip=$2 readelf=$3 bin=$4 copy bytes needed line
   copy=$SCRATCH/stripped.$label
   "$strip" -o "$copy" "$bin"
   bytes=$(stat -c %s "$copy")
-  line=$(printf 'size: %-7s mldproxyd stripped %8d bytes (%d KiB), unstripped %d bytes' \
-    "$label" "$bytes" $(((bytes + 1023) / 1024)) "$(stat -c %s "$bin")")
-  say "$line"
+  needed=$("$readelf" -d "$bin" | sed -nE 's/.*\(NEEDED\).*\[(.*)\]/\1/p' | paste -sd' ' -)
+  line=$(awk -v l="$label" -v b="$bytes" -v u="$(stat -c %s "$bin")" -v n="${needed:-none}" \
+    'BEGIN { printf "size: %-7s stripped %6d bytes (%5.1f KiB), unstripped %6d bytes, NEEDED: %s", l, b, b / 1024, u, n }')
   echo "$line" >>"$SIZES_FILE"
-  note "stripped $label daemon: $bytes bytes"
+  echo "$bytes"
 }
 
 configure_and_build() { # build-dir cmake-args...
@@ -222,17 +230,42 @@ stage_packages() {
 
 stage_build() {
   configure_and_build build -DCMAKE_BUILD_TYPE=MinSizeRel -DMLD_WERROR=ON -DMLD_TESTS=ON \
-    -DMLD_FUZZ=OFF -DMLD_SANITIZE=
+    -DMLD_FUZZ=OFF -DMLD_SANITIZE= -DCMAKE_INSTALL_PREFIX=/usr
   run_ctest build "$SCRATCH/ctest-build.log"
 }
 
+# The size report of the daemons that stage build and stage mips built (MinSizeRel with the
+# release flags of CMakeLists.txt), also printed again at the end of the summary.
 stage_size() {
-  if [[ ! -x build/mldproxyd ]]; then
-    note "build/mldproxyd missing (stage build failed)"
+  local rc=0 bytes x86='' mips='' line
+  : >"$SIZES_FILE"
+  if [[ -x build/mldproxyd ]]; then
+    check_needed readelf build/mldproxyd || rc=1
+    x86=$(size_report_line x86_64 strip readelf build/mldproxyd)
+  else
+    echo "size: x86_64  build/mldproxyd not built (stage build failed or not run)" >>"$SIZES_FILE"
+  fi
+  if [[ -x build-mips/mldproxyd ]]; then
+    check_needed mips-linux-gnu-readelf build-mips/mldproxyd || rc=1
+    mips=$(size_report_line mips mips-linux-gnu-strip mips-linux-gnu-readelf build-mips/mldproxyd)
+    if [[ $mips -le $MIPS_SIZE_BUDGET ]]; then
+      line="size: mips budget $MIPS_SIZE_BUDGET bytes: within it ($((MIPS_SIZE_BUDGET - mips)) bytes to spare)"
+    else
+      line="size: mips budget $MIPS_SIZE_BUDGET bytes: OVER by $((mips - MIPS_SIZE_BUDGET)) bytes"
+      rc=1
+    fi
+    echo "$line" >>"$SIZES_FILE"
+  else
+    echo "size: mips    build-mips/mldproxyd not built (stage mips failed or not run)" >>"$SIZES_FILE"
+  fi
+  say "size report:"
+  cat "$SIZES_FILE"
+  if [[ -z $x86 && -z $mips ]]; then
+    note "no daemon built"
     return $SKIP
   fi
-  check_needed readelf build/mldproxyd
-  stripped_size strip build/mldproxyd x86_64
+  note "stripped: x86_64 ${x86:-not built} bytes, mips ${mips:-not built} bytes (budget $MIPS_SIZE_BUDGET)"
+  return "$rc"
 }
 
 stage_asan() {
@@ -260,10 +293,12 @@ run_without_config() { # command...
   printf '\nexit status %d\n' "$rc"
 }
 
-# The MIPS daemon really starts on the target ABI (loader, libc, static C++ runtime) and behaves
-# like the build machine's daemon when the configuration file is missing.
+# The stripped MIPS daemon (release flags) really starts on the target ABI (loader, libc, static
+# C++ runtime) and, like the build machine's daemon, prints exactly the configuration failure
+# message when the configuration file is missing, and exits with status 0.
 mips_daemon_smoke() {
-  local x86 mips
+  local x86 mips stripped=$SCRATCH/mldproxyd-mips-stripped want
+  want=$(printf '\nMLDRT: Can'"'"'t open file /etc/mld/mld.conf\nexit status 0')
   if [[ $(id -u) -ne 0 ]]; then
     say "daemon start-up under qemu-mips: skipped (needs root for unshare --mount)"
     SMOKE_NOTE="start-up under qemu skipped (not root)"
@@ -282,19 +317,20 @@ mips_daemon_smoke() {
     add_counts 0 0 1
     return 0
   fi
+  mips-linux-gnu-strip -o "$stripped" build-mips/mldproxyd
   x86=$(run_without_config build/mldproxyd)
-  mips=$(run_without_config qemu-mips -L /usr/mips-linux-gnu build-mips/mldproxyd)
+  mips=$(run_without_config qemu-mips -L /usr/mips-linux-gnu "$stripped")
   say "build/mldproxyd without /etc/mld/mld.conf:"
   say "$x86"
-  say "build-mips/mldproxyd under qemu-mips without /etc/mld/mld.conf:"
+  say "build-mips/mldproxyd, stripped, under qemu-mips without /etc/mld/mld.conf:"
   say "$mips"
-  if [[ $x86 == "$mips" && $x86 == *mld.conf* ]]; then
-    say "daemon start-up under qemu-mips: same output and status as on the build machine"
+  if [[ $x86 == "$mips" && $x86 == "$want" ]]; then
+    say "daemon start-up under qemu-mips: the configuration message and status 0, as on the build machine"
     SMOKE_NOTE="start-up under qemu as native"
     add_counts 1 0 0
     return 0
   fi
-  say "daemon start-up under qemu-mips: FAILED (output or status differs from build/mldproxyd)"
+  say "daemon start-up under qemu-mips: FAILED (output or status differs from build/mldproxyd or from the message)"
   SMOKE_NOTE="start-up under qemu differs from native"
   add_counts 0 1 0
   return 1
@@ -308,15 +344,129 @@ stage_mips() {
     -DMLD_TESTS=ON -DMLD_FUZZ=OFF -DMLD_SANITIZE=
   mips-linux-gnu-readelf -h build-mips/mldproxyd | grep -E 'Class|Data|Machine'
   run_ctest build-mips "$SCRATCH/ctest-mips.log" || rc=1
-  local tests_note size_note
+  local tests_note
   tests_note=$(cat "$NOTE_FILE")
-  check_needed mips-linux-gnu-readelf build-mips/mldproxyd || rc=1
-  stripped_size mips-linux-gnu-strip build-mips/mldproxyd mips
-  size_note=$(cat "$NOTE_FILE")
   SMOKE_NOTE=""
   mips_daemon_smoke || rc=1
-  note "$tests_note; $size_note; $SMOKE_NOTE"
+  note "$tests_note; $SMOKE_NOTE"
   return "$rc"
+}
+
+# What `cmake --install` puts into a staging directory (prefix /usr), relative to it.
+INSTALLED_FILES=(
+  etc/mld/mld.conf
+  usr/lib/systemd/system/mldproxyd.service
+  usr/sbin/mldproxyd
+  usr/share/man/man5/mld.conf.5
+  usr/share/man/man8/mldproxyd.8
+)
+
+# install_check NAME COMMAND...: one check of the install stage, counted, "ok"/"FAILED" printed.
+install_check() {
+  local name=$1
+  shift
+  if "$@"; then
+    say "ok: $name"
+    add_counts 1 0 0
+  else
+    say "FAILED: $name"
+    add_counts 0 1 0
+    INSTALL_RC=1
+  fi
+}
+
+staged_file_list() { # stage
+  [[ "$(cd "$1" && find . -type f -printf '%P\n' | sort)" == "$(printf '%s\n' "${INSTALLED_FILES[@]}" | sort)" ]]
+}
+
+staged_daemon_stripped() { # stage
+  local bin=$1/usr/sbin/mldproxyd
+  [[ -x $bin ]] || { say "$bin is not executable"; return 1; }
+  if readelf -S "$bin" | grep -q '\.symtab'; then say "$bin still has a symbol table"; return 1; fi
+  check_needed readelf "$bin"
+}
+
+staged_config() { # stage
+  local conf=$1/etc/mld/mld.conf
+  [[ $(stat -c %a "$conf") == 644 ]] || { say "$conf has mode $(stat -c %a "$conf"), want 644"; return 1; }
+  cmp "$conf" packaging/mld.conf
+}
+
+staged_unit() { # stage
+  local unit=$1/usr/lib/systemd/system/mldproxyd.service exec
+  exec=$(sed -n 's/^ExecStart=//p' "$unit")
+  say "ExecStart=$exec"
+  [[ $exec == /usr/sbin/mldproxyd && -x $1$exec ]] || { say "ExecStart is not the installed daemon"; return 1; }
+  if command -v systemd-analyze >/dev/null; then
+    # Offline: every line of the unit must parse (systemd-analyze only warns about a bad one, so
+    # any output fails). A copy names the staged daemon, which must exist and be executable.
+    local copy=$SCRATCH/verify/mldproxyd.service out
+    mkdir -p "$SCRATCH/verify"
+    sed "s|^ExecStart=/usr/sbin/mldproxyd|ExecStart=$1/usr/sbin/mldproxyd|" "$unit" >"$copy"
+    say "+ systemd-analyze verify --man=no $copy"
+    out=$(systemd-analyze verify --man=no "$copy" 2>&1) || { say "$out"; return 1; }
+    [[ -z $out ]] || { say "$out"; return 1; }
+  fi
+}
+
+# man_renders FILE: man(1) renders the page without a warning (any output on standard error).
+man_renders() {
+  local err
+  err=$(LC_ALL=C.UTF-8 MANROFFSEQ='' MANWIDTH=80 man --warnings -l -Tutf8 "$1" 2>&1 >/dev/null)
+  [[ -z $err ]] || { say "$err"; return 1; }
+}
+
+# The installed daemon with the installed configuration, in an empty network namespace (no link
+# called eth0 there): it takes the configuration without a message, sets multicast routing up,
+# waits for its upstream link, and ends on SIGTERM with status 0, having printed nothing.
+staged_daemon_runs() { # stage
+  local log=$SCRATCH/installed-daemon.log out
+  [[ -d /etc/mld ]] || mkdir -p /etc/mld # the bind target; an empty directory if it was missing
+  # shellcheck disable=SC2016 # the inner script expands its own arguments
+  out=$(timeout 60 unshare --mount --net --fork bash -c '
+    mount --bind "$1" /etc/mld || exit 125
+    "$2" >"$3" 2>&1 &
+    pid=$!
+    sleep 3
+    if ! kill -0 "$pid" 2>/dev/null; then wait "$pid"; echo "ended by itself with status $?"; exit 1; fi
+    kill -TERM "$pid"
+    wait "$pid"
+    echo "exit status $? after SIGTERM"' _ "$1/etc/mld" "$1/usr/sbin/mldproxyd" "$log") || true
+  say "installed daemon with the installed configuration: $out; output: $(od -c "$log" | head -n 5)"
+  [[ $out == "exit status 0 after SIGTERM" && ! -s $log ]]
+}
+
+stage_install() {
+  local stage=$SCRATCH/stage f
+  INSTALL_RC=0
+  if [[ ! -f build/CMakeCache.txt ]]; then
+    note "build/ is not configured (stage build failed or not run)"
+    return $SKIP
+  fi
+  say "+ cmake -S . -B build -DCMAKE_INSTALL_PREFIX=/usr"
+  cmake -S . -B build -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
+  cmake --build build -j"$JOBS" --target mldproxyd
+  say "+ DESTDIR=$stage cmake --install build --strip"
+  DESTDIR=$stage cmake --install build --strip
+  say "staged files (mode, bytes, path):"
+  (cd "$stage" && find . -type f -printf '%m %8s %P\n' | sort -k3)
+  install_check "the staged files are exactly: ${INSTALLED_FILES[*]}" staged_file_list "$stage"
+  install_check "the daemon is executable, stripped, needs only libc/libpthread" staged_daemon_stripped "$stage"
+  install_check "/etc/mld/mld.conf is packaging/mld.conf, mode 644" staged_config "$stage"
+  install_check "the systemd unit starts the installed daemon and verifies" staged_unit "$stage"
+  for f in usr/share/man/man8/mldproxyd.8 usr/share/man/man5/mld.conf.5; do
+    install_check "man -l $f renders without warnings" man_renders "$stage/$f"
+  done
+  install_check "the OpenWrt init script passes sh -n" sh -n packaging/openwrt/mldproxyd/files/mldproxyd.init
+  if [[ $(id -u) -eq 0 ]] && unshare --mount --net --fork true 2>/dev/null; then
+    install_check "the installed daemon reads the installed configuration and ends on SIGTERM with 0" \
+      staged_daemon_runs "$stage"
+  else
+    say "skipped: running the installed daemon (needs root and namespaces)"
+    add_counts 0 0 1
+  fi
+  note "DESTDIR=<scratch> cmake --install build --strip: ${#INSTALLED_FILES[@]} files"
+  return "$INSTALL_RC"
 }
 
 stage_fuzz() {
@@ -417,10 +567,11 @@ say "mldproxyd tests in $ROOT ($(git -C "$ROOT" rev-parse --short HEAD 2>/dev/nu
 
 run_stage packages "install missing Debian packages"
 run_stage build "g++ build (-Werror) into build/, unit tests"
-run_stage size "readelf -d and stripped size of build/mldproxyd"
 run_stage asan "AddressSanitizer + UndefinedBehaviorSanitizer build into build-asan/, unit tests"
 run_stage tsan "ThreadSanitizer daemon build into build-tsan/"
-run_stage mips "big-endian MIPS cross build into build-mips/, unit tests under qemu-mips, size"
+run_stage mips "big-endian MIPS cross build into build-mips/, unit tests and start-up under qemu-mips"
+run_stage size "size report: stripped daemon (x86_64, MIPS) and its NEEDED libraries"
+run_stage install "cmake --install into a staging directory, manual pages, service files"
 run_stage fuzz "clang++ libFuzzer build into build-fuzz/, fuzz targets ${FUZZ_SECONDS}s each"
 run_stage lab "lab tests in network namespaces (tests/lab/run.sh)"
 
@@ -429,7 +580,10 @@ say "======================================================================"
 say "== summary ($(($(date +%s) - RUN_START))s in total)"
 say "======================================================================"
 for line in "${SUMMARY[@]}"; do say "$line"; done
-cat "$SIZES_FILE"
+if [[ -s $SIZES_FILE ]]; then
+  say "size report (the daemon stripped as cmake --install --strip installs it; NEEDED from readelf -d):"
+  cat "$SIZES_FILE"
+fi
 if [[ $TOTAL_S -gt 0 ]]; then
   say "$TOTAL_P passed, $TOTAL_F failed, $TOTAL_S skipped"
 else
