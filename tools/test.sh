@@ -326,7 +326,7 @@ mips_daemon_smoke() {
   say "$mips"
   if [[ $x86 == "$mips" && $x86 == "$want" ]]; then
     say "daemon start-up under qemu-mips: the configuration message and status 0, as on the build machine"
-    SMOKE_NOTE="start-up under qemu as native"
+    SMOKE_NOTE="stripped daemon under qemu: configuration message and status 0, as native"
     add_counts 1 0 0
     return 0
   fi
