@@ -54,17 +54,20 @@ bool is_ready(int fd, fd_set* readable) {
     return watchable(fd) && FD_ISSET(fd, readable);
 }
 
-void handle_readable(mldrt_router* r, fd_set* readable, int count) {
+// True when MLD input was read: the host state may have changed.
+bool handle_readable(mldrt_router* r, fd_set* readable, int count) {
+    bool mld_input = false;
     if (is_ready(r->netlink_sock, readable)) {
         mldrt_handle_interface(r);
         if (--count == 0) {
-            return;
+            return mld_input;
         }
     }
     if (is_ready(r->router_sock, readable)) {
         mldrt_handle_input(r, MLDRT_PROTO_ICMPV6);
+        mld_input = true;
         if (--count == 0) {
-            return;
+            return mld_input;
         }
     }
     for (mldrt_interface* ifp = r->interfaces; ifp && count > 0; ifp = ifp->next) {
@@ -73,6 +76,7 @@ void handle_readable(mldrt_router* r, fd_set* readable, int count) {
             count--;
         }
     }
+    return mld_input;
 }
 
 // ff02::1:ffXX:XXXX, the solicited-node group of the upstream address.
@@ -188,16 +192,27 @@ void* mldrt_input_thread(void* arg) {
     // sleeps, which would hold back the queries and timers (RFC 3810 section 9.2) for as long as
     // the flood lasts.
     uint64_t deadline = monotonic_usec() + kOneSecondUsec;
+    // Set while MLD input has been read since the last host-state update: once the input is
+    // drained (a burst of reports is over) the merged state goes upstream at once instead of
+    // up to a second later at the tick. Timers still count ticks only.
+    bool host_state_due = false;
     while (r->running && !g_stop_requested) {
         fd_set readable = watched;
-        timeval budget = remaining_budget(deadline);
+        bool polling = host_state_due;
+        timeval budget = polling ? timeval{0, 0} : remaining_budget(deadline);
         int n = select(maxfd + 1, &readable, nullptr, nullptr, &budget);
-        if (n == 0 || monotonic_usec() >= deadline) {
+        if ((n == 0 && !polling) || monotonic_usec() >= deadline) {
             mldrt_tick(r);
             deadline = next_deadline(deadline);
+            host_state_due = false;  // the tick updated the host state
+        } else if (n == 0) {
+            if (r->active == 1) {
+                mldrt_update_host_state(r);
+            }
+            host_state_due = false;
         }
         if (n > 0) {
-            handle_readable(r, &readable, n);
+            host_state_due |= handle_readable(r, &readable, n);
         }
     }
     intptr_t value = uc_restart_rt_input_thread;
