@@ -12,7 +12,8 @@
 #     router's upstream reports (a capture of up0) and until every group has a (*,G) entry
 #     forwarding to every reporting link (/proc/net/ip6_mr_cache), and the receive drops;
 #   - the daemon's CPU time (user + system, /proc/PID/stat) over MLD_BENCH_IDLE_SECONDS idle
-#     with those 10,000 groups, and its resident memory (VmRSS) idle, at 1,000 and at 10,000;
+#     with those 10,000 groups on two links, and its resident memory (VmRSS) idle, at 1,000
+#     and at 10,000 groups on one link (9,000 more joined after the 1,000), and at 10,000 on two;
 #   - a storm of valid and malformed reports from one link for MLD_BENCH_STORM_SECONDS at
 #     MLD_BENCH_STORM_RATE a second: reports handled a second (sent minus the socket's drops),
 #     whether the daemon lived through it, how late the general queries came, peak memory.
@@ -135,6 +136,9 @@ main() {
   bench_many 1000 "$(ns "$LAB_H1")" dn1 ff0e::a: "$WORK/many1k.json"
   sleep 3
   stats "$WORK/rss1k.json"
+  bench_many 9000 "$(ns "$LAB_H1")" dn1 ff0e::d: "$WORK/many9k.json"
+  sleep 3
+  stats "$WORK/rss10k1.json"
 
   start_daemon 125
   bench_many 10000 "$(ns "$LAB_H1"),$(ns "$LAB_H2")" dn1,dn2 ff0e::c: "$WORK/many10k.json"

@@ -383,9 +383,10 @@ def collect(a):
                  "value": cpu, "detail": "over %g s" % a.idle_seconds, "target": "< 1",
                  "met": "no" if cpu is None else ("yes" if cpu < 1 else "no")})
     for name, f, limit in (("rss_idle_kib", "idle", 2048), ("rss_1k_kib", "rss1k", None),
-                           ("rss_10k_kib", "cpu1", 8192)):
+                           ("rss_10k_kib", "rss10k1", 8192), ("rss_10k_2links_kib", "cpu1", None)):
         v = load(a.dir, f).get("rss_kib")
         rows.append({"name": name, "what": "VmRSS %s (KiB)" % {"idle": "idle, no groups", "rss1k": "1,000 groups",
+                                                                 "rss10k1": "10,000 groups, 1 link",
                                                                  "cpu1": "10,000 groups on 2 links"}[f],
                      "value": v, "target": limit and "< %d" % limit,
                      "met": (None if limit is None else ("yes" if v is not None and v < limit else "no"))})
@@ -420,7 +421,8 @@ def cmd_table(a):
                                                  r.get("target") or "", r.get("met") or "", note))
     result = {"tries": a.tries, "idle_seconds": a.idle_seconds,
               "rows": {r["name"]: {k: v for k, v in r.items() if k != "name"} for r in rows},
-              "raw": {n: load(a.dir, n) for n in ("latency", "many1k", "many10k", "idle", "rss1k", "cpu0",
+              "raw": {n: load(a.dir, n) for n in ("latency", "many1k", "many9k", "rss10k1", "many10k", "idle",
+                                                  "rss1k", "cpu0",
                                                   "cpu1", "storm", "storm-exit")}}
     with open(a.out, "w") as f:
         json.dump(result, f, indent=1)
