@@ -128,6 +128,33 @@ uint64_t next_deadline(uint64_t deadline) {
     return deadline > now ? deadline : now + kOneSecondUsec;
 }
 
+// Reports read since the last host-state update go upstream once the input is drained, but
+// at most once every kHostStateSpacingUsec: a burst of joins is reported within a fraction of
+// a second, and a steady stream of reports costs at most ten merges a second besides the
+// tick's (each merge visits every group).
+constexpr uint64_t kHostStateSpacingUsec = 100000;
+
+struct early_update {
+    uint64_t due;   // when the update may run; 0 while nothing waits for it
+    uint64_t last;  // when the last one ran
+};
+
+void note_mld_input(early_update* u) {
+    if (u->due == 0) {
+        uint64_t now = monotonic_usec();
+        uint64_t earliest = u->last + kHostStateSpacingUsec;
+        u->due = earliest > now ? earliest : now;
+    }
+}
+
+void run_early_update(mldrt_router* r, early_update* u) {
+    if (r->active == 1) {
+        mldrt_update_host_state(r);
+    }
+    u->last = monotonic_usec();
+    u->due = 0;
+}
+
 }  // namespace
 
 bool mldrt_sleep_unless_stopped(uint32_t usec) {
@@ -192,27 +219,21 @@ void* mldrt_input_thread(void* arg) {
     // sleeps, which would hold back the queries and timers (RFC 3810 section 9.2) for as long as
     // the flood lasts.
     uint64_t deadline = monotonic_usec() + kOneSecondUsec;
-    // Set while MLD input has been read since the last host-state update: once the input is
-    // drained (a burst of reports is over) the merged state goes upstream at once instead of
-    // up to a second later at the tick. Timers still count ticks only.
-    bool host_state_due = false;
+    early_update early{0, 0};
     while (r->running && !g_stop_requested) {
         fd_set readable = watched;
-        bool polling = host_state_due;
-        timeval budget = polling ? timeval{0, 0} : remaining_budget(deadline);
+        bool early_wake = early.due != 0 && early.due < deadline;
+        timeval budget = remaining_budget(early_wake ? early.due : deadline);
         int n = select(maxfd + 1, &readable, nullptr, nullptr, &budget);
-        if ((n == 0 && !polling) || monotonic_usec() >= deadline) {
+        if ((n == 0 && !early_wake) || monotonic_usec() >= deadline) {
             mldrt_tick(r);
             deadline = next_deadline(deadline);
-            host_state_due = false;  // the tick updated the host state
+            early.due = 0;  // the tick updated the host state
         } else if (n == 0) {
-            if (r->active == 1) {
-                mldrt_update_host_state(r);
-            }
-            host_state_due = false;
+            run_early_update(r, &early);
         }
-        if (n > 0) {
-            host_state_due |= handle_readable(r, &readable, n);
+        if (n > 0 && handle_readable(r, &readable, n)) {
+            note_mld_input(&early);
         }
     }
     intptr_t value = uc_restart_rt_input_thread;
