@@ -17,6 +17,8 @@
 #             manual pages rendered without warnings, the unit, the OpenWrt init script (sh -n),
 #             the installed daemon started with the installed configuration
 #   fuzz      clang++ 14 + libFuzzer build into build-fuzz/, every fuzz target for a bounded time
+#   bench     Google Benchmark build into build-bench/, one short run of every benchmark (a smoke
+#             run: it shows the benchmarks still build and run; figures come from the full run)
 #   lab       network-namespace lab tests with the real daemon (needs root)
 #
 # The last line of the output is, alone: "N passed, N failed" (", N skipped" appended when
@@ -49,12 +51,13 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 
 PACKAGES=(
   cmake make g++ libgtest-dev googletest binutils                      # build, unit tests, readelf
+  libbenchmark-dev                                                     # bench/
   clang libclang-rt-14-dev                                             # clang++ 14, libFuzzer
   g++-mips-linux-gnu libc6-dev-mips-cross binutils-mips-linux-gnu qemu-user  # MIPS
   iproute2 tcpdump python3-scapy strace util-linux procps iputils-ping man-db  # the lab
 )
 
-ALL_STAGES=(packages build asan tsan mips size install fuzz lab)
+ALL_STAGES=(packages build asan tsan mips size install fuzz bench lab)
 
 SCRATCH=$(mktemp -d /tmp/mldproxyd-test.XXXXXX) || exit 1
 trap 'rm -rf "$SCRATCH"' EXIT
@@ -520,6 +523,19 @@ stage_fuzz() {
   [[ $f -eq 0 ]]
 }
 
+stage_bench() {
+  configure_and_build build-bench -DCMAKE_BUILD_TYPE=MinSizeRel -DMLD_WERROR=ON -DMLD_TESTS=OFF \
+    -DMLD_FUZZ=OFF -DMLD_SANITIZE= -DMLD_BENCH=ON
+  build-bench/mldproxyd_bench --benchmark_min_time=0.001 | tee "$SCRATCH/bench.log"
+  local rows
+  rows=$(grep -cE '^BM_' "$SCRATCH/bench.log" || true)
+  if [[ $rows -eq 0 ]]; then
+    say "the benchmark printed no results"
+    return 1
+  fi
+  note "$rows benchmark rows (smoke run; full run: build-bench/mldproxyd_bench)"
+}
+
 stage_lab() {
   local log=$SCRATCH/lab.log rc p f s line
   if [[ $(id -u) -ne 0 ]]; then
@@ -573,6 +589,7 @@ run_stage mips "big-endian MIPS cross build into build-mips/, unit tests and sta
 run_stage size "size report: stripped daemon (x86_64, MIPS) and its NEEDED libraries"
 run_stage install "cmake --install into a staging directory, manual pages, service files"
 run_stage fuzz "clang++ libFuzzer build into build-fuzz/, fuzz targets ${FUZZ_SECONDS}s each"
+run_stage bench "Google Benchmark build into build-bench/, smoke run of the benchmarks"
 run_stage lab "lab tests in network namespaces (tests/lab/run.sh)"
 
 say ""

@@ -22,6 +22,7 @@ void mldrt_router_zero(mldrt_router* r) {
     r->nl_buf = nullptr;
     r->interfaces = nullptr;
     r->mfdb_list = nullptr;
+    r->mfdb_index = {};
     r->upstream = nullptr;
     r->robustness = 0;
     r->query_interval = 0;

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "db/addr_index.h"
+
 struct mldrt_interface;
 struct mldrt_mfdb_entry;
 
@@ -41,6 +43,7 @@ struct mldrt_router {
     uint8_t* nl_buf;
     mldrt_interface* interfaces;
     mldrt_mfdb_entry* mfdb_list;
+    mldrt_addr_index<mldrt_mfdb_entry> mfdb_index;  // beside mfdb_list
     mldrt_interface* upstream;
     uint32_t robustness;
     uint32_t query_interval;

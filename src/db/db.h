@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "core/router.h"
+#include "db/addr_index.h"
 
 struct mldrt_interface;
 struct mldrt_mfdb_entry;
@@ -48,6 +49,10 @@ struct mldrt_group {
     mldrt_member* member_list;
     mldrt_group* next;
     mldrt_group** pprev;
+    // The interface's address index (see db/addr_index.h).
+    mldrt_group* hnext;
+    mldrt_group** hpprev;
+    mldrt_addr_index<mldrt_group>* hindex;
 };
 
 constexpr uint32_t MLDRT_INCLUDE = 0;
@@ -101,6 +106,10 @@ struct mldrt_mfdb_entry {
     mldrt_src* scr_block_list;
     mldrt_mfdb_entry* next;
     mldrt_mfdb_entry** pprev;
+    // The router's address index (see db/addr_index.h).
+    mldrt_mfdb_entry* hnext;
+    mldrt_mfdb_entry** hpprev;
+    mldrt_addr_index<mldrt_mfdb_entry>* hindex;
 };
 
 // Resource limits: one LAN host must not be able to exhaust the router.

@@ -44,12 +44,7 @@ uint32_t mldrt_mfdb_count() {
 }
 
 mldrt_mfdb_entry* mldrt_lookup_mfdb_entry(mldrt_router* r, const uint8_t* grp) {
-    for (mldrt_mfdb_entry* e = r->mfdb_list; e; e = e->next) {
-        if (ipv6_addr_equal(e->grp_addr, grp)) {
-            return e;
-        }
-    }
-    return nullptr;
+    return mldrt_index_find(&r->mfdb_index, grp);
 }
 
 mldrt_mfdb_entry* mldrt_create_mfdb_entry(const uint8_t* grp) {
@@ -81,6 +76,11 @@ mldrt_mfdb_entry* mldrt_add_mfdb_entry(mldrt_router* r, const uint8_t* grp) {
     if (!e) {
         return nullptr;
     }
+    if (!mldrt_index_insert(&r->mfdb_index, e)) {
+        puts("MLDRT: Mfdb create failed");
+        mldrt_delete_mfdb_entry(r, e);
+        return nullptr;
+    }
     e->next = r->mfdb_list;
     if (r->mfdb_list) {
         r->mfdb_list->pprev = &e->next;
@@ -93,6 +93,7 @@ mldrt_mfdb_entry* mldrt_add_mfdb_entry(mldrt_router* r, const uint8_t* grp) {
 
 void mldrt_delete_mfdb_entry(mldrt_router* r, mldrt_mfdb_entry* e) {
     (void)r;
+    mldrt_index_remove(e);
     free_host_state(&e->old_host_state);
     free_host_state(&e->new_host_state);
     // Whatever the lists still hold goes with the entry, so nothing is ever leaked.

@@ -84,12 +84,7 @@ void mldrt_report_limit(mldrt_limit limit) {
 }
 
 mldrt_group* mldrt_lookup_group(mldrt_interface* ifp, const uint8_t* grp) {
-    for (mldrt_group* g = ifp->groups; g; g = g->next) {
-        if (ipv6_addr_equal(g->grp_addr, grp)) {
-            return g;
-        }
-    }
-    return nullptr;
+    return mldrt_index_find(&ifp->group_index, grp);
 }
 
 mldrt_member* mldrt_lookup_member(mldrt_group* g, const uint8_t* host) {
@@ -133,6 +128,11 @@ mldrt_group* mldrt_add_group(mldrt_router* r, mldrt_interface* ifp, const uint8_
         return nullptr;
     }
     g = mldrt_create_group(grp);
+    if (g && !mldrt_index_insert(&ifp->group_index, g)) {
+        free(g);
+        puts("MLDRT: Creating group failed");
+        return nullptr;
+    }
     if (g) {
         push_head(&ifp->groups, g);
     }
@@ -235,6 +235,7 @@ int mldrt_del_src_from_group(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype
 }
 
 void mldrt_delete_group(mldrt_group* g) {
+    mldrt_index_remove(g);
     unlink(g);
     free(g);
 }

@@ -159,21 +159,19 @@ void free_group(mldrt_group* g) {
     mldrt_delete_group(g);
 }
 
-// Removes the removable groups mapped to `e`; true while any mapped group remains.
+// Removes the removable groups mapped to `e`; true while any mapped group remains. A link
+// has at most one group of the entry's address, found through its index.
 bool release_unused_groups(mldrt_router* r, mldrt_mfdb_entry* e) {
     bool in_use = false;
     for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
-        mldrt_group* next = nullptr;
-        for (mldrt_group* g = ifp->groups; g; g = next) {
-            next = g->next;
-            if (g->mfdb != e) {
-                continue;
-            }
-            if (removable(g)) {
-                free_group(g);
-            } else {
-                in_use = true;
-            }
+        mldrt_group* g = mldrt_lookup_group(ifp, e->grp_addr);
+        if (!g || g->mfdb != e) {
+            continue;
+        }
+        if (removable(g)) {
+            free_group(g);
+        } else {
+            in_use = true;
         }
     }
     return in_use;

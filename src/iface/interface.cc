@@ -99,6 +99,7 @@ void fill_record(mldrt_router* r, mldrt_interface* ifp, const mldrt_interface_de
 }
 
 void release_record(mldrt_interface* ifp) {
+    mldrt_index_free(&ifp->group_index);  // empty by now: groups are released first
     if (ifp->sock > 0) {
         close(ifp->sock);
     }

@@ -24,6 +24,7 @@ struct mldrt_interface {
     uint32_t query_response_interval;
     uint32_t startup_query_count;
     mldrt_group* groups;
+    mldrt_addr_index<mldrt_group> group_index;  // beside groups
     mldrt_interface* next;
     mldrt_interface** pprev;
     int32_t started;

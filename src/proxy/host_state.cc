@@ -32,15 +32,15 @@ void add_sources(mldrt_mfdb_entry* e, const mldrt_src* list) {
     }
 }
 
-// Calls `visit` for every group mapped to `e`, links in list order, groups in list order;
-// stops when it returns false.
+// Calls `visit` for every group mapped to `e`, links in list order; stops when it returns
+// false. A group is mapped only to the entry of its own address and a link has at most one
+// group of an address, so the link's index finds it without a walk of its groups.
 template <typename Visit>
 void for_each_mapped_group(mldrt_router* r, const mldrt_mfdb_entry* e, Visit visit) {
     for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
-        for (mldrt_group* g = ifp->groups; g; g = g->next) {
-            if (g->mfdb == e && !visit(g)) {
-                return;
-            }
+        mldrt_group* g = mldrt_lookup_group(ifp, e->grp_addr);
+        if (g && g->mfdb == e && !visit(g)) {
+            return;
         }
     }
 }

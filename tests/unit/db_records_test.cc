@@ -427,6 +427,75 @@ TEST_F(RecordsTest, MembershipInfoOrsSourceAndAnySourceMarks) {
     }
 }
 
+// The address indexes beside a link's groups and beside the forwarding database grow through
+// several doublings and lose records wherever their lists do: afterwards an address is found
+// exactly when its list holds it, the list keeps its order, and the last record out frees the
+// buckets (LeakSanitizer would report them otherwise).
+TEST_F(RecordsTest, AddressIndexesFollowTheirListsThroughGrowthAndRemoval) {
+    struct Row {
+        const char* name;
+        std::function<void*(const addr6&)> add, find;
+        std::function<void(void*)> remove;
+        std::function<std::vector<void*>()> walk;  // the list's records in order
+        std::function<uint32_t()> buckets;
+    };
+    auto walk = [](auto* p) {
+        std::vector<void*> v;
+        for (; p; p = p->next) {
+            v.push_back(p);
+        }
+        return v;
+    };
+    const std::vector<Row> rows = {
+        {"Groups",
+         [&](const addr6& a) -> void* { return mldrt_add_group(&router, link, a.data()); },
+         [&](const addr6& a) -> void* { return mldrt_lookup_group(link, a.data()); },
+         [](void* g) { mldrt_delete_group(static_cast<mldrt_group*>(g)); },
+         [&] { return walk(link->groups); }, [&] { return link->group_index.size; }},
+        {"MfdbEntries",
+         [&](const addr6& a) -> void* { return mldrt_add_mfdb_entry(&router, a.data()); },
+         [&](const addr6& a) -> void* { return mldrt_lookup_mfdb_entry(&router, a.data()); },
+         [&](void* e) { mldrt_delete_mfdb_entry(&router, static_cast<mldrt_mfdb_entry*>(e)); },
+         [&] { return walk(router.mfdb_list); }, [&] { return router.mfdb_index.size; }},
+    };
+    constexpr int kRecords = 300;  // 16 buckets at first, 512 in the end
+    auto addr = [](int n) {
+        addr6 a = ip6("ff0e::");
+        a[14] = static_cast<uint8_t>(n >> 8);
+        a[15] = static_cast<uint8_t>(n);
+        return a;
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::vector<void*> recs;
+        for (int n = 0; n < kRecords; n++) {
+            recs.push_back(row.add(addr(n)));
+            ASSERT_NE(recs.back(), nullptr);
+        }
+        EXPECT_EQ(row.buckets(), 512u);
+        std::vector<void*> kept;  // head insertion: newest first
+        for (int n = kRecords - 1; n >= 0; n--) {
+            if (n % 3 == 0) {
+                row.remove(recs[n]);
+            } else {
+                kept.push_back(recs[n]);
+            }
+        }
+        for (int n = 0; n < kRecords; n++) {
+            EXPECT_EQ(row.find(addr(n)), n % 3 == 0 ? nullptr : recs[n]) << n;
+        }
+        EXPECT_EQ(row.walk(), kept);
+        void* again = row.add(addr(0));
+        EXPECT_EQ(row.find(addr(0)), again);
+        EXPECT_EQ(row.walk().front(), again);
+        for (void* rec : row.walk()) {
+            row.remove(rec);
+        }
+        EXPECT_EQ(row.buckets(), 0u);
+        EXPECT_EQ(row.find(addr(1)), nullptr);
+    }
+}
+
 TEST_F(RecordsTest, DeletingAnEntryFreesEverythingItHolds) {
     // Under LeakSanitizer a record left behind fails the run.
     mldrt_mfdb_entry* e = mldrt_create_mfdb_entry(G(1).data());

@@ -1,0 +1,469 @@
+#!/usr/bin/python3
+"""Measurements for tools/bench.sh: one process with sockets in several lab namespaces, so that
+every time is read from the same clock.
+
+    probe.py latency --rt NS --h1 NS --h2 NS --group G --port P --tries N
+        Per try: h1 joins G while src sends to it (join to first datagram), h2 joins as a second
+        link (late join to first datagram), both leave; then the time from h1's leave to the
+        last datagram on h1's link and to the router's first upstream record that changes G to
+        INCLUDE. Prints one JSON object.
+    probe.py many --rt NS --pid PID --host NS[,NS] --prefix P --count N
+        Sends reports joining N groups (P1 .. PN, 70 records a report) from each host at once,
+        then waits until every group is in the router's upstream reports and has a (*,G) entry
+        forwarding to every reporting link. Prints one JSON object.
+    probe.py storm --rt NS --pid PID --h1 NS --h2 NS --seconds S --qi QI
+        Runs storm_send.py in h1 for S seconds while watching the router's general queries on
+        both links, the daemon's memory and its receive drops. Prints one JSON object.
+    probe.py stats --pid PID
+        The daemon's CPU ticks, VmRSS and VmHWM, receive drops. Prints one JSON object.
+
+Run it with /usr/bin/python3 as root.
+"""
+
+import argparse
+import ctypes
+import ipaddress
+import json
+import os
+import select
+import socket
+import struct
+import subprocess
+import sys
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+import mldwire  # noqa: E402
+
+CLONE_NEWNET = 0x40000000
+ETH_P_ALL = 0x0003
+ETH_P_IPV6 = 0x86DD
+PACKET_OUTGOING = 4
+SO_RCVBUFFORCE = 33
+LIBC = ctypes.CDLL(None, use_errno=True)
+
+
+def enter(ns):
+    """Moves this (single-threaded) process into the named network namespace."""
+    fd = os.open("/run/netns/" + ns, os.O_RDONLY)
+    try:
+        if LIBC.setns(fd, CLONE_NEWNET) != 0:
+            raise SystemExit("probe.py: setns %s: %s" % (ns, os.strerror(ctypes.get_errno())))
+    finally:
+        os.close(fd)
+
+
+def packet_socket(ns, iface, big=True):
+    enter(ns)
+    s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ETH_P_ALL))
+    if big:
+        s.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 64 << 20)
+    s.bind((iface, 0))
+    s.setblocking(False)
+    return s
+
+
+def drain(s):
+    """Every frame waiting on a packet socket, as (time, pkttype, bytes)."""
+    out = []
+    while True:
+        try:
+            data, addr = s.recvfrom(65535)
+        except BlockingIOError:
+            return out
+        out.append((time.time(), addr[2], data))
+
+
+def udp_to(frame, group):
+    ip = mldwire.ipv6_of(frame)
+    return ip is not None and ip["nh"] == 17 and ip["dst"] == group
+
+
+def udp_socket(ns, iface, port):
+    enter(ns)
+    s = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)
+    s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    s.bind(("::", port))
+    s.setblocking(False)
+    return s, socket.if_nametoindex(iface)
+
+
+def membership(s, ifindex, group, join):
+    mreq = socket.inet_pton(socket.AF_INET6, group) + struct.pack("@I", ifindex)
+    opt = socket.IPV6_JOIN_GROUP if join else socket.IPV6_LEAVE_GROUP
+    s.setsockopt(socket.IPPROTO_IPV6, opt, mreq)
+
+
+def first_datagram(s, timeout):
+    deadline = time.time() + timeout
+    while time.time() < deadline:
+        r, _, _ = select.select([s], [], [], deadline - time.time())
+        if r:
+            try:
+                s.recv(2048)
+                return time.time()
+            except BlockingIOError:
+                continue
+    return None
+
+
+def flush(s):
+    while True:
+        try:
+            s.recv(65535)
+        except BlockingIOError:
+            return
+
+
+def watch_leave(wire1, wire2, up, group, t_leave, quiet):
+    """After a leave: the last datagram on h1's link, and the first upstream record that
+    changes the group to INCLUDE. Ends when both links were quiet for `quiet` seconds."""
+    last1 = last2 = t_leave
+    to_in = None
+    deadline = t_leave + 20
+    while time.time() < deadline:
+        select.select([wire1, wire2, up], [], [], 0.05)
+        for t, _, f in drain(wire1):
+            if udp_to(f, group):
+                last1 = t
+        for t, _, f in drain(wire2):
+            if udp_to(f, group):
+                last2 = t
+        for t, kind, f in drain(up):
+            if to_in is None and kind == PACKET_OUTGOING:
+                for rtype, g, _ in mldwire.daemon_records(f):
+                    if g == group and rtype == mldwire.TO_IN:
+                        to_in = t
+        now = time.time()
+        if to_in is not None and now - max(last1, last2) >= quiet:
+            break
+    return last1, to_in
+
+
+def cmd_latency(a):
+    group = str(ipaddress.IPv6Address(a.group))
+    r1, if1 = udp_socket(a.h1, "eth0", a.port)
+    r2, if2 = udp_socket(a.h2, "eth0", a.port)
+    wire1 = packet_socket(a.h1, "eth0")
+    wire2 = packet_socket(a.h2, "eth0")
+    up = packet_socket(a.rt, "up0")
+    res = {"join_ms": [], "late_join_ms": [], "leave_last_packet_ms": [], "leave_to_in_ms": [],
+           "failures": []}
+    for i in range(a.tries):
+        flush(r1), flush(r2), drain(wire1), drain(wire2), drain(up)
+        t0 = time.time()
+        membership(r1, if1, group, True)
+        t1 = first_datagram(r1, 5)
+        time.sleep(0.2)
+        t2 = time.time()
+        membership(r2, if2, group, True)
+        t3 = first_datagram(r2, 5)
+        time.sleep(0.2)
+        membership(r2, if2, group, False)
+        t_leave = time.time()
+        membership(r1, if1, group, False)
+        last1, to_in = watch_leave(wire1, wire2, up, group, t_leave, a.quiet)
+        if t1 is None or t3 is None or to_in is None:
+            res["failures"].append({"try": i, "join": t1 is not None, "late": t3 is not None,
+                                    "to_in": to_in is not None})
+            continue
+        res["join_ms"].append((t1 - t0) * 1000)
+        res["late_join_ms"].append((t3 - t2) * 1000)
+        res["leave_last_packet_ms"].append((last1 - t_leave) * 1000)
+        res["leave_to_in_ms"].append((to_in - t_leave) * 1000)
+    print(json.dumps(res))
+    return 0
+
+
+def mif_indexes(pid):
+    out = {}
+    with open("/proc/%d/net/ip6_mr_vif" % pid) as f:
+        for line in f.readlines()[1:]:
+            fields = line.split()
+            out[fields[1]] = int(fields[0])
+    return out
+
+
+def forwarding_groups(pid, groups, mifs):
+    """How many of `groups` (full text) have a (*,G) entry forwarding to every MIF of `mifs`."""
+    n = 0
+    anyaddr = "0000:0000:0000:0000:0000:0000:0000:0000"
+    with open("/proc/%d/net/ip6_mr_cache" % pid) as f:
+        for line in f:
+            fields = line.split()
+            if len(fields) < 7 or fields[1] != anyaddr or fields[0] not in groups:
+                continue
+            oifs = {int(x.split(":")[0]) for x in fields[6:]}
+            if mifs <= oifs:
+                n += 1
+    return n
+
+
+def raw_drops(pid):
+    """Datagrams the kernel dropped because the receive queue of the daemon's router socket
+    (its first raw socket, the one MLD is read from) was full."""
+    fds = {}
+    for fd in os.listdir("/proc/%d/fd" % pid):
+        try:
+            link = os.readlink("/proc/%d/fd/%s" % (pid, fd))
+        except OSError:
+            continue
+        if link.startswith("socket:["):
+            fds[link[8:-1]] = int(fd)
+    drops = {}
+    with open("/proc/%d/net/raw6" % pid) as f:
+        for line in f.readlines()[1:]:
+            fields = line.split()
+            if fields[9] in fds:
+                drops[fds[fields[9]]] = int(fields[-1])
+    return drops[min(drops)] if drops else 0
+
+
+def cmd_many(a):
+    hosts = a.host.split(",")
+    groups = ["%s%x" % (a.prefix, n) for n in range(1, a.count + 1)]
+    want = {str(ipaddress.IPv6Address(g)) for g in groups}
+    full = {ipaddress.IPv6Address(g).exploded for g in groups}
+    mifs = mif_indexes(a.pid)
+    links = {mifs[l] for l in a.links.split(",")}
+    up = packet_socket(a.rt, "up0")
+    senders = []
+    for i, ns in enumerate(hosts):
+        s = packet_socket(ns, "eth0", big=False)
+        src = "fe80::be:%x" % (i + 1)  # the reporting host, as the router records its member
+        senders.append((s, mldwire.reports(s.getsockname()[4], src, groups, mldwire.TO_EX)))
+    drops0 = raw_drops(a.pid)
+    drain(up)
+    t0 = time.time()
+    for s, frames in senders:
+        for f in frames:
+            s.send(f)
+    t_sent = time.time()
+    seen, n_reports, t_up, t_fwd, fwd = set(), 0, None, None, 0
+    next_poll = t0
+    while time.time() < t0 + a.timeout and (t_up is None or t_fwd is None):
+        select.select([up], [], [], 0.01)
+        for t, kind, f in drain(up):
+            recs = mldwire.daemon_records(f) if kind == PACKET_OUTGOING else []
+            n_reports += 1 if recs else 0
+            for rtype, g, _ in recs:
+                if rtype in (mldwire.TO_EX, mldwire.IS_EX) and g in want:
+                    seen.add(g)
+            if t_up is None and len(seen) == len(want):
+                t_up = t
+        if t_fwd is None and time.time() >= next_poll:
+            fwd = forwarding_groups(a.pid, full, links)
+            if fwd == len(full):
+                t_fwd = time.time()
+            next_poll = time.time() + 0.02
+    ms = lambda t: None if t is None else round((t - t0) * 1000, 1)  # noqa: E731
+    print(json.dumps({"groups": a.count, "links": len(hosts),
+                      "reports_sent": sum(len(f) for _, f in senders),
+                      "send_ms": round((t_sent - t0) * 1000, 1), "reported": len(seen),
+                      "reported_ms": ms(t_up), "upstream_reports": n_reports, "forwarding": fwd,
+                      "forwarding_ms": ms(t_fwd), "receive_drops": raw_drops(a.pid) - drops0}))
+    return 0
+
+
+def proc_stats(pid):
+    with open("/proc/%d/stat" % pid) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    status = {}
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            k, _, v = line.partition(":")
+            status[k] = v.strip()
+    kib = lambda k: int(status.get(k, "0 kB").split()[0])  # noqa: E731
+    return {"cpu_ticks": int(fields[11]) + int(fields[12]), "hz": os.sysconf("SC_CLK_TCK"),
+            "rss_kib": kib("VmRSS"), "hwm_kib": kib("VmHWM"), "receive_drops": raw_drops(pid)}
+
+
+def cmd_stats(a):
+    print(json.dumps(proc_stats(a.pid)))
+    return 0
+
+
+def general_queries(frames):
+    return [t for t, kind, f in frames if kind != PACKET_OUTGOING and mldwire.is_general_query(f)]
+
+
+def cmd_storm(a):
+    q1 = packet_socket(a.h1, "eth0")
+    q2 = packet_socket(a.h2, "eth0")
+    times = {"dn1": [], "dn2": []}
+    before = proc_stats(a.pid)
+    sender = subprocess.Popen(["ip", "netns", "exec", a.h1, sys.executable,
+                               os.path.join(HERE, "storm_send.py"), "--iface", "eth0",
+                               "--seconds", str(a.seconds), "--rate", str(a.rate)],
+                              stdout=subprocess.PIPE, text=True)
+    rss_max, alive = 0, True
+    t0 = time.time()
+    while sender.poll() is None:
+        select.select([q1, q2], [], [], 0.2)
+        times["dn1"] += general_queries(drain(q1))
+        times["dn2"] += general_queries(drain(q2))
+        try:
+            rss_max = max(rss_max, proc_stats(a.pid)["rss_kib"])
+        except (FileNotFoundError, ProcessLookupError):
+            alive = False
+    t1 = time.time()
+    sent = json.loads(sender.stdout.read() or "{}")
+    try:
+        after = proc_stats(a.pid)
+    except (FileNotFoundError, ProcessLookupError):
+        alive, after = False, before
+    late = {}
+    for link, ts in times.items():
+        edges = [t0] + ts + [t1]
+        late[link] = round(max(y - x for x, y in zip(edges, edges[1:])) - a.qi, 3)
+    dropped = after["receive_drops"] - before["receive_drops"]
+    secs = t1 - t0
+    print(json.dumps({"seconds": round(secs, 1), "sent": sent, "alive": alive,
+                      "receive_drops": dropped,
+                      "handled_per_s": round((sent.get("reports", 0) - dropped) / secs),
+                      "queries": {k: len(v) for k, v in times.items()},
+                      "query_late_s": late, "rss_max_kib": rss_max,
+                      "cpu_s": (after["cpu_ticks"] - before["cpu_ticks"]) / after["hz"]}))
+    return 0
+
+
+def load(d, name):
+    try:
+        with open(os.path.join(d, name + ".json")) as f:
+            return json.load(f)
+    except (OSError, ValueError):
+        return {}
+
+
+def median_max(values):
+    if not values:
+        return None, None
+    v = sorted(values)
+    mid = len(v) // 2
+    med = v[mid] if len(v) % 2 else (v[mid - 1] + v[mid]) / 2
+    return round(med, 1), round(v[-1], 1)
+
+
+def verdict(value, limit):
+    if value is None:
+        return "no"
+    return "yes" if value <= limit else "no"
+
+
+def collect(a):
+    """Every figure of a run, with its target where there is one."""
+    lat = load(a.dir, "latency")
+    rows = []
+    for key, what, limit in (("join_ms", "join -> first datagram (ms)", 50),
+                             ("late_join_ms", "late join -> first datagram (ms)", 50),
+                             ("leave_last_packet_ms", "leave -> last datagram on the link (ms)", None),
+                             ("leave_to_in_ms", "leave -> upstream CHANGE_TO_INCLUDE (ms)", None)):
+        med, mx = median_max(lat.get(key, []))
+        rows.append({"name": key, "what": what, "median": med, "max": mx, "tries": len(lat.get(key, [])),
+                     "target": limit and "median <= %d" % limit,
+                     "met": verdict(med, limit) if limit else None})
+    for name, tag in (("many1k", "1,000 groups, 1 link"), ("many10k", "10,000 groups, 2 links")):
+        m = load(a.dir, name)
+        n = m.get("groups", 0)
+        ok_up = m.get("reported") == n and n > 0
+        rows.append({"name": name + "_reported_ms", "what": tag + ": all reported upstream (ms)",
+                     "value": m.get("reported_ms"), "detail": "%s of %s groups, %s reports up, %s receive drops"
+                     % (m.get("reported"), n, m.get("upstream_reports"), m.get("receive_drops")),
+                     "target": "<= 1000", "met": "yes" if ok_up and verdict(m.get("reported_ms"), 1000) == "yes" else "no"})
+        ok_fwd = m.get("forwarding") == n and n > 0
+        rows.append({"name": name + "_forwarding_ms", "what": tag + ": all forwarding (ms)",
+                     "value": m.get("forwarding_ms"), "detail": "%s of %s (*,G) entries" % (m.get("forwarding"), n),
+                     "target": "all", "met": "yes" if ok_fwd else "no"})
+    c0, c1 = load(a.dir, "cpu0"), load(a.dir, "cpu1")
+    cpu = None
+    if c0 and c1:
+        cpu = round(100.0 * (c1["cpu_ticks"] - c0["cpu_ticks"]) / c1["hz"] / a.idle_seconds, 2)
+    rows.append({"name": "cpu_idle_10k_percent", "what": "CPU idle, 10,000 groups on 2 links (% of a core)",
+                 "value": cpu, "detail": "over %g s" % a.idle_seconds, "target": "< 1",
+                 "met": "no" if cpu is None else ("yes" if cpu < 1 else "no")})
+    for name, f, limit in (("rss_idle_kib", "idle", 2048), ("rss_1k_kib", "rss1k", None),
+                           ("rss_10k_kib", "rss10k1", 8192), ("rss_10k_2links_kib", "cpu1", None)):
+        v = load(a.dir, f).get("rss_kib")
+        rows.append({"name": name, "what": "VmRSS %s (KiB)" % {"idle": "idle, no groups", "rss1k": "1,000 groups",
+                                                                 "rss10k1": "10,000 groups, 1 link",
+                                                                 "cpu1": "10,000 groups on 2 links"}[f],
+                     "value": v, "target": limit and "< %d" % limit,
+                     "met": (None if limit is None else ("yes" if v is not None and v < limit else "no"))})
+    st, ex = load(a.dir, "storm"), load(a.dir, "storm-exit")
+    late = max(st.get("query_late_s", {"-": None}).values(), default=None)
+    alive = bool(st.get("alive")) and ex.get("status") == "0"
+    rows += [
+        {"name": "storm_handled_per_s", "what": "storm: reports handled a second", "value": st.get("handled_per_s"),
+         "detail": "sent %s, %s receive drops, daemon CPU %s s" % (st.get("sent", {}).get("reports"),
+                                                                  st.get("receive_drops"), st.get("cpu_s"))},
+        {"name": "storm_survived", "what": "storm: daemon survived (ran on, exit status 0)", "value": "yes" if alive else "no",
+         "target": "yes", "met": "yes" if alive else "no"},
+        {"name": "storm_query_late_s", "what": "storm: general queries late by (s)", "value": late,
+         "detail": "queries seen %s" % st.get("queries"), "target": "<= 1", "met": verdict(late, 1)},
+        {"name": "storm_rss_max_kib", "what": "storm: peak VmRSS (KiB)", "value": st.get("rss_max_kib"),
+         "target": "< 8192", "met": "yes" if st.get("rss_max_kib") and st["rss_max_kib"] < 8192 else "no"},
+    ]
+    return rows
+
+
+def cmd_table(a):
+    rows = collect(a)
+    print("%-52s %9s %9s  %-12s %-4s %s" % ("measurement", "median", "max", "target", "met", "notes"))
+    for r in rows:
+        if "median" in r:
+            a1, a2 = r["median"], r["max"]
+            note = "%d tries" % r["tries"]
+        else:
+            a1, a2, note = r.get("value"), "", r.get("detail", "")
+        fmt = lambda v: "-" if v is None else str(v)  # noqa: E731
+        print("%-52s %9s %9s  %-12s %-4s %s" % (r["what"], fmt(a1), fmt(a2) if a2 != "" else "",
+                                                 r.get("target") or "", r.get("met") or "", note))
+    result = {"tries": a.tries, "idle_seconds": a.idle_seconds,
+              "rows": {r["name"]: {k: v for k, v in r.items() if k != "name"} for r in rows},
+              "raw": {n: load(a.dir, n) for n in ("latency", "many1k", "many9k", "rss10k1", "many10k", "idle",
+                                                  "rss1k", "cpu0",
+                                                  "cpu1", "storm", "storm-exit")}}
+    with open(a.out, "w") as f:
+        json.dump(result, f, indent=1)
+    print("figures written to %s" % a.out)
+    return 0
+
+
+def main():
+    p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    sub = p.add_subparsers(dest="cmd", required=True)
+    s = sub.add_parser("latency")
+    for k in ("--rt", "--h1", "--h2", "--group"):
+        s.add_argument(k, required=True)
+    s.add_argument("--port", type=int, required=True)
+    s.add_argument("--tries", type=int, default=20)
+    s.add_argument("--quiet", type=float, default=1.5)
+    s = sub.add_parser("many")
+    for k in ("--rt", "--host", "--links", "--prefix"):
+        s.add_argument(k, required=True)
+    s.add_argument("--pid", type=int, required=True)
+    s.add_argument("--count", type=int, required=True)
+    s.add_argument("--timeout", type=float, default=30)
+    s = sub.add_parser("storm")
+    for k in ("--rt", "--h1", "--h2"):
+        s.add_argument(k, required=True)
+    s.add_argument("--pid", type=int, required=True)
+    s.add_argument("--seconds", type=float, default=30)
+    s.add_argument("--qi", type=float, required=True)
+    s.add_argument("--rate", type=int, default=20000)
+    s = sub.add_parser("table")
+    s.add_argument("--dir", required=True)
+    s.add_argument("--out", required=True)
+    s.add_argument("--tries", type=int, required=True)
+    s.add_argument("--idle-seconds", type=float, required=True)
+    s = sub.add_parser("stats")
+    s.add_argument("--pid", type=int, required=True)
+    a = p.parse_args()
+    cmds = {"latency": cmd_latency, "many": cmd_many, "storm": cmd_storm, "stats": cmd_stats,
+            "table": cmd_table}
+    return cmds[a.cmd](a)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
