@@ -7,8 +7,8 @@
 # shows it never had more. Each capability of the unit is shown to be needed. What systemd adds
 # besides (ProtectSystem, ProtectHome, the other sandboxing lines) is not reproduced here.
 #
-#   src ── br0 ── up0 [rt: mldproxyd as nobody, CAP_NET_RAW only] dn1 ── h1
-#                                                                 dn2 ── h2
+#   src ── br0 ── up0 [rt: mldproxyd as nobody, CAP_NET_ADMIN and CAP_NET_RAW] dn1 ── h1
+#                                                                             dn2 ── h2
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
@@ -23,10 +23,15 @@ EXAMPLE_CONF=$LAB_ROOT/packaging/mld.conf
 LOG=$T_WORK/daemon.log
 RUN_USER=nobody RUN_GROUP=nogroup # stands in for the unit's unprivileged user (DynamicUser=yes)
 G=ff0e::1:201 PORT=5201
-# What the daemon needs: CAP_NET_RAW (raw ICMPv6 sockets, the Router Alert option). Not
-# CAP_NET_ADMIN: the kernel lets the socket that made MRT6_INIT make the other MRT6 calls.
-WANT_CAPS=cap_net_raw
-WANT_CAP_MASK=0000000000002000 # bit 13 (CAP_NET_RAW)
+# What the daemon uses: CAP_NET_RAW (raw ICMPv6 sockets, the Router Alert option) and
+# CAP_NET_ADMIN (SO_RCVBUFFORCE: the router socket's 1 MiB receive queue). The kernel lets the
+# socket that made MRT6_INIT make the other MRT6 calls.
+WANT_CAPS=cap_net_admin,cap_net_raw
+WANT_CAP_MASK=0000000000003000 # bits 12 (CAP_NET_ADMIN) and 13 (CAP_NET_RAW)
+BIG_QUEUE=2097152              # the kernel's accounting of a 1 MiB SO_RCVBUFFORCE
+
+# rcvbuf PID: the largest SO_RCVBUF among the process's raw ICMPv6 sockets.
+rcvbuf() { "$LAB_PYTHON" "$LAB_TESTS_DIR/sock_rcvbuf.py" "$1" 2>&1; }
 
 EXEC_ARGS=() CAPS='' SETPRIV='' BIN='' CONF='' DAEMON='' SEND_PID='' RECV_PID='' SETUP_OK=0
 
@@ -135,6 +140,10 @@ runs_without_root() {
     [[ $(status_field "$DAEMON" "$field") == "$WANT_CAP_MASK" ]] || fail "$field is $(status_field "$DAEMON" "$field"), want $WANT_CAP_MASK ($WANT_CAPS)" || return 1
   done
   [[ $(status_field "$DAEMON" NoNewPrivs) == 1 ]] || fail "NoNewPrivs is not 1" || return 1
+  local queue
+  queue=$(rcvbuf "$DAEMON")
+  say "receive queue of the router socket: $queue bytes"
+  [[ $queue == "$BIG_QUEUE" ]] || fail "the router socket's receive buffer is '$queue', want $BIG_QUEUE (1 MiB asked with CAP_NET_ADMIN)" || return 1
 }
 
 # forwards_joined_group: h1 joins G, src's traffic to G reaches h1 through the kernel entry
@@ -183,32 +192,60 @@ sigterm_ends_cleanly() {
   say "daemon output: none"
 }
 
-# each_capability_needed: with one of the unit's capabilities dropped the daemon cannot start,
-# and says why (without CAP_NET_RAW: no raw ICMPv6 socket).
+# each_capability_needed: with one of the unit's capabilities dropped the daemon loses what it
+# is for: without CAP_NET_RAW it cannot start and says why (no raw ICMPv6 socket); without
+# CAP_NET_ADMIN it runs, but its router socket keeps the kernel's smaller receive queue.
 each_capability_needed() {
   [[ $SETUP_OK == 1 && -n $CAPS ]] || fail "no lab or no unit (an earlier check failed)" || return 1
-  local drop keep log want
+  local drop
   for drop in ${CAPS//,/ }; do
-    keep=$(tr ',' '\n' <<<"$CAPS" | grep -vx "$drop" | paste -sd, -)
-    log=$T_WORK/daemon-without-$drop.log
     case $drop in
-      cap_net_raw) want="MLDRT: Can't open router socket -1" ;;
+      cap_net_raw) cannot_start_without "$drop" "MLDRT: Can't open router socket -1" || return 1 ;;
+      cap_net_admin) small_queue_without "$drop" || return 1 ;;
       *) fail "the unit grants $drop, which this test does not know the daemon to need" || return 1 ;;
     esac
-    lab_start_daemon -b "$BIN" -c "$CONF" -l "$log" -w "$(setpriv_cmd "$keep")" || fail "could not start the daemon without $drop" || return 1
-    if ! lab_wait_exit "$LAB_DAEMON_PID" 10; then
-      lab_stop_daemon KILL 5
-      fail "the daemon kept running without $drop"
-      return 1
-    fi
-    wait "$LAB_DAEMON_PID" 2>/dev/null
-    say "without $drop (capabilities: ${keep:-none}): $(tr '\n' ' ' <<<"$(cat "$log")")"
-    grep -qxF "$want" "$log" || fail "without $drop the output is '$(head -c 200 "$log")', want the line '$want'" || return 1
-    [[ -z $(lab_mifs) ]] || fail "MIFs registered without $drop: [$(t_mif_table)]" || return 1
   done
 }
 
-check unit_runs_unprivileged_with_only_cap_net_raw unit_settings
+# caps_without CAP: the unit's capabilities less CAP.
+caps_without() { tr ',' '\n' <<<"$CAPS" | grep -vx "$1" | paste -sd, -; }
+
+cannot_start_without() {
+  local drop=$1 want=$2 keep log=$T_WORK/daemon-without-$1.log
+  keep=$(caps_without "$drop")
+  lab_start_daemon -b "$BIN" -c "$CONF" -l "$log" -w "$(setpriv_cmd "$keep")" || fail "could not start the daemon without $drop" || return 1
+  if ! lab_wait_exit "$LAB_DAEMON_PID" 10; then
+    lab_stop_daemon KILL 5
+    fail "the daemon kept running without $drop"
+    return 1
+  fi
+  wait "$LAB_DAEMON_PID" 2>/dev/null
+  say "without $drop (capabilities: ${keep:-none}): $(tr '\n' ' ' <<<"$(cat "$log")")"
+  grep -qxF "$want" "$log" || fail "without $drop the output is '$(head -c 200 "$log")', want the line '$want'" || return 1
+  [[ -z $(lab_mifs) ]] || fail "MIFs registered without $drop: [$(t_mif_table)]"
+}
+
+# Without CAP_NET_ADMIN the queue is capped by net.core.rmem_max (a machine-wide setting): it is
+# set to Debian's default for the time of the check, as a router would have it, and put back.
+small_queue_without() {
+  local drop=$1 keep log=$T_WORK/daemon-without-$1.log queue started=1
+  local sysctl=/proc/sys/net/core/rmem_max rmem_max
+  keep=$(caps_without "$drop")
+  rmem_max=$(cat "$sysctl") || fail "cannot read $sysctl" || return 1
+  echo 212992 >"$sysctl" || fail "cannot set $sysctl" || return 1
+  lab_start_daemon -b "$BIN" -c "$CONF" -l "$log" -w "$(setpriv_cmd "$keep")" || started=0
+  if [[ $started == 1 ]] && lab_wait_started 40; then
+    queue=$(rcvbuf "$LAB_DAEMON_PID")
+  fi
+  echo "$rmem_max" >"$sysctl"
+  [[ $started == 1 ]] || fail "could not start the daemon without $drop" || return 1
+  lab_stop_daemon TERM 10 || fail "the daemon without $drop did not end on SIGTERM" || return 1
+  [[ -n $queue ]] || fail "without $drop not every link became a MIF" || return 1
+  say "without $drop (capabilities: ${keep:-none}): it runs, router socket receive queue $queue bytes (rmem_max 212992)"
+  [[ $queue =~ ^[0-9]+$ && $queue -gt 0 && $queue -lt $BIG_QUEUE ]] || fail "without $drop the receive queue is '$queue', want less than $BIG_QUEUE"
+}
+
+check unit_runs_unprivileged_with_cap_net_admin_and_cap_net_raw unit_settings
 check service_lab_setup setup
 check daemon_under_unit_privileges_registers_every_link started_with_unit_privileges
 check daemon_runs_as_nobody_with_exactly_the_units_capabilities runs_without_root
