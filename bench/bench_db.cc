@@ -43,22 +43,11 @@ mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {
 
 // The lab's router: robustness 2, QI 125, QRI 10 s (GMI 260), LLQI 1, LLQC 2, upstream up0.
 void router_up(uint32_t downstream_links) {
-    fake::reset();
-    mldrt_router_zero(&router);
-    router.buf_size = MLDRT_BUF_SIZE;
-    router.scratch_size = MLDRT_SCRATCH_SIZE;
-    router.nl_buf_size = MLDRT_NL_BUF_SIZE;
-    router.buf = static_cast<uint8_t*>(calloc(1, router.buf_size));
-    router.scratch = static_cast<uint8_t*>(calloc(1, router.scratch_size));
-    router.nl_buf = static_cast<uint8_t*>(calloc(1, router.nl_buf_size));
-    router.router_sock = fake::kernel().next_fd++;
-    router.netlink_sock = fake::kernel().next_fd++;
-    router.robustness = 2;
+    fake::fresh_router(2);
     router.query_interval = 125;
     router.query_response_interval = 10000;
     router.last_listener_query_interval = 1;
     router.last_listener_query_count = 2;
-    std::strcpy(router.upstream_ifname, "up0");
     router.upstream = add_link("up0", 2, 0);
     for (uint32_t i = 0; i < downstream_links; i++) {
         char name[8] = "dn";

@@ -10,19 +10,7 @@
 #include "iface/netlink.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fake::reset();
-    mldrt_sysif_reset();
-    mldrt_router_zero(&router);
-    router.buf_size = MLDRT_BUF_SIZE;
-    router.scratch_size = MLDRT_SCRATCH_SIZE;
-    router.nl_buf_size = MLDRT_NL_BUF_SIZE;
-    router.buf = static_cast<uint8_t*>(calloc(1, router.buf_size));
-    router.scratch = static_cast<uint8_t*>(calloc(1, router.scratch_size));
-    router.nl_buf = static_cast<uint8_t*>(calloc(1, router.nl_buf_size));
-    router.robustness = 1;
-    router.router_sock = fake::kernel().next_fd++;
-    router.netlink_sock = fake::kernel().next_fd++;
-    std::strcpy(router.upstream_ifname, "up0");
+    fake::fresh_router(1);
 
     // The first byte picks the phase (first link dump or later); the rest is split into two
     // batches at the second byte, so state carries from one batch to the next.

@@ -29,25 +29,11 @@ mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {
 }
 
 void set_up_router() {
-    fake::reset();
-    mldrt_router_zero(&router);
-    std::memset(aIPv6SrcAddrList1, 0, sizeof aIPv6SrcAddrList1);
-    std::memset(aIPv6SrcAddrList2, 0, sizeof aIPv6SrcAddrList2);
-    std::memset(aIPv6SrcAddrList3, 0, sizeof aIPv6SrcAddrList3);
-    router.buf_size = MLDRT_BUF_SIZE;
-    router.scratch_size = MLDRT_SCRATCH_SIZE;
-    router.nl_buf_size = MLDRT_NL_BUF_SIZE;
-    router.buf = static_cast<uint8_t*>(calloc(1, router.buf_size));
-    router.scratch = static_cast<uint8_t*>(calloc(1, router.scratch_size));
-    router.nl_buf = static_cast<uint8_t*>(calloc(1, router.nl_buf_size));
-    router.router_sock = fake::kernel().next_fd++;
-    router.netlink_sock = fake::kernel().next_fd++;
-    router.robustness = 1;
+    fake::fresh_router(1);
     router.query_interval = 1;
     router.query_response_interval = 1000;
     router.last_listener_query_interval = 1;
     router.last_listener_query_count = 1;
-    std::strcpy(router.upstream_ifname, "up0");
     router.upstream = add_link("up0", 2, 0);
     add_link("dn0", 3, 1);
     add_link("dn1", 4, 2);

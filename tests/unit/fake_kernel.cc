@@ -10,6 +10,10 @@
 #include <ctime>
 #include <string>
 
+#include "core/router.h"
+#include "db/db.h"
+#include "iface/netlink.h"
+
 extern "C" {
 int __real_close(int fd);
 ssize_t __real_send(int fd, const void* buf, size_t len, int flags);
@@ -60,6 +64,30 @@ kernel_state& kernel() {
 void reset() {
     g_clock_base += g_kernel.clock_seconds + 3600;  // never backwards
     g_kernel = kernel_state{};
+}
+
+void fresh_router(uint32_t robustness) {
+    reset();
+    mldrt_sysif_reset();
+    mldrt_router_zero(&router);
+    uc_restart_rt_input_thread = 0;
+    g_scan_ifaddr = 0;
+    mld_init_scan_link = 0;
+    g_stop_requested = 0;
+    router.buf_size = MLDRT_BUF_SIZE;
+    router.scratch_size = MLDRT_SCRATCH_SIZE;
+    router.nl_buf_size = MLDRT_NL_BUF_SIZE;
+    router.buf = static_cast<uint8_t*>(calloc(1, router.buf_size));
+    router.scratch = static_cast<uint8_t*>(calloc(1, router.scratch_size));
+    router.nl_buf = static_cast<uint8_t*>(calloc(1, router.nl_buf_size));
+    router.router_sock = g_kernel.next_fd++;
+    router.netlink_sock = g_kernel.next_fd++;
+    router.robustness = robustness;
+    std::strcpy(router.upstream_ifname, "up0");
+    // The algebra's result arrays are process-wide and never cleared by the daemon.
+    std::memset(aIPv6SrcAddrList1, 0, sizeof aIPv6SrcAddrList1);
+    std::memset(aIPv6SrcAddrList2, 0, sizeof aIPv6SrcAddrList2);
+    std::memset(aIPv6SrcAddrList3, 0, sizeof aIPv6SrcAddrList3);
 }
 
 int64_t clock_now() {

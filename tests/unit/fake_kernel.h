@@ -76,6 +76,11 @@ struct kernel_state {
 kernel_state& kernel();
 void reset();
 
+// reset(), then the global router as start-up leaves it before the first interface: zeroed,
+// its buffers allocated, fake router and netlink sockets, upstream "up0", the process-wide flags
+// and the algebra's result arrays cleared. The caller sets the timer values it wants.
+void fresh_router(uint32_t robustness);
+
 // What time() returns now.
 int64_t clock_now();
 
