@@ -31,16 +31,6 @@ constexpr uint32_t kMtuRecords = 72;       // TO_EX{} records in a 1500-byte rep
 constexpr uint8_t kHost[16] = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01, 0, 0x01};
 constexpr uint8_t kSource[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x10};
 
-mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {
-    mldrt_interface_desc desc{};
-    std::strncpy(desc.name, name, sizeof desc.name - 1);
-    desc.addr[0] = 0xfe;
-    desc.addr[1] = 0x80;
-    desc.addr[15] = static_cast<uint8_t>(ifindex);
-    desc.ifindex = ifindex;
-    return mld_add_interface(&router, &desc, mifi);
-}
-
 // The lab's router: robustness 2, QI 125, QRI 10 s (GMI 260), LLQI 1, LLQC 2, upstream up0.
 void router_up(uint32_t downstream_links) {
     fake::fresh_router(2);
@@ -48,11 +38,11 @@ void router_up(uint32_t downstream_links) {
     router.query_response_interval = 10000;
     router.last_listener_query_interval = 1;
     router.last_listener_query_count = 2;
-    router.upstream = add_link("up0", 2, 0);
+    router.upstream = fake::add_link("up0", 2, 0);
     for (uint32_t i = 0; i < downstream_links; i++) {
         char name[8] = "dn";
         name[2] = static_cast<char>('1' + i);
-        add_link(name, 3 + i, static_cast<uint16_t>(1 + i));
+        fake::add_link(name, 3 + i, static_cast<uint16_t>(1 + i));
     }
     router.active = 1;
 }

@@ -18,25 +18,15 @@
 
 namespace {
 
-mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {
-    mldrt_interface_desc desc{};
-    std::strcpy(desc.name, name);
-    desc.addr[0] = 0xfe;
-    desc.addr[1] = 0x80;
-    desc.addr[15] = static_cast<uint8_t>(ifindex);
-    desc.ifindex = ifindex;
-    return mld_add_interface(&router, &desc, mifi);
-}
-
 void set_up_router() {
     fake::fresh_router(1);
     router.query_interval = 1;
     router.query_response_interval = 1000;
     router.last_listener_query_interval = 1;
     router.last_listener_query_count = 1;
-    router.upstream = add_link("up0", 2, 0);
-    add_link("dn0", 3, 1);
-    add_link("dn1", 4, 2);
+    router.upstream = fake::add_link("up0", 2, 0);
+    fake::add_link("dn0", 3, 1);
+    fake::add_link("dn1", 4, 2);
     router.active = 1;
 }
 

@@ -12,6 +12,7 @@
 
 #include "core/router.h"
 #include "db/db.h"
+#include "iface/interface.h"
 #include "iface/netlink.h"
 
 extern "C" {
@@ -88,6 +89,16 @@ void fresh_router(uint32_t robustness) {
     std::memset(aIPv6SrcAddrList1, 0, sizeof aIPv6SrcAddrList1);
     std::memset(aIPv6SrcAddrList2, 0, sizeof aIPv6SrcAddrList2);
     std::memset(aIPv6SrcAddrList3, 0, sizeof aIPv6SrcAddrList3);
+}
+
+mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {
+    mldrt_interface_desc desc{};
+    mldrt_copy_ifname(desc.name, name);
+    desc.addr[0] = 0xfe;
+    desc.addr[1] = 0x80;
+    desc.addr[15] = static_cast<uint8_t>(ifindex);
+    desc.ifindex = ifindex;
+    return mld_add_interface(&router, &desc, mifi);
 }
 
 int64_t clock_now() {

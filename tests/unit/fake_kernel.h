@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+struct mldrt_interface;
+
 namespace fake {
 
 constexpr int kFirstFakeFd = 500;
@@ -80,6 +82,10 @@ void reset();
 // its buffers allocated, fake router and netlink sockets, upstream "up0", the process-wide flags
 // and the algebra's result arrays cleared. The caller sets the timer values it wants.
 void fresh_router(uint32_t robustness);
+
+// A link of the global router named `name`, link-local address fe80::<ifindex>, registered as
+// MIF `mifi`; null when the daemon refuses it.
+mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi);
 
 // What time() returns now.
 int64_t clock_now();

@@ -40,13 +40,7 @@ std::string ip6_text(const uint8_t* addr) {
 }
 
 mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {
-    mldrt_interface_desc desc{};
-    std::strncpy(desc.name, name, sizeof desc.name - 1);
-    desc.addr[0] = 0xfe;
-    desc.addr[1] = 0x80;
-    desc.addr[15] = static_cast<uint8_t>(ifindex);
-    desc.ifindex = ifindex;
-    mldrt_interface* ifp = mld_add_interface(&router, &desc, mifi);
+    mldrt_interface* ifp = fake::add_link(name, ifindex, mifi);
     EXPECT_NE(ifp, nullptr) << name;
     return ifp;
 }
