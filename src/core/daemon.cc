@@ -1,6 +1,5 @@
 #include "core/daemon.h"
 
-#include <linux/rtnetlink.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -101,11 +100,9 @@ int create_input_thread(mldrt_router* r) {
     return 0;
 }
 
-intptr_t join_input_thread(mldrt_router* r) {
-    void* value = nullptr;
-    pthread_join(r->input_thread, &value);
+void join_input_thread(mldrt_router* r) {
+    pthread_join(r->input_thread, nullptr);
     g_thread_joinable = false;
-    return reinterpret_cast<intptr_t>(value);
 }
 
 }  // namespace
@@ -119,10 +116,8 @@ int mldv2_init(mldrt_router* r) {
         mldrt_k_init(r->router_sock) == -1) {
         return -1;
     }
-    mld_init_scan_link = 1;
-    int rc = scan_available_interfaces(&r->netlink_sock, RTM_GETLINK);
+    int rc = mldrt_start_netlink(r);
     if (rc == -1) {
-        mld_init_scan_link = 0;
         printf("MLDRT: Can't get interface info %d\n", rc);
         return -1;
     }
@@ -133,20 +128,6 @@ int mldrt_start_threads(mldrt_router* r) {
     // Both flags are stored before the thread exists, so it never races with these writes.
     r->running = 1;
     r->active = r->upstream ? 1 : 0;
-    return create_input_thread(r);
-}
-
-int restart_rt_input_thread(mldrt_router* r) {
-    if (g_scan_ifaddr == 1) {
-        int rc = scan_available_interfaces(&r->netlink_sock, RTM_GETADDR);
-        if (rc == -1) {
-            printf("MLDRT: Can't get interface info for RTM_GETADDR %d\n", rc);
-            return -1;
-        }
-        g_scan_ifaddr = 0;
-    }
-    r->running = 1;
-    uc_restart_rt_input_thread = 0;
     return create_input_thread(r);
 }
 
@@ -187,13 +168,26 @@ void mldrt_uninit(mldrt_router* r) {
     mldrt_router_zero(r);
 }
 
-void mldv2_done() {
+namespace {
+
+void shut_down() {
     mldrt_stop_threads(&router);
     mldrt_cleanup_memberships(&router);
     mldrt_cleanup_interfaces(&router);
     mldrt_uninit(&router);
     mldrt_sysif_reset();
+}
+
+}  // namespace
+
+void mldv2_done() {
+    shut_down();
     exit(0);
+}
+
+void mldrt_fail_start() {
+    shut_down();
+    exit(1);
 }
 
 void mldrt_shutdown_signals(sigset_t* set) {
@@ -210,12 +204,10 @@ void mldrt_main_wait(mldrt_router* r, const sigset_t* signals) {
         if (sigtimedwait(signals, nullptr, &step) > 0) {
             mldv2_done();
         }
+        // The thread ends only on a stop request; it is joined so that nothing is left behind,
+        // and the daemon then waits for the signal that ends it.
         if (g_thread_joinable && g_input_thread_done) {
-            // Exit value 1: the thread asked to be restarted. Anything else leaves the daemon
-            // waiting for a signal without an input thread.
-            if (join_input_thread(r) == 1) {
-                restart_rt_input_thread(r);
-            }
+            join_input_thread(r);
         }
     }
 }

@@ -1,5 +1,5 @@
-// The daemon's life: initialisation of the router context, the input thread's start and
-// restarts, and the one shutdown path. Signals are blocked in every thread and taken by the
+// The daemon's life: initialisation of the router context, the input thread's start, and the
+// shutdown paths. Signals are blocked in every thread and taken by the
 // main thread with sigtimedwait, so the shutdown always runs there, after the input thread has
 // been joined.
 #ifndef MLDPROXYD_CORE_DAEMON_H
@@ -12,19 +12,19 @@
 // Buffers, configuration, the router socket and its options, MRT6_INIT, the link dump request.
 int mldv2_init(mldrt_router* r);
 int mldrt_start_threads(mldrt_router* r);
-// Requests an address dump first when one is due, then starts the input thread again.
-int restart_rt_input_thread(mldrt_router* r);
 // Stops the input thread and waits until it has ended.
 void mldrt_stop_threads(mldrt_router* r);
 // Shutdown: last timer pass, MIFs and interface records removed, MRT6_DONE, exit status 0.
 [[noreturn]] void mldv2_done();
+// The same clean-up after a start that failed (its message printed), with exit status 1, so
+// that a service manager sees the failure.
+[[noreturn]] void mldrt_fail_start();
 void mldrt_cleanup_interfaces(mldrt_router* r);
 void mldrt_uninit(mldrt_router* r);
 
 // The signals that end the daemon (SIGKILL is named too; the system ignores that request).
 void mldrt_shutdown_signals(sigset_t* set);
-// Main's life after start-up: ends the daemon on a signal, restarts the input thread when it
-// asked for it, and otherwise sleeps.
+// Main's life after start-up: ends the daemon on a signal, and otherwise sleeps.
 [[noreturn]] void mldrt_main_wait(mldrt_router* r, const sigset_t* signals);
 
 #endif

@@ -1,12 +1,11 @@
-#include "core/addr.h"
 #include "core/input_thread.h"
 
 #include <sys/select.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <ctime>
 
+#include "core/addr.h"
+#include "core/clock.h"
 #include "core/receive.h"
 #include "db/db.h"
 #include "iface/interface.h"
@@ -18,8 +17,10 @@ std::atomic<int> g_input_thread_done{0};
 
 namespace {
 
-constexpr uint32_t kSleepStepUsec = 100000;
-constexpr uint32_t kOneSecondUsec = 1000000;
+constexpr uint64_t kTickMs = 1000;
+// Datagrams taken from one socket before the loop looks at the others and at its deadlines: a
+// burst is handled as one batch (one upstream report), and a flood cannot hold back timers.
+constexpr int kBurst = 64;
 
 bool watchable(int fd) {
     return fd > 0 && fd < FD_SETSIZE;
@@ -34,9 +35,9 @@ void watch(int fd, fd_set* set, int* maxfd) {
     }
 }
 
-// Built once per thread life: sockets of interfaces created later are watched after the
-// restart that every netlink batch causes. Without an upstream the router socket is left out:
-// nothing reads it then, and a queued datagram would keep select() from ever sleeping.
+// Built anew for every wait, so a link's socket is watched from the pass after it was created.
+// Without an upstream the router socket is left out: nothing reads it then, and a queued
+// datagram would keep select() from ever sleeping.
 int build_watched_set(mldrt_router* r, fd_set* set) {
     int maxfd = 0;
     FD_ZERO(set);
@@ -50,99 +51,126 @@ int build_watched_set(mldrt_router* r, fd_set* set) {
     return maxfd;
 }
 
-bool is_ready(int fd, fd_set* readable) {
+bool is_ready(int fd, const fd_set* readable) {
     return watchable(fd) && FD_ISSET(fd, readable);
 }
 
-void handle_readable(mldrt_router* r, fd_set* readable, int count) {
+void handle_readable(mldrt_router* r, const fd_set* readable) {
     if (is_ready(r->netlink_sock, readable)) {
-        mldrt_handle_interface(r);
-        if (--count == 0) {
-            return;
+        for (int i = 0; i < kBurst && mldrt_handle_interface(r); i++) {
+        }
+        mldrt_take_startup_actions(r);  // links that netlink just brought
+    }
+    if (r->upstream && is_ready(r->router_sock, readable)) {
+        for (int i = 0; i < kBurst && mldrt_handle_input(r, MLDRT_PROTO_ICMPV6); i++) {
         }
     }
-    if (is_ready(r->router_sock, readable)) {
-        mldrt_handle_input(r, MLDRT_PROTO_ICMPV6);
-        if (--count == 0) {
-            return;
-        }
-    }
-    for (mldrt_interface* ifp = r->interfaces; ifp && count > 0; ifp = ifp->next) {
+    // A link deleted above is no longer on the list, so only live sockets are read.
+    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
         if (is_ready(ifp->sock, readable)) {
             mldrt_handle_other_pkts(r, ifp);
-            count--;
         }
     }
 }
 
-// ff02::1:ffXX:XXXX, the solicited-node group of the upstream address.
-void solicited_node_group(const uint8_t* addr, uint8_t* group) {
+// ff02::1:ffXX:XXXX, the solicited-node group of the upstream address; then ff02::16 and ff02::2.
+void own_groups(const mldrt_router* r, uint8_t (*groups)[16]) {
     static const uint8_t prefix[13] = {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01, 0xff};
-    std::memcpy(group, prefix, sizeof prefix);
-    std::memcpy(group + 13, addr + 13, 3);
+    std::memcpy(groups[0], prefix, sizeof prefix);
+    std::memcpy(groups[0] + 13, r->upstream_addr + 13, 3);
+    std::memcpy(groups[1], MLDRT_ADDR_ALL_MLDV2_ROUTERS, 16);
+    std::memcpy(groups[2], MLDRT_ADDR_ALL_ROUTERS, 16);
 }
 
-// CHANGE_TO_EXCLUDE{} for each of the router's own groups, robustness times, spread over
-// about a second; false when a stop request cut it short.
-bool announce_memberships(mldrt_router* r, mldrt_interface* ifp, const uint8_t (*groups)[16]) {
-    uint32_t copies = r->robustness;
-    if (copies > MLDRT_MAX_STARTUP_COPIES) {
-        copies = MLDRT_MAX_STARTUP_COPIES;
-    }
-    for (int g = 0; g < 3; g++) {
+// One round of start-up reports: CHANGE_TO_EXCLUDE{} for each of the router's own groups.
+void announce_round(mldrt_router* r, mldrt_interface* ifp) {
+    uint8_t groups[3][16];
+    own_groups(r, groups);
+    for (const auto& group : groups) {
         uint32_t len =
-            mldrt_encode_report_mcast_rec(r->scratch, groups[g], MLDRT_REC_CHANGE_TO_EXCLUDE);
-        for (uint32_t i = 0; i < copies; i++) {
-            if (i > 0 && !mldrt_sleep_unless_stopped(kOneSecondUsec / r->robustness)) {
-                return false;
-            }
-            mldrt_send_report(r, ifp, MLDRT_ADDR_ALL_MLDV2_ROUTERS, r->scratch, 1, len);
-        }
+            mldrt_encode_report_mcast_rec(r->scratch, group, MLDRT_REC_CHANGE_TO_EXCLUDE);
+        mldrt_send_report(r, ifp, MLDRT_ADDR_ALL_MLDV2_ROUTERS, r->scratch, 1, len);
     }
-    return true;
 }
 
-uint64_t monotonic_usec() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * kOneSecondUsec +
-           static_cast<uint64_t>(now.tv_nsec) / 1000;
+uint64_t announce_gap_ms(const mldrt_router* r) {
+    return 1000u / r->robustness;  // the copies spread over about a second
 }
 
-timeval remaining_budget(uint64_t deadline) {
-    uint64_t now = monotonic_usec();
+// Robustness rounds of start-up reports, the first at once and the others at deadlines.
+void start_announcing(mldrt_router* r, mldrt_interface* ifp) {
+    uint32_t copies =
+        r->robustness < MLDRT_MAX_STARTUP_COPIES ? r->robustness : MLDRT_MAX_STARTUP_COPIES;
+    ifp->announce_left = 0;
+    if (copies == 0) {
+        return;
+    }
+    announce_round(r, ifp);
+    ifp->announce_left = copies - 1;
+    ifp->announce_due_ms = mldrt_now_ms() + announce_gap_ms(r);
+}
+
+void announce_due(mldrt_router* r, mldrt_interface* ifp, uint64_t now) {
+    if (ifp->announce_left == 0 || ifp->announce_due_ms > now) {
+        return;
+    }
+    announce_round(r, ifp);
+    ifp->announce_left--;
+    ifp->announce_due_ms = now + announce_gap_ms(r);
+}
+
+// The earliest deadline of the loop: the tick, a link's next start-up round or general query,
+// an upstream retransmission.
+uint64_t next_deadline(const mldrt_router* r, uint64_t next_tick) {
+    uint64_t due = next_tick;
+    if (r->active != 1) {
+        return due;
+    }
+    for (const mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
+        if (ifp->announce_left > 0) {
+            due = mldrt_earlier(due, ifp->announce_due_ms);
+        }
+        due = mldrt_earlier(due, mldrt_general_query_due(ifp));
+    }
+    return mldrt_earlier(due, mldrt_next_retransmission_ms());
+}
+
+timeval time_until(uint64_t deadline) {
+    uint64_t now = mldrt_now_ms();
     uint64_t left = deadline > now ? deadline - now : 0;
-    return timeval{static_cast<time_t>(left / kOneSecondUsec),
-                   static_cast<suseconds_t>(left % kOneSecondUsec)};
+    return timeval{static_cast<time_t>(left / 1000u),
+                   static_cast<suseconds_t>(left % 1000u * 1000u)};
 }
 
-// A second after the last deadline, so that the tick's own work does not stretch the period;
-// a thread that fell behind by more than that starts afresh instead of ticking in a burst.
-uint64_t next_deadline(uint64_t deadline) {
-    uint64_t now = monotonic_usec();
-    deadline += kOneSecondUsec;
-    return deadline > now ? deadline : now + kOneSecondUsec;
+// The tick keeps its one-second period whatever the passes in between cost; a thread that fell
+// more than a period behind starts afresh instead of ticking in a burst.
+uint64_t after_tick(uint64_t tick, uint64_t now) {
+    tick += kTickMs;
+    return tick > now ? tick : now + kTickMs;
+}
+
+void run_due(mldrt_router* r, uint64_t* next_tick) {
+    uint64_t now = mldrt_now_ms();
+    if (now >= *next_tick) {
+        mldrt_tick(r);
+        *next_tick = after_tick(*next_tick, now);
+    }
+    if (r->active != 1) {
+        return;
+    }
+    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
+        announce_due(r, ifp, now);
+        mldrt_send_general_query(r, ifp);
+    }
+    mldrt_retransmit_due(r, now);
 }
 
 }  // namespace
-
-bool mldrt_sleep_unless_stopped(uint32_t usec) {
-    while (usec > 0 && !g_stop_requested) {
-        uint32_t step = usec < kSleepStepUsec ? usec : kSleepStepUsec;
-        usleep(step);
-        usec -= step;
-    }
-    return !g_stop_requested;
-}
 
 unsigned mldrt_take_startup_actions(mldrt_router* r) {
     if (!r->upstream) {
         return 1;
     }
-    uint8_t groups[3][16];
-    solicited_node_group(r->upstream_addr, groups[0]);
-    std::memcpy(groups[1], MLDRT_ADDR_ALL_MLDV2_ROUTERS, 16);
-    std::memcpy(groups[2], MLDRT_ADDR_ALL_ROUTERS, 16);
     unsigned result = 1;
     for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
         if (ifp->is_upstream) {
@@ -153,9 +181,7 @@ unsigned mldrt_take_startup_actions(mldrt_router* r) {
         if (ifp->started) {
             return 4;
         }
-        if (!announce_memberships(r, ifp, groups)) {
-            return result;
-        }
+        start_announcing(r, ifp);
         ifp->started = 1;
         if (ifp->querier == 1) {
             result = static_cast<unsigned>(mldrt_send_general_query(r, ifp));
@@ -168,39 +194,31 @@ void mldrt_tick(mldrt_router* r) {
     if (r->active != 1) {
         return;
     }
-    mldrt_update_group_state(r);
     for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
-        mldrt_send_general_query(r, ifp);
         mldrt_update_memberships(r, ifp, 0);
     }
-    mldrt_update_host_state(r);
-    mldrt_clean_host_state(r);
+}
+
+void mldrt_input_pass(mldrt_router* r, uint64_t* next_tick) {
+    fd_set readable;
+    int maxfd = build_watched_set(r, &readable);
+    timeval wait = time_until(next_deadline(r, *next_tick));
+    if (select(maxfd + 1, &readable, nullptr, nullptr, &wait) > 0) {
+        handle_readable(r, &readable);
+    }
+    run_due(r, next_tick);
+    // What this pass heard and what ran out in it reach the upstream before the next wait.
+    if (r->active == 1) {
+        mldrt_report_changes(r);
+    }
 }
 
 void* mldrt_input_thread(void* arg) {
     auto* r = static_cast<mldrt_router*>(arg);
-    mldrt_take_startup_actions(r);
-    fd_set watched;
-    int maxfd = build_watched_set(r, &watched);
-    mldrt_sleep_unless_stopped(kOneSecondUsec);
-    // The budget is measured on the monotonic clock rather than left to select(): Linux select
-    // only counts the time spent asleep, and under a flood of reports the thread hardly ever
-    // sleeps, which would hold back the queries and timers (RFC 3810 section 9.2) for as long as
-    // the flood lasts.
-    uint64_t deadline = monotonic_usec() + kOneSecondUsec;
+    uint64_t next_tick = mldrt_now_ms() + kTickMs;
     while (r->running && !g_stop_requested) {
-        fd_set readable = watched;
-        timeval budget = remaining_budget(deadline);
-        int n = select(maxfd + 1, &readable, nullptr, nullptr, &budget);
-        if (n == 0 || monotonic_usec() >= deadline) {
-            mldrt_tick(r);
-            deadline = next_deadline(deadline);
-        }
-        if (n > 0) {
-            handle_readable(r, &readable, n);
-        }
+        mldrt_input_pass(r, &next_tick);
     }
-    intptr_t value = uc_restart_rt_input_thread;
     g_input_thread_done = 1;
-    return reinterpret_cast<void*>(value);
+    return nullptr;
 }

@@ -1,5 +1,8 @@
-// The input thread: it owns all protocol state, waits on the netlink, router and interface
-// sockets with a one-second tick, and takes the start-up actions on new downstream links.
+// The input thread: it owns all protocol state and runs one event loop. It waits on the
+// netlink, router and link sockets until one is readable or the next deadline comes (the
+// one-second membership tick, a link's start-up report or general query, an upstream
+// retransmission), handles what arrived, runs what is due, and sends the upstream the changes
+// before it waits again.
 #ifndef MLDPROXYD_CORE_INPUT_THREAD_H
 #define MLDPROXYD_CORE_INPUT_THREAD_H
 
@@ -11,22 +14,23 @@
 // Set by the input thread as its last act, so that main knows it can be joined.
 extern std::atomic<int> g_input_thread_done;
 
-// The thread body; `arg` is the router. Its exit value is uc_restart_rt_input_thread (0 or 1).
+// The thread body; `arg` is the router. It ends when `running` is cleared or a stop requested.
 void* mldrt_input_thread(void* arg);
 
-// Announces the router's own memberships and sends the first general query on every new
-// downstream interface. 1 without an upstream, 4 when it met an interface already started,
-// else the last general query's result or 1.
+// One pass of the loop: wait, handle what is readable, run what is due, report the changes.
+// `next_tick` is the deadline of the next membership tick.
+void mldrt_input_pass(mldrt_router* r, uint64_t* next_tick);
+
+// Starts every new downstream interface: the first round of the router's own membership
+// reports at once (the others follow at deadlines) and the first general query. 1 without an
+// upstream, 4 when it met an interface already started, else the last general query's result
+// or 1.
 unsigned mldrt_take_startup_actions(mldrt_router* r);
 
-// At most this many copies of each start-up report, whatever the robustness says, so that a
-// stop request is never held up for long.
+// At most this many rounds of start-up reports, whatever the robustness says.
 constexpr uint32_t MLDRT_MAX_STARTUP_COPIES = 10;
 
-// Sleeps `usec` microseconds in steps of at most 100 ms; false as soon as a stop is requested.
-bool mldrt_sleep_unless_stopped(uint32_t usec);
-
-// One second of timer work, done only while the router is active.
+// One second of membership timers, done only while the router is active.
 void mldrt_tick(mldrt_router* r);
 
 #endif

@@ -35,13 +35,9 @@ int main() {
     occupy_standard_descriptors();
     setvbuf(stdout, nullptr, _IONBF, 0);
 
-    usleep(1000000);
     mldrt_sysif_reset();
-    if (mldv2_init(&router) == -1) {
-        mldv2_done();
-    }
-    if (mldrt_start_threads(&router) == -1) {
-        mldv2_done();
+    if (mldv2_init(&router) == -1 || mldrt_start_threads(&router) == -1) {
+        mldrt_fail_start();
     }
     mldrt_main_wait(&router, &signals);
 }

@@ -61,41 +61,45 @@ bool is_upstream_upcall(const mldrt_router* r, const uint8_t* buf) {
 
 }  // namespace
 
-void mldrt_handle_input(mldrt_router* r, int proto) {
+bool mldrt_handle_input(mldrt_router* r, int proto) {
     if (!r->upstream) {
-        return;
+        return false;
     }
     receive_frame f;
     prepare(&f, r->buf, r->buf_size);
     std::memset(r->buf, 0, kClearedLen);
     if (proto != MLDRT_PROTO_ICMPV6) {
-        return;
+        return false;
     }
     ssize_t n = recvmsg(r->router_sock, &f.msg, MSG_DONTWAIT);
-    if (n < 0 || r->active == 0) {
-        return;
+    if (n < 0) {
+        return false;
+    }
+    if (r->active == 0) {
+        return true;
     }
     in6_pktinfo info;
     if (!find_pktinfo(&f.msg, &info)) {
         printf("MLDRT: Could not get receive interface info index was %d\n", 0);
-        return;
+        return true;
     }
     if (is_upstream_upcall(r, r->buf)) {
         mldrt_handle_mrt6_msg(r, r->buf, static_cast<int>(n));
-        return;
+        return true;
     }
     mldrt_interface* ifp = mldrt_lookup_interface_index(r, info.ipi6_ifindex);
     if (!ifp) {
-        return;
+        return true;
     }
     char text[INET6_ADDRSTRLEN];
     if (!inet_ntop(AF_INET6, &f.from.sin6_addr, text, sizeof text)) {
         puts("mld_rcv : Problem with sender address resolution");
-        return;
+        return true;
     }
     uint8_t src[16];
     std::memcpy(src, &f.from.sin6_addr, 16);
     mldrt_handle_mld_message(r, ifp, r->buf, src, static_cast<int>(n));
+    return true;
 }
 
 int mldrt_handle_other_pkts(mldrt_router* r, mldrt_interface* ifp) {

@@ -3,9 +3,6 @@
 #include <cstring>
 
 mldrt_router router;
-std::atomic<int> uc_restart_rt_input_thread{0};
-std::atomic<int> g_scan_ifaddr{0};
-std::atomic<int> mld_init_scan_link{0};
 std::atomic<int> g_stop_requested{0};
 
 void mldrt_router_zero(mldrt_router* r) {
@@ -24,6 +21,7 @@ void mldrt_router_zero(mldrt_router* r) {
     r->mfdb_list = nullptr;
     r->mfdb_index = {};
     r->upstream = nullptr;
+    r->report_batch = nullptr;
     r->robustness = 0;
     r->query_interval = 0;
     r->query_response_interval = 0;

@@ -13,6 +13,7 @@
 
 struct mldrt_interface;
 struct mldrt_mfdb_entry;
+struct mldrt_report_builder;
 
 constexpr uint32_t MLDRT_BUF_SIZE = 2048;
 constexpr uint32_t MLDRT_SCRATCH_SIZE = 2048;
@@ -45,6 +46,8 @@ struct mldrt_router {
     mldrt_mfdb_entry* mfdb_list;
     mldrt_addr_index<mldrt_mfdb_entry> mfdb_index;  // beside mfdb_list
     mldrt_interface* upstream;
+    // While set, upstream records join this one report instead of leaving one report each.
+    mldrt_report_builder* report_batch;
     uint32_t robustness;
     uint32_t query_interval;
     uint32_t query_response_interval;
@@ -59,13 +62,7 @@ struct mldrt_router {
 
 extern mldrt_router router;
 
-// Restart protocol between the input thread and main (see daemon.h).
-extern std::atomic<int> uc_restart_rt_input_thread;
-extern std::atomic<int> g_scan_ifaddr;
-extern std::atomic<int> mld_init_scan_link;
-
-// Set once a shutdown has begun. Unlike `running`, nothing but the shutdown path writes it, so
-// the netlink code's "keep running during the first dump" cannot undo a stop request.
+// Set once a shutdown has begun; the input thread leaves its loop when it sees it.
 extern std::atomic<int> g_stop_requested;
 
 // Zero every field of a router record (the record holds atomics, so no memset).

@@ -106,6 +106,12 @@ struct mldrt_mfdb_entry {
     mldrt_src* scr_block_list;
     mldrt_mfdb_entry* next;
     mldrt_mfdb_entry** pprev;
+    // Places on the changed list and the retransmission queue (db/queues.cc).
+    mldrt_mfdb_entry* changed_next;
+    mldrt_mfdb_entry** changed_pprev;
+    mldrt_mfdb_entry* rtx_next;
+    mldrt_mfdb_entry** rtx_pprev;
+    uint64_t rtx_due_ms;  // when the next upstream retransmission leaves
     // The router's address index (see db/addr_index.h).
     mldrt_mfdb_entry* hnext;
     mldrt_mfdb_entry** hpprev;
@@ -194,9 +200,27 @@ int mldrt_intersect_grp_srclist_with_rcvd_record(mldrt_router* r, mldrt_group* g
 int mldrt_empty_grp_srclist(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype,
                             mldrt_interface* ifp);
 
+// --- Work lists of the event loop (db/queues.cc) ---
+// Notes that the listener state of the entry's group changed on some link, so that the next
+// host-state merge looks at it. An entry is on the list at most once; a null entry is ignored.
+void mldrt_mark_changed(mldrt_mfdb_entry* e);
+// The oldest changed entry, taken off the list; nullptr when none is left.
+mldrt_mfdb_entry* mldrt_take_changed();
+// Queues the entry's next upstream retransmission for `due_ms`, unless one is queued already
+// (it then keeps its time: the copy carries the records as they stand when it leaves).
+void mldrt_queue_retransmission(mldrt_mfdb_entry* e, uint64_t due_ms);
+// The queued entry whose retransmission is due first (still queued); nullptr when none.
+mldrt_mfdb_entry* mldrt_first_retransmission();
+// Takes the entry off both lists (its retransmissions are done, or it is being deleted).
+void mldrt_forget_entry_work(mldrt_mfdb_entry* e);
+// Empties both lists (a fresh router).
+void mldrt_clear_work_lists();
+
 // --- Timer pass ---
-// Removes groups, members and forwarding entries that have nothing left.
-void mldrt_update_group_state(mldrt_router* r);
+// Deletes the entry, and the empty groups mapped to it, when nothing needs it any more: no
+// upstream retransmission due, no forwarding record, no group with state left on any link.
+// True when the entry is gone.
+bool mldrt_remove_if_unused(mldrt_router* r, mldrt_mfdb_entry* e);
 // One tick for every group of one interface. `flag` tells the caller apart and changes nothing.
 void mldrt_update_memberships(mldrt_router* r, mldrt_interface* ifp, int flag);
 // One aging step of a group's query retransmission lists.

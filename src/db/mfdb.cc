@@ -94,6 +94,7 @@ mldrt_mfdb_entry* mldrt_add_mfdb_entry(mldrt_router* r, const uint8_t* grp) {
 void mldrt_delete_mfdb_entry(mldrt_router* r, mldrt_mfdb_entry* e) {
     (void)r;
     mldrt_index_remove(e);
+    mldrt_forget_entry_work(e);
     free_host_state(&e->old_host_state);
     free_host_state(&e->new_host_state);
     // Whatever the lists still hold goes with the entry, so nothing is ever leaked.
@@ -128,6 +129,7 @@ void mldrt_create_gr_mfd_mapping(mldrt_router* r, mldrt_group* g, mldrt_mfdb_ent
         return;
     }
     g->mfdb = e;
+    mldrt_mark_changed(e);  // a new group on a link: even an empty one must be looked at
     if (!e->fwinfo_list) {
         mldrt_add_k_membership();
     }

@@ -189,6 +189,18 @@ mldrt_src** mldrt_select_srclist(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t l
     }
 }
 
+namespace {
+
+// The INCLUDE, requested and excluded lists make a link's listener state, which the upstream
+// host state is merged from; the query retransmission lists do not.
+void note_listener_change(const mldrt_group* g, uint32_t ltype) {
+    if (g && ltype <= MLDRT_L_EXC) {
+        mldrt_mark_changed(g->mfdb);
+    }
+}
+
+}  // namespace
+
 mldrt_src* mldrt_add_src_to_group(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype,
                                   const uint8_t* src) {
     mldrt_src** list = mldrt_select_srclist(g, e, ltype);
@@ -209,6 +221,7 @@ mldrt_src* mldrt_add_src_to_group(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t 
     if (s) {
         s->next = *list;
         *list = s;
+        note_listener_change(g, ltype);
     }
     return s;
 }
@@ -231,6 +244,7 @@ int mldrt_del_src_from_group(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype
         return -1;
     }
     mldrt_remove_entry_from_srclist(list, src);
+    note_listener_change(g, ltype);
     return 0;
 }
 

@@ -51,9 +51,8 @@ void retransmit_source_queries(mldrt_router* r, mldrt_interface* ifp, mldrt_grou
     mldrt_clean_grp_rtx_lists(g);
 }
 
-// INCLUDE mode: sources age and leave with their forwarding. True when the list emptied.
-bool age_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
-    bool emptied = false;
+// INCLUDE mode: sources age and leave with their forwarding.
+void age_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     mldrt_src* next = nullptr;
     for (mldrt_src* s = g->include_list; s; s = next) {
         next = s->next;
@@ -64,9 +63,7 @@ bool age_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
         uint8_t addr[16];
         std::memcpy(addr, s->src_addr, sizeof addr);
         mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, addr, ifp);
-        emptied = emptied || !g->include_list;
     }
-    return emptied;
 }
 
 // Takes this interface out of the group-wide (*,G) forwarding.
@@ -87,8 +84,8 @@ void withdraw_whole_group(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g)
 }
 
 // Filter timer expiry (RFC 3810 section 7.5): back to INCLUDE with the requested sources,
-// each restarted at GMI. True when the group is left with no source at all.
-bool expire_filter(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+// each restarted at GMI.
+void expire_filter(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, ifp);
     if (mldrt_lookup_src_in_grplist(g->req_list, MLDRT_ADDR_ANY)) {
         withdraw_whole_group(r, ifp, g);
@@ -104,7 +101,7 @@ bool expire_filter(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     if (g->mfdb) {
         g->mfdb->exclude_count--;
     }
-    return !g->include_list;
+    mldrt_mark_changed(g->mfdb);
 }
 
 // EXCLUDE mode, filter timer running: requested sources that run out become excluded.
@@ -124,26 +121,34 @@ void age_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     }
 }
 
-// One tick of one group; true when the group was left with no source, so that the upstream must
-// hear of it and the database needs the removal pass afterwards.
-bool tick_group(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
-    retransmit_group_query(r, ifp, g);
-    retransmit_source_queries(r, ifp, g);
+// One second of the group's source and filter timers.
+void age_group(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     if (g->fmode == MLDRT_INCLUDE) {
-        return age_include(r, ifp, g);
-    }
-    if (g->fmode == MLDRT_EXCLUDE) {
+        age_include(r, ifp, g);
+    } else if (g->fmode == MLDRT_EXCLUDE) {
         if (g->ftimer < 2) {
-            return expire_filter(r, ifp, g);
+            expire_filter(r, ifp, g);
+        } else {
+            age_exclude(r, ifp, g);
         }
-        age_exclude(r, ifp, g);
     }
-    return false;
 }
 
 bool removable(const mldrt_group* g) {
     return g->fmode == MLDRT_INCLUDE && !g->include_list && g->grp_rtx_count <= 0 &&
            g->src_rtx_count <= 0;
+}
+
+// One tick of one group: its query retransmissions, then its timers.
+void tick_group(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+    // A group that was left empty with its last query sent a tick ago can go: its entry is
+    // looked at again for that. The tick between gives hosts time to answer that query.
+    if (removable(g)) {
+        mldrt_mark_changed(g->mfdb);
+    }
+    retransmit_group_query(r, ifp, g);
+    retransmit_source_queries(r, ifp, g);
+    age_group(r, ifp, g);
 }
 
 void free_group(mldrt_group* g) {
@@ -191,6 +196,7 @@ void release_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
     if (g->fmode == MLDRT_EXCLUDE && g->mfdb && g->mfdb->exclude_count > 0) {
         g->mfdb->exclude_count--;
     }
+    mldrt_mark_changed(g->mfdb);
     free_group(g);
 }
 
@@ -213,20 +219,10 @@ void mldrt_clean_grp_rtx_lists(mldrt_group* g) {
 
 void mldrt_update_memberships(mldrt_router* r, mldrt_interface* ifp, int flag) {
     (void)flag;
-    bool removal_due = false;
     mldrt_group* next = nullptr;
     for (mldrt_group* g = ifp->groups; g; g = next) {
         next = g->next;
-        removal_due |= tick_group(r, ifp, g);
-    }
-    // Once after the walk rather than for every group that emptied: each pass merges every
-    // entry, so a tick in which thousands of groups time out together (a link whose hosts all
-    // went away, the end of a report storm) would cost their number squared. The upstream still
-    // hears of every change in this tick and before anything is removed. Removal frees groups,
-    // so it too runs once the walk no longer stands on any of them.
-    if (removal_due) {
-        mldrt_update_host_state(r);
-        mldrt_update_group_state(r);
+        tick_group(r, ifp, g);
     }
 }
 
@@ -234,34 +230,23 @@ void mldrt_cleanup_memberships(mldrt_router* r) {
     for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
         mldrt_update_memberships(r, ifp, 1);
     }
+    mldrt_report_changes(r);
 }
 
-void mldrt_update_group_state(mldrt_router* r) {
-    mldrt_mfdb_entry* next = nullptr;
-    for (mldrt_mfdb_entry* e = r->mfdb_list; e; e = next) {
-        next = e->next;
-        // Upstream reports still under way: nothing is removed until they are sent.
-        if (mldrt_pending_host_state_update(e)) {
-            return;
-        }
-        if (e->fwinfo_list || release_unused_groups(r, e)) {
-            continue;
-        }
-        mldrt_delete_k_membership();  // the upstream leave
-        mldrt_delete_mfdb_entry(r, e);
+bool mldrt_remove_if_unused(mldrt_router* r, mldrt_mfdb_entry* e) {
+    // Upstream reports still under way: nothing is removed until they are sent.
+    if (mldrt_pending_host_state_update(e) || e->fwinfo_list || release_unused_groups(r, e)) {
+        return false;
     }
+    mldrt_delete_k_membership();  // the upstream leave
+    mldrt_delete_mfdb_entry(r, e);
+    return true;
 }
 
+// The groups' changes reach the upstream through the changed list, which the event loop merges
+// after this batch of netlink messages; the entries stay until that report has gone.
 void mldrt_release_interface_groups(mldrt_router* r, mldrt_interface* ifp) {
-    if (!ifp->groups) {
-        return;
-    }
     while (ifp->groups) {
         release_group(r, ifp->groups, ifp);
-    }
-    // The upstream hears of the change before the forwarding entries can go. Not at shutdown:
-    // the router is no longer active then.
-    if (r->upstream && r->active) {
-        mldrt_update_host_state(r);
     }
 }

@@ -91,7 +91,7 @@ void fill_record(mldrt_router* r, mldrt_interface* ifp, const mldrt_interface_de
     }
     ifp->ifindex = desc->ifindex;
     ifp->query_interval = r->query_interval;
-    ifp->query_timer = r->query_interval;
+    ifp->query_due_ms = 0;  // the first general query leaves as soon as the link has started
     ifp->query_response_interval = r->query_response_interval;
     ifp->mifi = mifi;
     ifp->mld_version = 2;

@@ -20,9 +20,11 @@ struct mldrt_interface {
     int32_t mld_version;  // 1 or 2: the last query heard on the link decides
     int32_t querier;
     uint32_t query_interval;
-    uint32_t query_timer;
+    uint64_t query_due_ms;  // the next general query (monotonic milliseconds)
     uint32_t query_response_interval;
     uint32_t startup_query_count;
+    uint32_t announce_left;    // start-up report rounds still to send
+    uint64_t announce_due_ms;  // when the next round leaves
     mldrt_group* groups;
     mldrt_addr_index<mldrt_group> group_index;  // beside groups
     mldrt_interface* next;

@@ -6,10 +6,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
-#include "core/input_thread.h"
+#include "core/clock.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"
@@ -29,6 +30,12 @@ static_assert(sizeof(ifaddrmsg) == kIfAddrLen, "address message header is 8 byte
 
 uint32_t g_nl_seq = 0;
 
+// The dump under way on the netlink socket. The kernel runs one dump per socket at a time, so
+// the address dump is asked for when the link dump ends, and a dump wanted meanwhile waits.
+enum class dump : uint8_t { none, links, addresses };
+dump g_dump = dump::none;
+bool g_dump_again = false;
+
 uint32_t align4(uint32_t n) {
     return (n + 3u) & ~3u;
 }
@@ -46,16 +53,38 @@ uint32_t rta_payload_len(const rtattr* rta) {
     return rta_header(rta).rta_len - kRtaHdrLen;
 }
 
-// Every batch after the first link dump restarts the input thread, so that it watches the
-// sockets of interfaces created meanwhile and takes their start-up actions.
-void request_restart(mldrt_router* r) {
-    uc_restart_rt_input_thread = 1;
-    r->running = 0;
+void request_dump(mldrt_router* r, int type) {
+    if (scan_available_interfaces(&r->netlink_sock, type) == 0) {
+        g_dump = type == RTM_GETLINK ? dump::links : dump::addresses;
+    }
 }
 
+// Links first, then their addresses: a link's record is made once its link-local address is
+// known. A dump asked for while another ran (after lost notifications) starts afterwards.
 void end_of_dump(mldrt_router* r) {
-    mld_init_scan_link = 0;
-    request_restart(r);
+    dump ended = g_dump;
+    g_dump = dump::none;
+    if (ended == dump::links) {
+        request_dump(r, RTM_GETADDR);
+    } else if (g_dump_again) {
+        g_dump_again = false;
+        request_dump(r, RTM_GETLINK);
+    }
+}
+
+// The socket's queue overflowed and notifications were lost: the kernel's whole picture is
+// asked for again, so no link or address change is missed for good.
+void resynchronise(mldrt_router* r) {
+    if (g_dump == dump::none) {
+        request_dump(r, RTM_GETLINK);
+    } else {
+        g_dump_again = true;
+    }
+}
+
+bool has_address(const mldrt_sysif* entry) {
+    static const uint8_t none[16] = {};
+    return std::memcmp(entry->addr, none, sizeof none) != 0;
 }
 
 void copy_link_name(mldrt_sysif* entry, const rtattr* attr) {
@@ -88,8 +117,15 @@ void handle_one_message(mldrt_router* r, const nlmsghdr* hdr, const uint8_t* msg
 
 }  // namespace
 
+int mldrt_start_netlink(mldrt_router* r) {
+    g_dump = dump::none;
+    g_dump_again = false;
+    request_dump(r, RTM_GETLINK);
+    return g_dump == dump::links ? 0 : -1;
+}
+
 int scan_available_interfaces(int32_t* sockp, int type) {
-    if (type == RTM_GETLINK) {
+    if (type == RTM_GETLINK && *sockp <= 0) {
         int s = socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
         if (s < 0) {
             printf("MLDRT: Can't open bcast socket %d\n", s);
@@ -120,11 +156,14 @@ int scan_available_interfaces(int32_t* sockp, int type) {
     return 0;
 }
 
-int mldrt_handle_interface(mldrt_router* r) {
+bool mldrt_handle_interface(mldrt_router* r) {
     ssize_t n = recv(r->netlink_sock, r->nl_buf, r->nl_buf_size, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (n < 0) {
-        end_of_dump(r);
-        return 0;
+        if (errno != ENOBUFS) {
+            return false;
+        }
+        resynchronise(r);
+        return true;  // the queue still holds what came after the overflow
     }
     uint32_t left = static_cast<uint32_t>(n);
     const uint8_t* p = r->nl_buf;
@@ -134,16 +173,11 @@ int mldrt_handle_interface(mldrt_router* r) {
         if (hdr.nlmsg_len < kNlHdrLen || hdr.nlmsg_len > left) {
             break;
         }
-        if (hdr.nlmsg_type == NLMSG_DONE) {
-            mldrt_take_startup_actions(r);
-            end_of_dump(r);
-            return 0;  // whatever follows in this batch is dropped
+        if (hdr.nlmsg_type == NLMSG_DONE || hdr.nlmsg_type == NLMSG_ERROR) {
+            end_of_dump(r);  // a refused request ends its dump as an empty one would
+        } else {
+            handle_one_message(r, &hdr, p);
         }
-        if (hdr.nlmsg_type == NLMSG_ERROR) {
-            end_of_dump(r);
-            return 0;
-        }
-        handle_one_message(r, &hdr, p);
         uint32_t step = align4(hdr.nlmsg_len);
         if (step >= left) {
             break;
@@ -151,14 +185,7 @@ int mldrt_handle_interface(mldrt_router* r) {
         p += step;
         left -= step;
     }
-    if (mld_init_scan_link == 0) {
-        request_restart(r);
-    } else {
-        // The first link dump may come in several batches: keep reading it in this thread.
-        uc_restart_rt_input_thread = 0;
-        r->running = 1;
-    }
-    return 0;
+    return true;
 }
 
 void parse_rtatable(const rtattr** tb, int max, const rtattr* rta, uint32_t len) {
@@ -195,23 +222,26 @@ void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, mldrt_
     if (tb[IFLA_IFNAME] && tb[IFLA_MTU] && usable) {
         entry = mldrt_sysif_get(static_cast<uint32_t>(ifi.ifi_index));
     }
-    if (entry) {
-        // A link message forgets the address: the address dump after the restart refills it.
-        uint32_t ifindex = entry->ifindex;
-        std::memset(entry, 0, sizeof *entry);
-        entry->state = MLDRT_SYSIF_FILLED;
-        entry->ifindex = ifindex;
-        copy_link_name(entry, tb[IFLA_IFNAME]);
-        entry->event = is_new ? MLDRT_SYSIF_NEWLINK : MLDRT_SYSIF_DELLINK;
-        entry->up = (ifi.ifi_flags & IFF_UP) ? 1 : 0;
-        if (!is_new) {
-            mldrt_handle_sysif(r, entry);
-            mldrt_sysif_remove(ifindex);
-        }
+    if (!entry) {
+        return;
     }
-    r->running = 0;
-    g_scan_ifaddr = 1;
-    uc_restart_rt_input_thread = 1;
+    // The link keeps the address it had: addresses come and go by address messages alone.
+    uint32_t ifindex = entry->ifindex;
+    uint8_t addr[16];
+    std::memcpy(addr, entry->addr, sizeof addr);
+    std::memset(entry, 0, sizeof *entry);
+    entry->state = MLDRT_SYSIF_FILLED;
+    entry->ifindex = ifindex;
+    std::memcpy(entry->addr, addr, sizeof addr);
+    copy_link_name(entry, tb[IFLA_IFNAME]);
+    entry->event = is_new ? MLDRT_SYSIF_NEWLINK : MLDRT_SYSIF_DELLINK;
+    entry->up = (ifi.ifi_flags & IFF_UP) ? 1 : 0;
+    if (!is_new) {
+        mldrt_handle_sysif(r, entry);
+        mldrt_sysif_remove(ifindex);
+    } else if (has_address(entry)) {
+        mldrt_handle_sysif(r, entry);
+    }
 }
 
 void handle_intf_addr_event(int, const uint8_t* msg, uint32_t len, mldrt_router* r) {
@@ -235,7 +265,6 @@ void handle_intf_addr_event(int, const uint8_t* msg, uint32_t len, mldrt_router*
             mldrt_handle_sysif(r, entry);
         }
     }
-    request_restart(r);
 }
 
 void mldrt_handle_sysif(mldrt_router* r, mldrt_sysif* entry) {
@@ -278,15 +307,14 @@ void mldrt_handle_interface_up(mldrt_router* r, const mldrt_sysif* entry) {
     if (ifp->is_upstream) {
         r->upstream = ifp;
         r->active = 1;
-        // Every querier sends a general query at the next tick.
+        // Every querier sends a general query at once.
+        uint64_t now = mldrt_now_ms();
         for (mldrt_interface* it = r->interfaces; it; it = it->next) {
-            it->query_timer = r->query_interval;
+            it->query_due_ms = now;
         }
         mldrt_rewrite_kernel_forwarding(r);
-        // The new upstream hears the whole state at once, not at a tick that link events may
-        // keep putting off.
+        // The new upstream hears the whole state in the merge after this netlink batch.
         mldrt_restart_host_state(r);
-        mldrt_update_host_state(r);
     }
 }
 

@@ -46,11 +46,15 @@ void mldrt_sysif_remove(uint32_t ifindex);
 
 constexpr uint32_t MLDRT_NL_GROUPS = 0x101;  // RTMGRP_LINK | RTMGRP_IPV6_IFADDR
 
-// Opens and binds the netlink socket into *sockp (link dump only) and sends a dump request of
-// `type` (RTM_GETLINK or RTM_GETADDR).
+// Opens and binds the netlink socket into *sockp (for a link dump, when none is open) and sends a
+// dump request of `type` (RTM_GETLINK or RTM_GETADDR).
 int scan_available_interfaces(int32_t* sockp, int type);
-// Reads and handles one batch from the netlink socket; always 0.
-int mldrt_handle_interface(mldrt_router* r);
+// Starts the start-up dumps: links, then (when the link dump ends) their addresses. 0 or -1.
+int mldrt_start_netlink(mldrt_router* r);
+// Reads and handles one batch from the netlink socket, at once: links come and go, and records,
+// MIFs and sockets with them, before the caller waits again. A dump's end asks for the next
+// dump; lost notifications (ENOBUFS) ask for both dumps again. False when nothing was waiting.
+bool mldrt_handle_interface(mldrt_router* r);
 
 void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, mldrt_router* r);
 void handle_intf_addr_event(int is_new, const uint8_t* msg, uint32_t len, mldrt_router* r);

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "core/clock.h"
 #include "core/router.h"
 
 struct mldrt_interface;
@@ -71,7 +72,9 @@ int mldrt_send_query(mldrt_router* r, mldrt_interface* ifp, const mldrt_query_pa
 int mldrt_send_mld_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
                           const uint8_t* records, uint32_t nrec, uint32_t len);
 
-// Counts the interface's general-query timer and sends a general query when it is due.
+// When the interface's next general query is due: MLDRT_NEVER unless it is a started querier.
+uint64_t mldrt_general_query_due(const mldrt_interface* ifp);
+// Sends a general query when the interface's is due and sets the time of the next one.
 // Returns the send's result, or 0 when nothing was sent.
 int mldrt_send_general_query(mldrt_router* r, mldrt_interface* ifp);
 

@@ -63,6 +63,7 @@ void mldrt_remove_from_req_and_exc(mldrt_router* r, mldrt_group* g, const mldrt_
 void mldrt_enter_exclude(mldrt_router* r, mldrt_group* g) {
     g->fmode = MLDRT_EXCLUDE;
     g->mfdb->exclude_count++;
+    mldrt_mark_changed(g->mfdb);
     g->ftimer = static_cast<int32_t>(mldrt_gmi(r));
 }
 

@@ -6,11 +6,14 @@
 
 #include "core/addr.h"
 #include "core/bytes.h"
+#include "core/clock.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "mld/mld.h"
 
 namespace {
+
+constexpr uint64_t kMinQueryGapMs = 100;
 
 // Hop-by-hop header: next header 0, length 0, Router Alert (type 5, length 2, value 0 = MLD,
 // RFC 2711), then PadN of length 0.
@@ -188,21 +191,24 @@ int mldrt_send_query(mldrt_router* r, mldrt_interface* ifp, const mldrt_query_pa
     return query_sent(send_on(ifp, q->dst, ifp->addr, len));
 }
 
+uint64_t mldrt_general_query_due(const mldrt_interface* ifp) {
+    return ifp->querier == 1 && ifp->started ? ifp->query_due_ms : MLDRT_NEVER;
+}
+
 int mldrt_send_general_query(mldrt_router* r, mldrt_interface* ifp) {
-    if (ifp->querier != 1 || ifp->started == 0) {
+    uint64_t now = mldrt_now_ms();
+    if (mldrt_general_query_due(ifp) > now) {
         return 0;
     }
-    ifp->query_timer++;
-    if (ifp->query_timer <= ifp->query_interval) {
-        return 0;
-    }
+    // Start-up queries are a Startup Query Interval, a quarter of the Query Interval, apart
+    // (RFC 3810 sections 9.6 and 9.7). The floor keeps a configured interval of 0 from turning
+    // the loop into a query storm.
+    uint64_t gap_ms = uint64_t{ifp->query_interval} * 1000u;
     if (ifp->startup_query_count != 0) {
-        // Start-up queries come about a quarter of the query interval apart (RFC 3810 9.7).
         ifp->startup_query_count--;
-        ifp->query_timer = ifp->query_interval - (r->query_interval >> 2);
-    } else {
-        ifp->query_timer = 1;
+        gap_ms = uint64_t{r->query_interval} * 1000u / 4u;
     }
+    ifp->query_due_ms = now + (gap_ms > kMinQueryGapMs ? gap_ms : kMinQueryGapMs);
     mldrt_query_params q{};
     std::memcpy(q.dst, MLDRT_ADDR_ALL_NODES, 16);
     return mldrt_send_query(r, ifp, &q);

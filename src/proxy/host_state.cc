@@ -156,11 +156,17 @@ void mldrt_take_host_state_change_actions(mldrt_router* r, mldrt_mfdb_entry* e) 
     mldrt_finish_host_state_update(r, e);
 }
 
-void mldrt_update_host_state(mldrt_router* r) {
-    for (mldrt_mfdb_entry* e = r->mfdb_list; e; e = e->next) {
+void mldrt_report_changes(mldrt_router* r) {
+    mldrt_report_builder batch;
+    mldrt_rb_init(&batch, r);
+    r->report_batch = &batch;
+    while (mldrt_mfdb_entry* e = mldrt_take_changed()) {
         mldrt_build_host_state(r, e);
         mldrt_take_host_state_change_actions(r, e);
+        mldrt_remove_if_unused(r, e);  // its records are in the batch already
     }
+    r->report_batch = nullptr;
+    mldrt_rb_flush(&batch);
 }
 
 void mldrt_restart_host_state(mldrt_router* r) {
@@ -174,5 +180,6 @@ void mldrt_restart_host_state(mldrt_router* r) {
         mldrt_free_srclist(&e->scr_to_in_list);
         mldrt_free_srclist(&e->scr_allow_list);
         mldrt_free_srclist(&e->scr_block_list);
+        mldrt_mark_changed(e);
     }
 }

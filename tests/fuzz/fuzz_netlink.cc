@@ -12,13 +12,14 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fake::fresh_router(1);
 
-    // The first byte picks the phase (first link dump or later); the rest is split into two
-    // batches at the second byte, so state carries from one batch to the next.
+    // Every input starts as the daemon does, with the link dump under way (which also resets
+    // the dump state). The first byte is left for the corpus; the rest is split into two batches
+    // at the second byte, so state carries from one batch to the next.
     if (size < 2) {
         mldrt_uninit(&router);
         return 0;
     }
-    mld_init_scan_link = data[0] & 1;
+    mldrt_start_netlink(&router);
     size_t cut = 2 + (size - 2) * data[1] / 256;
     fake::kernel().netlink_batches.emplace_back(data + 2, data + cut);
     fake::kernel().netlink_batches.emplace_back(data + cut, data + size);

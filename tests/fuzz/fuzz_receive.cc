@@ -57,12 +57,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             }
             mldrt_handle_mld_message(&router, ifp, router.buf, src, static_cast<int>(len));
         }
-        mldrt_tick(&router);
+        fake::run_second();
         data += len;
         size -= len;
     }
     for (int i = 0; i < 4; i++) {
-        mldrt_tick(&router);
+        fake::run_second();
     }
     router.active = 0;
     mldrt_cleanup_interfaces(&router);

@@ -58,9 +58,12 @@ TEST_F(ShutdownTest, DescriptorZeroIsNeverClosed) {
 
 using ShutdownDeathTest = ShutdownTest;
 
-TEST_F(ShutdownDeathTest, DoneEndsTheProcessWithStatusZero) {
+// A signal's end is a clean one (status 0); a start that failed after its message exits 1, so
+// that a service manager sees the failure and may try again.
+TEST_F(ShutdownDeathTest, ExitStatusTellsASignalFromAFailedStart) {
     add_link("eth1", 7, 0);
     EXPECT_EXIT(mldv2_done(), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(mldrt_fail_start(), testing::ExitedWithCode(1), "");
 }
 
 }  // namespace

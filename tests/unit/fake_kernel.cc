@@ -10,6 +10,7 @@
 #include <ctime>
 #include <string>
 
+#include "core/input_thread.h"
 #include "core/router.h"
 #include "db/db.h"
 #include "iface/interface.h"
@@ -31,7 +32,8 @@ namespace fake {
 
 namespace {
 kernel_state g_kernel;
-int64_t g_clock_base = 1700000000;  // an hour past the last reading at every reset()
+int64_t g_clock_base = 1700000000;    // an hour past the last reading at every reset()
+uint64_t g_monotonic_base = 5000000;  // milliseconds; likewise an hour on at every reset()
 
 bool is_fake(int fd) {
     return fd >= kFirstFakeFd;
@@ -64,6 +66,7 @@ kernel_state& kernel() {
 
 void reset() {
     g_clock_base += g_kernel.clock_seconds + 3600;  // never backwards
+    g_monotonic_base += g_kernel.monotonic_ms + 3600000;
     g_kernel = kernel_state{};
 }
 
@@ -71,9 +74,7 @@ void fresh_router(uint32_t robustness) {
     reset();
     mldrt_sysif_reset();
     mldrt_router_zero(&router);
-    uc_restart_rt_input_thread = 0;
-    g_scan_ifaddr = 0;
-    mld_init_scan_link = 0;
+    mldrt_clear_work_lists();
     g_stop_requested = 0;
     router.buf_size = MLDRT_BUF_SIZE;
     router.scratch_size = MLDRT_SCRATCH_SIZE;
@@ -99,6 +100,16 @@ mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {
     desc.addr[15] = static_cast<uint8_t>(ifindex);
     desc.ifindex = ifindex;
     return mld_add_interface(&router, &desc, mifi);
+}
+
+uint64_t monotonic_now_ms() {
+    return g_monotonic_base + g_kernel.monotonic_ms;
+}
+
+void run_second() {
+    g_kernel.monotonic_ms += 1000;
+    uint64_t next_tick = monotonic_now_ms();
+    mldrt_input_pass(&router, &next_tick);
 }
 
 int64_t clock_now() {
@@ -167,6 +178,8 @@ ssize_t __wrap_recv(int fd, void* buf, size_t len, int flags) {
     }
     g_kernel.recv_flags.push_back(flags);
     if (g_kernel.netlink_batches.empty()) {
+        errno = g_kernel.recv_errno;
+        g_kernel.recv_errno = EAGAIN;
         return -1;
     }
     std::vector<uint8_t> batch = std::move(g_kernel.netlink_batches.front());
@@ -260,10 +273,24 @@ int __wrap_select(int n, fd_set* r, fd_set* w, fd_set* e, timeval* t) {
         return __real_select(n, r, w, e, t);
     }
     fake::log_call("select");
+    if (t) {
+        g_kernel.select_timeouts.push_back(*t);
+    }
     if (g_kernel.select_result == 0 && t) {
         *t = timeval{0, 0};
     }
     return g_kernel.select_result;
+}
+
+int __real_clock_gettime(clockid_t id, timespec* ts);
+int __wrap_clock_gettime(clockid_t id, timespec* ts) {
+    if (id != CLOCK_MONOTONIC) {
+        return __real_clock_gettime(id, ts);
+    }
+    uint64_t ms = fake::monotonic_now_ms();
+    ts->tv_sec = static_cast<time_t>(ms / 1000u);
+    ts->tv_nsec = static_cast<long>(ms % 1000u * 1000000u);
+    return 0;
 }
 
 time_t __wrap_time(time_t* out) {

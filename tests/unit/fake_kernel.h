@@ -8,7 +8,9 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -58,7 +60,8 @@ struct kernel_state {
     std::vector<std::vector<uint8_t>> sent;            // send(): netlink requests
     std::vector<sent_message> sent_msgs;               // sendmsg()
     std::deque<std::vector<uint8_t>> netlink_batches;  // recv(): one batch per call
-    std::deque<datagram> datagrams;                    // recvmsg()
+    int recv_errno = EAGAIN;  // errno of the next recv() that finds no batch, then EAGAIN again
+    std::deque<datagram> datagrams;  // recvmsg()
     int bind_result = 0;
     std::vector<std::vector<uint8_t>> bound;  // the address of every bind(), as passed
     std::vector<int> recv_flags;              // flags of every recv() (netlink)
@@ -70,7 +73,11 @@ struct kernel_state {
     // time() answers a fake clock plus this many seconds. Every reset() moves the fake clock an
     // hour past its last reading, so a once-a-minute rate limit of an earlier test has lapsed.
     int64_t clock_seconds = 0;
+    // The monotonic clock (clock_gettime) answers a fake base plus this many milliseconds; the
+    // base too moves an hour on at every reset().
+    uint64_t monotonic_ms = 0;
     int select_result = 0;
+    std::vector<timeval> select_timeouts;  // what every select() was asked to wait
     // Every call in order, as "socket", "setsockopt 41/203", "close 503", ... for sequences.
     std::vector<std::string> log;
 };
@@ -89,6 +96,12 @@ mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi);
 
 // What time() returns now.
 int64_t clock_now();
+// What the monotonic clock says now, in milliseconds.
+uint64_t monotonic_now_ms();
+
+// One second of the daemon's event loop: the clock moves on a second and one pass runs with
+// nothing to read (the membership tick, what else is due, the merge of the changes).
+void run_second();
 
 // The setsockopt calls at one level and option, in order.
 std::vector<sockopt_call> sockopts(int level, int name);

@@ -166,13 +166,14 @@ TEST_F(InterfaceTest, RoleBufferAndCountsFollowNameMtuAndConfiguration) {
         mldrt_interface_desc d = desc_of(row.name, 7, "fe80::abcd");
         mldrt_interface* ifp = mld_add_interface(&router, &d, 4);
         ASSERT_NE(ifp, nullptr);
-        // Role, buffer and counts; a general query due at the first count; defaults as set.
-        EXPECT_EQ(std::vector<int64_t>({ifp->is_upstream, ifp->querier, ifp->buf_size,
-                                        ifp->startup_query_count, ifp->query_timer,
-                                        ifp->query_interval, ifp->query_response_interval,
-                                        ifp->mld_version, ifp->mifi, ifp->ifindex, ifp->started}),
-                  std::vector<int64_t>({row.is_upstream, 1 - row.is_upstream, row.buf_size,
-                                        row.startup_query_count, 125, 125, 10000, 2, 4, 7, 0}));
+        // Role, buffer and counts; a general query due as soon as it starts; defaults as set.
+        EXPECT_EQ(
+            std::vector<int64_t>({ifp->is_upstream, ifp->querier, ifp->buf_size,
+                                  ifp->startup_query_count, static_cast<int64_t>(ifp->query_due_ms),
+                                  ifp->query_interval, ifp->query_response_interval,
+                                  ifp->mld_version, ifp->mifi, ifp->ifindex, ifp->started}),
+            std::vector<int64_t>({row.is_upstream, 1 - row.is_upstream, row.buf_size,
+                                  row.startup_query_count, 0, 125, 10000, 2, 4, 7, 0}));
         EXPECT_EQ(ip6_text(router.upstream_addr), row.is_upstream ? "fe80::abcd" : "::");
         EXPECT_EQ(ip6_text(ifp->addr), "fe80::abcd");
         std::memset(ifp->buf, 0xa5, ifp->buf_size);  // ASan: the buffer really is that big

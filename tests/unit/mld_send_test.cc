@@ -268,18 +268,20 @@ TEST_F(SendTest, ReportsFitTheLinkAndFollowItsVersion) {
     }
 }
 
+// Robustness - 1 start-up queries a quarter of the query interval (125 s) apart, then one a
+// query interval apart (RFC 3810 sections 9.6 and 9.7); only a started querier sends them.
 TEST_F(SendTest, GeneralQueriesFollowTheStartupThenSteadySchedule) {
     struct Row {
         const char* name;
         uint32_t robustness;
         int querier;
         int started;
-        std::vector<int> ticks;
+        std::vector<uint64_t> at_ms;
     };
     const std::vector<Row> rows = {
-        {"Robustness1", 1, 1, 1, {1, 126, 251}},
-        {"Robustness2", 2, 1, 1, {1, 33, 158, 283}},
-        {"Robustness3", 3, 1, 1, {1, 33, 65, 190, 315}},
+        {"Robustness1", 1, 1, 1, {0, 125000, 250000}},
+        {"Robustness2", 2, 1, 1, {0, 31250, 156250, 281250}},
+        {"Robustness3", 3, 1, 1, {0, 31250, 62500, 187500, 312500}},
         {"NotQuerier", 2, 0, 1, {}},
         {"NotStarted", 2, 1, 0, {}},
     };
@@ -290,15 +292,16 @@ TEST_F(SendTest, GeneralQueriesFollowTheStartupThenSteadySchedule) {
         ifp->querier = row.querier;
         ifp->started = row.started;
         fake::kernel().sent_msgs.clear();
-        std::vector<int> ticks;
-        for (int tick = 1; tick <= 320; tick++) {
+        std::vector<uint64_t> at_ms;
+        for (uint64_t t = 0; t <= 320000; t += 250) {
             const size_t before = fake::kernel().sent_msgs.size();
             mldrt_send_general_query(&router, ifp);
             if (fake::kernel().sent_msgs.size() != before) {
-                ticks.push_back(tick);
+                at_ms.push_back(t);
             }
+            fake::kernel().monotonic_ms += 250;
         }
-        EXPECT_EQ(ticks, row.ticks);
+        EXPECT_EQ(at_ms, row.at_ms);
         for (const auto& [dst, p] : sent(ifp, true)) {
             EXPECT_EQ(dst, "ff02::1");
             EXPECT_EQ(p.size(), 28u);

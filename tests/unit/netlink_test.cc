@@ -86,7 +86,17 @@ class NetlinkTest : public RouterTest {
         router.nl_buf = static_cast<uint8_t*>(calloc(1, std::max<size_t>(batch.size(), 1)));
         router.nl_buf_size = static_cast<uint32_t>(batch.size());
         fake::kernel().netlink_batches.push_back(batch);
-        EXPECT_EQ(mldrt_handle_interface(&router), 0);
+        EXPECT_TRUE(mldrt_handle_interface(&router));
+    }
+    // The type of every dump request sent so far (18 links, 22 addresses).
+    static std::vector<int> requests() {
+        std::vector<int> types;
+        for (const auto& m : fake::kernel().sent) {
+            nlmsghdr h{};
+            std::memcpy(&h, m.data(), std::min(m.size(), sizeof h));
+            types.push_back(h.nlmsg_type);
+        }
+        return types;
     }
 };
 
@@ -191,7 +201,9 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
          {nl(RTM_NEWLINK, cat({ifi_bytes, rta(IFLA_IFNAME, "eth5", 4), rta(IFLA_MTU, &kMtu, 4)})),
           ll},
          "eth5 7"},
-        {"NLMSG_DONE drops what follows", {cat({eth1, nl(NLMSG_DONE, bytes(4, 0)), ll})}, ""},
+        {"what follows NLMSG_DONE is read",
+         {cat({eth1, nl(NLMSG_DONE, bytes(4, 0)), ll})},
+         "eth1 7"},
         {"message length below 16 stops the walk", {cat({below_16, eth1, ll})}, ""},
         {"message longer than the batch", {long_msg, ll}, ""},
         {"batch shorter than a header", {bytes(eth1.begin(), eth1.begin() + 10), ll}, ""},
@@ -241,42 +253,55 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
     }
 }
 
-TEST_F(NetlinkTest, EveryBatchAfterTheFirstLinkDumpRestartsTheInputThread) {
+// Links are applied where they are read; the start-up dumps follow one another (the kernel runs
+// one dump per socket at a time), and lost notifications ask for both dumps again.
+TEST_F(NetlinkTest, DumpsFollowOneAnotherAndLostNotificationsAskForThemAgain) {
     struct Row {
         const char* name;
-        int init_scan;
-        std::optional<bytes> batch;  // none: the read fails
-        int running, restart, scan_ifaddr, init_after;
+        std::vector<std::optional<bytes>> batches;  // none: the read fails with ENOBUFS
+        std::vector<int> requests;
+        bool eth1;  // a record for eth1 exists afterwards
     };
     const bytes eth1 = link(RTM_NEWLINK, 7, kUpMc, "eth1");
     const bytes done = nl(NLMSG_DONE, bytes(4, 0)), error = nl(NLMSG_ERROR, bytes(20, 0));
     const std::vector<Row> rows = {
-        {"link message", 0, eth1, 0, 1, 1, 0},
-        {"link message during the first dump", 1, eth1, 1, 0, 1, 1},
-        {"address message", 0, ll_addr(7), 0, 1, 0, 0},
-        {"unknown type during the first dump", 1, nl(RTM_NEWROUTE, bytes(12, 0)), 1, 0, 0, 1},
-        {"NLMSG_DONE ends the first dump", 1, cat({eth1, done}), 0, 1, 1, 0},
-        {"NLMSG_DONE drops the link after it", 1, cat({done, eth1}), 0, 1, 0, 0},
-        {"NLMSG_ERROR", 1, cat({error, eth1}), 0, 1, 0, 0},
-        {"failed read", 1, std::nullopt, 0, 1, 0, 0},
+        {"the link dump's end asks for the addresses", {cat({eth1, done})}, {18, 22}, false},
+        {"the address dump's end asks for nothing", {cat({eth1, done}), done}, {18, 22}, false},
+        {"a refused request ends its dump", {error}, {18, 22}, false},
+        {"what follows an end is still read", {cat({done, eth1, ll_addr(7)})}, {18, 22}, true},
+        {"a deleted link forgets its address: it comes back with its next one",
+         {cat({eth1, ll_addr(7)}), link(RTM_DELLINK, 7, kUpMc, "eth1"), ll_addr(7), eth1},
+         {18},
+         false},
+        {"lost notifications during a dump: both again after it",
+         {std::nullopt, done, done},
+         {18, 22, 18},
+         false},
+        {"lost notifications afterwards: both again at once",
+         {done, done, std::nullopt, done},
+         {18, 22, 18, 22},
+         false},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        router.running = 1;
-        uc_restart_rt_input_thread = 0;
-        g_scan_ifaddr = 0;
-        mld_init_scan_link = row.init_scan;
-        fake::kernel().recv_flags.clear();
-        if (row.batch) {
-            feed(*row.batch);
-        } else {
-            EXPECT_EQ(mldrt_handle_interface(&router), 0);
+        fake::fresh_router(2);
+        ASSERT_EQ(mldrt_start_netlink(&router), 0);
+        for (const auto& batch : row.batches) {
+            if (batch) {
+                feed(*batch);
+            } else {
+                fake::kernel().recv_errno = ENOBUFS;
+                EXPECT_TRUE(mldrt_handle_interface(&router));  // more may wait behind the loss
+            }
         }
-        EXPECT_EQ(router.running, row.running);
-        EXPECT_EQ(uc_restart_rt_input_thread, row.restart);
-        EXPECT_EQ(g_scan_ifaddr, row.scan_ifaddr);
-        EXPECT_EQ(mld_init_scan_link, row.init_after);
-        EXPECT_EQ(fake::kernel().recv_flags, std::vector<int>{MSG_DONTWAIT | MSG_NOSIGNAL});
+        EXPECT_FALSE(mldrt_handle_interface(&router));  // nothing left: the loop may wait
+        EXPECT_EQ(requests(), row.requests);
+        EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth1") != nullptr, row.eth1);
+        EXPECT_EQ(fake::kernel().recv_flags.back(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        while (router.interfaces) {
+            mldrt_delete_interface(router.interfaces);
+        }
+        mldrt_sysif_reset();
     }
 }
 
@@ -287,14 +312,15 @@ TEST_F(NetlinkTest, UpstreamActivatesTheRouterAndDeletedLinksLoseTheirMif) {
     int eth1_sock = eth1->sock;
     EXPECT_EQ(router.upstream, nullptr);
     EXPECT_EQ(router.active, 0);
-    eth1->query_timer = 3;
+    eth1->started = 1;
+    eth1->query_due_ms = fake::monotonic_now_ms() + 60000;
     feed(cat({link(RTM_NEWLINK, 2, kUpMc, "up0"), ll_addr(2, "fe80::2")}));
     mldrt_interface* up = mldrt_lookup_interface_name(&router, "up0");
     ASSERT_NE(up, nullptr);
     EXPECT_EQ(router.upstream, up);
     EXPECT_EQ(router.active, 1);
     EXPECT_EQ(up->mifi, 1);
-    EXPECT_EQ(eth1->query_timer, 125u);  // every querier sends a general query at the next tick
+    EXPECT_EQ(eth1->query_due_ms, fake::monotonic_now_ms());  // every querier's query is due now
     EXPECT_EQ(ip6_text(router.upstream_addr), "fe80::2");
     // A link going administratively down is a new-link message: the record stays.
     feed(link(RTM_NEWLINK, 7, IFF_MULTICAST, "eth1"));

@@ -92,11 +92,11 @@ TEST_F(QueryTest, GeneralQueryUpstreamAnswersEveryGroupInOneReport) {
 TEST_F(QueryTest, QueryDownstreamChangesNothingButTheLinkVersion) {
     mldrt_add_src_to_group(group(eth1, G1), nullptr, MLDRT_L_SRSP, src(1).data())->rtx_count = 2;
     const std::string before = describe(group(eth1, G1)) + describe(group(eth1, G2));
-    eth1->query_timer = 17;
+    eth1->query_due_ms = 17;
     hear(eth1, v2_query(kAny, {}), MLDRT_QUERY_V1_LEN);
     EXPECT_EQ(eth1->mld_version, 1);
     EXPECT_EQ(describe(group(eth1, G1)) + describe(group(eth1, G2)), before);
-    EXPECT_EQ(eth1->query_timer, 17u);
+    EXPECT_EQ(eth1->query_due_ms, 17u);
     EXPECT_EQ(group(eth1, G1)->srsp_list->rtx_count, 2);
     EXPECT_EQ(fake::kernel().log, texts{});
 }

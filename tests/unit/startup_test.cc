@@ -1,4 +1,5 @@
-#include <numeric>
+#include <algorithm>
+#include <string>
 
 #include "core/input_thread.h"
 #include "test_support.h"
@@ -67,78 +68,84 @@ TEST_F(StartupTest, UpstreamIsOnlyMarkedAndAStartedDownstreamEndsTheWalk) {
     EXPECT_TRUE(sent_on(up).empty());
 }
 
-TEST_F(StartupTest, ReportsAreSentRobustnessTimesPacedOverASecondAtMostTenCopies) {
+// The start-up reports go out in robustness rounds (at most ten) spread over about a second,
+// the first round at once with the first general query; the start-up queries follow a quarter
+// of the query interval apart (RFC 3810 section 9.7). Each line is "ms: message".
+TEST_F(StartupTest, StartupRoundsAndQueriesLeaveAtTheirDeadlines) {
     struct Row {
-        uint32_t robustness, copies;
-        uint64_t slept_usec;
+        uint32_t robustness, rounds;
+        uint64_t gap_ms;
     };
-    const std::vector<Row> rows = {
-        {3, 3, 3 * 2 * 333333}, {1, 1, 0}, {0, 0, 0}, {20, 10, 3 * 9 * 50000}, {4294967295u, 10, 0},
-    };
+    const std::vector<Row> rows = {{3, 3, 333}, {1, 1, 0}, {0, 0, 0}, {20, 10, 50}, {2, 2, 500}};
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << "robustness " << row.robustness);
-        two_links();
         router.robustness = row.robustness;
+        router.query_interval = 4;
+        two_links();
+        router.active = 1;
+        const uint64_t t0 = fake::monotonic_now_ms();
+        std::vector<std::string> got;
+        auto collect = [&] {
+            for (const std::string& m : sent_on(eth1)) {
+                got.push_back(std::to_string(fake::monotonic_now_ms() - t0) + ": " + m);
+            }
+            fake::kernel().sent_msgs.clear();
+        };
         mldrt_take_startup_actions(&router);
-        std::vector<std::string> want;
-        for (const char* g : {"ff02::1:ffbb:ccdd", "ff02::16", "ff02::2"}) {
-            want.insert(want.end(), row.copies, "143 " + std::string(g) + " to ff02::16");
+        collect();
+        uint64_t next_tick = t0 + 100000;  // no membership tick in this window
+        for (int ms = 1; ms <= 1500; ms++) {
+            fake::kernel().monotonic_ms++;
+            mldrt_input_pass(&router, &next_tick);
+            collect();
         }
-        want.push_back("130 :: to ff02::1");  // the first general query right after
-        EXPECT_EQ(sent_on(eth1), want);
+        std::vector<std::string> want;
+        for (uint32_t round = 0; round < row.rounds; round++) {
+            for (const char* g : {"ff02::1:ffbb:ccdd", "ff02::16", "ff02::2"}) {
+                want.push_back(std::to_string(round * row.gap_ms) + ": 143 " + g + " to ff02::16");
+            }
+            if (round == 0) {
+                want.push_back("0: 130 :: to ff02::1");
+            }
+        }
+        if (row.rounds == 0) {
+            want.push_back("0: 130 :: to ff02::1");
+        }
+        if (row.robustness != 1) {  // robustness - 1 start-up queries follow the first
+            want.push_back("1000: 130 :: to ff02::1");  // Startup Query Interval: 4 s / 4
+        }
+        std::stable_sort(want.begin(), want.end(), [](const std::string& a, const std::string& b) {
+            return std::stoul(a) < std::stoul(b);
+        });
+        EXPECT_EQ(got, want);
         EXPECT_EQ(eth1->started, 1);
         EXPECT_EQ(up->started, 1);
-        const auto& sleeps = fake::kernel().sleeps;
-        EXPECT_EQ(std::accumulate(sleeps.begin(), sleeps.end(), uint64_t{0}), row.slept_usec);
-        for (uint32_t s : sleeps) {
-            EXPECT_LE(s, 100000u);
-        }
         mldrt_delete_interface(eth1);
         mldrt_delete_interface(up);
-        fake::kernel().sent_msgs.clear();
-        fake::kernel().sleeps.clear();
     }
 }
 
-TEST_F(StartupTest, StopRequestEndsTheActionsLeavingTheInterfaceUnstarted) {
+// The loop waits for input no longer than until its next deadline: the membership tick, a
+// start-up round, a general query or an upstream retransmission.
+TEST_F(StartupTest, TheWaitEndsAtTheNextDeadline) {
+    router.robustness = 2;
+    router.query_interval = 125;
     two_links();
-    router.robustness = 3;
-    fake::kernel().on_usleep = [] { g_stop_requested = 1; };
+    router.active = 1;
+    const uint64_t t0 = fake::monotonic_now_ms();
+    uint64_t next_tick = t0 + 700;
+    auto wait_ms = [&] {
+        fake::kernel().select_timeouts.clear();
+        mldrt_input_pass(&router, &next_tick);
+        const timeval& t = fake::kernel().select_timeouts.at(0);
+        return static_cast<uint64_t>(t.tv_sec) * 1000u + static_cast<uint64_t>(t.tv_usec) / 1000u;
+    };
+    EXPECT_EQ(wait_ms(), 700u);  // nothing started yet: the tick
     mldrt_take_startup_actions(&router);
-    EXPECT_EQ(sent_on(eth1), std::vector<std::string>{"143 ff02::1:ffbb:ccdd to ff02::16"});
-    EXPECT_EQ(fake::kernel().sleeps.size(), 1u);
-    EXPECT_EQ(eth1->started, 0);
-}
-
-TEST_F(StartupTest, SleepsInStepsOfAtMost100msUntilAStopIsRequested) {
-    struct Row {
-        uint32_t usec;
-        int stop_at_call;  // 0: requested before; -1: never
-        std::vector<uint32_t> sleeps;
-        bool completed;
-    };
-    const std::vector<Row> rows = {
-        {0, -1, {}, true},
-        {50000, -1, {50000}, true},
-        {250000, -1, {100000, 100000, 50000}, true},
-        {1000000, -1, std::vector<uint32_t>(10, 100000), true},
-        {250000, 0, {}, false},
-        {250000, 2, {100000, 100000}, false},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.usec << " us, stop at " << row.stop_at_call);
-        fake::kernel().sleeps.clear();
-        g_stop_requested = row.stop_at_call == 0 ? 1 : 0;
-        int calls = 0;
-        fake::kernel().on_usleep = [&] {
-            if (++calls == row.stop_at_call) {
-                g_stop_requested = 1;
-            }
-        };
-        EXPECT_EQ(mldrt_sleep_unless_stopped(row.usec), row.completed);
-        EXPECT_EQ(fake::kernel().sleeps, row.sleeps);
-    }
-    fake::kernel().on_usleep = nullptr;
+    EXPECT_EQ(wait_ms(), 500u);  // the second start-up round
+    fake::kernel().monotonic_ms += 500;
+    EXPECT_EQ(wait_ms(), 0u);    // due now: it leaves in this pass
+    EXPECT_EQ(wait_ms(), 200u);  // the tick again
 }
 
 }  // namespace

@@ -11,12 +11,15 @@ using namespace ups;
 
 class TimersTest : public UpstreamTest {
   protected:
-    // The input thread's tick: the removal pass, then each interface's timer pass.
+    // One second of the event loop: each interface's timer pass, then the upstream work (the
+    // changes merged and reported, empty entries removed, retransmissions due).
     void tick() {
-        mldrt_update_group_state(&router);
         for (mldrt_interface* ifp = router.interfaces; ifp; ifp = ifp->next) {
             mldrt_update_memberships(&router, ifp, 0);
         }
+        mldrt_report_changes(&router);
+        fake::kernel().monotonic_ms += 1000;
+        mldrt_retransmit_due(&router, fake::monotonic_now_ms());
     }
     void add_to(mldrt_group* g, uint32_t ltype, int s, uint16_t rtx) {
         mldrt_add_src_to_group(g, g->mfdb, ltype, src(s).data())->rtx_count = rtx;
@@ -71,6 +74,7 @@ TEST_F(TimersTest, FilterTimerExpiryReturnsTheGroupToInclude) {
         make_group(eth2, G1, row.eth2_before, host);
         forget_kernel_calls();
         mldrt_update_memberships(&router, eth1, 0);
+        mldrt_report_changes(&router);  // the loop's merge after the timers: empty entries go
         EXPECT_EQ(describe(group(eth1, G1)), describe(row.eth1_after));
         EXPECT_EQ(mfc_calls(), row.kernel);
         EXPECT_EQ(router.del_mifi, 1u);
@@ -142,27 +146,22 @@ TEST_F(TimersTest, GroupOutlivesItsLastSourceUntilItsRetransmissionsAreSent) {
     EXPECT_EQ(queries_sent().size(), 2u);
 }
 
-// Upstream state-change reports still under way for an entry stop the whole pass: it and every
-// later entry wait for the next one.
-TEST_F(TimersTest, PendingHostStateReportsStopTheRemovalPass) {
+// Upstream state-change reports still under way keep their entry, and only theirs; the entry
+// goes once its last copy has left.
+TEST_F(TimersTest, PendingHostStateReportsKeepOnlyTheirEntry) {
     make_group(eth1, G2, include({}), host);
     make_group(eth1, G1, include({}), host);
-    ASSERT_EQ(router.mfdb_list, entry(G1));  // newest first
-
     entry(G1)->scr_to_in_cnt = 1;
-    mldrt_update_group_state(&router);
+    mldrt_report_changes(&router);
     EXPECT_NE(group(eth1, G1), nullptr);
-    EXPECT_NE(group(eth1, G2), nullptr);
+    EXPECT_EQ(group(eth1, G2), nullptr);
+    EXPECT_EQ(entry(G2), nullptr);
 
     entry(G1)->scr_to_in_cnt = 0;
-    entry(G2)->scr_to_in_cnt = 1;
-    mldrt_update_group_state(&router);
-    EXPECT_EQ(group(eth1, G1), nullptr);
-    EXPECT_EQ(entry(G1), nullptr);
-    EXPECT_NE(group(eth1, G2), nullptr);
-
-    entry(G2)->scr_to_in_cnt = 0;
-    mldrt_update_group_state(&router);
+    mldrt_report_changes(&router);
+    EXPECT_NE(entry(G1), nullptr);  // nothing marked it: it is not looked at
+    mldrt_mark_changed(entry(G1));
+    mldrt_report_changes(&router);
     EXPECT_EQ(router.mfdb_list, nullptr);
     EXPECT_EQ(eth1->groups, nullptr);
 }
@@ -212,7 +211,7 @@ TEST_F(TimersTest, ReleasingAnInterfaceWithdrawsOnlyItsForwarding) {
     EXPECT_EQ(entry(G1)->exclude_count, 1u);
     EXPECT_EQ(describe(group(eth2, G1)), describe(exclude({{0, 260}}, {}, 260)));
 
-    mldrt_update_group_state(&router);
+    mldrt_report_changes(&router);
     EXPECT_EQ(entry(G2), nullptr);
     EXPECT_NE(entry(G1), nullptr);
 }
@@ -243,21 +242,15 @@ TEST_F(TimersTest, InterfaceDownReleasesItsGroupsBeforeTheRecordIsFreed) {
 // retransmission) and keeps the entry until the last copy is sent.
 TEST_F(TimersTest, InterfaceDownTellsTheUpstreamBeforeTheEntryGoes) {
     make_group(eth1, G1, exclude({{0, 260}}, {}, 260), host);
-    mldrt_update_host_state(&router);  // the upstream is told EXCLUDE{} for G1,
-    mldrt_clean_host_state(&router);   // twice
+    UpstreamTest::tick();  // the upstream is told EXCLUDE{} for G1, twice
+    UpstreamTest::tick();
     forget_kernel_calls();
     mldrt_sysif link{};
     std::strcpy(link.name, "eth1");
     mldrt_handle_interface_down(&router, &link);
-    EXPECT_EQ(reports_sent(up), texts{"TO_IN G1 {}"});
-    mldrt_update_group_state(&router);
-    ASSERT_NE(entry(G1), nullptr);
-
-    tick();
-    mldrt_update_host_state(&router);
-    mldrt_clean_host_state(&router);
-    EXPECT_EQ(reports_sent(up), (texts{"TO_IN G1 {}", "TO_IN G1 {}"}));
-    tick();
+    EXPECT_EQ(UpstreamTest::tick(), (texts{"TO_IN G1 {}", "TO_IN G1 {}"}));
+    ASSERT_NE(entry(G1), nullptr);  // kept until the merge after its last copy
+    mldrt_report_changes(&router);
     EXPECT_EQ(router.mfdb_list, nullptr);
 }
 

@@ -147,11 +147,13 @@ class UpstreamTest : public ListenerTest {
         make_group(ifp, g, st, host);  // finds the group again and sets the lists
     }
 
-    // The input thread's host-state work of one tick; what it sent upstream.
+    // One second of the event loop's upstream work: the changes made since the last call go
+    // out at once, then the retransmissions that fall due in the second after; what was sent.
     texts tick() {
         fake::kernel().sent_msgs.clear();
-        mldrt_update_host_state(&router);
-        mldrt_clean_host_state(&router);
+        mldrt_report_changes(&router);
+        fake::kernel().monotonic_ms += 1000;
+        mldrt_retransmit_due(&router, fake::monotonic_now_ms());
         return reports_sent(up);
     }
 

@@ -1,0 +1,17 @@
+// The daemon's one clock: milliseconds on the monotonic clock, so that deadlines neither jump
+// with the wall clock nor stop while the machine is busy.
+#ifndef MLDPROXYD_CORE_CLOCK_H
+#define MLDPROXYD_CORE_CLOCK_H
+
+#include <cstdint>
+
+constexpr uint64_t MLDRT_NEVER = UINT64_MAX;  // a deadline that is not set
+
+uint64_t mldrt_now_ms();
+
+// The earlier of two deadlines.
+inline uint64_t mldrt_earlier(uint64_t a, uint64_t b) {
+    return a < b ? a : b;
+}
+
+#endif

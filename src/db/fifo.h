@@ -1,0 +1,61 @@
+// An intrusive first-in first-out list: a record carries its own links (members Next and Pprev,
+// Pprev null while the record is on no list), so queuing costs no allocation, a record is on a
+// list at most once, and it leaves in constant time when it is deleted.
+#ifndef MLDPROXYD_DB_FIFO_H
+#define MLDPROXYD_DB_FIFO_H
+
+template <typename T, T* T::*Next, T** T::*Pprev>
+class mldrt_fifo {
+  public:
+    mldrt_fifo() = default;
+    mldrt_fifo(const mldrt_fifo&) = delete;  // the tail points into the object itself
+    mldrt_fifo& operator=(const mldrt_fifo&) = delete;
+
+    static bool queued(const T* rec) { return rec->*Pprev != nullptr; }
+    T* front() const { return head_; }
+
+    // Appends `rec` unless it is queued already (it then keeps its place).
+    void push(T* rec) {
+        if (queued(rec)) {
+            return;
+        }
+        rec->*Next = nullptr;
+        rec->*Pprev = tail_;
+        *tail_ = rec;
+        tail_ = &(rec->*Next);
+    }
+
+    void remove(T* rec) {
+        if (!queued(rec)) {
+            return;
+        }
+        *(rec->*Pprev) = rec->*Next;
+        if (rec->*Next) {
+            (rec->*Next)->*Pprev = rec->*Pprev;
+        } else {
+            tail_ = rec->*Pprev;
+        }
+        rec->*Next = nullptr;
+        rec->*Pprev = nullptr;
+    }
+
+    // Takes the oldest record off the list; nullptr when it is empty.
+    T* pop() {
+        T* rec = head_;
+        if (rec) {
+            remove(rec);
+        }
+        return rec;
+    }
+
+    void clear() {
+        while (pop()) {
+        }
+    }
+
+  private:
+    T* head_ = nullptr;
+    T** tail_ = &head_;
+};
+
+#endif
