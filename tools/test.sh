@@ -298,10 +298,10 @@ run_without_config() { # command...
 
 # The stripped MIPS daemon (release flags) really starts on the target ABI (loader, libc, static
 # C++ runtime) and, like the build machine's daemon, prints exactly the configuration failure
-# message when the configuration file is missing, and exits with status 0.
+# message when the configuration file is missing, and exits with status 1.
 mips_daemon_smoke() {
   local x86 mips stripped=$SCRATCH/mldproxyd-mips-stripped want
-  want=$(printf '\nMLDRT: Can'"'"'t open file /etc/mld/mld.conf\nexit status 0')
+  want=$(printf '\nMLDRT: Can'"'"'t open file /etc/mld/mld.conf\nexit status 1')
   if [[ $(id -u) -ne 0 ]]; then
     say "daemon start-up under qemu-mips: skipped (needs root for unshare --mount)"
     SMOKE_NOTE="start-up under qemu skipped (not root)"
@@ -328,8 +328,8 @@ mips_daemon_smoke() {
   say "build-mips/mldproxyd, stripped, under qemu-mips without /etc/mld/mld.conf:"
   say "$mips"
   if [[ $x86 == "$mips" && $x86 == "$want" ]]; then
-    say "daemon start-up under qemu-mips: the configuration message and status 0, as on the build machine"
-    SMOKE_NOTE="stripped daemon under qemu: configuration message and status 0, as native"
+    say "daemon start-up under qemu-mips: the configuration message and status 1, as on the build machine"
+    SMOKE_NOTE="stripped daemon under qemu: configuration message and status 1, as native"
     add_counts 1 0 0
     return 0
   fi

@@ -2,7 +2,8 @@
 # Configuration failures of the real binary: a missing /etc/mld/mld.conf, ROBUSTNESS_VARIABLE 0
 # and no upstream interface each print their one message on standard output, byte for byte
 # (deployed scripts match these texts, leading newline and missing trailing newline included),
-# nothing on standard error, and end the daemon with status 0.
+# nothing on standard error, and end the daemon with status 1 (a failed start that a service
+# manager must see).
 #
 # The daemon runs in a namespace of its own (mldlab-cfg), so that a daemon that wrongly went on
 # could not touch the router's multicast routing.
@@ -40,7 +41,7 @@ config_message() {
     show_file "$err" 10 "standard error"
     return 1
   fi
-  [[ $status -eq 0 ]] || fail "exit status $status, want 0" || return 1
+  [[ $status -eq 1 ]] || fail "exit status $status, want 1" || return 1
   [[ -z $(lab_mifs "$NS") ]] || fail "MIFs were registered: $(lab_mifs "$NS" | tr '\n' ' ')" || return 1
 }
 
