@@ -22,7 +22,7 @@ config_message() {
   t_need_daemon || return 1
   # shellcheck disable=SC2059 # the expected text is written with printf escapes
   printf "$expected" >"$want"
-  lab_start_daemon -n "$NS" -c "$conf" -l "$out" -e "$err" || fail "the daemon did not start" || return 1
+  lab_start_daemon -x -n "$NS" -c "$conf" -l "$out" -e "$err" || fail "the daemon did not start" || return 1
   if ! lab_wait_exit "$LAB_DAEMON_PID" 15; then
     t_stop "$LAB_DAEMON_PID"
     fail "still running 15 s after start (it should have given up on its configuration)"
@@ -59,17 +59,17 @@ robustness_zero=$T_WORK/robustness-zero.conf
 printf 'UPSTREAM_IFNAME up0\nROBUSTNESS_VARIABLE 0\nQUERY_INTERVAL 4\n' >"$robustness_zero"
 
 if lab_down && lab_ns_create "$NS"; then
-  check missing_config_file_message_and_status_0 config_message missing '' \
+  check missing_config_file_message_and_status_1 config_message missing '' \
     "\\nMLDRT: Can't open file /etc/mld/mld.conf"
-  check robustness_0_message_and_status_0 config_message robustness0 "$robustness_zero" \
+  check robustness_0_message_and_status_1 config_message robustness0 "$robustness_zero" \
     '\nMLDRT: Robustness must be greater than 1'
-  check no_upstream_message_and_status_0 config_message noupstream "$no_upstream" \
+  check no_upstream_message_and_status_1 config_message noupstream "$no_upstream" \
     'MLDRT: Upstream interface not specified\n'
   check upstream_keyword_without_name_counts_as_none config_message upstreamnoname "$upstream_without_name" \
     'MLDRT: Upstream interface not specified\n'
 else
-  for name in missing_config_file_message_and_status_0 robustness_0_message_and_status_0 \
-    no_upstream_message_and_status_0 upstream_keyword_without_name_counts_as_none; do
+  for name in missing_config_file_message_and_status_1 robustness_0_message_and_status_1 \
+    no_upstream_message_and_status_1 upstream_keyword_without_name_counts_as_none; do
     printf 'not ok - %s: cannot create the namespace %s\n' "$name" "$(lab_ns "$NS")"
   done
 fi
