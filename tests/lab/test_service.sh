@@ -211,16 +211,17 @@ each_capability_needed() {
 caps_without() { tr ',' '\n' <<<"$CAPS" | grep -vx "$1" | paste -sd, -; }
 
 cannot_start_without() {
-  local drop=$1 want=$2 keep log=$T_WORK/daemon-without-$1.log
+  local drop=$1 want=$2 keep log=$T_WORK/daemon-without-$1.log status=0
   keep=$(caps_without "$drop")
-  lab_start_daemon -b "$BIN" -c "$CONF" -l "$log" -w "$(setpriv_cmd "$keep")" || fail "could not start the daemon without $drop" || return 1
+  lab_start_daemon -x -b "$BIN" -c "$CONF" -l "$log" -w "$(setpriv_cmd "$keep")" || fail "could not start the daemon without $drop" || return 1
   if ! lab_wait_exit "$LAB_DAEMON_PID" 10; then
     lab_stop_daemon KILL 5
     fail "the daemon kept running without $drop"
     return 1
   fi
-  wait "$LAB_DAEMON_PID" 2>/dev/null
-  say "without $drop (capabilities: ${keep:-none}): $(tr '\n' ' ' <<<"$(cat "$log")")"
+  wait "$LAB_DAEMON_PID" 2>/dev/null || status=$?
+  say "without $drop (capabilities: ${keep:-none}): $(tr '\n' ' ' <<<"$(cat "$log")") (exit status $status)"
+  [[ $status == 1 ]] || fail "without $drop the daemon ended with status $status, want 1 (a failed start)" || return 1
   grep -qxF "$want" "$log" || fail "without $drop the output is '$(head -c 200 "$log")', want the line '$want'" || return 1
   [[ -z $(lab_mifs) ]] || fail "MIFs registered without $drop: [$(t_mif_table)]"
 }
