@@ -284,8 +284,8 @@ TEST_F(NetlinkTest, DumpsFollowOneAnotherAndLostNotificationsAskForThemAgain) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        fake::fresh_router(2);
-        ASSERT_EQ(mldrt_start_netlink(&router), 0);
+        fake::kernel().sent.clear();
+        ASSERT_EQ(mldrt_start_netlink(&router), 0);  // also forgets the last row's dump
         for (const auto& batch : row.batches) {
             if (batch) {
                 feed(*batch);
