@@ -135,9 +135,13 @@ uint64_t next_deadline(const mldrt_router* r, uint64_t next_tick) {
     return mldrt_earlier(due, mldrt_next_retransmission_ms());
 }
 
+// The tick is never more than a second away, so the wait fits 32 bits (and 32-bit arithmetic).
 timeval time_until(uint64_t deadline) {
     uint64_t now = mldrt_now_ms();
-    uint64_t left = deadline > now ? deadline - now : 0;
+    uint32_t left = 0;
+    if (deadline > now) {
+        left = deadline - now > kTickMs ? kTickMs : static_cast<uint32_t>(deadline - now);
+    }
     return timeval{static_cast<time_t>(left / 1000u),
                    static_cast<suseconds_t>(left % 1000u * 1000u)};
 }
