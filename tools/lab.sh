@@ -49,6 +49,7 @@ LAB_UPSTREAM=up0
 
 # Set by lab_start_daemon and lab_stop_daemon.
 LAB_DAEMON_PID=''
+LAB_CONTROL_SOCKET=''  # the daemon's control socket (mldproxyd status -s ...)
 LAB_DAEMON_LOG=''
 LAB_DAEMON_ERR=''
 LAB_DAEMON_STATUS=''
@@ -272,7 +273,8 @@ EOF
 
 # lab_start_daemon [options]: start the daemon in a namespace of its own mount namespace, with
 # CONF bind-mounted at /etc/mld/mld.conf (a directory holding only that file is bound over
-# /etc/mld). Sets LAB_DAEMON_PID (the daemon, or strace with -s), LAB_DAEMON_LOG, LAB_DAEMON_ERR.
+# /etc/mld). Sets LAB_DAEMON_PID (the daemon, or strace with -s), LAB_DAEMON_LOG, LAB_DAEMON_ERR
+# and LAB_CONTROL_SOCKET (the daemon's control socket, one per namespace in $LAB_STATE/run).
 #   -c CONF    configuration file (default: the lab configuration); -c '' gives no file at all
 #   -b BINARY  daemon binary (default $LAB_DAEMON)
 #   -n NS      namespace short name (default the router's)
@@ -316,10 +318,14 @@ lab_start_daemon() {
     cp -- "$conf" "$etc/mld.conf" || return 1
   fi
   if [[ -f $etc/mld.conf ]]; then chmod 644 "$etc/mld.conf" || return 1; fi
-  local cmd=("$bin")
-  if [[ ${#wrap[@]} -gt 0 ]]; then cmd=("${wrap[@]}" "$bin"); fi
+  # A control socket per namespace, in a directory any user may write (the daemon may run as
+  # nobody), so that labs and daemons side by side never meet on /run/mldproxyd.sock.
+  mkdir -p "$LAB_STATE/run" && chmod 1777 "$LAB_STATE/run" || return 1
+  LAB_CONTROL_SOCKET=$LAB_STATE/run/$ns.sock
+  local cmd=("$bin" -s "$LAB_CONTROL_SOCKET")
+  if [[ ${#wrap[@]} -gt 0 ]]; then cmd=("${wrap[@]}" "$bin" -s "$LAB_CONTROL_SOCKET"); fi
   if [[ -n $straceout ]]; then
-    cmd=(strace -f -ttt -X raw -xx -e trace=setsockopt -o "$straceout" -- "$bin")
+    cmd=(strace -f -ttt -X raw -xx -e trace=setsockopt -o "$straceout" -- "$bin" -s "$LAB_CONTROL_SOCKET")
   fi
   # ip netns exec, unshare and sh all exec their successor: $! is the daemon's (or strace's) PID.
   ip netns exec "$(lab_ns "$ns")" unshare --mount --propagation private -- \

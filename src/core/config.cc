@@ -130,10 +130,10 @@ mldrt_config_result mldrt_read_config(mldrt_router* r, FILE* fp) {
     return ls.upstream_named ? MLDRT_CONFIG_OK : MLDRT_CONFIG_NO_UPSTREAM;
 }
 
-int mldrt_get_config(mldrt_router* r) {
-    FILE* fp = fopen(MLDRT_CONFIG_PATH, "r");
+int mldrt_get_config(mldrt_router* r, const char* path) {
+    FILE* fp = fopen(path, "r");
     if (!fp) {
-        printf("\nMLDRT: Can't open file %s", MLDRT_CONFIG_PATH);
+        printf("\nMLDRT: Can't open file %s", path);
         return -1;
     }
     mldrt_config_result result = mldrt_read_config(r, fp);

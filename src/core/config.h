@@ -37,8 +37,8 @@ uint32_t mldrt_atoi(const char* text);
 // Id of the keyword that equals `token` exactly, or MLDRT_OPT_NONE (also for no token).
 int mldrt_get_option(const char* token);
 
-// Reads "/etc/mld/mld.conf" into `r`: 0, or -1 after printing why.
-int mldrt_get_config(mldrt_router* r);
+// Reads the configuration file at `path` into `r`: 0, or -1 after printing why.
+int mldrt_get_config(mldrt_router* r, const char* path);
 
 // Reads an already open file into `r`, using r->buf as the line buffer; does not close it.
 mldrt_config_result mldrt_read_config(mldrt_router* r, FILE* fp);

@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "core/config.h"
+#include "core/control.h"
 #include "core/input_thread.h"
 #include "db/db.h"
 #include "iface/interface.h"
@@ -107,12 +108,13 @@ void join_input_thread(mldrt_router* r) {
 
 }  // namespace
 
-int mldv2_init(mldrt_router* r) {
+int mldv2_init(mldrt_router* r, const char* config_path, const char* control_path) {
     mldrt_router_zero(r);
     r->buf_size = MLDRT_BUF_SIZE;
     r->scratch_size = MLDRT_SCRATCH_SIZE;
     r->nl_buf_size = MLDRT_NL_BUF_SIZE;
-    if (!allocate_buffers(r) || mldrt_get_config(r) == -1 || !open_router_socket(r) ||
+    if (!allocate_buffers(r) || mldrt_get_config(r, config_path) == -1 ||
+        !mldrt_control_open(r, control_path) || !open_router_socket(r) ||
         mldrt_k_init(r->router_sock) == -1) {
         return -1;
     }
@@ -154,6 +156,7 @@ void mldrt_cleanup_interfaces(mldrt_router* r) {
 }
 
 void mldrt_uninit(mldrt_router* r) {
+    mldrt_control_close(r);
     if (r->router_sock > 0) {
         mldrt_k_stop(r->router_sock);
         close(r->router_sock);

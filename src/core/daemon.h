@@ -9,8 +9,9 @@
 
 #include "core/router.h"
 
-// Buffers, configuration, the router socket and its options, MRT6_INIT, the link dump request.
-int mldv2_init(mldrt_router* r);
+// Buffers, the configuration file, the control socket, the router socket and its options,
+// MRT6_INIT, the link dump request.
+int mldv2_init(mldrt_router* r, const char* config_path, const char* control_path);
 int mldrt_start_threads(mldrt_router* r);
 // Stops the input thread and waits until it has ended.
 void mldrt_stop_threads(mldrt_router* r);

@@ -6,6 +6,7 @@
 
 #include "core/addr.h"
 #include "core/clock.h"
+#include "core/control.h"
 #include "core/receive.h"
 #include "db/db.h"
 #include "iface/interface.h"
@@ -122,7 +123,7 @@ void announce_due(mldrt_router* r, mldrt_interface* ifp, uint64_t now) {
 // The earliest deadline of the loop: the tick, a link's next start-up round or general query,
 // an upstream retransmission.
 uint64_t next_deadline(const mldrt_router* r, uint64_t next_tick) {
-    uint64_t due = next_tick;
+    uint64_t due = mldrt_earlier(next_tick, mldrt_control_deadline(r));
     if (r->active != 1) {
         return due;
     }
@@ -205,11 +206,18 @@ void mldrt_tick(mldrt_router* r) {
 
 void mldrt_input_pass(mldrt_router* r, uint64_t* next_tick) {
     fd_set readable;
+    fd_set writable;
+    FD_ZERO(&writable);
     int maxfd = build_watched_set(r, &readable);
+    maxfd = mldrt_control_watch(r, &readable, &writable, maxfd);
     timeval wait = time_until(next_deadline(r, *next_tick));
-    if (select(maxfd + 1, &readable, nullptr, nullptr, &wait) > 0) {
+    if (select(maxfd + 1, &readable, &writable, nullptr, &wait) > 0) {
         handle_readable(r, &readable);
+    } else {
+        FD_ZERO(&readable);  // nothing ready: only the clients' deadlines are looked at
+        FD_ZERO(&writable);
     }
+    mldrt_control_serve(r, &readable, &writable);
     run_due(r, next_tick);
     // What this pass heard and what ran out in it reach the upstream before the next wait.
     if (r->active == 1) {

@@ -32,4 +32,6 @@ void mldrt_router_zero(mldrt_router* r) {
     std::memset(r->upstream_addr, 0, sizeof r->upstream_addr);
     std::memset(r->upstream_ifname, 0, sizeof r->upstream_ifname);
     std::memset(r->group_text, 0, sizeof r->group_text);
+    r->counters = mldrt_counters{};
+    r->control = nullptr;
 }

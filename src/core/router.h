@@ -14,6 +14,7 @@
 struct mldrt_interface;
 struct mldrt_mfdb_entry;
 struct mldrt_report_builder;
+struct mldrt_control;
 
 constexpr uint32_t MLDRT_BUF_SIZE = 2048;
 constexpr uint32_t MLDRT_SCRATCH_SIZE = 2048;
@@ -28,6 +29,14 @@ inline void mldrt_copy_ifname(char* dst, const char* src) {
     dst[len] = '\0';
 }
 constexpr int MLDRT_PROTO_ICMPV6 = 58;
+
+// Router-wide counts since the start, for `mldproxyd status`.
+struct mldrt_counters {
+    uint32_t malformed;       // MLD messages dropped as too short or inconsistent
+    uint32_t own;             // our own messages, looped back
+    uint32_t not_ours;        // messages for no link we serve, or of a kind we do not handle
+    uint32_t netlink_events;  // link and address messages read
+};
 
 struct mldrt_router {
     // Written by the main thread while the input thread runs, hence atomic.
@@ -58,6 +67,8 @@ struct mldrt_router {
     uint8_t upstream_addr[16];
     char upstream_ifname[MLDRT_IFNAME_LEN + 1];  // always terminated
     char group_text[48];
+    mldrt_counters counters;
+    mldrt_control* control;  // the control socket and its clients; null while there is none
 };
 
 extern mldrt_router router;

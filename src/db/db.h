@@ -125,8 +125,12 @@ constexpr uint32_t MLDRT_MAX_SOURCES = 64;       // entries per group source lis
 constexpr long MLDRT_LIMIT_REPORT_SECONDS = 60;  // one refusal line a minute at most
 // The resource limits, each with its own once-a-minute refusal line.
 enum mldrt_limit : uint32_t { MLDRT_LIMIT_GROUPS, MLDRT_LIMIT_MEMBERS, MLDRT_LIMIT_SOURCES };
-// Prints the refusal line for `limit` unless one was printed for it within the last minute.
+// Counts a refusal and prints the refusal line for `limit` unless one was printed for it within
+// the last minute.
 void mldrt_report_limit(mldrt_limit limit);
+// Refusals by `limit` since the start (or the last reset: a fresh router).
+uint32_t mldrt_limit_refusals(mldrt_limit limit);
+void mldrt_limit_reset();
 
 // --- Groups, members, sources ---
 mldrt_group* mldrt_lookup_group(mldrt_interface* ifp, const uint8_t* grp);

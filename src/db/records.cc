@@ -61,19 +61,37 @@ mldrt_src** host_state_list(mldrt_hs_state* hs) {
 
 }  // namespace
 
+namespace {
+
+struct limit_report {
+    const char* what;
+    uint32_t value;
+    bool reported;
+    time_t last;
+    uint32_t refusals;
+};
+limit_report g_limit_reports[] = {
+    {"groups", MLDRT_MAX_GROUPS, false, 0, 0},
+    {"members per group", MLDRT_MAX_MEMBERS, false, 0, 0},
+    {"sources per list", MLDRT_MAX_SOURCES, false, 0, 0},
+};
+
+}  // namespace
+
+uint32_t mldrt_limit_refusals(mldrt_limit limit) {
+    return g_limit_reports[limit].refusals;
+}
+
+void mldrt_limit_reset() {
+    for (limit_report& rep : g_limit_reports) {
+        rep.reported = false;
+        rep.refusals = 0;
+    }
+}
+
 void mldrt_report_limit(mldrt_limit limit) {
-    struct limit_report {
-        const char* what;
-        uint32_t value;
-        bool reported;
-        time_t last;
-    };
-    static limit_report reports[] = {
-        {"groups", MLDRT_MAX_GROUPS, false, 0},
-        {"members per group", MLDRT_MAX_MEMBERS, false, 0},
-        {"sources per list", MLDRT_MAX_SOURCES, false, 0},
-    };
-    limit_report& rep = reports[limit];
+    limit_report& rep = g_limit_reports[limit];
+    rep.refusals++;
     time_t now = time(nullptr);
     if (rep.reported && now - rep.last < MLDRT_LIMIT_REPORT_SECONDS) {
         return;

@@ -10,6 +10,15 @@
 
 struct mldrt_group;
 
+// What crossed one link since the daemon started, for `mldproxyd status`. MLDv1 reports and
+// dones count as reports.
+struct mldrt_link_counters {
+    uint32_t reports_in;
+    uint32_t queries_in;
+    uint32_t reports_out;
+    uint32_t queries_out;
+};
+
 struct mldrt_interface {
     uint8_t addr[16];                 // link-local address
     char name[MLDRT_IFNAME_LEN + 1];  // always terminated
@@ -32,6 +41,7 @@ struct mldrt_interface {
     int32_t started;
     uint8_t* buf;
     uint32_t buf_size;
+    mldrt_link_counters counters;
 };
 
 // What creation needs to know about a system interface.

@@ -101,7 +101,11 @@ bool is_link_local(const uint8_t* addr) {
 }
 
 void handle_one_message(mldrt_router* r, const nlmsghdr* hdr, const uint8_t* msg) {
-    switch (hdr->nlmsg_type) {
+    uint16_t type = hdr->nlmsg_type;
+    if (type == RTM_NEWLINK || type == RTM_DELLINK || type == RTM_NEWADDR || type == RTM_DELADDR) {
+        r->counters.netlink_events++;
+    }
+    switch (type) {
         case RTM_NEWLINK:
         case RTM_DELLINK:
             handle_intf_link_event(hdr->nlmsg_type != RTM_DELLINK, msg, hdr->nlmsg_len, r);

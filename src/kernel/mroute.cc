@@ -1,8 +1,11 @@
 #include "core/addr.h"
 #include "kernel/mroute.h"
 
+#include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -24,6 +27,18 @@ void fill_mf6cctl(mldrt_mf6cctl* mc, const uint8_t* group, const uint8_t* source
     std::memcpy(&mc->mf6cc_origin.sin6_addr, source, 16);
     std::memcpy(&mc->mf6cc_mcastgrp.sin6_addr, group, 16);
 }
+
+// The kernel's struct sioc_sg_req6 (linux/mroute6.h): the request names the entry, the answer
+// fills in its counts.
+struct sioc_sg_req6 {
+    sockaddr_in6 src;
+    sockaddr_in6 grp;
+    unsigned long pktcnt;
+    unsigned long bytecnt;
+    unsigned long wrong_if;
+};
+static_assert(offsetof(sioc_sg_req6, pktcnt) == 56, "the counts follow the two addresses");
+constexpr unsigned long kSiocGetSgCntIn6 = 0x89e1;  // SIOCPROTOPRIVATE + 1
 
 int set_mfc(int sock, int option, const mldrt_mf6cctl* mc) {
     return setsockopt(sock, MLDRT_K_LEVEL, option, mc, sizeof *mc);
@@ -121,4 +136,18 @@ int mldrt_add_k_membership() {
 
 int mldrt_delete_k_membership() {
     return 0;
+}
+
+bool mldrt_k_sg_counts(int sock, const uint8_t* group, const uint8_t* source,
+                       mldrt_sg_counts* out) {
+    sioc_sg_req6 req{};
+    req.src.sin6_family = AF_INET6;
+    req.grp.sin6_family = AF_INET6;
+    std::memcpy(&req.src.sin6_addr, source, 16);
+    std::memcpy(&req.grp.sin6_addr, group, 16);
+    if (ioctl(sock, kSiocGetSgCntIn6, &req) < 0) {
+        return false;
+    }
+    *out = mldrt_sg_counts{req.pktcnt, req.bytecnt, req.wrong_if};
+    return true;
 }

@@ -70,6 +70,16 @@ int mldrt_add_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source
 // Removes (source, group); silent for a specific source, which may never have been installed.
 int mldrt_delete_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source);
 
+// What the kernel counted for one forwarding entry (SIOCGETSGCNT_IN6).
+struct mldrt_sg_counts {
+    unsigned long packets;
+    unsigned long bytes;
+    unsigned long wrong_if;  // arrivals on a MIF other than the entry's parent
+};
+// The counts of (source, group), source :: for the (*,G) entry; false when the kernel has no
+// such entry.
+bool mldrt_k_sg_counts(int sock, const uint8_t* group, const uint8_t* source, mldrt_sg_counts* out);
+
 // Hooks where joining and leaving groups on the links would go; the proxy never joins, so they
 // do nothing.
 int mldrt_add_k_membership();

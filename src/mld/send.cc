@@ -29,7 +29,7 @@ void add_cmsg(msghdr* msg, cmsghdr* c, int type, const void* data, size_t len) {
 
 // One message from the interface buffer. A zero source lets the kernel choose one (reports);
 // queries name the interface's own link-local address.
-ssize_t send_on(const mldrt_interface* ifp, const uint8_t* dst, const uint8_t* src, uint32_t len) {
+ssize_t send_on(mldrt_interface* ifp, const uint8_t* dst, const uint8_t* src, uint32_t len) {
     sockaddr_in6 to{};
     to.sin6_family = AF_INET6;
     std::memcpy(&to.sin6_addr, dst, 16);
@@ -51,7 +51,12 @@ ssize_t send_on(const mldrt_interface* ifp, const uint8_t* dst, const uint8_t* s
     add_cmsg(&msg, c, IPV6_PKTINFO, &info, sizeof info);
     c = CMSG_NXTHDR(&msg, c);
     add_cmsg(&msg, c, IPV6_HOPOPTS, kRouterAlertHopOpts, sizeof kRouterAlertHopOpts);
-    return sendmsg(ifp->sock, &msg, MSG_DONTROUTE);
+    ssize_t rc = sendmsg(ifp->sock, &msg, MSG_DONTROUTE);
+    if (rc > 0) {
+        mldrt_link_counters& c = ifp->counters;
+        (ifp->buf[0] == MLDRT_TYPE_QUERY ? c.queries_out : c.reports_out)++;
+    }
+    return rc;
 }
 
 int query_sent(ssize_t rc) {

@@ -75,6 +75,7 @@ void fresh_router(uint32_t robustness) {
     mldrt_sysif_reset();
     mldrt_router_zero(&router);
     mldrt_clear_work_lists();
+    mldrt_limit_reset();
     g_stop_requested = 0;
     router.buf_size = MLDRT_BUF_SIZE;
     router.scratch_size = MLDRT_SCRATCH_SIZE;
@@ -133,7 +134,11 @@ using fake::is_fake;
 
 extern "C" {
 
+int __real_socket(int domain, int type, int protocol);
 int __wrap_socket(int domain, int type, int protocol) {
+    if (domain == AF_UNIX) {
+        return __real_socket(domain, type, protocol);  // the control socket is a real one
+    }
     fake::log_call("socket");
     if (g_kernel.socket_result != 0) {
         return g_kernel.socket_result;
@@ -261,6 +266,14 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
         return __real_ioctl(fd, request, arg);
     }
     fake::log_call("ioctl");
+    if (request == 0x89e1) {  // SIOCGETSGCNT_IN6: the counts of one forwarding entry
+        const fake::sg_answer& c = g_kernel.sg_counts;
+        auto* words = reinterpret_cast<unsigned long*>(static_cast<uint8_t*>(arg) + 56);
+        words[0] = c.packets;
+        words[1] = c.bytes;
+        words[2] = c.wrong_if;
+        return c.present ? 0 : -1;
+    }
     if (request != SIOCGIFMTU || g_kernel.mtu < 0) {
         return -1;
     }

@@ -49,6 +49,12 @@ struct datagram {
     bool with_pktinfo;
 };
 
+// What SIOCGETSGCNT_IN6 answers for every forwarding entry.
+struct sg_answer {
+    bool present;
+    unsigned long packets, bytes, wrong_if;
+};
+
 struct kernel_state {
     int next_fd = kFirstFakeFd;
     int socket_result = 0;  // non-zero: socket() fails with this result
@@ -66,7 +72,8 @@ struct kernel_state {
     std::vector<std::vector<uint8_t>> bound;  // the address of every bind(), as passed
     std::vector<int> recv_flags;              // flags of every recv() (netlink)
     std::vector<int> recvmsg_flags;           // flags of every recvmsg()
-    int mtu = 1500;                           // SIOCGIFMTU answer; negative: the ioctl fails
+    int mtu = 1500;
+    sg_answer sg_counts{};  // SIOCGIFMTU answer; negative: the ioctl fails
     uint64_t slept_usec = 0;
     std::vector<uint32_t> sleeps;     // every usleep() argument, in order
     std::function<void()> on_usleep;  // runs inside every usleep()

@@ -1,0 +1,31 @@
+// The command line:
+//   mldproxyd [-f FILE] [-s SOCKET]          run the proxy
+//   mldproxyd status [--json] [-s SOCKET]    show the running daemon's state
+//   mldproxyd --help | --version
+// and the status client, which asks the daemon over its control socket.
+#ifndef MLDPROXYD_CORE_CLI_H
+#define MLDPROXYD_CORE_CLI_H
+
+#include <cstdio>
+
+enum class mldrt_command { run, status, help, version, bad };
+
+struct mldrt_options {
+    mldrt_command command;
+    const char* config_path;  // -f; /etc/mld/mld.conf by default
+    const char* socket_path;  // -s; /run/mldproxyd.sock by default
+    bool json;                // status --json
+    const char* bad_word;     // the word that made the command line bad
+};
+
+// Exit status of a command line that could not be understood (usage printed).
+constexpr int MLDRT_EXIT_USAGE = 2;
+
+mldrt_options mldrt_parse_options(int argc, const char* const* argv);
+void mldrt_print_usage(FILE* out);
+void mldrt_print_version(FILE* out);
+// Connects to the daemon, prints its answer on standard output; the exit status: 0, or 1 when
+// no daemon answered (with a message on standard error).
+int mldrt_run_status_client(const mldrt_options& o);
+
+#endif

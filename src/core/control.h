@@ -1,0 +1,35 @@
+// The control socket: a Unix stream socket (mode 0600) on which `mldproxyd status` asks the
+// running daemon for its state. It only reports and never changes state. The event loop serves
+// it without ever blocking on it: one short request per connection ("status" or "status json",
+// ended by a newline), a reply, then the connection is closed; a client that sends nothing, too
+// much or garbage gets an error or is closed at its deadline, and a few clients at a time are
+// served (more are closed at once), so no client can hold back MLD.
+#ifndef MLDPROXYD_CORE_CONTROL_H
+#define MLDPROXYD_CORE_CONTROL_H
+
+#include <sys/select.h>
+
+#include <cstdint>
+
+#include "core/router.h"
+#include "core/text.h"
+
+constexpr const char* MLDRT_DEFAULT_SOCKET = "/run/mldproxyd.sock";
+
+// Opens the socket at `path`, replacing a stale one a crashed daemon left; refuses (false,
+// after a message) when another daemon answers there or a system call fails.
+bool mldrt_control_open(mldrt_router* r, const char* path);
+// Closes every connection and the socket, and removes the socket's file.
+void mldrt_control_close(mldrt_router* r);
+
+// Adds the control descriptors to the sets of the loop's wait; returns the new highest one.
+int mldrt_control_watch(const mldrt_router* r, fd_set* readable, fd_set* writable, int maxfd);
+// Accepts, reads, answers and closes as the sets allow, and drops clients past their deadline.
+void mldrt_control_serve(mldrt_router* r, const fd_set* readable, const fd_set* writable);
+// The earliest client deadline (MLDRT_NEVER when no client is connected).
+uint64_t mldrt_control_deadline(const mldrt_router* r);
+
+// The reply to one request line (without its newline): the status, or an error line.
+void mldrt_control_answer(mldrt_router* r, const char* request, mldrt_text* reply);
+
+#endif

@@ -1,0 +1,13 @@
+// What `mldproxyd status` shows of a running daemon: its links, the listeners on every
+// downstream link, the host state reported upstream, the kernel forwarding entries it wrote with
+// the kernel's packet counts, and its counters. As a table for a person or as one JSON object
+// (top-level keys "links", "upstream", "forwarding", "counters") for scripts.
+#ifndef MLDPROXYD_CORE_STATUS_H
+#define MLDPROXYD_CORE_STATUS_H
+
+#include "core/router.h"
+#include "core/text.h"
+
+void mldrt_render_status(mldrt_router* r, bool json, mldrt_text* out);
+
+#endif

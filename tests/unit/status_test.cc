@@ -1,0 +1,283 @@
+// What `mldproxyd status` shows and how the command line and the control socket behave: the
+// option parser, one golden output of the table and of the JSON object, and the control
+// socket's answers to good, unknown, oversized and silent clients.
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "core/cli.h"
+#include "core/control.h"
+#include "core/status.h"
+#include "upstream_support.h"
+
+namespace {
+
+using namespace ups;
+
+TEST(CommandLineTest, OptionsAndCommands) {
+    struct Row {
+        std::vector<const char*> args;
+        mldrt_command command;
+        const char* config;
+        const char* socket;
+        bool json;
+        const char* bad;
+    };
+    const char* conf = "/etc/mld/mld.conf";
+    const char* sock = "/run/mldproxyd.sock";
+    const auto run = mldrt_command::run, status = mldrt_command::status, bad = mldrt_command::bad;
+    const std::vector<Row> rows = {
+        {{}, run, conf, sock, false, nullptr},
+        {{"-f", "/tmp/a.conf", "-s", "/tmp/s"}, run, "/tmp/a.conf", "/tmp/s", false, nullptr},
+        {{"status"}, status, conf, sock, false, nullptr},
+        {{"status", "--json", "-s", "/x"}, status, conf, "/x", true, nullptr},
+        {{"--help"}, mldrt_command::help, conf, sock, false, nullptr},
+        {{"-h"}, mldrt_command::help, conf, sock, false, nullptr},
+        {{"--version"}, mldrt_command::version, conf, sock, false, nullptr},
+        {{"-f"}, bad, conf, sock, false, "-f"},
+        {{"-x"}, bad, conf, sock, false, "-x"},
+        {{"--json"}, bad, conf, sock, false, "--json"},         // only for status
+        {{"status", "-f", "a"}, bad, conf, sock, false, "-f"},  // status reads no file
+        {{"status", "extra"}, bad, conf, sock, false, "extra"},
+        {{"--help", "-f", "a"}, bad, conf, sock, false, "--help"},
+        {{"-s", "/y", "--version"}, bad, conf, "/y", false, "--version"},
+    };
+    for (const auto& row : rows) {
+        std::vector<const char*> argv = {"mldproxyd"};
+        argv.insert(argv.end(), row.args.begin(), row.args.end());
+        SCOPED_TRACE(testing::Message() << argv.size() - 1 << " words, first "
+                                        << (row.args.empty() ? "-" : row.args[0]));
+        mldrt_options o = mldrt_parse_options(static_cast<int>(argv.size()), argv.data());
+        EXPECT_EQ(o.command, row.command);
+        EXPECT_STREQ(o.config_path, row.config);
+        EXPECT_STREQ(o.socket_path, row.socket);
+        EXPECT_EQ(o.json, row.json);
+        EXPECT_STREQ(o.bad_word, row.bad);
+    }
+}
+
+class StatusTest : public UpstreamTest {
+  protected:
+    // eth1 listens to G1 from every source, eth2 to G2 from S1 only, eth3 to G3 from all but
+    // S2; all of it reported upstream (one report of the three records and its retransmission).
+    // Every kernel entry counts 7 packets of 700 bytes.
+    void SetUp() override {
+        UpstreamTest::SetUp();
+        make_group(eth1, G1, exclude({{0, 250}}, {}, 250), host);
+        make_group(eth2, G2, include({{1, 90}}), host);
+        make_group(eth3, grp(3), exclude({{0, 200}}, {{2, 0}}, 200), host);
+        tick();
+        tick();
+        eth1->started = 1;
+        eth1->query_due_ms = fake::monotonic_now_ms() + 3500;
+        eth1->counters = {4, 1, 2, 3};
+        router.counters = {5, 6, 7, 8};
+        fake::kernel().sg_counts = {true, 7, 700, 1};
+    }
+    std::string render(bool json) {
+        mldrt_text t{};
+        mldrt_render_status(&router, json, &t);
+        std::string out(t.data ? t.data : "", t.len);
+        mldrt_text_free(&t);
+        return out;
+    }
+};
+
+TEST_F(StatusTest, TableForAPerson) {
+    EXPECT_EQ(render(false),
+              "links:\n"
+              "  NAME             IFINDEX  MIF ROLE       MLD QUERIER NEXT QUERY\n"
+              "  eth3                  13    3 downstream  v2 yes     -\n"
+              "  eth2                  12    2 downstream  v2 yes     -\n"
+              "  eth1                  11    1 downstream  v2 yes     4 s\n"
+              "  up0                   10    0 upstream    v2 no      -\n"
+              "groups on eth3:\n"
+              "  GROUP                                   MODE     TIMER HOSTS SOURCES\n"
+              "  ff0e::103                               exclude  200 s     1 not 2001:db8::2\n"
+              "groups on eth2:\n"
+              "  GROUP                                   MODE     TIMER HOSTS SOURCES\n"
+              "  ff0e::102                               include      -     1 2001:db8::1 (90 s)\n"
+              "groups on eth1:\n"
+              "  GROUP                                   MODE     TIMER HOSTS SOURCES\n"
+              "  ff0e::101                               exclude  250 s     1 all\n"
+              "upstream host state (up0):\n"
+              "  GROUP                                   MODE    PENDING SOURCES\n"
+              "  ff0e::103                               exclude       0 2001:db8::2\n"
+              "  ff0e::102                               include       0 2001:db8::1\n"
+              "  ff0e::101                               exclude       0 all\n"
+              "forwarding (kernel):\n"
+              "  GROUP                                   SOURCE                                  "
+              " IN OUT         PACKETS        BYTES WRONG IF\n"
+              "  ff0e::103                               *                                       "
+              "  0 3                 7          700        1\n"
+              "  ff0e::102                               2001:db8::1                             "
+              "  0 2                 7          700        1\n"
+              "  ff0e::101                               *                                       "
+              "  0 1                 7          700        1\n"
+              "counters:\n"
+              "  LINK             REPORTS IN QUERIES IN REPORTS OUT QUERIES OUT\n"
+              "  eth3                      0          0           0           0\n"
+              "  eth2                      0          0           0           0\n"
+              "  eth1                      4          1           2           3\n"
+              "  up0                       0          0           2           0\n"
+              "  dropped: malformed 5, own 6, not ours 7\n"
+              "  limit refusals: groups 0, members 0, sources 0\n"
+              "  netlink events: 8\n");
+}
+
+TEST_F(StatusTest, OneJsonObjectForScripts) {
+    fake::kernel().sg_counts.present = false;  // an entry the kernel does not have counts 0
+    EXPECT_EQ(render(true),
+              "{\"links\":["
+              "{\"name\":\"eth3\",\"ifindex\":13,\"mif\":3,\"upstream\":false,\"version\":2,"
+              "\"querier\":true,\"next_query\":-1,\"groups\":[{\"group\":\"ff0e::103\","
+              "\"mode\":\"exclude\",\"filter_timer\":200,\"sources\":[],"
+              "\"excluded\":[\"2001:db8::2\"],\"hosts\":1}]},"
+              "{\"name\":\"eth2\",\"ifindex\":12,\"mif\":2,\"upstream\":false,\"version\":2,"
+              "\"querier\":true,\"next_query\":-1,\"groups\":[{\"group\":\"ff0e::102\","
+              "\"mode\":\"include\",\"filter_timer\":0,\"sources\":[{\"source\":\"2001:db8::1\","
+              "\"timer\":90}],\"excluded\":[],\"hosts\":1}]},"
+              "{\"name\":\"eth1\",\"ifindex\":11,\"mif\":1,\"upstream\":false,\"version\":2,"
+              "\"querier\":true,\"next_query\":4,\"groups\":[{\"group\":\"ff0e::101\","
+              "\"mode\":\"exclude\",\"filter_timer\":250,\"sources\":[],\"excluded\":[],"
+              "\"hosts\":1}]},"
+              "{\"name\":\"up0\",\"ifindex\":10,\"mif\":0,\"upstream\":true,\"version\":2,"
+              "\"querier\":false,\"next_query\":-1,\"groups\":[]}],"
+              "\"upstream\":{\"name\":\"up0\",\"groups\":["
+              "{\"group\":\"ff0e::103\",\"mode\":\"exclude\",\"sources\":[\"2001:db8::2\"],"
+              "\"pending\":0},"
+              "{\"group\":\"ff0e::102\",\"mode\":\"include\",\"sources\":[\"2001:db8::1\"],"
+              "\"pending\":0},"
+              "{\"group\":\"ff0e::101\",\"mode\":\"exclude\",\"sources\":[],\"pending\":0}]},"
+              "\"forwarding\":["
+              "{\"group\":\"ff0e::103\",\"source\":\"*\",\"parent_mif\":0,\"mifs\":[3],"
+              "\"packets\":0,\"bytes\":0,\"wrong_if\":0},"
+              "{\"group\":\"ff0e::102\",\"source\":\"2001:db8::1\",\"parent_mif\":0,\"mifs\":[2],"
+              "\"packets\":0,\"bytes\":0,\"wrong_if\":0},"
+              "{\"group\":\"ff0e::101\",\"source\":\"*\",\"parent_mif\":0,\"mifs\":[1],"
+              "\"packets\":0,\"bytes\":0,\"wrong_if\":0}],"
+              "\"counters\":{\"links\":["
+              "{\"name\":\"eth3\",\"reports_in\":0,\"queries_in\":0,\"reports_out\":0,"
+              "\"queries_out\":0},"
+              "{\"name\":\"eth2\",\"reports_in\":0,\"queries_in\":0,\"reports_out\":0,"
+              "\"queries_out\":0},"
+              "{\"name\":\"eth1\",\"reports_in\":4,\"queries_in\":1,\"reports_out\":2,"
+              "\"queries_out\":3},"
+              "{\"name\":\"up0\",\"reports_in\":0,\"queries_in\":0,\"reports_out\":2,"
+              "\"queries_out\":0}],"
+              "\"dropped\":{\"malformed\":5,\"own\":6,\"not_ours\":7},"
+              "\"limit_refusals\":{\"groups\":0,\"members\":0,\"sources\":0},"
+              "\"netlink_events\":8}}\n");
+}
+
+// The real socket in a directory of the test's own: mode 0600, stale sockets replaced, a
+// second daemon refused, and the clients' requests answered or refused in the event loop.
+class ControlTest : public StatusTest {
+  protected:
+    void SetUp() override {
+        StatusTest::SetUp();
+        char tmpl[] = "/tmp/mldctl.XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir = tmpl;
+        path = dir + "/ctl.sock";
+    }
+    void TearDown() override {
+        mldrt_control_close(&router);
+        unlink(path.c_str());
+        rmdir(dir.c_str());
+        StatusTest::TearDown();
+    }
+    int connect_client() {
+        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        std::strcpy(a.sun_path, path.c_str());
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+        return fd;
+    }
+    // Serves as the loop does, until the client's connection ends; what it received.
+    std::string reply_of(int fd, int passes = 50) {
+        std::string got;
+        for (int i = 0; i < passes; i++) {
+            fd_set rd, wr;
+            FD_ZERO(&rd);
+            FD_ZERO(&wr);
+            int maxfd = mldrt_control_watch(&router, &rd, &wr, 0);
+            timeval t{0, 20000};
+            if (select(maxfd + 1, &rd, &wr, nullptr, &t) < 0) {
+                break;
+            }
+            mldrt_control_serve(&router, &rd, &wr);
+            char buf[4096];
+            ssize_t n = 0;
+            while ((n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0) {
+                got.append(buf, static_cast<size_t>(n));
+            }
+            if (n == 0) {
+                break;
+            }
+        }
+        close(fd);
+        return got;
+    }
+    std::string dir, path;
+};
+
+TEST_F(ControlTest, RequestsGetTheirAnswerAndEveryConnectionEnds) {
+    ASSERT_TRUE(mldrt_control_open(&router, path.c_str()));
+    struct stat st {};
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    struct Row {
+        std::string request;
+        std::string reply_start;
+    };
+    const std::vector<Row> rows = {
+        {"status\n", "links:\n"},
+        {"status json\r\n", "{\"links\":["},
+        {"hello\n", "error: unknown request (try \"status\" or \"status json\")\n"},
+        {std::string(100000, 'x'), "error: request too long\n"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.request.substr(0, 12));
+        int fd = connect_client();
+        send(fd, row.request.data(), row.request.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        std::string got = reply_of(fd);
+        EXPECT_EQ(got.substr(0, row.reply_start.size()), row.reply_start);
+    }
+}
+
+TEST_F(ControlTest, ASilentClientIsClosedAtItsDeadline) {
+    ASSERT_TRUE(mldrt_control_open(&router, path.c_str()));
+    int fd = connect_client();
+    EXPECT_EQ(reply_of(fd, 5), "");  // accepted, nothing asked: nothing said
+    EXPECT_NE(mldrt_control_deadline(&router), MLDRT_NEVER);
+    fake::kernel().monotonic_ms += 1000;
+    fd_set none;
+    FD_ZERO(&none);
+    mldrt_control_serve(&router, &none, &none);
+    EXPECT_EQ(mldrt_control_deadline(&router), MLDRT_NEVER);
+}
+
+TEST_F(ControlTest, AStaleSocketIsReplacedAndALiveOneRefused) {
+    int stale = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::strcpy(a.sun_path, path.c_str());
+    ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    close(stale);  // bound, never listened: what a crashed daemon leaves
+    EXPECT_EQ(stdout_of([&] { EXPECT_TRUE(mldrt_control_open(&router, path.c_str())); }), "");
+
+    mldrt_router other{};
+    mldrt_router_zero(&other);
+    EXPECT_EQ(stdout_of([&] { EXPECT_FALSE(mldrt_control_open(&other, path.c_str())); }),
+              "MLDRT: Another mldproxyd answers on " + path + "\n");
+    mldrt_control_close(&other);
+    struct stat st {};
+    EXPECT_EQ(stat(path.c_str(), &st), 0);  // the refused one leaves the live socket alone
+}
+
+}  // namespace
