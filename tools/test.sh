@@ -461,6 +461,8 @@ stage_install() {
     install_check "man -l $f renders without warnings" man_renders "$stage/$f"
   done
   install_check "the OpenWrt init script passes sh -n" sh -n packaging/openwrt/mldproxyd/files/mldproxyd.init
+  install_check "the OpenWrt init script renders /etc/config/mldproxyd (tests/packaging)" \
+    bash tests/packaging/openwrt_render_test.sh
   if [[ $(id -u) -eq 0 ]] && unshare --mount --net --fork true 2>/dev/null; then
     install_check "the installed daemon reads the installed configuration and ends on SIGTERM with 0" \
       staged_daemon_runs "$stage"
