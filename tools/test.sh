@@ -399,7 +399,7 @@ staged_unit() { # stage
   local unit=$1/usr/lib/systemd/system/mldproxyd.service exec
   exec=$(sed -n 's/^ExecStart=//p' "$unit")
   say "ExecStart=$exec"
-  [[ $exec == /usr/sbin/mldproxyd && -x $1$exec ]] || { say "ExecStart is not the installed daemon"; return 1; }
+  [[ ${exec%% *} == /usr/sbin/mldproxyd && -x $1${exec%% *} ]] || { say "ExecStart is not the installed daemon"; return 1; }
   if command -v systemd-analyze >/dev/null; then
     # Offline: every line of the unit must parse (systemd-analyze only warns about a bad one, so
     # any output fails). A copy names the staged daemon, which must exist and be executable.

@@ -92,7 +92,10 @@ setup() {
   t_need_daemon || return 1
   [[ -n $SETPRIV ]] || fail "the unit could not be read (previous check)" || return 1
   command -v setpriv >/dev/null || fail "setpriv (util-linux) is not installed" || return 1
-  [[ ${#EXEC_ARGS[@]} -eq 0 ]] || fail "ExecStart passes arguments (${EXEC_ARGS[*]}); mldproxyd takes none" || return 1
+  # The unit names only its control socket, in its RuntimeDirectory; the lab gives the daemon a
+  # socket of its own instead.
+  [[ ${#EXEC_ARGS[@]} -eq 0 || ( ${#EXEC_ARGS[@]} -eq 2 && ${EXEC_ARGS[0]} == -s && ${EXEC_ARGS[1]} == /run/$(unit_value RuntimeDirectory)/* ) ]] ||
+    fail "ExecStart passes arguments (${EXEC_ARGS[*]}) other than -s with a socket in its RuntimeDirectory" || return 1
   # The daemon where the unprivileged user can reach it (T_WORK is private to root).
   chmod 755 "$T_WORK" && mkdir -p "$T_WORK/sbin" && install -m 755 "$LAB_DAEMON" "$T_WORK/sbin/mldproxyd" ||
     fail "cannot copy the daemon" || return 1
