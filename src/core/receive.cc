@@ -89,6 +89,7 @@ bool mldrt_handle_input(mldrt_router* r, int proto) {
     }
     mldrt_interface* ifp = mldrt_lookup_interface_index(r, info.ipi6_ifindex);
     if (!ifp) {
+        r->counters.not_ours++;  // a link the daemon does not serve
         return true;
     }
     char text[INET6_ADDRSTRLEN];

@@ -40,18 +40,27 @@ void dispatch(mldrt_router* r, mldrt_interface* ifp, uint8_t* msg, const uint8_t
     }
 }
 
+// Counts what arrived on the link for `mldproxyd status`.
+void count_received(mldrt_interface* ifp, uint8_t type) {
+    (type == MLDRT_TYPE_QUERY ? ifp->counters.queries_in : ifp->counters.reports_in)++;
+}
+
 }  // namespace
 
 void mldrt_handle_mld_message(mldrt_router* r, mldrt_interface* ifp, uint8_t* msg,
                               const uint8_t* src, int len) {
     if (ipv6_addr_equal(src, ifp->addr)) {
+        r->counters.own++;
         return;  // our own transmission, looped back
     }
     mldrt_dump_interface_info(r, ifp, "BEFORE HANDLING RCVD MSG");
     int version = version_of(msg[0], len);
     if (version != 0) {
+        count_received(ifp, msg[0]);
         ifp->mld_version = version;
         dispatch(r, ifp, msg, src);
+    } else {
+        r->counters.not_ours++;
     }
     mldrt_dump_interface_info(r, ifp, "AFTER HANDLING RCVD MSG");
 }

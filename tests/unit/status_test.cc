@@ -173,6 +173,42 @@ TEST_F(StatusTest, OneJsonObjectForScripts) {
               "\"netlink_events\":8}}\n");
 }
 
+// What the counters count of messages heard on a link: queries and reports (MLDv1 ones
+// included) by link, our own looped-back messages and other ICMPv6 types by reason.
+TEST_F(StatusTest, ReceivedMessagesAreCountedByKindAndReason) {
+    struct Row {
+        const char* name;
+        uint8_t type;
+        bool own;
+        mldrt_link_counters link;
+        mldrt_counters router;
+    };
+    const std::vector<Row> rows = {
+        {"v2 query", MLDRT_TYPE_QUERY, false, {0, 1, 0, 0}, {}},
+        {"v2 report", MLDRT_TYPE_V2_REPORT, false, {1, 0, 0, 0}, {}},
+        {"v1 report", MLDRT_TYPE_V1_REPORT, false, {1, 0, 0, 0}, {}},
+        {"v1 done", MLDRT_TYPE_V1_DONE, false, {1, 0, 0, 0}, {}},
+        {"our own report", MLDRT_TYPE_V2_REPORT, true, {0, 0, 0, 0}, {0, 1, 0, 0}},
+        {"an echo request", 128, false, {0, 0, 0, 0}, {0, 0, 1, 0}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        eth2->counters = {};
+        router.counters = {};
+        std::vector<uint8_t> msg(28, 0);
+        msg[0] = row.type;
+        std::memcpy(router.buf, msg.data(), msg.size());
+        const addr6 from = row.own ? addr6{} : ip6("fe80::1:1");
+        mldrt_handle_mld_message(&router, eth2, router.buf, row.own ? eth2->addr : from.data(),
+                                 static_cast<int>(msg.size()));
+        const mldrt_link_counters& c = eth2->counters;
+        EXPECT_EQ(std::vector<uint32_t>(
+                      {c.reports_in, c.queries_in, router.counters.own, router.counters.not_ours}),
+                  std::vector<uint32_t>({row.link.reports_in, row.link.queries_in, row.router.own,
+                                         row.router.not_ours}));
+    }
+}
+
 // The real socket in a directory of the test's own: mode 0600, stale sockets replaced, a
 // second daemon refused, and the clients' requests answered or refused in the event loop.
 class ControlTest : public StatusTest {
