@@ -32,6 +32,16 @@ void add_sources(mldrt_mfdb_entry* e, const mldrt_src* list) {
     }
 }
 
+// True when every source of `a` is also in `b`.
+bool contained(const mldrt_src* a, const mldrt_src* b) {
+    for (; a; a = a->next) {
+        if (!mldrt_srclist_has(b, a->src_addr)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // Calls `visit` for every group mapped to `e`, links in list order; stops when it returns
 // false. A group is mapped only to the entry of its own address and a link has at most one
 // group of an address, so the link's index finds it without a walk of its groups.
@@ -128,13 +138,11 @@ int mldrt_diff_host_state(mldrt_router* r, mldrt_mfdb_entry* e) {
     if (!old_hs->list || !new_hs->list) {
         return old_hs->list != new_hs->list ? 1 : 0;
     }
-    uint32_t n_old = mldrt_srclist_len(old_hs->list);
-    uint32_t n_new = mldrt_srclist_len(new_hs->list);
-    const mldrt_src* longer = n_new > n_old ? new_hs->list : old_hs->list;
-    const mldrt_src* shorter = n_new > n_old ? old_hs->list : new_hs->list;
-    // An overflowed subtraction (-1) counts as an empty result, like every algebra result.
-    int n = mldrt_subtract_srclists(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY, longer, shorter);
-    return n > 0 ? 1 : 0;
+    // Host-state lists hold each source once: same length and one inside the other is equality.
+    return mldrt_srclist_len(old_hs->list) != mldrt_srclist_len(new_hs->list) ||
+                   !contained(new_hs->list, old_hs->list)
+               ? 1
+               : 0;
 }
 
 void mldrt_finish_host_state_update(mldrt_router* r, mldrt_mfdb_entry* e) {
