@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "core/addr.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "mld/mld.h"
@@ -26,9 +27,13 @@ void free_state(mldrt_hs_state* hs) {
     }
 }
 
+// :: marks a whole group in a link's lists; as a source it means nothing to the upstream, so
+// it never enters the host state and never goes into a report.
 void add_sources(mldrt_mfdb_entry* e, const mldrt_src* list) {
     for (; list; list = list->next) {
-        mldrt_add_src_to_group(nullptr, e, MLDRT_L_NEW_HS, list->src_addr);
+        if (!mldrt_is_any_addr(list->src_addr)) {
+            mldrt_add_src_to_group(nullptr, e, MLDRT_L_NEW_HS, list->src_addr);
+        }
     }
 }
 

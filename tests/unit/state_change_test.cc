@@ -3,6 +3,7 @@
 // stand when it leaves. One downstream link (eth1) holds group G1; each tick sends what changed
 // since the last one, then what falls due in the second after it.
 
+#include "core/addr.h"
 #include "upstream_support.h"
 
 namespace {
@@ -196,6 +197,47 @@ TEST_F(StateChangeTest, EverySourceOfAChangeIsReported) {
         EXPECT_EQ(stdout_of([&] { EXPECT_EQ(tick(), (texts{row.first, row.again})); }), "");
         EXPECT_EQ(tick(), texts{});
         expect_spent();
+    }
+}
+
+struct MarkRow {
+    const char* name;
+    group_state before, after;
+    bool timer_pass;  // one pass of the link's timers between `after` and the report
+    texts sent;
+};
+
+// :: marks the whole group in a link's lists. Whether it sits there as an excluded source (a
+// requested :: whose timer ran out before the filter timer) or as a source a host named, it
+// never reaches the upstream as a source.
+TEST_F(StateChangeTest, TheWholeGroupMarkIsNeverReportedAsASource) {
+    const std::vector<MarkRow> rows = {
+        {"RequestedMarkRunsOutIntoTheExcludedList", exc({}), exclude({{0, 1}}, {}, 200), true, {}},
+        {"MarkOnTheIncludeList", inc({}), include({{0, 100}}), false, {}},
+        {"MarkBesideARealSource",
+         inc({}),
+         include({{0, 100}, {1, 100}}),
+         false,
+         {"ALLOW G1 {S1}", "ALLOW G1 {S1}"}},
+        {"MarkOnTheExcludedList",
+         inc({}),
+         exclude({}, {{0, 0}}, 260),
+         false,
+         {"TO_EX G1 {}", "TO_EX G1 {}"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        settle(row.before);
+        set_state(eth1, G1, row.after);
+        if (row.timer_pass) {
+            mldrt_update_memberships(&router, eth1, 0);
+        }
+        EXPECT_EQ(tick(), row.sent);
+        const mldrt_hs_state* hs = entry(G1)->old_host_state;
+        for (const mldrt_src* s = hs ? hs->list : nullptr; s; s = s->next) {
+            EXPECT_FALSE(mldrt_is_any_addr(s->src_addr));
+        }
     }
 }
 
