@@ -208,6 +208,7 @@ leave_leaves_no_line() {
   if grep -q 'numSrc' "$LOG" || [[ $lines_after -ne $lines_before ]]; then
     fail "the leaves left lines in the daemon's log ($lines_before lines before, $lines_after after)"
     show_file "$LOG" 10 "daemon output"
+    [[ -n $(tail -c 1 "$LOG") ]] && echo # its last line may lack its newline
     return 1
   fi
   say "leaves of $GW (h1's kernel) and $GD (twice in 20 ms): $(queries_for dn1 "$GW" "$tl") and $(queries_for dn2 "$GD" "$tl") group-specific queries, CHANGE_TO_INCLUDE{} upstream; block of $SB in $GB (twice in 20 ms): $(source_queries_for dn2 "$GB" "$SB" "$tl") source-specific queries, BLOCK upstream; no log line"
