@@ -71,17 +71,19 @@ upstream_mentions() {
 }
 
 # allow_with_sources GROUP SOURCES SINCE_US: the daemon sent an ALLOW_NEW_SOURCES record for
-# GROUP since then whose sources are exactly SOURCES (comma-separated), in any order.
+# GROUP since then that carries every one of SOURCES (comma-separated), in any order. (It may
+# carry more: a change still being retransmitted goes out with the next one.)
 allow_with_sources() {
   up_daemon_reports | awk -v g="$1" -v want="$2" -v s="$3" '
-    BEGIN { n = split(want, w, ","); for (i = 1; i <= n; i++) need[w[i]] = 1 }
+    BEGIN { n = split(want, w, ",") }
     $1 >= s {
       for (k = 8; k <= NF; k++) {
         if (split($k, f, "/") != 3 || f[1] != 5 || f[2] != g) continue
         m = split(f[3], got, ",")
-        if (m != n) continue
+        delete have
+        for (i = 1; i <= m; i++) have[got[i]] = 1
         ok = 1
-        for (i = 1; i <= m; i++) if (!(got[i] in need)) ok = 0
+        for (i = 1; i <= n; i++) if (!(w[i] in have)) ok = 0
         if (ok) found = 1
       }
     } END { exit !found }'
