@@ -34,8 +34,8 @@ uint32_t add_scr(mldrt_router* r, mldrt_mfdb_entry* e, uint32_t ltype, const mld
     return n;
 }
 
-// The sources of `from` not in `except` become a pending change of kind `ltype` (ALLOW or
-// BLOCK), and returns how many there were. A source newly allowed is no longer blocked, and the
+// Makes the sources of `from` not in `except` a pending change of kind `ltype` (ALLOW or
+// BLOCK) and returns how many there were. A source newly allowed is no longer blocked, and the
 // other way round: the two pending lists never name one source, so a retransmission never
 // contradicts the latest change.
 uint32_t add_source_change(mldrt_router* r, mldrt_mfdb_entry* e, uint32_t ltype,
