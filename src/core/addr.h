@@ -19,4 +19,10 @@ inline bool mldrt_is_any_addr(const uint8_t* addr) {
     return std::memcmp(addr, MLDRT_ADDR_ANY, 16) == 0;
 }
 
+// Scope of a multicast address (RFC 4291 section 2.7): the low four bits of its second byte.
+// Scopes 0 (reserved), 1 (interface-local) and 2 (link-local) never leave their link.
+inline bool mldrt_is_link_scope_group(const uint8_t* grp) {
+    return (grp[1] & 0x0f) <= 2;
+}
+
 #endif

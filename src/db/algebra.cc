@@ -1,29 +1,15 @@
-// Set operations between source lists and the sources of a received record. Results go to
-// the process-wide arrays, linked from entry 0 like any list. Entries are written by clearing
-// only the address (the intersection with a record clears the whole entry), so a result's
-// other fields keep whatever the array held: the record handlers rely on that leftover timer.
+// Set operations between source lists and the sources of a received record. Each result is
+// written whole into the caller's mldrt_src_result, so no operation sees what an earlier one
+// left behind.
 #include <cstdio>
 #include <cstring>
 
 #include "db/db.h"
 #include "iface/interface.h"
 
-mldrt_src aIPv6SrcAddrList1[MLDRT_SRCLIST_ARRAY];
-mldrt_src aIPv6SrcAddrList2[MLDRT_SRCLIST_ARRAY];
-mldrt_src aIPv6SrcAddrList3[MLDRT_SRCLIST_ARRAY];
-
 namespace {
 
 const uint32_t kAddrLen = 16;
-
-bool in_list(const mldrt_src* list, const uint8_t* addr) {
-    for (; list; list = list->next) {
-        if (ipv6_addr_equal(list->src_addr, addr)) {
-            return true;
-        }
-    }
-    return false;
-}
 
 bool in_record(const uint8_t* rec_srcs, uint32_t nsrc, const uint8_t* addr) {
     for (uint32_t i = 0; i < nsrc; i++) {
@@ -34,112 +20,92 @@ bool in_record(const uint8_t* rec_srcs, uint32_t nsrc, const uint8_t* addr) {
     return false;
 }
 
-bool in_result(const mldrt_src* result, uint32_t n, const uint8_t* addr) {
-    for (uint32_t i = 0; i < n; i++) {
-        if (ipv6_addr_equal(result[i].src_addr, addr)) {
+bool in_result(const mldrt_src_result* result, const uint8_t* addr) {
+    for (uint32_t i = 0; i < result->n; i++) {
+        if (ipv6_addr_equal(result->entries[i].src_addr, addr)) {
             return true;
         }
     }
     return false;
 }
 
-// Writes entry n of a result and links it behind entry n - 1.
-void put_result(mldrt_src* result, uint32_t n, const uint8_t* addr, const int32_t* timer) {
-    mldrt_src* e = &result[n];
-    std::memset(e->src_addr, 0, kAddrLen);
+// Appends an entry and links it behind the one before; false when the result is full, after
+// the limit's line. Every field is written, so nothing of an earlier result shows through.
+bool put_result(mldrt_src_result* result, const uint8_t* addr, int32_t timer) {
+    if (result->n == MLDRT_MAX_SOURCES) {
+        mldrt_report_limit(MLDRT_LIMIT_SOURCES);
+        return false;
+    }
+    mldrt_src* e = &result->entries[result->n];
+    std::memset(e, 0, sizeof *e);
     std::memcpy(e->src_addr, addr, kAddrLen);
-    if (timer) {
-        e->timer = *timer;
+    e->timer = timer;
+    if (result->n > 0) {
+        result->entries[result->n - 1].next = e;
     }
-    e->next = nullptr;
-    if (n > 0) {
-        result[n - 1].next = e;
-    }
-}
-
-int overflow() {
-    printf("\n Fatal: SrcList cannot be accomodated");
-    return -1;
+    result->n++;
+    return true;
 }
 
 }  // namespace
 
-int mldrt_subtract_srclists(mldrt_src* result, uint32_t cap, const mldrt_src* a,
-                            const mldrt_src* b) {
-    uint32_t n = 0;
+uint32_t mldrt_subtract_srclists(mldrt_src_result* result, const mldrt_src* a, const mldrt_src* b) {
+    result->n = 0;
     for (; a; a = a->next) {
-        if (!in_list(b, a->src_addr)) {
-            if (n == cap) {
-                return overflow();
-            }
-            put_result(result, n++, a->src_addr, &a->timer);
+        if (!mldrt_srclist_has(b, a->src_addr) && !put_result(result, a->src_addr, a->timer)) {
+            break;
         }
     }
-    return static_cast<int>(n);
+    return result->n;
 }
 
-int mldrt_subtract_srclist_and_rcvd_record(mldrt_src* result, uint32_t cap, const mldrt_src* list,
-                                           const uint8_t* rec_srcs, uint32_t nsrc, int mode) {
-    uint32_t n = 0;
+uint32_t mldrt_subtract_srclist_and_rcvd_record(mldrt_src_result* result, const mldrt_src* list,
+                                                const uint8_t* rec_srcs, uint32_t nsrc, int mode) {
+    result->n = 0;
     if (mode == 0) {
         for (uint32_t i = 0; i < nsrc; i++) {
             const uint8_t* addr = rec_srcs + kAddrLen * i;
-            if (!in_list(list, addr)) {
-                if (n == cap) {
-                    return overflow();
-                }
-                put_result(result, n++, addr, nullptr);
+            if (!mldrt_srclist_has(list, addr) && !put_result(result, addr, 0)) {
+                break;
             }
         }
-        return static_cast<int>(n);
+        return result->n;
     }
     if (mode == 1) {
         for (; list; list = list->next) {
-            if (!in_record(rec_srcs, nsrc, list->src_addr)) {
-                if (n == cap) {
-                    return overflow();
-                }
-                put_result(result, n++, list->src_addr, &list->timer);
+            if (!in_record(rec_srcs, nsrc, list->src_addr) &&
+                !put_result(result, list->src_addr, list->timer)) {
+                break;
             }
         }
-        return static_cast<int>(n);
+        return result->n;
     }
     printf("\n FATAL: Invalid mode type passed");
     return 0;
 }
 
-int mldrt_intersect_srclist_with_rcvd_record(mldrt_src* result, uint32_t cap, const mldrt_src* list,
-                                             const uint8_t* rec_srcs, uint32_t nsrc) {
-    uint32_t n = 0;
+uint32_t mldrt_intersect_srclist_with_rcvd_record(mldrt_src_result* result, const mldrt_src* list,
+                                                  const uint8_t* rec_srcs, uint32_t nsrc) {
+    result->n = 0;
     for (; list; list = list->next) {
-        if (in_record(rec_srcs, nsrc, list->src_addr)) {
-            if (n == cap) {
-                return overflow();
-            }
-            std::memset(&result[n], 0, sizeof result[n]);
-            put_result(result, n++, list->src_addr, &list->timer);
+        if (in_record(rec_srcs, nsrc, list->src_addr) &&
+            !put_result(result, list->src_addr, list->timer)) {
+            break;
         }
     }
-    return static_cast<int>(n);
+    return result->n;
 }
 
-int mldrt_union_srclists(mldrt_src* result, uint32_t cap, const mldrt_src* a, const mldrt_src* b) {
-    uint32_t n = 0;
+uint32_t mldrt_union_srclists(mldrt_src_result* result, const mldrt_src* a, const mldrt_src* b) {
+    result->n = 0;
     for (int pass = 0; pass < 2; pass++) {
         for (const mldrt_src* s = pass == 0 ? a : b; s; s = s->next) {
-            if (in_result(result, n, s->src_addr)) {
-                continue;
-            }
-            // Tested after writing: the result may hold cap + 1 entries on failure, which
-            // the arrays have room for.
-            put_result(result, n++, s->src_addr, &s->timer);
-            if (n > cap) {
-                printf("\n Cannot add source lists");
-                return -1;
+            if (!in_result(result, s->src_addr) && !put_result(result, s->src_addr, s->timer)) {
+                return result->n;
             }
         }
     }
-    return static_cast<int>(n);
+    return result->n;
 }
 
 int mldrt_intersect_srclists(mldrt_src** a, const mldrt_src* b) {
@@ -147,7 +113,7 @@ int mldrt_intersect_srclists(mldrt_src** a, const mldrt_src* b) {
     mldrt_src* next = nullptr;
     for (mldrt_src* s = *a; s; s = next) {
         next = s->next;
-        if (in_list(b, s->src_addr)) {
+        if (mldrt_srclist_has(b, s->src_addr)) {
             kept++;
         } else {
             mldrt_remove_entry_from_srclist(a, s->src_addr);

@@ -15,7 +15,7 @@ struct mldrt_interface;
 struct mldrt_mfdb_entry;
 
 // One entry of any source list: group lists, query retransmission lists, host-state lists and
-// the algebra's result arrays all share this layout.
+// the algebra's results all share this layout.
 struct mldrt_src {
     uint8_t src_addr[16];
     uint16_t rtx_count;  // retransmissions still due (query retransmission lists only)
@@ -136,6 +136,7 @@ void mldrt_limit_reset();
 mldrt_group* mldrt_lookup_group(mldrt_interface* ifp, const uint8_t* grp);
 mldrt_member* mldrt_lookup_member(mldrt_group* g, const uint8_t* host);
 mldrt_src* mldrt_lookup_src_in_grplist(mldrt_src* list, const uint8_t* src);
+bool mldrt_srclist_has(const mldrt_src* list, const uint8_t* src);
 mldrt_group* mldrt_create_group(const uint8_t* grp);
 mldrt_member* mldrt_create_member(const uint8_t* host);
 mldrt_src* mldrt_create_src_for_grp(const uint8_t* src);
@@ -182,21 +183,27 @@ void mldrt_generate_membership_info(const mldrt_mfdb_entry* e, const uint8_t* sr
 int mldrt_pending_host_state_update(const mldrt_mfdb_entry* e);
 uint32_t mldrt_mfdb_count();
 
-// --- Source-list algebra: results in process-wide arrays of 20, used with capacity 10 ---
-constexpr uint32_t MLDRT_SRCLIST_ARRAY = 20;
-constexpr uint32_t MLDRT_SRCLIST_CAPACITY = 10;
-extern mldrt_src aIPv6SrcAddrList1[MLDRT_SRCLIST_ARRAY];
-extern mldrt_src aIPv6SrcAddrList2[MLDRT_SRCLIST_ARRAY];
-extern mldrt_src aIPv6SrcAddrList3[MLDRT_SRCLIST_ARRAY];
+// --- Source-list algebra ---
+// A result of the algebra, owned by its caller: every entry up to the list limit, nothing kept
+// from one operation to the next. Entries 0 to n - 1 are linked through `next`, so a result is
+// walked like any list. An entry that would go past the limit is refused with the limit's line:
+// no group list could take it either.
+struct mldrt_src_result {
+    uint32_t n;
+    mldrt_src entries[MLDRT_MAX_SOURCES];
+};
+inline const mldrt_src* mldrt_result_list(const mldrt_src_result* res) {
+    return res->n > 0 ? res->entries : nullptr;
+}
 
-int mldrt_subtract_srclists(mldrt_src* result, uint32_t cap, const mldrt_src* a,
-                            const mldrt_src* b);
+// Each returns the number of entries of its result; a timer not taken from a list is 0.
+uint32_t mldrt_subtract_srclists(mldrt_src_result* result, const mldrt_src* a, const mldrt_src* b);
 // Mode 0: record addresses not in `list`; mode 1: entries of `list` not in the record.
-int mldrt_subtract_srclist_and_rcvd_record(mldrt_src* result, uint32_t cap, const mldrt_src* list,
-                                           const uint8_t* rec_srcs, uint32_t nsrc, int mode);
-int mldrt_intersect_srclist_with_rcvd_record(mldrt_src* result, uint32_t cap, const mldrt_src* list,
-                                             const uint8_t* rec_srcs, uint32_t nsrc);
-int mldrt_union_srclists(mldrt_src* result, uint32_t cap, const mldrt_src* a, const mldrt_src* b);
+uint32_t mldrt_subtract_srclist_and_rcvd_record(mldrt_src_result* result, const mldrt_src* list,
+                                                const uint8_t* rec_srcs, uint32_t nsrc, int mode);
+uint32_t mldrt_intersect_srclist_with_rcvd_record(mldrt_src_result* result, const mldrt_src* list,
+                                                  const uint8_t* rec_srcs, uint32_t nsrc);
+uint32_t mldrt_union_srclists(mldrt_src_result* result, const mldrt_src* a, const mldrt_src* b);
 int mldrt_intersect_srclists(mldrt_src** a, const mldrt_src* b);
 int mldrt_intersect_grp_srclist_with_rcvd_record(mldrt_router* r, mldrt_group* g, uint32_t ltype,
                                                  const uint8_t* rec_srcs, uint32_t nsrc,

@@ -123,6 +123,15 @@ mldrt_src* mldrt_lookup_src_in_grplist(mldrt_src* list, const uint8_t* src) {
     return nullptr;
 }
 
+bool mldrt_srclist_has(const mldrt_src* list, const uint8_t* src) {
+    for (; list; list = list->next) {
+        if (ipv6_addr_equal(list->src_addr, src)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 mldrt_group* mldrt_create_group(const uint8_t* grp) {
     return allocate_record<mldrt_group>(grp, "MLDRT: Creating group failed");
 }

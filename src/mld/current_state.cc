@@ -10,81 +10,50 @@
 
 namespace {
 
-const char* const kSubtractFailed = "\n FATAL: mldrt_subtract_srclist_and_rcvd_record 0 failed ";
-
 // INCLUDE (A) + IS_EX(B) -> EXCLUDE(A*B, B-A), filter timer GMI.
 void isex_on_include(mldrt_router* r, mldrt_group* g, const uint8_t* rec, mldrt_interface* ifp) {
     const uint8_t* b = mldrt_rec_srcs(rec);
     uint32_t nb = mldrt_rec_nsrc(rec);
-    int ni = mldrt_intersect_srclist_with_rcvd_record(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY,
-                                                      g->include_list, b, nb);
-    if (ni < 0) {
-        printf("\n Fatal : Coudnt intersect source lists");
-        return;
-    }
-    int nn = mldrt_subtract_srclist_and_rcvd_record(aIPv6SrcAddrList2, MLDRT_SRCLIST_CAPACITY,
-                                                    g->include_list, b, nb, 0);
-    int no = mldrt_subtract_srclist_and_rcvd_record(aIPv6SrcAddrList3, MLDRT_SRCLIST_CAPACITY,
-                                                    g->include_list, b, nb, 1);
-    if (nn < 0 || no < 0) {
-        printf("%s", kSubtractFailed);
-        return;
-    }
+    mldrt_src_result both, added, gone;
+    mldrt_intersect_srclist_with_rcvd_record(&both, g->include_list, b, nb);
+    mldrt_subtract_srclist_and_rcvd_record(&added, g->include_list, b, nb, 0);
+    mldrt_subtract_srclist_and_rcvd_record(&gone, g->include_list, b, nb, 1);
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, ifp) != 0) {
         printf("\n Couldnt empty include list");
         return;
     }
-    if (ni > 0) {
-        mldrt_add_result_srcs(r, g, MLDRT_L_REQ, aIPv6SrcAddrList1, ni, ifp);
+    if (both.n > 0) {
+        mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &both, ifp);
     } else if (nb == 0) {
         mldrt_want_whole_group(r, g, ifp);
     }
-    mldrt_add_result_timer(r, g, MLDRT_L_EXC, aIPv6SrcAddrList2, nn, 0, ifp);
-    mldrt_set_req_timers(g, aIPv6SrcAddrList2, nn, 0);
-    mldrt_remove_from_req_and_exc(r, g, aIPv6SrcAddrList3, no, ifp);
+    mldrt_add_result_timer(r, g, MLDRT_L_EXC, &added, 0, ifp);
+    mldrt_set_req_timers(g, &added, 0);
+    mldrt_remove_from_req_and_exc(r, g, &gone, ifp);
     mldrt_enter_exclude(r, g);
 }
 
-// EXCLUDE (X, Y) + IS_EX(B), B non-empty -> EXCLUDE(B-Y, Y*B), filter timer GMI.
+// EXCLUDE (X, Y) + IS_EX(B), B non-empty -> EXCLUDE(B-Y, Y*B), B-X-Y at GMI, filter timer
+// GMI; the sources of X*B keep their timers.
 void isex_on_exclude(mldrt_router* r, mldrt_group* g, const uint8_t* rec, mldrt_interface* ifp) {
     const uint8_t* b = mldrt_rec_srcs(rec);
     uint32_t nb = mldrt_rec_nsrc(rec);
     int32_t gmi = static_cast<int32_t>(mldrt_gmi(r));
-    int n1 = mldrt_subtract_srclist_and_rcvd_record(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY,
-                                                    g->exc_list, b, nb, 0);
-    if (n1 < 0) {
-        printf("%s", kSubtractFailed);
-        return;
-    }
-    int n2 = mldrt_subtract_srclists(aIPv6SrcAddrList2, MLDRT_SRCLIST_CAPACITY,
-                                     mldrt_result_list(aIPv6SrcAddrList1, n1), g->req_list);
-    if (n2 < 0) {
-        printf("\n Fatal : Coudnt subtract source lists");
-        return;
-    }
-    int n3 = mldrt_subtract_srclist_and_rcvd_record(aIPv6SrcAddrList3, MLDRT_SRCLIST_CAPACITY,
-                                                    g->req_list, b, nb, 1);
-    if (n3 < 0) {
-        printf("\n FATAL: mldrt_subtract_srclist_and_rcvd_record  failed ");
-        return;
-    }
+    mldrt_src_result wanted, fresh, dropped, unexcluded;
+    mldrt_subtract_srclist_and_rcvd_record(&wanted, g->exc_list, b, nb, 0);
+    mldrt_take_req_timers(g, &wanted);
+    mldrt_subtract_srclists(&fresh, mldrt_result_list(&wanted), g->req_list);
+    mldrt_subtract_srclist_and_rcvd_record(&dropped, g->req_list, b, nb, 1);
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, ifp) != 0) {
         printf("\n Couldnt rmpty req list");
         return;
     }
-    // The mode-0 subtraction leaves each entry's timer as an earlier operation left it; the
-    // sources get that leftover value, as deployed routers have always given them.
-    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, aIPv6SrcAddrList1, n1, ifp);
-    int n4 = mldrt_subtract_srclist_and_rcvd_record(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY,
-                                                    g->exc_list, b, nb, 1);
-    if (n4 < 0) {
-        printf("%s", kSubtractFailed);
-        return;
-    }
+    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &wanted, ifp);
+    mldrt_subtract_srclist_and_rcvd_record(&unexcluded, g->exc_list, b, nb, 1);
     mldrt_intersect_grp_srclist_with_rcvd_record(r, g, MLDRT_L_EXC, b, nb, ifp);
-    mldrt_set_req_timers(g, aIPv6SrcAddrList2, n2, gmi);
-    mldrt_remove_from_req_and_exc(r, g, aIPv6SrcAddrList3, n3, ifp);
-    mldrt_remove_from_req_and_exc(r, g, aIPv6SrcAddrList1, n4, ifp);
+    mldrt_set_req_timers(g, &fresh, gmi);
+    mldrt_remove_from_req_and_exc(r, g, &dropped, ifp);
+    mldrt_remove_from_req_and_exc(r, g, &unexcluded, ifp);
     g->ftimer = gmi;
 }
 

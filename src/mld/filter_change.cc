@@ -11,34 +11,21 @@
 
 namespace {
 
-const char* const kSubtractFailed = "\n FATAL: mldrt_subtract_srclist_and_rcvd_record 0 failed ";
-
 // INCLUDE (A) + TO_IN(B) -> INCLUDE(A+B), Q(G, A-B).
 void toin_on_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* rec) {
-    int nl = mldrt_subtract_srclist_and_rcvd_record(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY,
-                                                    g->include_list, mldrt_rec_srcs(rec),
-                                                    mldrt_rec_nsrc(rec), 1);
-    if (nl < 0) {
-        printf("%s", kSubtractFailed);
-        return;
-    }
+    mldrt_src_result left;
+    mldrt_subtract_srclist_and_rcvd_record(&left, g->include_list, mldrt_rec_srcs(rec),
+                                           mldrt_rec_nsrc(rec), 1);
     mldrt_add_record_srcs(r, g, MLDRT_L_INCLUDE, rec, static_cast<int32_t>(mldrt_gmi(r)), ifp);
-    if (nl > 0) {
-        mldrt_update_fsm_and_send_query(r, ifp, g, g->grp_addr, aIPv6SrcAddrList1,
-                                        static_cast<uint32_t>(nl));
-    }
+    mldrt_query_result(r, ifp, g, &left);
 }
 
 // EXCLUDE (X, Y) + TO_IN(B) -> EXCLUDE(X+B, Y-B), Q(G, X-B), Q(G).
 void toin_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* rec) {
     const uint8_t* b = mldrt_rec_srcs(rec);
     uint32_t nb = mldrt_rec_nsrc(rec);
-    int nl = mldrt_subtract_srclist_and_rcvd_record(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY,
-                                                    g->req_list, b, nb, 1);
-    if (nl < 0) {
-        printf("%s", kSubtractFailed);
-        return;
-    }
+    mldrt_src_result left;
+    mldrt_subtract_srclist_and_rcvd_record(&left, g->req_list, b, nb, 1);
     mldrt_add_record_srcs(r, g, MLDRT_L_REQ, rec, static_cast<int32_t>(mldrt_gmi(r)), ifp);
     for (uint32_t i = 0; i < nb; i++) {
         if (mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, b + MLDRT_ADDR_LEN * i,
@@ -47,10 +34,7 @@ void toin_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, cons
             return;
         }
     }
-    if (nl > 0) {
-        mldrt_update_fsm_and_send_query(r, ifp, g, g->grp_addr, aIPv6SrcAddrList1,
-                                        static_cast<uint32_t>(nl));
-    }
+    mldrt_query_result(r, ifp, g, &left);
     mldrt_update_fsm_and_send_query(r, ifp, g, g->grp_addr, nullptr, 0);
 }
 
@@ -58,78 +42,45 @@ void toin_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, cons
 void toex_on_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* rec) {
     const uint8_t* b = mldrt_rec_srcs(rec);
     uint32_t nb = mldrt_rec_nsrc(rec);
-    int n1 = mldrt_intersect_srclist_with_rcvd_record(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY,
-                                                      g->include_list, b, nb);
-    if (n1 < 0) {
-        printf("\n Fatal : Coudnt intersect source lists");
-        return;
-    }
-    int n2 = mldrt_subtract_srclist_and_rcvd_record(aIPv6SrcAddrList2, MLDRT_SRCLIST_CAPACITY,
-                                                    g->include_list, b, nb, 0);
-    int n3 = mldrt_subtract_srclist_and_rcvd_record(aIPv6SrcAddrList3, MLDRT_SRCLIST_CAPACITY,
-                                                    g->include_list, b, nb, 1);
-    if (n2 < 0 || n3 < 0) {
-        printf("%s", kSubtractFailed);
-        return;
-    }
+    mldrt_src_result both, added, gone;
+    mldrt_intersect_srclist_with_rcvd_record(&both, g->include_list, b, nb);
+    mldrt_subtract_srclist_and_rcvd_record(&added, g->include_list, b, nb, 0);
+    mldrt_subtract_srclist_and_rcvd_record(&gone, g->include_list, b, nb, 1);
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, ifp) != 0) {
         printf("\n Couldnt empty include list");
         return;
     }
-    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, aIPv6SrcAddrList1, n1, ifp);
-    mldrt_add_result_timer(r, g, MLDRT_L_EXC, aIPv6SrcAddrList2, n2, 0, ifp);
-    mldrt_set_req_timers(g, aIPv6SrcAddrList2, n2, 0);
-    mldrt_remove_from_req_and_exc(r, g, aIPv6SrcAddrList3, n3, ifp);
+    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &both, ifp);
+    mldrt_add_result_timer(r, g, MLDRT_L_EXC, &added, 0, ifp);
+    mldrt_set_req_timers(g, &added, 0);
+    mldrt_remove_from_req_and_exc(r, g, &gone, ifp);
     // Asked while the group is still INCLUDE with an empty include list, so this finds no
     // source and sends nothing: compatible with the routers this one replaces.
-    if (n1 > 0) {
-        mldrt_update_fsm_and_send_query(r, ifp, g, g->grp_addr, aIPv6SrcAddrList1,
-                                        static_cast<uint32_t>(n1));
-    }
+    mldrt_query_result(r, ifp, g, &both);
     mldrt_enter_exclude(r, g);
 }
 
-// EXCLUDE (X, Y) + TO_EX(B), B non-empty -> EXCLUDE(B-Y, Y*B), Q(G, B-Y), filter timer GMI.
+// EXCLUDE (X, Y) + TO_EX(B), B non-empty -> EXCLUDE(B-Y, Y*B), Q(G, B-Y), B-X-Y at the filter
+// timer, filter timer GMI; the sources of X*B keep their timers.
 void toex_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* rec) {
     const uint8_t* b = mldrt_rec_srcs(rec);
     uint32_t nb = mldrt_rec_nsrc(rec);
-    int n1 = mldrt_subtract_srclist_and_rcvd_record(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY,
-                                                    g->exc_list, b, nb, 0);
-    if (n1 < 0) {
-        printf("%s", kSubtractFailed);
-        return;
-    }
-    int n4 = mldrt_subtract_srclists(aIPv6SrcAddrList3, MLDRT_SRCLIST_CAPACITY,
-                                     mldrt_result_list(aIPv6SrcAddrList1, n1), g->req_list);
-    if (n4 < 0) {
-        printf("\n FATAL: Cannot subtract source lists ");
-        return;
-    }
-    int n2 = mldrt_subtract_srclist_and_rcvd_record(aIPv6SrcAddrList2, MLDRT_SRCLIST_CAPACITY,
-                                                    g->req_list, b, nb, 1);
-    if (n2 < 0) {
-        printf("%s", kSubtractFailed);
-        return;
-    }
+    mldrt_src_result wanted, fresh, dropped, unexcluded;
+    mldrt_subtract_srclist_and_rcvd_record(&wanted, g->exc_list, b, nb, 0);
+    mldrt_take_req_timers(g, &wanted);
+    mldrt_subtract_srclists(&fresh, mldrt_result_list(&wanted), g->req_list);
+    mldrt_subtract_srclist_and_rcvd_record(&dropped, g->req_list, b, nb, 1);
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, ifp) != 0) {
         printf("\n Couldnt empty req list");
         return;
     }
-    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, aIPv6SrcAddrList1, n1, ifp);
-    if (n1 > 0) {
-        mldrt_update_fsm_and_send_query(r, ifp, g, g->grp_addr, aIPv6SrcAddrList1,
-                                        static_cast<uint32_t>(n1));
-    }
-    int n5 = mldrt_subtract_srclist_and_rcvd_record(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY,
-                                                    g->exc_list, b, nb, 1);
-    if (n5 < 0) {
-        printf("%s", kSubtractFailed);
-        return;
-    }
+    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &wanted, ifp);
+    mldrt_query_result(r, ifp, g, &wanted);
+    mldrt_subtract_srclist_and_rcvd_record(&unexcluded, g->exc_list, b, nb, 1);
     mldrt_intersect_grp_srclist_with_rcvd_record(r, g, MLDRT_L_EXC, b, nb, ifp);
-    mldrt_remove_from_req_and_exc(r, g, aIPv6SrcAddrList1, n5, ifp);
-    mldrt_remove_from_req_and_exc(r, g, aIPv6SrcAddrList2, n2, ifp);
-    mldrt_set_req_timers(g, aIPv6SrcAddrList3, n4, g->ftimer);
+    mldrt_remove_from_req_and_exc(r, g, &unexcluded, ifp);
+    mldrt_remove_from_req_and_exc(r, g, &dropped, ifp);
+    mldrt_set_req_timers(g, &fresh, g->ftimer);
     g->ftimer = static_cast<int32_t>(mldrt_gmi(r));
 }
 

@@ -32,7 +32,8 @@ inline const uint8_t* mldrt_rec_srcs(const uint8_t* rec) {
 uint32_t mldrt_gmi(const mldrt_router* r);
 
 // The join sequence every report handler starts with: group, member, forwarding entry and
-// their mapping. `loud` handlers print which step failed. nullptr when a step failed.
+// their mapping. `loud` handlers print which step failed. nullptr when a step failed, and,
+// silently, for a group of link scope or less, which is never proxied.
 mldrt_group* mldrt_join_group(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
                               const uint8_t* grp, bool loud);
 

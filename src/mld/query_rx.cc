@@ -48,6 +48,13 @@ const mldrt_src* match_sources(const mldrt_router* r, const uint8_t* msg, const 
     return n > 0 ? matched : nullptr;
 }
 
+// An MLDv1 report has no source list: it asks for every source of the group. A group whose
+// host state is INCLUDE{} has no listener, so on an MLDv1 upstream it is left out of the
+// answer rather than joined again.
+bool unheard_on_v1(const mldrt_interface* ifp, const mldrt_hs_state* hs) {
+    return ifp->mld_version == 1 && hs->mode == MLDRT_INCLUDE && !hs->list;
+}
+
 }  // namespace
 
 int mldrt_handle_mld_query(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
@@ -68,7 +75,7 @@ int mldrt_handle_mld_query(mldrt_router* r, mldrt_interface* ifp, const uint8_t*
     mldrt_rb_init(&rb, r);
     for (const mldrt_mfdb_entry* e = r->mfdb_list; e; e = e->next) {
         const mldrt_hs_state* hs = e->old_host_state;
-        if (!hs || (!general && !ipv6_addr_equal(e->grp_addr, grp))) {
+        if (!hs || (!general && !ipv6_addr_equal(e->grp_addr, grp)) || unheard_on_v1(ifp, hs)) {
             continue;
         }
         uint8_t rec_type = mldrt_get_rectype_from_group_mode(hs->mode);

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/addr.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "mld/handlers.h"
@@ -63,6 +64,12 @@ int mldrt_update_fsm_and_send_query(mldrt_router* r, mldrt_interface* ifp, mldrt
     }
     uint32_t lowered = 0, kept = 0;
     for (const mldrt_src* s = srcs; s; s = s->next) {
+        // :: marks the whole group in the database; no host can report it as a source. The
+        // group-specific query asks for the whole group, so :: is never queried, and its
+        // timer is left to the filter timer that query lowers.
+        if (mldrt_is_any_addr(s->src_addr)) {
+            continue;
+        }
         mldrt_src* found = mldrt_lookup_src_in_grplist(searched, s->src_addr);
         if (!found) {
             continue;
@@ -81,13 +88,17 @@ int mldrt_update_fsm_and_send_query(mldrt_router* r, mldrt_interface* ifp, mldrt
             kept++;
         }
     }
-    g->srsp_count = lowered;
-    g->non_srsp_count = kept;
-    if (g->srsp_list) {
-        send_specific_query(r, ifp, grp, g->srsp_list, lowered);
+    // The lists may still hold sources of an earlier query awaiting retransmission (a host
+    // repeats its leave before the router repeats its query): they are asked again with the
+    // new ones, and the counts are those of the whole lists, so that a query never finds its
+    // list and its count at odds.
+    g->srsp_count = mldrt_srclist_len(g->srsp_list);
+    g->non_srsp_count = mldrt_srclist_len(g->non_srsp_list);
+    if (lowered > 0) {
+        send_specific_query(r, ifp, grp, g->srsp_list, g->srsp_count);
     }
-    if (g->non_srsp_list) {
-        send_specific_query(r, ifp, grp, g->non_srsp_list, kept);
+    if (kept > 0) {
+        send_specific_query(r, ifp, grp, g->non_srsp_list, g->non_srsp_count);
     }
     if (lowered > 0 || kept > 0) {
         g->src_rtx_count = static_cast<int32_t>(r->last_listener_query_count - 1);

@@ -4,8 +4,6 @@
 #include "mld/handlers.h"
 #include "mld/mld.h"
 
-namespace {}  // namespace
-
 void mldrt_add_record_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype, const uint8_t* rec,
                            int32_t timer, mldrt_interface* ifp) {
     const uint8_t* srcs = mldrt_rec_srcs(rec);
@@ -29,34 +27,52 @@ void mldrt_want_record_srcs(mldrt_router* r, mldrt_group* g, const uint8_t* rec,
     }
 }
 
-void mldrt_add_result_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype, const mldrt_src* arr,
-                           int n, mldrt_interface* ifp) {
-    for (int i = 0; i < n; i++) {
-        mldrt_add_entry_to_grp_srclist(r, g, ltype, arr[i].src_addr, arr[i].timer, ifp);
+void mldrt_add_result_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype,
+                           const mldrt_src_result* res, mldrt_interface* ifp) {
+    for (uint32_t i = 0; i < res->n; i++) {
+        const mldrt_src& s = res->entries[i];
+        mldrt_add_entry_to_grp_srclist(r, g, ltype, s.src_addr, s.timer, ifp);
     }
 }
 
-void mldrt_add_result_timer(mldrt_router* r, mldrt_group* g, uint32_t ltype, const mldrt_src* arr,
-                            int n, int32_t timer, mldrt_interface* ifp) {
-    for (int i = 0; i < n; i++) {
-        mldrt_add_entry_to_grp_srclist(r, g, ltype, arr[i].src_addr, timer, ifp);
+void mldrt_add_result_timer(mldrt_router* r, mldrt_group* g, uint32_t ltype,
+                            const mldrt_src_result* res, int32_t timer, mldrt_interface* ifp) {
+    for (uint32_t i = 0; i < res->n; i++) {
+        mldrt_add_entry_to_grp_srclist(r, g, ltype, res->entries[i].src_addr, timer, ifp);
     }
 }
 
-void mldrt_set_req_timers(mldrt_group* g, const mldrt_src* arr, int n, int32_t timer) {
-    for (int i = 0; i < n; i++) {
-        mldrt_src* s = mldrt_lookup_src_in_grplist(g->req_list, arr[i].src_addr);
+void mldrt_set_req_timers(mldrt_group* g, const mldrt_src_result* res, int32_t timer) {
+    for (uint32_t i = 0; i < res->n; i++) {
+        mldrt_src* s = mldrt_lookup_src_in_grplist(g->req_list, res->entries[i].src_addr);
         if (s) {
             s->timer = timer;
         }
     }
 }
 
-void mldrt_remove_from_req_and_exc(mldrt_router* r, mldrt_group* g, const mldrt_src* arr, int n,
+void mldrt_take_req_timers(const mldrt_group* g, mldrt_src_result* res) {
+    for (uint32_t i = 0; i < res->n; i++) {
+        const mldrt_src* s = mldrt_lookup_src_in_grplist(g->req_list, res->entries[i].src_addr);
+        if (s) {
+            res->entries[i].timer = s->timer;
+        }
+    }
+}
+
+void mldrt_remove_from_req_and_exc(mldrt_router* r, mldrt_group* g, const mldrt_src_result* res,
                                    mldrt_interface* ifp) {
-    for (int i = 0; i < n; i++) {
-        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, arr[i].src_addr, ifp);
-        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, arr[i].src_addr, ifp);
+    for (uint32_t i = 0; i < res->n; i++) {
+        const uint8_t* addr = res->entries[i].src_addr;
+        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, addr, ifp);
+        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, addr, ifp);
+    }
+}
+
+void mldrt_query_result(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g,
+                        const mldrt_src_result* res) {
+    if (res->n > 0) {
+        mldrt_update_fsm_and_send_query(r, ifp, g, g->grp_addr, res->entries, res->n);
     }
 }
 

@@ -9,11 +9,6 @@
 
 struct mldrt_interface;
 
-// An algebra result as a list: its entries are linked from entry 0, and nothing when empty.
-inline const mldrt_src* mldrt_result_list(const mldrt_src* arr, int n) {
-    return n > 0 ? arr : nullptr;
-}
-
 // Adds every source of the record to list `ltype` with `timer`.
 void mldrt_add_record_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype, const uint8_t* rec,
                            int32_t timer, mldrt_interface* ifp);
@@ -22,16 +17,22 @@ void mldrt_add_record_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype, cons
 void mldrt_want_record_srcs(mldrt_router* r, mldrt_group* g, const uint8_t* rec,
                             mldrt_interface* ifp);
 // Adds every entry of a result to list `ltype`, each with the timer its entry holds.
-void mldrt_add_result_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype, const mldrt_src* arr,
-                           int n, mldrt_interface* ifp);
+void mldrt_add_result_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype,
+                           const mldrt_src_result* res, mldrt_interface* ifp);
 // Adds every entry of a result to list `ltype`, all with `timer`.
-void mldrt_add_result_timer(mldrt_router* r, mldrt_group* g, uint32_t ltype, const mldrt_src* arr,
-                            int n, int32_t timer, mldrt_interface* ifp);
+void mldrt_add_result_timer(mldrt_router* r, mldrt_group* g, uint32_t ltype,
+                            const mldrt_src_result* res, int32_t timer, mldrt_interface* ifp);
 // Sets the timer of every result entry that is on the group's requested list.
-void mldrt_set_req_timers(mldrt_group* g, const mldrt_src* arr, int n, int32_t timer);
+void mldrt_set_req_timers(mldrt_group* g, const mldrt_src_result* res, int32_t timer);
+// Gives every result entry that is on the group's requested list that entry's timer: the
+// sources a record names again keep their timers (RFC 3810 section 7.4, X*A).
+void mldrt_take_req_timers(const mldrt_group* g, mldrt_src_result* res);
 // Removes every result entry from the requested and the excluded list.
-void mldrt_remove_from_req_and_exc(mldrt_router* r, mldrt_group* g, const mldrt_src* arr, int n,
+void mldrt_remove_from_req_and_exc(mldrt_router* r, mldrt_group* g, const mldrt_src_result* res,
                                    mldrt_interface* ifp);
+// Q(G, sources of the result) through mldrt_update_fsm_and_send_query, when it has any.
+void mldrt_query_result(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g,
+                        const mldrt_src_result* res);
 // Enters EXCLUDE mode: counted in the forwarding entry, filter timer GMI.
 void mldrt_enter_exclude(mldrt_router* r, mldrt_group* g);
 // The requested list becomes {::} with timer GMI: the whole group is wanted.

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/addr.h"
 #include "core/bytes.h"
 #include "db/db.h"
 #include "iface/interface.h"
@@ -45,6 +46,11 @@ uint32_t mldrt_gmi(const mldrt_router* r) {
 
 mldrt_group* mldrt_join_group(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
                               const uint8_t* grp, bool loud) {
+    // Link-scope traffic is never forwarded, and reporting the hosts' solicited-node groups
+    // upstream would tell the upstream network their addresses: such groups are not proxied.
+    if (mldrt_is_link_scope_group(grp)) {
+        return nullptr;
+    }
     mldrt_group* g = mldrt_add_group(r, ifp, grp);
     if (!g) {
         if (loud) {

@@ -31,40 +31,23 @@ mldrt_group* join_for_source_change(mldrt_router* r, mldrt_interface* ifp, const
 
 // INCLUDE (A) + BLOCK(B): Q(G, A*B).
 void block_on_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* rec) {
-    int n = mldrt_intersect_srclist_with_rcvd_record(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY,
-                                                     g->include_list, mldrt_rec_srcs(rec),
-                                                     mldrt_rec_nsrc(rec));
-    if (n < 0) {
-        printf("\n Fatal : Coudnt intersect source lists");
-        return;
-    }
-    if (n > 0) {
-        mldrt_update_fsm_and_send_query(r, ifp, g, g->grp_addr, aIPv6SrcAddrList1,
-                                        static_cast<uint32_t>(n));
-    }
+    mldrt_src_result both;
+    mldrt_intersect_srclist_with_rcvd_record(&both, g->include_list, mldrt_rec_srcs(rec),
+                                             mldrt_rec_nsrc(rec));
+    mldrt_query_result(r, ifp, g, &both);
 }
 
-// EXCLUDE (X, Y) + BLOCK(B) -> EXCLUDE(X + (B-Y), Y), B-X-Y at the filter timer, Q(G, B-Y).
+// EXCLUDE (X, Y) + BLOCK(B) -> EXCLUDE(X + (B-Y), Y), B-X-Y at the filter timer, Q(G, B-Y);
+// the sources of X*B keep their timers.
 void block_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* rec) {
-    int n1 = mldrt_subtract_srclist_and_rcvd_record(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY,
-                                                    g->exc_list, mldrt_rec_srcs(rec),
-                                                    mldrt_rec_nsrc(rec), 0);
-    if (n1 < 0) {
-        printf("\n FATAL: mldrt_subtract_srclist_and_rcvd_record 0 failed ");
-        return;
-    }
-    int n2 = mldrt_subtract_srclists(aIPv6SrcAddrList2, MLDRT_SRCLIST_CAPACITY,
-                                     mldrt_result_list(aIPv6SrcAddrList1, n1), g->req_list);
-    if (n2 < 0) {
-        printf("\n FATAL: Cannot subtract source lists ");
-        return;
-    }
-    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, aIPv6SrcAddrList1, n1, ifp);
-    mldrt_set_req_timers(g, aIPv6SrcAddrList2, n2, g->ftimer);
-    if (n1 > 0) {
-        mldrt_update_fsm_and_send_query(r, ifp, g, g->grp_addr, aIPv6SrcAddrList1,
-                                        static_cast<uint32_t>(n1));
-    }
+    mldrt_src_result blocked, fresh;
+    mldrt_subtract_srclist_and_rcvd_record(&blocked, g->exc_list, mldrt_rec_srcs(rec),
+                                           mldrt_rec_nsrc(rec), 0);
+    mldrt_take_req_timers(g, &blocked);
+    mldrt_subtract_srclists(&fresh, mldrt_result_list(&blocked), g->req_list);
+    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &blocked, ifp);
+    mldrt_set_req_timers(g, &fresh, g->ftimer);
+    mldrt_query_result(r, ifp, g, &blocked);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "core/addr.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "mld/mld.h"
@@ -26,10 +27,24 @@ void free_state(mldrt_hs_state* hs) {
     }
 }
 
+// :: marks a whole group in a link's lists; as a source it means nothing to the upstream, so
+// it never enters the host state and never goes into a report.
 void add_sources(mldrt_mfdb_entry* e, const mldrt_src* list) {
     for (; list; list = list->next) {
-        mldrt_add_src_to_group(nullptr, e, MLDRT_L_NEW_HS, list->src_addr);
+        if (!mldrt_is_any_addr(list->src_addr)) {
+            mldrt_add_src_to_group(nullptr, e, MLDRT_L_NEW_HS, list->src_addr);
+        }
     }
+}
+
+// True when every source of `a` is also in `b`.
+bool contained(const mldrt_src* a, const mldrt_src* b) {
+    for (; a; a = a->next) {
+        if (!mldrt_srclist_has(b, a->src_addr)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // Calls `visit` for every group mapped to `e`, links in list order; stops when it returns
@@ -128,13 +143,11 @@ int mldrt_diff_host_state(mldrt_router* r, mldrt_mfdb_entry* e) {
     if (!old_hs->list || !new_hs->list) {
         return old_hs->list != new_hs->list ? 1 : 0;
     }
-    uint32_t n_old = mldrt_srclist_len(old_hs->list);
-    uint32_t n_new = mldrt_srclist_len(new_hs->list);
-    const mldrt_src* longer = n_new > n_old ? new_hs->list : old_hs->list;
-    const mldrt_src* shorter = n_new > n_old ? old_hs->list : new_hs->list;
-    // An overflowed subtraction (-1) counts as an empty result, like every algebra result.
-    int n = mldrt_subtract_srclists(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY, longer, shorter);
-    return n > 0 ? 1 : 0;
+    // Host-state lists hold each source once: same length and one inside the other is equality.
+    return mldrt_srclist_len(old_hs->list) != mldrt_srclist_len(new_hs->list) ||
+                   !contained(new_hs->list, old_hs->list)
+               ? 1
+               : 0;
 }
 
 void mldrt_finish_host_state_update(mldrt_router* r, mldrt_mfdb_entry* e) {

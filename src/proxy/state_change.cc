@@ -15,30 +15,38 @@ int32_t retransmissions(const mldrt_router* r) {
     return static_cast<int32_t>(r->robustness - 1);
 }
 
-// An algebra result as a list; an overflowed one (-1) counts as empty.
-const mldrt_src* result_list(const mldrt_src* arr, int n) {
-    return n > 0 ? arr : nullptr;
-}
-
-// Adds every source of `from` to the state-change list `ltype`, each with its own count.
-void add_scr(mldrt_router* r, mldrt_mfdb_entry* e, uint32_t ltype, const mldrt_src* from) {
+// Adds every source of `from` that is not in `except` to the state-change list `ltype`, each
+// with its own count, and returns how many there were. The difference is taken over the whole
+// lists: every changed source is reported, however many changed.
+uint32_t add_scr(mldrt_router* r, mldrt_mfdb_entry* e, uint32_t ltype, const mldrt_src* from,
+                 const mldrt_src* except = nullptr) {
+    uint32_t n = 0;
     for (; from; from = from->next) {
+        if (mldrt_srclist_has(except, from->src_addr)) {
+            continue;
+        }
+        n++;
         mldrt_src* s = mldrt_add_src_to_group(nullptr, e, ltype, from->src_addr);
         if (s) {
             s->timer = retransmissions(r);
         }
     }
+    return n;
 }
 
-// A source newly allowed is no longer blocked, and the other way round: the two pending lists
-// never name one source, so a retransmission never contradicts the latest change.
-void add_source_change(mldrt_router* r, mldrt_mfdb_entry* e, uint32_t ltype,
-                       const mldrt_src* from) {
+// Makes the sources of `from` not in `except` a pending change of kind `ltype` (ALLOW or
+// BLOCK) and returns how many there were. A source newly allowed is no longer blocked, and the
+// other way round: the two pending lists never name one source, so a retransmission never
+// contradicts the latest change.
+uint32_t add_source_change(mldrt_router* r, mldrt_mfdb_entry* e, uint32_t ltype,
+                           const mldrt_src* from, const mldrt_src* except) {
     uint32_t opposite = ltype == MLDRT_L_SCR_ALLOW ? MLDRT_L_SCR_BLOCK : MLDRT_L_SCR_ALLOW;
     for (const mldrt_src* s = from; s; s = s->next) {
-        mldrt_del_src_from_group(nullptr, e, opposite, s->src_addr);
+        if (!mldrt_srclist_has(except, s->src_addr)) {
+            mldrt_del_src_from_group(nullptr, e, opposite, s->src_addr);
+        }
     }
-    add_scr(r, e, ltype, from);
+    return add_scr(r, e, ltype, from, except);
 }
 
 void clear_pending(mldrt_mfdb_entry* e) {
@@ -119,15 +127,11 @@ void send_allow_block(mldrt_router* r, mldrt_mfdb_entry* e, bool allow, bool blo
 
 void include_to_include(mldrt_router* r, mldrt_mfdb_entry* e, const mldrt_src* old_list,
                         const mldrt_src* new_list) {
-    int added =
-        mldrt_subtract_srclists(aIPv6SrcAddrList2, MLDRT_SRCLIST_CAPACITY, new_list, old_list);
-    int removed =
-        mldrt_subtract_srclists(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY, old_list, new_list);
-    add_source_change(r, e, MLDRT_L_SCR_ALLOW, result_list(aIPv6SrcAddrList2, added));
+    uint32_t added = add_source_change(r, e, MLDRT_L_SCR_ALLOW, new_list, old_list);
     if (added > 0) {
         e->scr_allow_cnt = retransmissions(r);
     }
-    add_source_change(r, e, MLDRT_L_SCR_BLOCK, result_list(aIPv6SrcAddrList1, removed));
+    uint32_t removed = add_source_change(r, e, MLDRT_L_SCR_BLOCK, old_list, new_list);
     if (removed > 0) {
         e->scr_block_cnt = retransmissions(r);
     }
@@ -136,12 +140,8 @@ void include_to_include(mldrt_router* r, mldrt_mfdb_entry* e, const mldrt_src* o
 
 void exclude_to_exclude(mldrt_router* r, mldrt_mfdb_entry* e, const mldrt_src* old_list,
                         const mldrt_src* new_list) {
-    int allowed =
-        mldrt_subtract_srclists(aIPv6SrcAddrList2, MLDRT_SRCLIST_CAPACITY, old_list, new_list);
-    int blocked =
-        mldrt_subtract_srclists(aIPv6SrcAddrList1, MLDRT_SRCLIST_CAPACITY, new_list, old_list);
-    add_source_change(r, e, MLDRT_L_SCR_ALLOW, result_list(aIPv6SrcAddrList2, allowed));
-    add_source_change(r, e, MLDRT_L_SCR_BLOCK, result_list(aIPv6SrcAddrList1, blocked));
+    uint32_t allowed = add_source_change(r, e, MLDRT_L_SCR_ALLOW, old_list, new_list);
+    uint32_t blocked = add_source_change(r, e, MLDRT_L_SCR_BLOCK, new_list, old_list);
     // Both counts are set even when one direction is empty, as deployed.
     e->scr_allow_cnt = retransmissions(r);
     e->scr_block_cnt = retransmissions(r);

@@ -176,7 +176,6 @@ received_at_least() { [[ $(received_count "$1") -ge $2 ]]; }
 # sigterm_ends_cleanly: SIGTERM (while h1 still listens and the traffic flows) ends it within
 # 3 s with status 0, its MIFs are gone, and with the example configuration (VERBOSE 0) it
 # printed nothing at all: its set-up, MIFs and forwarding entry all worked without a message.
-# (A leave makes it print its "numSrc and list inconsistent" line, so nobody leaves first.)
 sigterm_ends_cleanly() {
   [[ -n $DAEMON ]] && t_daemon_alive || fail "no daemon running (an earlier check failed)" || return 1
   local t0

@@ -1,5 +1,7 @@
-// Source-list algebra: results in the process-wide arrays, in-place intersections, and the
+// Source-list algebra: whole results owned by the caller, in-place intersections, and the
 // forwarding-aware list operations built on them.
+
+#include <memory>
 
 #include "test_support.h"
 
@@ -41,105 +43,108 @@ std::string order(const mldrt_src* p) {
     return s;
 }
 
-constexpr int32_t kTimer = 0x5a5a5a5a;
-constexpr uint16_t kRtx = 0x7777;
-
 enum class Op { SubtractLists, SubtractRecord, IntersectRecord, Union };
 
 struct Row {
     const char* name;
     std::vector<int> a, b;  // list A (or L); list B or the record's sources
     int mode;               // record subtraction only
-    int result;
-    std::vector<int> written;  // entries 0.. of the array afterwards
+    std::vector<int> result;
     const char* out;
 };
 
+const char* const kLimit = "MLDRT: Limit of 64 sources per list reached, request not handled\n";
+
+// Every row writes into a result that an earlier operation filled with other sources and
+// timers: the result must be whole, in order, linked, and show nothing of what was there.
 void run(Op op, const std::vector<Row>& rows) {
     const char* const kOps[] = {"SubtractLists", "SubtractRecord", "IntersectRecord", "Union"};
     SCOPED_TRACE(kOps[static_cast<int>(op)]);
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        mldrt_src* arr = aIPv6SrcAddrList2;
-        for (uint32_t i = 0; i < MLDRT_SRCLIST_ARRAY; i++) {
-            std::memset(arr[i].src_addr, 0xee, 16);
-            arr[i].rtx_count = kRtx;
-            arr[i].timer = kTimer;
-        }
+        fake::kernel().clock_seconds += 3600;  // the limit's line is printed once a minute
         mldrt_src* a = make_list(row.a, 1000);
         mldrt_src* b = make_list(row.b, 2000);
         std::vector<uint8_t> rec = record(row.b);
-        const uint32_t cap = MLDRT_SRCLIST_CAPACITY;
-        testing::internal::CaptureStdout();
-        int n = op == Op::SubtractLists ? mldrt_subtract_srclists(arr, cap, a, b)
-                : op == Op::SubtractRecord
-                    ? mldrt_subtract_srclist_and_rcvd_record(
-                          arr, cap, a, rec.data(), static_cast<uint32_t>(row.b.size()), row.mode)
-                : op == Op::IntersectRecord
-                    ? mldrt_intersect_srclist_with_rcvd_record(arr, cap, a, rec.data(),
-                                                               static_cast<uint32_t>(row.b.size()))
-                    : mldrt_union_srclists(arr, cap, a, b);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), row.out);
-        EXPECT_EQ(n, row.result);
-        const bool timer_copied = !(op == Op::SubtractRecord && row.mode == 0);
-        const size_t k = row.written.size();
-        for (size_t i = 0; i < k; i++) {
-            SCOPED_TRACE("entry " + std::to_string(i));
-            const int src = row.written[i];
-            const bool from_a = std::count(row.a.begin(), row.a.end(), src) > 0;
-            EXPECT_EQ(ip6_text(arr[i].src_addr), ip6_text(S(src).data()));
-            EXPECT_EQ(arr[i].timer, timer_copied ? (from_a ? 1000 : 2000) + src : kTimer);
-            EXPECT_EQ(arr[i].rtx_count, op == Op::IntersectRecord ? 0 : kRtx);
-            EXPECT_EQ(arr[i].next, i + 1 < k ? &arr[i + 1] : nullptr);
+        const uint32_t nrec = static_cast<uint32_t>(row.b.size());
+        auto res = std::make_unique<mldrt_src_result>();
+        res->n = MLDRT_MAX_SOURCES;
+        for (mldrt_src& e : res->entries) {
+            std::memset(e.src_addr, 0xee, 16);
+            e.rtx_count = 0x7777;
+            e.timer = 0x5a5a5a5a;
+            e.next = &e;
         }
-        EXPECT_EQ(arr[k].src_addr[0], 0xee) << "entry " << k << " written";
+        testing::internal::CaptureStdout();
+        uint32_t n = op == Op::SubtractLists    ? mldrt_subtract_srclists(res.get(), a, b)
+                     : op == Op::SubtractRecord ? mldrt_subtract_srclist_and_rcvd_record(
+                                                      res.get(), a, rec.data(), nrec, row.mode)
+                     : op == Op::IntersectRecord
+                         ? mldrt_intersect_srclist_with_rcvd_record(res.get(), a, rec.data(), nrec)
+                         : mldrt_union_srclists(res.get(), a, b);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), row.out);
+        EXPECT_EQ(n, row.result.size());
+        EXPECT_EQ(res->n, row.result.size());
+        const bool from_record = op == Op::SubtractRecord && row.mode == 0;
+        std::vector<int> got;
+        for (const mldrt_src* p = mldrt_result_list(res.get()); p; p = p->next) {
+            got.push_back(p->src_addr[15]);
+            ASSERT_EQ(std::memcmp(p->src_addr, S(p->src_addr[15]).data(), 16), 0);
+            const bool in_a = std::count(row.a.begin(), row.a.end(), p->src_addr[15]) > 0;
+            EXPECT_EQ(p->timer, from_record ? 0 : (in_a ? 1000 : 2000) + p->src_addr[15])
+                << "source " << got.back();
+            EXPECT_EQ(p->rtx_count, 0) << "source " << got.back();
+        }
+        EXPECT_EQ(got, row.result);
         mldrt_free_srclist(&a);
         mldrt_free_srclist(&b);
     }
 }
 
-const char* kFull = "\n Fatal: SrcList cannot be accomodated";
-
-// Subtraction of lists and of a record, intersection with a record, and union, into the array.
-TEST(AlgebraTest, ArrayResultsByOperation) {
-    run(Op::SubtractLists,
-        {
-            {"EmptyA", {}, {1}, 0, 0, {}, ""},
-            {"EmptyBCopiesA", {1, 2, 3}, {}, 0, 3, {1, 2, 3}, ""},
-            {"InOrderOfA", {3, 1, 2, 4}, {4, 1}, 0, 2, {3, 2}, ""},
-            {"DuplicatesOfAStay", {1, 2, 1}, {2}, 0, 2, {1, 1}, ""},
-            {"TenFit", upto(1, 10), {}, 0, 10, upto(1, 10), ""},
-            {"EleventhFailsBeforeWriting", upto(1, 11), {}, 0, -1, upto(1, 10), kFull},
-        });
+// Subtraction of lists and of a record, intersection with a record, and union: results hold
+// every entry up to the 64-entry list limit; the 65th is refused with the limit's line.
+TEST(AlgebraTest, ResultsAreWholeUpToTheListLimit) {
+    run(Op::SubtractLists, {
+                               {"EmptyA", {}, {1}, 0, {}, ""},
+                               {"EmptyBCopiesA", {1, 2, 3}, {}, 0, {1, 2, 3}, ""},
+                               {"InOrderOfA", {3, 1, 2, 4}, {4, 1}, 0, {3, 2}, ""},
+                               {"DuplicatesOfAStay", {1, 2, 1}, {2}, 0, {1, 1}, ""},
+                               {"TwelveOverThree", upto(1, 15), {1, 2, 3}, 0, upto(4, 15), ""},
+                               {"SixtyFourFit", upto(1, 64), {}, 0, upto(1, 64), ""},
+                               {"SixtyFifthRefused", upto(1, 65), {}, 0, upto(1, 64), kLimit},
+                           });
     run(Op::SubtractRecord,
         {
-            {"Mode0NoSources", {1}, {}, 0, 0, {}, ""},
-            {"Mode0RecordOrderTimerUntouched", {2}, {3, 2, 1}, 0, 2, {3, 1}, ""},
-            {"Mode0RecordDuplicateTwice", {}, {5, 5}, 0, 2, {5, 5}, ""},
-            {"Mode0TenFit", {}, upto(1, 10), 0, 10, upto(1, 10), ""},
-            {"Mode0EleventhFails", {}, upto(1, 11), 0, -1, upto(1, 10), kFull},
-            {"Mode1NoSourcesCopiesList", {1, 2}, {}, 1, 2, {1, 2}, ""},
-            {"Mode1ListOrder", {3, 1, 2}, {1}, 1, 2, {3, 2}, ""},
-            {"Mode1RecordDuplicateIgnored", {5, 6}, {6, 6}, 1, 1, {5}, ""},
-            {"Mode1EleventhFails", upto(1, 11), {}, 1, -1, upto(1, 10), kFull},
-            {"Mode2IsAnEmptyResult", {1}, {2}, 2, 0, {}, "\n FATAL: Invalid mode type passed"},
+            {"Mode0NoSources", {1}, {}, 0, {}, ""},
+            {"Mode0RecordOrderTimerZero", {2}, {3, 2, 1}, 0, {3, 1}, ""},
+            {"Mode0RecordDuplicateTwice", {}, {5, 5}, 0, {5, 5}, ""},
+            {"Mode0SixtyFourFit", {}, upto(1, 64), 0, upto(1, 64), ""},
+            {"Mode0SixtyFifthRefused", {}, upto(1, 65), 0, upto(1, 64), kLimit},
+            {"Mode0SixtyFourBesideTheList", upto(1, 64), upto(1, 128), 0, upto(65, 128), ""},
+            {"Mode1NoSourcesCopiesList", {1, 2}, {}, 1, {1, 2}, ""},
+            {"Mode1ListOrder", {3, 1, 2}, {1}, 1, {3, 2}, ""},
+            {"Mode1RecordDuplicateIgnored", {5, 6}, {6, 6}, 1, {5}, ""},
+            {"Mode1SixtyFourFit", upto(1, 64), {}, 1, upto(1, 64), ""},
+            {"Mode1SixtyFifthRefused", upto(1, 65), {}, 1, upto(1, 64), kLimit},
+            {"Mode2IsAnEmptyResult", {1}, {2}, 2, {}, "\n FATAL: Invalid mode type passed"},
         });
     run(Op::IntersectRecord,
         {
-            {"NoSources", {1, 2}, {}, 0, 0, {}, ""},
-            {"ListOrder", {3, 1, 2}, {2, 3}, 0, 2, {3, 2}, ""},
-            {"RecordDuplicateOnce", {4}, {4, 4}, 0, 1, {4}, ""},
-            {"TenFit", upto(1, 10), upto(1, 12), 0, 10, upto(1, 10), ""},
-            {"EleventhFails", upto(1, 11), upto(1, 11), 0, -1, upto(1, 10), kFull},
+            {"NoSources", {1, 2}, {}, 0, {}, ""},
+            {"ListOrder", {3, 1, 2}, {2, 3}, 0, {3, 2}, ""},
+            {"RecordDuplicateOnce", {4}, {4, 4}, 0, {4}, ""},
+            {"SixtyFourFit", upto(1, 64), upto(1, 70), 0, upto(1, 64), ""},
+            {"SixtyFifthRefused", upto(1, 65), upto(1, 65), 0, upto(1, 64), kLimit},
         });
-    run(Op::Union, {
-                       {"BothEmpty", {}, {}, 0, 0, {}, ""},
-                       {"AThenNewOfB", {2, 1}, {3, 1, 4}, 0, 4, {2, 1, 3, 4}, ""},
-                       {"DuplicatesOfARemoved", {1, 2, 1}, {2}, 0, 2, {1, 2}, ""},
-                       {"TenFit", upto(1, 5), upto(6, 10), 0, 10, upto(1, 10), ""},
-                       {"EleventhWrittenThenFails", upto(1, 6), upto(7, 11), 0, -1, upto(1, 11),
-                        "\n Cannot add source lists"},
-                   });
+    run(Op::Union,
+        {
+            {"BothEmpty", {}, {}, 0, {}, ""},
+            {"AThenNewOfB", {2, 1}, {3, 1, 4}, 0, {2, 1, 3, 4}, ""},
+            {"DuplicatesOfARemoved", {1, 2, 1}, {2}, 0, {1, 2}, ""},
+            {"SixtyFourFit", upto(1, 32), upto(33, 64), 0, upto(1, 64), ""},
+            {"SixtyFourWithCommonSources", upto(1, 40), upto(20, 64), 0, upto(1, 64), ""},
+            {"SixtyFifthRefused", upto(1, 32), upto(33, 65), 0, upto(1, 64), kLimit},
+        });
 }
 
 TEST(AlgebraTest, InPlaceIntersectionKeepsOrder) {

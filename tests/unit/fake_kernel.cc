@@ -87,10 +87,6 @@ void fresh_router(uint32_t robustness) {
     router.netlink_sock = g_kernel.next_fd++;
     router.robustness = robustness;
     std::strcpy(router.upstream_ifname, "up0");
-    // The algebra's result arrays are process-wide and never cleared by the daemon.
-    std::memset(aIPv6SrcAddrList1, 0, sizeof aIPv6SrcAddrList1);
-    std::memset(aIPv6SrcAddrList2, 0, sizeof aIPv6SrcAddrList2);
-    std::memset(aIPv6SrcAddrList3, 0, sizeof aIPv6SrcAddrList3);
 }
 
 mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {

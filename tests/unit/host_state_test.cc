@@ -97,6 +97,12 @@ struct DiffRow {
     int differ;
 };
 
+std::vector<int> operator+(std::vector<int> a, const std::vector<int>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// Whole lists are compared, however long a merged list is.
 TEST_F(HostStateTest, ComparesModeAndSourceSetsNotOrder) {
     const uint32_t IN = MLDRT_INCLUDE, EX = MLDRT_EXCLUDE;
     const std::vector<int> eleven = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
@@ -111,6 +117,10 @@ TEST_F(HostStateTest, ComparesModeAndSourceSetsNotOrder) {
         {"SourceRemoved", EX, {1, 2}, EX, {1}, 1},
         {"FirstSourceAdded", IN, {}, IN, {1}, 1},
         {"LastSourceRemoved", EX, {1}, EX, {}, 1},
+        {"ElevenAgainstElevenOthers", IN, eleven, IN, upto(21, 31), 1},
+        {"SixtyFourSame", IN, upto(1, 64), IN, upto(1, 64), 0},
+        {"SixtyFourLastReplaced", IN, upto(1, 64), IN, upto(1, 63) + std::vector<int>{99}, 1},
+        {"HundredTwentyEightOneMore", EX, upto(1, 128), EX, upto(1, 129), 1},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -121,15 +131,50 @@ TEST_F(HostStateTest, ComparesModeAndSourceSetsNotOrder) {
     }
 }
 
-// Eleven sources against eleven others overflow the 10-entry subtraction; an overflowed
-// result counts as an empty one, so the comparison finds no difference.
-TEST_F(HostStateTest, OverflowingDifferenceCountsAsEmpty) {
-    mldrt_mfdb_entry* e = states(pair(MLDRT_INCLUDE, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}),
-                                 pair(MLDRT_INCLUDE, {21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31}));
-    int differ = 1;
-    EXPECT_EQ(stdout_of([&] { differ = mldrt_diff_host_state(&router, e); }),
-              "\n Fatal: SrcList cannot be accomodated");
-    EXPECT_EQ(differ, 0);
+struct ScopeRow {
+    const char* group;
+    bool proxied;
+};
+
+// A host's join (MLDv2 TO_EX{}, then an MLDv1 report) of a group of interface-local or
+// link-local scope (scope 0, 1 or 2, whatever the flags) creates nothing: no listener state, no
+// kernel entry, nothing upstream. Link-scope traffic is never forwarded, and the hosts'
+// solicited-node groups would tell the upstream network their addresses.
+TEST_F(HostStateTest, LinkScopeGroupsAreNeverProxied) {
+    const std::vector<ScopeRow> rows = {
+        {"ff02::1:ff00:1234", false},  {"ff02::db8:1", false}, {"ff01::db8:1", false},
+        {"ff00::db8:1", false},        {"ff12::db8:1", false}, {"ff32:40:fe80::1", false},
+        {"ff03::db8:1", true},         {"ff05::db8:1", true},  {"ff0e::101", true},
+        {"ff3e:40:2001:db8::1", true},
+    };
+    for (const ScopeRow& row : rows) {
+        for (uint8_t type : {MLDRT_TYPE_V2_REPORT, MLDRT_TYPE_V1_REPORT}) {
+            SCOPED_TRACE(std::string(row.group) + (type == MLDRT_TYPE_V1_REPORT ? " v1" : " v2"));
+            restart();
+            const addr6 g = ip6(row.group);
+            std::vector<uint8_t> msg(MLDRT_QUERY_V1_LEN);
+            msg[0] = type;
+            std::memcpy(&msg[8], g.data(), 16);
+            if (type == MLDRT_TYPE_V2_REPORT) {
+                msg = {MLDRT_TYPE_V2_REPORT,        0, 0, 0, 0, 0, 0, 1,
+                       MLDRT_REC_CHANGE_TO_EXCLUDE, 0, 0, 0};
+                msg.insert(msg.end(), g.begin(), g.end());
+            }
+            std::memset(router.buf, 0, router.buf_size);
+            std::memcpy(router.buf, msg.data(), msg.size());
+            std::string out = stdout_of([&] {
+                mldrt_handle_mld_message(&router, eth1, router.buf, host.data(),
+                                         static_cast<int>(msg.size()));
+            });
+            EXPECT_EQ(out, "");
+            texts sent = tick();
+            EXPECT_EQ(group(eth1, g) != nullptr, row.proxied);
+            EXPECT_EQ(mldrt_lookup_mfdb_entry(&router, g.data()) != nullptr, row.proxied);
+            EXPECT_EQ(!mfc_calls().empty(), row.proxied);
+            const std::string to_ex = "TO_EX " + grp_name(g.data()) + " {}";
+            EXPECT_EQ(sent, row.proxied ? (texts{to_ex, to_ex}) : texts{});
+        }
+    }
 }
 
 TEST_F(HostStateTest, LeftoverNewStateIsReportedAndKept) {

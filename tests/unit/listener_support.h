@@ -213,15 +213,6 @@ inline void forget_kernel_calls() {
     fake::kernel().log.clear();
 }
 
-// The scratch arrays as an earlier list operation may have left them: every entry's timer set.
-inline void leave_scratch_timers(int32_t timer) {
-    for (mldrt_src* a : {aIPv6SrcAddrList1, aIPv6SrcAddrList2, aIPv6SrcAddrList3}) {
-        for (uint32_t i = 0; i < MLDRT_SRCLIST_ARRAY; i++) {
-            a[i].timer = timer;
-        }
-    }
-}
-
 // A router with LLQI 1 and LLQC 2 (LLQT 2) besides RouterTest's robustness 2, query interval
 // 125 and response interval 10000 (GMI 260); upstream "up0" on MIF 0 and the downstream link
 // "eth1" (fe80::b) on MIF 1; the set-up's own kernel calls forgotten.

@@ -137,6 +137,37 @@ TEST_F(QueryTest, UpstreamQueriesAnsweredByKind) {
     }
 }
 
+// An MLDv1 report asks for every source of its group, so on an MLDv1 upstream a group whose
+// host state is INCLUDE{} (nobody listens; its leave has been reported) is left out of every
+// answer instead of being joined again. MLDv2 answers are as before.
+TEST_F(QueryTest, MLDv1UpstreamAnswersOnlyGroupsWithListeners) {
+    const addr6 G3 = grp(3), G4 = grp(4);
+    const std::vector<QueryRow> rows = {
+        {"MLDv1GeneralQuery",
+         v2_query(kAny, {}),
+         24,
+         {"v1 report G4 to G4", "v1 report G2 to G2", "v1 report G1 to G1"},
+         1},
+        {"MLDv1QueryForTheGroupWithoutListeners", v2_query(G3, {}), 24, {}, 1},
+        {"MLDv1QueryForAnExcludeNoneGroup", v2_query(G4, {}), 24, {"v1 report G4 to G4"}, 1},
+        {"MLDv2GeneralQuery",
+         v2_query(kAny, {}),
+         -1,
+         {"IS_EX G4 {}; IS_IN G3 {}; IS_EX G2 {S3}; IS_IN G1 {S1 S2}"},
+         2},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        prepare();
+        host_state(G3, MLDRT_INCLUDE, {});
+        host_state(G4, MLDRT_EXCLUDE, {});
+        EXPECT_EQ(stdout_of([&] { hear(up, row.query, row.len); }), "");
+        EXPECT_EQ(reports_sent(up), row.sent);
+        EXPECT_EQ(up->mld_version, row.version);
+    }
+}
+
 // A 2048-byte query holds 126 sources; all held, all are reported, in query order. A count
 // beyond the buffer walks only the sources inside it.
 TEST_F(QueryTest, QueryOf126HeldSourcesIsAnsweredWithAllOfThem) {

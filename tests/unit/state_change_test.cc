@@ -3,6 +3,7 @@
 // stand when it leaves. One downstream link (eth1) holds group G1; each tick sends what changed
 // since the last one, then what falls due in the second after it.
 
+#include "core/addr.h"
 #include "upstream_support.h"
 
 namespace {
@@ -146,19 +147,98 @@ TEST_F(StateChangeTest, ALaterChangeReplacesAPendingOne) {
     }
 }
 
-// Eleven new sources overflow the 10-entry subtraction; the overflow counts as no source at
-// all, so the change goes out as a report without records and is never repeated.
-TEST_F(StateChangeTest, ElevenNewSourcesInOneTickSendAnEmptyReport) {
-    settle(inc({}));
-    set_state(eth1, G1, inc({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
+// "ALLOW G1 {S4 S5}" for a record type and sources in the given order.
+std::string rec_text(const char* type, const std::vector<int>& ns) {
+    std::string s = std::string(type) + " G1 {";
+    for (size_t i = 0; i < ns.size(); i++) {
+        s += (i ? " " : "") + src_name(src(ns[i]).data());
+    }
+    return s + "}";
+}
+
+std::vector<int> reversed(std::vector<int> v) {
+    std::reverse(v.begin(), v.end());
+    return v;
+}
+
+std::vector<int> operator+(std::vector<int> a, const std::vector<int>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+struct WholeListRow {
+    const char* name;
+    group_state eth1_before, eth2_before, eth1_after, eth2_after;
+    std::string first, again;  // the first copy, and the retransmission in the same tick
+};
+
+// Differences are taken over whole host-state lists: twelve new sources on top of three, a
+// list at the 64-entry limit of one link, and a merged list beyond it (two links).
+TEST_F(StateChangeTest, EverySourceOfAChangeIsReported) {
+    const std::vector<WholeListRow> rows = {
+        {"TwelveAllowedOnTopOfThree", inc({1, 2, 3}), inc({}), inc(upto(1, 15)), inc({}),
+         rec_text("ALLOW", reversed(upto(4, 15))), rec_text("ALLOW", reversed(upto(4, 15)))},
+        {"SixtyFourBlocked", inc(upto(1, 64)), inc({}), inc({1}), inc({}),
+         rec_text("BLOCK", reversed(upto(2, 64))), rec_text("BLOCK", reversed(upto(2, 64)))},
+        {"EightyOfTwoLinksBlocked", inc(upto(1, 40)), inc(upto(41, 80)), inc({1}), inc({}),
+         rec_text("BLOCK", reversed(upto(41, 80)) + reversed(upto(2, 40))),
+         rec_text("BLOCK", reversed(upto(41, 80)) + reversed(upto(2, 40)))},
+        {"TwelveExcludedSourcesAllowedAgain", exc(upto(1, 15)), inc({}), exc({1, 2, 3}), inc({}),
+         rec_text("ALLOW", reversed(upto(4, 15))),
+         rec_text("ALLOW", reversed(upto(4, 15))) + "; BLOCK G1 {}"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        set_state(eth2, G1, row.eth2_before);
+        settle(row.eth1_before);
+        set_state(eth2, G1, row.eth2_after);
+        set_state(eth1, G1, row.eth1_after);
+        EXPECT_EQ(stdout_of([&] { EXPECT_EQ(tick(), (texts{row.first, row.again})); }), "");
+        EXPECT_EQ(tick(), texts{});
+        expect_spent();
+    }
+}
+
+struct MarkRow {
+    const char* name;
+    group_state before, after;
+    bool timer_pass;  // one pass of the link's timers between `after` and the report
     texts sent;
-    EXPECT_EQ(stdout_of([&] { sent = tick(); }), "\n Fatal: SrcList cannot be accomodated");
-    EXPECT_EQ(sent, texts{"no records"});
-    ASSERT_EQ(fake::kernel().sent_msgs.size(), 1u);
-    EXPECT_EQ(fake::kernel().sent_msgs[0].payload,
-              (std::vector<uint8_t>{0x8f, 0, 0, 0, 0, 0, 0, 0}));
-    expect_spent();
-    EXPECT_EQ(tick(), texts{});
+};
+
+// :: marks the whole group in a link's lists. Whether it sits there as an excluded source (a
+// requested :: whose timer ran out before the filter timer) or as a source a host named, it
+// never reaches the upstream as a source.
+TEST_F(StateChangeTest, TheWholeGroupMarkIsNeverReportedAsASource) {
+    const std::vector<MarkRow> rows = {
+        {"RequestedMarkRunsOutIntoTheExcludedList", exc({}), exclude({{0, 1}}, {}, 200), true, {}},
+        {"MarkOnTheIncludeList", inc({}), include({{0, 100}}), false, {}},
+        {"MarkBesideARealSource",
+         inc({}),
+         include({{0, 100}, {1, 100}}),
+         false,
+         {"ALLOW G1 {S1}", "ALLOW G1 {S1}"}},
+        {"MarkOnTheExcludedList",
+         inc({}),
+         exclude({}, {{0, 0}}, 260),
+         false,
+         {"TO_EX G1 {}", "TO_EX G1 {}"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        settle(row.before);
+        set_state(eth1, G1, row.after);
+        if (row.timer_pass) {
+            mldrt_update_memberships(&router, eth1, 0);
+        }
+        EXPECT_EQ(tick(), row.sent);
+        const mldrt_hs_state* hs = entry(G1)->old_host_state;
+        for (const mldrt_src* s = hs ? hs->list : nullptr; s; s = s->next) {
+            EXPECT_FALSE(mldrt_is_any_addr(s->src_addr));
+        }
+    }
 }
 
 TEST_F(StateChangeTest, NothingIsSentWhileNoUpstreamIsKnown) {
