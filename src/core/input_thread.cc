@@ -66,10 +66,13 @@ void handle_readable(mldrt_router* r, const fd_set* readable) {
         for (int i = 0; i < kBurst && mldrt_handle_input(r, MLDRT_PROTO_ICMPV6); i++) {
         }
     }
-    // A link deleted above is no longer on the list, so only live sockets are read.
+    // A link deleted above is no longer on the list, so only live sockets are read. What the
+    // link sockets receive is thrown away: drained like the router socket, so that a burst left
+    // in their queues does not keep select() from sleeping for pass after pass.
     for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
-        if (is_ready(ifp->sock, readable)) {
-            mldrt_handle_other_pkts(r, ifp);
+        for (int i = 0;
+             i < kBurst && is_ready(ifp->sock, readable) && mldrt_handle_other_pkts(r, ifp) > 0;
+             i++) {
         }
     }
 }
