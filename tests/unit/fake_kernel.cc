@@ -11,6 +11,7 @@
 #include <string>
 
 #include "core/input_thread.h"
+#include "core/log.h"
 #include "core/router.h"
 #include "db/db.h"
 #include "iface/interface.h"
@@ -76,6 +77,7 @@ void fresh_router(uint32_t robustness) {
     mldrt_router_zero(&router);
     mldrt_clear_work_lists();
     mldrt_limit_reset();
+    mldrt_log_reset();
     g_stop_requested = 0;
     router.buf_size = MLDRT_BUF_SIZE;
     router.scratch_size = MLDRT_SCRATCH_SIZE;

@@ -1,0 +1,44 @@
+// Messages a LAN host can cause are printed at most once a second per text; the next one says
+// how many were held back, before its newline (or at the end of a text without one).
+#include "core/log.h"
+#include "test_support.h"
+
+namespace {
+
+class LogTest : public RouterTest {};
+
+const char* const kLine = "MLDRT: Couldnt add src to grp include list\n";
+const char* const kNoNewline = "\n Cannot send query, numSrc and list inconsistent %d %d";
+
+TEST_F(LogTest, EachTextAtMostOnceASecondWithTheCountOfTheHeldBack) {
+    struct Step {
+        uint64_t at_ms;  // since the start
+        const char* fmt;
+        std::string printed;
+    };
+    const std::vector<Step> steps = {
+        {0, kLine, kLine},
+        {10, kLine, ""},
+        {500, kLine, ""},
+        {600, kNoNewline, "\n Cannot send query, numSrc and list inconsistent 1 2"},  // its own
+        {999, kLine, ""},
+        {1000, kLine,
+         "MLDRT: Couldnt add src to grp include list (3 more like this in the last second)\n"},
+        {1700, kNoNewline, "\n Cannot send query, numSrc and list inconsistent 1 2"},
+        {1800, kNoNewline, ""},
+        {2800, kNoNewline,
+         "\n Cannot send query, numSrc and list inconsistent 1 2 (1 more like this in the last "
+         "second)"},
+        {5000, kLine, kLine},  // nothing held back since: no count
+    };
+    const uint64_t start = fake::kernel().monotonic_ms;
+    for (const auto& step : steps) {
+        SCOPED_TRACE(testing::Message() << step.at_ms << " ms");
+        fake::kernel().monotonic_ms = start + step.at_ms;
+        int n = 0;
+        EXPECT_EQ(stdout_of([&] { n = mldrt_log(step.fmt, 1, 2); }), step.printed);
+        EXPECT_GT(n, 0);  // the text's length, printed or not
+    }
+}
+
+}  // namespace
