@@ -103,8 +103,8 @@ queries_on_time() {
   local times gaps bad n
   # The first query after the storm closes the window.
   lab_wait_for 20 query_after "$T_END" || fail "no general query on dn2 within 20 s after the storm; queries at $(queries_dn2 | tr '\n' ' ')" || return 1
-  # From the last query before the storm (the start-up queries, closer together and stretched
-  # by the start-up's thread restarts, are over by then) to the first one after it.
+  # From the last query before the storm (the start-up queries, a quarter of the query interval
+  # apart, are over by then) to the first one after it.
   times=$(queries_dn2 | awk -v a="$T_START" '$1 < a { last = $0; next } { if (last != "") print last; last = ""; print }' |
     awk -v b="$T_END" 'done { next } { print } $1 > b { done = 1 }')
   n=$(wc -l <<<"$times")

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The ThreadSanitizer build of the daemon (MLD_TSAN_DAEMON) through the paths where its two
-# threads meet: start-up, a link added while it runs (the input thread is restarted), and
+# threads meet: start-up, a link added while it runs (taken up by the running input thread), and
 # shutdown on SIGTERM. ThreadSanitizer must report nothing and the exit status must be 0
 # (ThreadSanitizer makes it 66 after a report).
 #

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The upstream host side: the daemon reports the merged state of its downstream links on up0
-# as one MLDv2 host would (state-change records, each sent robustness = 2 times, the first two
-# in the same second; answers to the upstream querier's queries at once), and the snooping
+# as one MLDv2 host would (state-change records, each sent robustness = 2 times: the first at
+# once, the retransmission an Unsolicited Report Interval, 1 s, later; answers to the upstream
+# querier's queries at once), and the snooping
 # bridge upstream forwards a group to the router only because of those reports.
 #
 # The bridge's port toward the router has `mcast_flood off`: traffic for a group reaches up0
@@ -103,11 +104,16 @@ need_lab() {
   t_daemon_alive || fail "the daemon is not running" || return 1
 }
 
+# copies_a_second_apart FIRST_US SECOND_US: a retransmission follows its first copy an
+# Unsolicited Report Interval (1 s) later, never in the same instant (0.9-1.5 s: a loaded test
+# machine may hold the daemon back a little).
+copies_a_second_apart() { [[ $(($2 - $1)) -ge 900000 && $(($2 - $1)) -le 1500000 ]]; }
+
 # ---------------------------------------------------------------------------------------------
 # checks
 
 # 1. A host joins G1 (MLDv2, any source): the daemon reports CHANGE_TO_EXCLUDE{} for G1 on up0
-# twice, both in the same second and no more; the bridge lists G1 on the router's port; G1's
+# twice, a second apart, and no more; the bridge lists G1 on the router's port; G1's
 # datagrams reach up0 only after that report and flow on to h1.
 join_reported_and_forwarded() {
   need_lab || return 1
@@ -133,10 +139,9 @@ join_reported_and_forwarded() {
   # for some other reason, and the check could not tell that the report made it do so.
   [[ $first_up -ge $r1 ]] ||
     fail "a $G1 datagram reached up0 $(up_ms "$first_up" "$r1") ms before the daemon's report: the bridge floods to $UP_PORT" || return 1
-  [[ $((r2 - r1)) -lt 1000000 ]] ||
-    fail "the two CHANGE_TO_EXCLUDE{} copies are $(up_ms "$r1" "$r2") ms apart (want the same second)" || return 1
-  # A third copy would come one tick (1 s) after the second: give it 2.5 s to show up.
-  wait_until_us $((r1 + 2500000))
+  copies_a_second_apart "$r1" "$r2" || fail "the two CHANGE_TO_EXCLUDE{} copies are $(up_ms "$r1" "$r2") ms apart (want 1 s)" || return 1
+  # A third copy would come a second after the second: give it 3.5 s to show up.
+  wait_until_us $((r1 + 3500000))
   n=$(up_count_records 4 "$G1" '*' "$J1")
   [[ $n -eq 2 ]] || { fail "the daemon sent $n CHANGE_TO_EXCLUDE records for $G1 (want robustness = 2)"; show_reports "$J1"; return 1; }
   say "road of a join: h1 joined $G1 -> CHANGE_TO_EXCLUDE{} on up0 $(up_ms "$J1" "$r1") ms (copy 2 at $(up_ms "$J1" "$r2") ms)"
@@ -164,14 +169,13 @@ leave_reported_and_traffic_stops() {
   nq=$(queries_on dn1 "$G1" - "$L1" "$c1")
   [[ $nq -ge 2 ]] ||
     fail "before its CHANGE_TO_INCLUDE{} the router sent $nq group-specific queries for $G1 on dn1 (want 2, the last listener query count)" || return 1
-  [[ $((c2 - c1)) -lt 1000000 ]] ||
-    fail "the two CHANGE_TO_INCLUDE{} copies are $(up_ms "$c1" "$c2") ms apart (want the same second)" || return 1
+  copies_a_second_apart "$c1" "$c2" || fail "the two CHANGE_TO_INCLUDE{} copies are $(up_ms "$c1" "$c2") ms apart (want 1 s)" || return 1
   lab_wait_for 10 up_mdb_lacks "$G1" ||
     fail "10 s after the CHANGE_TO_INCLUDE{} the bridge still lists $G1: $(up_mdb_line "$G1")" || return 1
   pruned_us=$(lab_now_us)
   lab_wait_for 15 udp_quiet "$G1" 2 ||
     fail "$G1 datagrams still reach up0 15 s after the bridge pruned it (last at $(up_udp_times "$UDP_UP" "$G1" | tail -n 1))" || return 1
-  wait_until_us $((c1 + 2500000))
+  wait_until_us $((c1 + 3500000))
   n=$(up_count_records 3 "$G1" '*' "$L1")
   [[ $n -eq 2 ]] || { fail "the daemon sent $n CHANGE_TO_INCLUDE records for $G1 (want 2)"; show_reports "$L1"; return 1; }
   n=$(up_count_records 4 "$G1" '*' "$J1")
@@ -250,13 +254,13 @@ source_specific_join_and_leave() {
     return 1
   fi
   a1=$(nth_record 1 5 "$G4" "$s" "$j4") a2=$(nth_record 2 5 "$G4" "$s" "$j4")
-  [[ $((a2 - a1)) -lt 1000000 ]] || fail "the two ALLOW copies are $(up_ms "$a1" "$a2") ms apart" || return 1
+  copies_a_second_apart "$a1" "$a2" || fail "the two ALLOW copies are $(up_ms "$a1" "$a2") ms apart (want 1 s)" || return 1
   if lab_wait_for 10 up_has_traffic l4; then
     say "($s, $G4): $(up_listen_value l4 count) datagrams reached h1; mdb: $(up_mdb | awk -v g="$G4" '$2 == g' | tr '\n' ';')"
   else
     say "($s, $G4): no datagram reached h1 within 10 s; mdb: $(up_mdb | awk -v g="$G4" '$2 == g' | tr '\n' ';')"
   fi
-  wait_until_us $((a1 + 2500000))
+  wait_until_us $((a1 + 3500000))
   n=$(up_count_records 5 "$G4" '*' "$j4")
   [[ $n -eq 2 ]] || { fail "$n ALLOW_NEW_SOURCES records for $G4 after the join (want 2)"; show_reports "$j4"; return 1; }
   for n in 2 4; do
@@ -275,8 +279,8 @@ source_specific_join_and_leave() {
   nq=$(queries_on dn1 "$G4" "$s" "$l4" "$b1")
   [[ $nq -ge 1 ]] ||
     fail "the daemon blocked $s upstream without asking dn1 first (no query for ($s, $G4) on dn1 in the $(up_ms "$l4" "$b1") ms before)" || return 1
-  [[ $((b2 - b1)) -lt 1000000 ]] || fail "the two BLOCK copies are $(up_ms "$b1" "$b2") ms apart" || return 1
-  wait_until_us $((b1 + 2500000))
+  copies_a_second_apart "$b1" "$b2" || fail "the two BLOCK copies are $(up_ms "$b1" "$b2") ms apart (want 1 s)" || return 1
+  wait_until_us $((b1 + 3500000))
   n=$(up_count_records 6 "$G4" '*' "$l4")
   [[ $n -eq 2 ]] || { fail "$n BLOCK_OLD_SOURCES records for $G4 after the leave (want 2)"; show_reports "$l4"; return 1; }
   say "road of a source: join -> ALLOW{$s} $(up_ms "$j4" "$a1") ms; leave -> $nq queries for it on dn1 -> BLOCK{$s} $(up_ms "$l4" "$b1") ms"

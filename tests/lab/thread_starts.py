@@ -5,9 +5,8 @@
 
 Polls /proc/PID/task every INTERVAL seconds (default 0.01) and prints a line, flushed at once,
 for every thread id not seen before (the threads present at the first look are printed with the
-time of that look). Ends when the process is gone, or on SIGTERM. The daemon's input thread is
-ended and created again after every batch of netlink messages, so the times of its new thread
-ids are the times its once-a-second clock started again.
+time of that look). Ends when the process is gone, or on SIGTERM. The daemon starts its one
+input thread once: a second thread id would mean it was ended and started again.
 
 Run it with /usr/bin/python3.
 """

@@ -105,8 +105,7 @@ up_make_upstream() {
 # FILE, decoded as it comes into FILE.txt (upstream_pcap.py --follow). Waits until tcpdump
 # listens. (tcpdump's "icmp6" would not look past the hop-by-hop header that MLD carries, so the
 # filter is on IPv6 and leaves out only datagrams.) Never promiscuous (-p): a link's flags
-# changing is a netlink event, and every netlink batch makes the daemon restart its input
-# thread, which holds up its reading of MLD for a second or more.
+# changing is a netlink event, which the capture need not add to what it observes.
 up_capture_start() {
   local file=$1 err=$1.err
   up_capture_stop
