@@ -19,6 +19,25 @@ inline uint32_t mldrt_get_be32(const uint8_t* p) {
            (static_cast<uint32_t>(p[2]) << 8) | p[3];
 }
 
+// What is left of a received message: every read first asks whether the bytes are there, and
+// the cursor only ever shrinks, so nothing beyond what arrived is ever read.
+struct mldrt_cursor {
+    const uint8_t* p;
+    uint32_t left;
+
+    bool has(uint32_t n) const { return n <= left; }
+    // Takes `n` bytes: their start, or nullptr (and nothing taken) when fewer are left.
+    const uint8_t* take(uint32_t n) {
+        if (!has(n)) {
+            return nullptr;
+        }
+        const uint8_t* at = p;
+        p += n;
+        left -= n;
+        return at;
+    }
+};
+
 inline void mldrt_put_be32(uint8_t* p, uint32_t v) {
     p[0] = static_cast<uint8_t>(v >> 24);
     p[1] = static_cast<uint8_t>(v >> 16);

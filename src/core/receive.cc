@@ -16,7 +16,6 @@
 namespace {
 
 constexpr size_t kControlLen = 128;
-constexpr size_t kClearedLen = 128;
 
 struct receive_frame {
     sockaddr_in6 from;
@@ -50,10 +49,13 @@ bool find_pktinfo(msghdr* msg, in6_pktinfo* info) {
     return found;
 }
 
-// A kernel upcall starts with a zero byte and names its MIF in host order at bytes 2 and 3;
-// only those for the upstream MIF are upcalls to us. The test needs no length: the first bytes
-// of the buffer were cleared before the read.
-bool is_upstream_upcall(const mldrt_router* r, const uint8_t* buf) {
+// A kernel upcall (a whole mrt6msg, Linux may add more) starts with a zero byte and names its
+// MIF in host order at bytes 2 and 3; only those for the upstream MIF are upcalls to us. A
+// shorter datagram is no upcall, and its bytes beyond what arrived are never looked at.
+bool is_upstream_upcall(const mldrt_router* r, const uint8_t* buf, ssize_t len) {
+    if (len < static_cast<ssize_t>(sizeof(mldrt_mrt6msg))) {
+        return false;
+    }
     uint16_t mif;
     std::memcpy(&mif, buf + offsetof(mldrt_mrt6msg, im6_mif), sizeof mif);
     return buf[0] == 0 && mif == r->upstream->mifi;
@@ -67,7 +69,6 @@ bool mldrt_handle_input(mldrt_router* r, int proto) {
     }
     receive_frame f;
     prepare(&f, r->buf, r->buf_size);
-    std::memset(r->buf, 0, kClearedLen);
     if (proto != MLDRT_PROTO_ICMPV6) {
         return false;
     }
@@ -83,7 +84,7 @@ bool mldrt_handle_input(mldrt_router* r, int proto) {
         printf("MLDRT: Could not get receive interface info index was %d\n", 0);
         return true;
     }
-    if (is_upstream_upcall(r, r->buf)) {
+    if (is_upstream_upcall(r, r->buf, n)) {
         mldrt_handle_mrt6_msg(r, r->buf, static_cast<int>(n));
         return true;
     }

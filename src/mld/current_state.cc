@@ -74,7 +74,7 @@ void isex_all_on_exclude(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) 
 }  // namespace
 
 int mldrt_handle_v2_isin_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                uint8_t* rec) {
+                                const uint8_t* rec) {
     mldrt_group* g = mldrt_join_group(r, ifp, src, mldrt_rec_group(rec), false);
     if (!g || g->fmode > MLDRT_EXCLUDE) {
         return 0;
@@ -89,7 +89,7 @@ int mldrt_handle_v2_isin_record(mldrt_router* r, mldrt_interface* ifp, const uin
 }
 
 int mldrt_handle_v2_isex_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                uint8_t* rec) {
+                                const uint8_t* rec) {
     mldrt_group* g = mldrt_join_group(r, ifp, src, mldrt_rec_group(rec), false);
     if (!g || g->fmode > MLDRT_EXCLUDE) {
         return 0;

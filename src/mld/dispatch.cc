@@ -21,19 +21,26 @@ int version_of(uint8_t type, int len) {
     }
 }
 
-void dispatch(mldrt_router* r, mldrt_interface* ifp, uint8_t* msg, const uint8_t* src) {
+// The fixed part of each message type (RFC 2710 section 3, RFC 3810 sections 5.1 and 5.2): a
+// shorter message is malformed and dropped before any field of it is read.
+uint32_t fixed_len(uint8_t type) {
+    return type == MLDRT_TYPE_V2_REPORT ? MLDRT_REPORT_HDR_LEN : MLDRT_QUERY_V1_LEN;
+}
+
+void dispatch(mldrt_router* r, mldrt_interface* ifp, const uint8_t* msg, uint32_t len,
+              const uint8_t* src) {
     switch (msg[0]) {
         case MLDRT_TYPE_QUERY:
-            mldrt_handle_mld_query(r, ifp, src, msg);
+            mldrt_handle_mld_query(r, ifp, src, msg, len);
             break;
         case MLDRT_TYPE_V1_REPORT:
-            mldrt_handle_v1_membership_report(r, ifp, src, msg);
+            mldrt_handle_v1_membership_report(r, ifp, src, msg, len);
             break;
         case MLDRT_TYPE_V1_DONE:
-            mldrt_handle_v1_membership_leave(r, ifp, src, msg);
+            mldrt_handle_v1_membership_leave(r, ifp, src, msg, len);
             break;
         case MLDRT_TYPE_V2_REPORT:
-            mldrt_handle_v2_membership_report(r, ifp, src, msg);
+            mldrt_handle_v2_membership_report(r, ifp, src, msg, len);
             break;
         default:
             break;
@@ -47,20 +54,22 @@ void count_received(mldrt_interface* ifp, uint8_t type) {
 
 }  // namespace
 
-void mldrt_handle_mld_message(mldrt_router* r, mldrt_interface* ifp, uint8_t* msg,
+void mldrt_handle_mld_message(mldrt_router* r, mldrt_interface* ifp, const uint8_t* msg,
                               const uint8_t* src, int len) {
     if (ipv6_addr_equal(src, ifp->addr)) {
         r->counters.own++;
         return;  // our own transmission, looped back
     }
     mldrt_dump_interface_info(r, ifp, "BEFORE HANDLING RCVD MSG");
-    int version = version_of(msg[0], len);
-    if (version != 0) {
+    int version = len > 0 ? version_of(msg[0], len) : 0;
+    if (version == 0) {
+        r->counters.not_ours++;
+    } else if (static_cast<uint32_t>(len) < fixed_len(msg[0])) {
+        r->counters.malformed++;
+    } else {
         count_received(ifp, msg[0]);
         ifp->mld_version = version;
-        dispatch(r, ifp, msg, src);
-    } else {
-        r->counters.not_ours++;
+        dispatch(r, ifp, msg, static_cast<uint32_t>(len), src);
     }
     mldrt_dump_interface_info(r, ifp, "AFTER HANDLING RCVD MSG");
 }

@@ -110,7 +110,7 @@ void toex_all(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
 }  // namespace
 
 int mldrt_handle_v2_toin_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                uint8_t* rec) {
+                                const uint8_t* rec) {
     // A leave creates nothing, and only a known member may announce it.
     mldrt_group* g = mldrt_lookup_group(ifp, mldrt_rec_group(rec));
     if (!g || !mldrt_lookup_member(g, src)) {
@@ -125,7 +125,7 @@ int mldrt_handle_v2_toin_record(mldrt_router* r, mldrt_interface* ifp, const uin
 }
 
 int mldrt_handle_v2_toex_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                uint8_t* rec) {
+                                const uint8_t* rec) {
     mldrt_group* g = mldrt_join_group(r, ifp, src, mldrt_rec_group(rec), true);
     if (!g || g->fmode > MLDRT_EXCLUDE) {
         return 0;

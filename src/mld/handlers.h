@@ -8,18 +8,26 @@
 #include <cstdint>
 #include <cstring>
 
+#include "core/bytes.h"
 #include "core/router.h"
 
 struct mldrt_interface;
 struct mldrt_group;
 struct mldrt_src;
 
-// A multicast address record after the report loop has turned its Number of Sources into host
-// order (RFC 3810 section 5.2.4 layout otherwise).
+// A multicast address record as received (RFC 3810 section 5.2.4), never rewritten: the report
+// walk hands a handler a record only when its header and its sources lie wholly inside what
+// arrived.
+struct mldrt_record_header {
+    uint8_t type;
+    uint8_t aux_words;  // Aux Data Len, in 32-bit words
+    uint8_t nsrc[2];    // network order
+    uint8_t group[16];
+};
+static_assert(sizeof(mldrt_record_header) == 20, "record header is 20 bytes");
+
 inline uint16_t mldrt_rec_nsrc(const uint8_t* rec) {
-    uint16_t n;
-    std::memcpy(&n, rec + 2, sizeof n);
-    return n;
+    return mldrt_get_be16(rec + 2);
 }
 inline const uint8_t* mldrt_rec_group(const uint8_t* rec) {
     return rec + 4;
@@ -37,25 +45,28 @@ uint32_t mldrt_gmi(const mldrt_router* r);
 mldrt_group* mldrt_join_group(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
                               const uint8_t* grp, bool loud);
 
+// The message handlers get the message and the length that arrived (at least the fixed part of
+// the message type: the dispatch drops shorter ones).
 int mldrt_handle_v2_membership_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                      uint8_t* msg);
+                                      const uint8_t* msg, uint32_t len);
 int mldrt_handle_v2_isin_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                uint8_t* rec);
+                                const uint8_t* rec);
 int mldrt_handle_v2_isex_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                uint8_t* rec);
+                                const uint8_t* rec);
 int mldrt_handle_v2_toin_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                uint8_t* rec);
+                                const uint8_t* rec);
 int mldrt_handle_v2_toex_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                uint8_t* rec);
+                                const uint8_t* rec);
 int mldrt_handle_v2_allow_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                 uint8_t* rec);
+                                 const uint8_t* rec);
 int mldrt_handle_v2_block_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                 uint8_t* rec);
+                                 const uint8_t* rec);
 int mldrt_handle_v1_membership_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                      uint8_t* msg);
+                                      const uint8_t* msg, uint32_t len);
 int mldrt_handle_v1_membership_leave(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                     uint8_t* msg);
-int mldrt_handle_mld_query(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src, uint8_t* msg);
+                                     const uint8_t* msg, uint32_t len);
+int mldrt_handle_mld_query(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
+                           const uint8_t* msg, uint32_t len);
 
 // Lowers timers to the last listener query time, records the retransmissions and sends the
 // first query: group-specific without sources, group-and-source-specific otherwise.

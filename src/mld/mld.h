@@ -105,9 +105,9 @@ void mldrt_rb_flush(mldrt_report_builder* rb);
 int mldrt_send_upstream_report(mldrt_router* r, uint32_t nrec, uint32_t len);
 
 // Everything received on the router socket that is not a kernel upcall: `msg` is the ICMPv6
-// message at the start of the router's receive buffer (buf_size bytes, of which len were
-// received), `src` the sender's address.
-void mldrt_handle_mld_message(mldrt_router* r, mldrt_interface* ifp, uint8_t* msg,
+// message, of which `len` bytes arrived (nothing beyond them is read), `src` the sender's
+// address. A message shorter than the fixed part of its type is counted as malformed and dropped.
+void mldrt_handle_mld_message(mldrt_router* r, mldrt_interface* ifp, const uint8_t* msg,
                               const uint8_t* src, int len);
 
 #endif

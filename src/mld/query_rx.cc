@@ -12,8 +12,16 @@
 
 namespace {
 
-// A 2048-byte query holds at most (2048 - 28) / 16 = 126 sources.
+// A query in the 2048-byte receive buffer holds at most (2048 - 28) / 16 = 126 sources.
 constexpr uint32_t kMaxQuerySources = (MLDRT_BUF_SIZE - MLDRT_QUERY_V2_HDR_LEN) / MLDRT_ADDR_LEN;
+
+// The sources a query lists, as far as they arrived: a count that claims more is believed only
+// as far as the bytes go.
+uint32_t listed_sources(const uint8_t* msg, uint32_t len) {
+    uint32_t asked = mldrt_get_be16(msg + 26);
+    uint32_t arrived = (len - MLDRT_QUERY_V2_HDR_LEN) / MLDRT_ADDR_LEN;
+    return asked < arrived ? asked : arrived;
+}
 
 bool holds(const mldrt_src* list, const uint8_t* addr) {
     for (; list; list = list->next) {
@@ -25,13 +33,8 @@ bool holds(const mldrt_src* list, const uint8_t* addr) {
 }
 
 // The queried sources that the host state holds, in query order, chained from matched[0].
-const mldrt_src* match_sources(const mldrt_router* r, const uint8_t* msg, const mldrt_src* held,
+const mldrt_src* match_sources(const uint8_t* msg, uint32_t asked, const mldrt_src* held,
                                mldrt_src* matched) {
-    uint32_t asked = mldrt_get_be16(msg + 26);
-    uint32_t fit = (r->buf_size - MLDRT_QUERY_V2_HDR_LEN) / MLDRT_ADDR_LEN;
-    if (asked > fit) {
-        asked = fit;  // the walk stops at the end of the receive buffer
-    }
     uint32_t n = 0;
     for (uint32_t i = 0; i < asked && n < kMaxQuerySources; i++) {
         const uint8_t* src = msg + MLDRT_QUERY_V2_HDR_LEN + MLDRT_ADDR_LEN * i;
@@ -58,19 +61,23 @@ bool unheard_on_v1(const mldrt_interface* ifp, const mldrt_hs_state* hs) {
 }  // namespace
 
 int mldrt_handle_mld_query(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                           uint8_t* msg) {
+                           const uint8_t* msg, uint32_t len) {
     (void)src;
     if (ifp->is_upstream != 1) {
         return 0;
     }
     const uint8_t* grp = msg + 8;
-    uint16_t nsrc = mldrt_get_be16(msg + 26);
+    // An MLDv1 query (24 bytes) lists no sources; an MLDv2 one has at least its 28-byte header.
+    uint32_t nsrc = len >= MLDRT_QUERY_V2_HDR_LEN ? listed_sources(msg, len) : 0;
+    if (len >= MLDRT_QUERY_V2_HDR_LEN && mldrt_get_be16(msg + 26) != 0 && nsrc == 0) {
+        return 0;  // sources announced but none arrived: nothing to answer for
+    }
     bool general = ipv6_addr_equal(grp, MLDRT_ADDR_ANY) != 0;
     if (general && nsrc != 0) {
         return 0;  // a general query cannot list sources
     }
     bool with_sources = !general && ifp->mld_version == 2 && nsrc != 0;
-    static mldrt_src matched[kMaxQuerySources];
+    mldrt_src matched[kMaxQuerySources];  // this query's matches only
     mldrt_report_builder rb;
     mldrt_rb_init(&rb, r);
     for (const mldrt_mfdb_entry* e = r->mfdb_list; e; e = e->next) {
@@ -83,7 +90,7 @@ int mldrt_handle_mld_query(mldrt_router* r, mldrt_interface* ifp, const uint8_t*
             mldrt_rb_add(&rb, e->grp_addr, rec_type, hs->list);
             continue;
         }
-        const mldrt_src* list = hs->list ? match_sources(r, msg, hs->list, matched) : nullptr;
+        const mldrt_src* list = hs->list ? match_sources(msg, nsrc, hs->list, matched) : nullptr;
         if (list) {
             mldrt_rb_add(&rb, e->grp_addr, rec_type, list);
         }

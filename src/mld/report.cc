@@ -12,7 +12,7 @@
 
 namespace {
 
-using record_handler = int (*)(mldrt_router*, mldrt_interface*, const uint8_t*, uint8_t*);
+using record_handler = int (*)(mldrt_router*, mldrt_interface*, const uint8_t*, const uint8_t*);
 
 // Indexed by record type - 1 (RFC 3810 section 5.2.12).
 const record_handler kRecordHandlers[6] = {
@@ -75,49 +75,47 @@ mldrt_group* mldrt_join_group(mldrt_router* r, mldrt_interface* ifp, const uint8
     return g;
 }
 
-// The record walk. Counts and lengths come from the sender and are not checked against the
-// received length, as routers have always done, but a record is handled only when its header
-// and all its sources lie inside the receive buffer: the walk never reads past it.
+// The record walk against the length that arrived (RFC 3810 section 5.2): a record is handled
+// only when its header, its sources and its auxiliary data lie wholly inside the message, and
+// the walk ends at the first one that does not. A count that claims more records than arrived
+// is believed only as far as the bytes go.
 int mldrt_handle_v2_membership_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                      uint8_t* msg) {
+                                      const uint8_t* msg, uint32_t len) {
     if (ifp->is_upstream == 1) {
         return 0;
     }
-    uint32_t nrec = mldrt_get_be16(msg + 6);
-    uint32_t off = kReportRecordsOffset;
-    for (uint32_t i = 0; i < nrec; i++) {
-        if (off + MLDRT_MCAST_REC_HDR_LEN > r->buf_size) {
+    mldrt_cursor c{msg, len};
+    const uint8_t* head = c.take(kReportRecordsOffset);
+    if (!head) {
+        return 0;
+    }
+    uint32_t nrec = mldrt_get_be16(head + 6);
+    for (uint32_t i = 0; i < nrec && c.has(sizeof(mldrt_record_header)); i++) {
+        mldrt_record_header h;
+        std::memcpy(&h, c.p, sizeof h);
+        uint32_t rec_len = sizeof h + MLDRT_ADDR_LEN * mldrt_get_be16(h.nsrc) + 4u * h.aux_words;
+        const uint8_t* rec = c.take(rec_len);
+        // A truncated record, or a non-multicast address, ends the whole report.
+        if (!rec || h.group[0] != 0xff) {
             break;
         }
-        uint8_t* rec = msg + off;
-        uint16_t nsrc = mldrt_get_be16(rec + 2);
-        uint32_t rec_len = MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * nsrc;
-        if (rec_len > r->buf_size - off) {
-            break;
+        inet_ntop(AF_INET6, h.group, r->group_text, sizeof r->group_text);
+        if (h.type >= 1 && h.type <= 6) {
+            kRecordHandlers[h.type - 1](r, ifp, src, rec);
         }
-        std::memcpy(rec + 2, &nsrc, sizeof nsrc);  // host order from here on
-        // A non-multicast address ends the whole report, not just this record.
-        if (rec[4] != 0xff) {
-            break;
-        }
-        inet_ntop(AF_INET6, rec + 4, r->group_text, sizeof r->group_text);
-        if (rec[0] >= 1 && rec[0] <= 6) {
-            kRecordHandlers[rec[0] - 1](r, ifp, src, rec);
-        }
-        // Aux Data Len is not added, as deployed: a record with auxiliary data throws the
-        // walk out of step for the rest of its report.
-        off += rec_len;
     }
     return 0;
 }
 
 int mldrt_handle_v1_membership_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                      uint8_t* msg) {
+                                      const uint8_t* msg, uint32_t len) {
+    (void)len;  // the dispatch made sure of the 24 bytes of an MLDv1 message
     // Handled as TO_EX{} (a v1 report has no IS_EX meaning here): no query follows it.
     return handle_v1(r, ifp, src, msg, MLDRT_REC_CHANGE_TO_EXCLUDE);
 }
 
 int mldrt_handle_v1_membership_leave(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                     uint8_t* msg) {
+                                     const uint8_t* msg, uint32_t len) {
+    (void)len;
     return handle_v1(r, ifp, src, msg, MLDRT_REC_CHANGE_TO_INCLUDE);
 }

@@ -53,7 +53,7 @@ void block_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, con
 }  // namespace
 
 int mldrt_handle_v2_allow_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                 uint8_t* rec) {
+                                 const uint8_t* rec) {
     mldrt_group* g = join_for_source_change(r, ifp, src, rec,
                                             "\n FATAL: Allow record recievd with ZERO sources");
     if (!g) {
@@ -64,7 +64,7 @@ int mldrt_handle_v2_allow_record(mldrt_router* r, mldrt_interface* ifp, const ui
 }
 
 int mldrt_handle_v2_block_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                 uint8_t* rec) {
+                                 const uint8_t* rec) {
     mldrt_group* g = join_for_source_change(r, ifp, src, rec,
                                             "\n FATAL: Block record recievd with ZERO sources");
     if (!g) {

@@ -32,31 +32,36 @@ void set_up_router() {
 
 }  // namespace
 
-// Input: chunks of [selector][length][bytes...]. The selector picks the arrival link (or an
-// upcall), and a timer tick follows every chunk.
+// Input: chunks of [selector][length, 2 bytes big-endian][bytes]. Each chunk is one datagram
+// handed on in a buffer of exactly its length, so that a read past what arrived is a
+// sanitizer report; the selector picks the arrival link (or an upcall), and a second of the
+// loop follows every chunk.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     set_up_router();
     uint8_t src[16] = {0xfe, 0x80};
-    while (size >= 2) {
+    while (size >= 3) {
         uint8_t selector = data[0];
-        size_t len = data[1] * 8u;
-        data += 2;
-        size -= 2;
+        size_t len = static_cast<size_t>(data[1]) << 8 | data[2];
+        data += 3;
+        size -= 3;
         if (len > size) {
             len = size;
         }
-        std::memset(router.buf, 0, router.buf_size);
-        std::memcpy(router.buf, data, len);
+        auto* msg = static_cast<uint8_t*>(malloc(len ? len : 1));
+        if (len) {
+            std::memcpy(msg, data, len);
+        }
         src[15] = selector;
         if ((selector & 3) == 3) {
-            mldrt_handle_mrt6_msg(&router, router.buf, static_cast<int>(len));
+            mldrt_handle_mrt6_msg(&router, msg, static_cast<int>(len));
         } else {
             mldrt_interface* ifp = router.interfaces;
             for (int i = 0; i < (selector & 3) && ifp->next; i++) {
                 ifp = ifp->next;
             }
-            mldrt_handle_mld_message(&router, ifp, router.buf, src, static_cast<int>(len));
+            mldrt_handle_mld_message(&router, ifp, msg, src, static_cast<int>(len));
         }
+        free(msg);
         fake::run_second();
         data += len;
         size -= len;

@@ -137,13 +137,13 @@ inline mldrt_group* make_group(mldrt_interface* ifp, const addr6& g, const group
     return grp_rec;
 }
 
-// A multicast address record as the report loop hands it to a handler: type, Aux Data Len 0,
-// Number of Sources already in host order, group, sources.
+// A multicast address record as it arrives and the report walk hands it to a handler: type,
+// Aux Data Len 0, Number of Sources (network order), group, sources.
 inline std::vector<uint8_t> record(uint8_t type, const addr6& g, const std::vector<int>& srcs) {
     std::vector<uint8_t> r(MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * srcs.size());
     r[0] = type;
-    uint16_t n = static_cast<uint16_t>(srcs.size());
-    std::memcpy(&r[2], &n, sizeof n);
+    r[2] = static_cast<uint8_t>(srcs.size() >> 8);
+    r[3] = static_cast<uint8_t>(srcs.size());
     std::memcpy(&r[4], g.data(), 16);
     for (size_t i = 0; i < srcs.size(); i++) {
         std::memcpy(&r[MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * i], src(srcs[i]).data(), 16);

@@ -169,30 +169,32 @@ TEST_F(QueryTest, MLDv1UpstreamAnswersOnlyGroupsWithListeners) {
 }
 
 // A 2048-byte query holds 126 sources; all held, all are reported, in query order. A count
-// beyond the buffer walks only the sources inside it.
+// beyond what arrived walks only the sources that arrived; a query shorter than its 24-byte
+// MLDv1 form is dropped as malformed before any field of it is read.
 TEST_F(QueryTest, QueryOf126HeldSourcesIsAnsweredWithAllOfThem) {
     const addr6 G3 = grp(3);
     host_state(G3, MLDRT_INCLUDE, upto(1, 126));
     struct {
         const char* name;
         int claimed;
-        uint32_t buf_size;
+        int len;  // received; -1: all of it
         int answered;
-    } cases[] = {{"TrueCount", -1, 2048, 126},
-                 {"CountBeyondTheBuffer", 0xffff, 2048, 126},
-                 {"CountBeyondASmallerBuffer", 0xffff, 1024, (1024 - 28) / 16}};
+    } cases[] = {{"TrueCount", -1, -1, 126},
+                 {"CountBeyondTheBuffer", 0xffff, -1, 126},
+                 {"CountBeyondWhatArrived", 0xffff, 28 + 16 * 50 + 15, 50},
+                 {"Truncated", -1, 23, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        router.buf_size = c.buf_size;
         fake::kernel().sent_msgs.clear();
-        hear(up, v2_query(G3, upto(1, 126), c.claimed));
+        router.counters = {};
+        hear(up, v2_query(G3, upto(1, 126), c.claimed), c.len);
         texts expected;
         for (int n : upto(1, c.answered)) {
             expected.push_back("IS_IN G3 " + src_name(src(n).data()));
         }
         EXPECT_EQ(records_sent(up).lines, expected);
+        EXPECT_EQ(router.counters.malformed, c.answered == 0 ? 1u : 0u);
     }
-    router.buf_size = MLDRT_BUF_SIZE;
 }
 
 // The upstream link has an MTU of 1280: a report carries at most 1232 bytes, so one record

@@ -1,4 +1,7 @@
 
+#include <cstring>
+#include <string>
+
 #include "core/receive.h"
 #include "test_support.h"
 
@@ -67,6 +70,35 @@ TEST_F(ReceiveTest, InterfaceSocketDatagramIsReadWithoutWaitingAndDropped) {
     EXPECT_EQ(mldrt_handle_other_pkts(&router, eth1), -1);
     EXPECT_EQ(fake::kernel().recvmsg_flags, (std::vector<int>{MSG_DONTWAIT, MSG_DONTWAIT}));
     EXPECT_EQ(eth1->mld_version, 2);
+}
+
+// A kernel upcall is a whole mrt6msg: a datagram of 39 bytes that starts like one is no upcall
+// (it reaches the MLD handling as an unknown type), whatever the buffer held beyond it.
+TEST_F(ReceiveTest, OnlyAWholeMrt6msgIsAnUpcall) {
+    mldrt_interface* up = add_link("up0", 2, 0);
+    router.upstream = up;
+    router.active = 1;
+    for (size_t len : {40u, 39u}) {
+        SCOPED_TRACE(std::to_string(len) + " bytes");
+        router.counters = {};
+        fake::kernel().sockopts.clear();
+        mldrt_mrt6msg m{};
+        m.im6_msgtype = MRT6MSG_NOCACHE_TYPE;
+        m.im6_mif = up->mifi;
+        addr6 g = ip6("ff0e::1:1"), s = ip6("2001:db8::1");
+        std::memcpy(m.im6_dst, g.data(), 16);
+        std::memcpy(m.im6_src, s.data(), 16);
+        std::memcpy(router.buf, &m, sizeof m);  // what an earlier upcall left
+        fake::datagram d{};
+        d.payload.assign(reinterpret_cast<uint8_t*>(&m), reinterpret_cast<uint8_t*>(&m) + len);
+        d.with_pktinfo = true;  // upcalls arrive with PKTINFO index 0
+        fake::kernel().datagrams.push_back(d);
+        EXPECT_TRUE(mldrt_handle_input(&router, MLDRT_PROTO_ICMPV6));
+        // The whole upcall for a group nobody listens to removes its cache entry; the short
+        // one is a message for no link of ours.
+        EXPECT_EQ(fake::sockopts(MLDRT_K_LEVEL, MRT6_DEL_MFC_OPT).size(), len == 40 ? 1u : 0u);
+        EXPECT_EQ(router.counters.not_ours, len == 40 ? 0u : 1u);
+    }
 }
 
 }  // namespace

@@ -71,7 +71,7 @@ struct Row {
     bool from_stranger = false;
 };
 
-using record_handler = int (*)(mldrt_router*, mldrt_interface*, const uint8_t*, uint8_t*);
+using record_handler = int (*)(mldrt_router*, mldrt_interface*, const uint8_t*, const uint8_t*);
 const record_handler kHandler[7] = {
     nullptr,
     mldrt_handle_v2_isin_record,

@@ -117,8 +117,9 @@ CONFIG = {
     "long_line": b"UPSTREAM_IFNAME " + b"x" * 3000 + b"\nVERBOSE 1\n",
 }
 
-# fuzz_receive input: chunks of [selector][length / 8][bytes, zero-padded to a multiple of 8];
-# selector & 3 picks the arrival link (0 upstream, 1 and 2 downstream) or 3 for a kernel upcall.
+# fuzz_receive input: chunks of [selector][length, 2 bytes big-endian][bytes]; each chunk is one
+# datagram of exactly that length. selector & 3 picks the arrival link (0 upstream, 1 and 2
+# downstream) or 3 for a kernel upcall.
 GROUP = bytes.fromhex("ff0e0000000000000000000000000123")
 SRC1 = bytes.fromhex("20010db8000000000000000000000001")
 SRC2 = bytes.fromhex("20010db8000000000000000000000002")
@@ -133,8 +134,7 @@ def mld_report(records):
 
 
 def chunk(selector, body):
-    body += b"\0" * (-len(body) % 8)
-    return bytes([selector, len(body) // 8]) + body
+    return struct.pack("!BH", selector, len(body)) + body
 
 
 V1_REPORT = struct.pack("!BBHHH", 131, 0, 0, 0, 0) + GROUP
@@ -149,6 +149,15 @@ RECEIVE = {
     "isex_isin": chunk(1, mld_report([mld_record(2, [SRC1]), mld_record(1, [SRC2])]))
     + chunk(3, NOCACHE),
     "v1_join_leave": chunk(2, V1_REPORT) + chunk(3, NOCACHE) + chunk(2, V1_DONE),
+    # Counts that claim more than arrived: twelve ALLOW records, then a 28-byte report with one
+    # TO_EX record whose header claims twelve; a record whose sources, and one whose auxiliary
+    # data, run past the end; a query whose source count runs past the end; a cut upcall.
+    "overstated_counts": chunk(1, mld_report([mld_record(5, [SRC1])] * 12))
+    + chunk(1, struct.pack("!BBHHH", 143, 0, 0, 0, 12) + mld_record(4, []))
+    + chunk(2, mld_report([mld_record(5, [SRC1, SRC2])])[:-8])
+    + chunk(2, mld_report([struct.pack("!BBH", 5, 2, 1) + GROUP + SRC1 + b"\0\0\0\0"]))
+    + chunk(0, struct.pack("!BBHHH", 130, 0, 1000, 0, 0) + GROUP + struct.pack("!BBH", 2, 125, 9) + SRC1)
+    + chunk(3, NOCACHE[:39]),
 }
 
 
