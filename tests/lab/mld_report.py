@@ -2,12 +2,13 @@
 """Send hand-made MLDv2 reports (RFC 3810 section 5.2) from one interface, with scapy.
 
     mld_report.py --iface eth0 [--count N] [--interval SECONDS] [--src ADDR] [--dst ADDR]
-                  [--hlim N] [--no-router-alert] RECORD...
+                  [--hlim N] [--no-router-alert] [--claim N] RECORD...
 
 RECORD is TYPE:GROUP or TYPE:GROUP/SOURCE[,SOURCE...], TYPE a number 1-6 or one of
 is_in, is_ex, to_in, to_ex, allow, block. All records go into one report. By default the
 report is sent once from the interface's link-local address to ff02::16 with hop limit 1 and
-the hop-by-hop Router Alert option, as RFC 3810 section 5 requires of a host.
+the hop-by-hop Router Alert option, as RFC 3810 section 5 requires of a host. --claim puts N
+in the Number of Mcast Address Records field whatever the report holds.
 
 Run it with /usr/bin/python3 (Debian's scapy lives in the system Python).
 """
@@ -67,6 +68,7 @@ def main():
     parser.add_argument("--dst", default="ff02::16")
     parser.add_argument("--hlim", type=int, default=1)
     parser.add_argument("--no-router-alert", action="store_true")
+    parser.add_argument("--claim", type=int, help="Number of Mcast Address Records to claim, whatever follows")
     parser.add_argument("records", nargs="+", metavar="RECORD")
     args = parser.parse_args()
 
@@ -76,7 +78,10 @@ def main():
     ip = IPv6(src=src, dst=args.dst, hlim=args.hlim)
     if not args.no_router_alert:
         ip = ip / IPv6ExtHdrHopByHop(options=[RouterAlert(value=0)])
-    packet = Ether(dst=in6_getnsmac(inet_pton(socket.AF_INET6, args.dst))) / ip / ICMPv6MLReport2(records=records)
+    report = ICMPv6MLReport2(records=records)
+    if args.claim is not None:
+        report.records_number = args.claim
+    packet = Ether(dst=in6_getnsmac(inet_pton(socket.AF_INET6, args.dst))) / ip / report
     sendp(packet, iface=args.iface, count=args.count, inter=args.interval)
     return 0
 

@@ -2,7 +2,8 @@
 # What the daemon tells the networks around it: link-scope groups stay on their link, a change
 # of many sources reaches the upstream whole, the unspecified address :: (the daemon's own mark
 # for "the whole group") never appears as a source in anything it sends, and an ordinary leave
-# leaves no line in its log.
+# leaves no line in its log; a report is read only as far as it arrived, so a short report that
+# claims many records never replays the records an earlier report left in the receive buffer.
 #
 # Real hosts' kernels send the reports where they can (a new address's solicited-node group,
 # application joins and leaves); scapy sends what no kernel host sends (twelve sources at
@@ -34,6 +35,9 @@ GX=ff0e::7544            # h2 (scapy) sends CHANGE_TO_EXCLUDE with :: as its sou
 GD=ff0e::7545            # h2 (scapy) joins, then leaves twice within milliseconds
 GB=ff0e::7546            # h2 (scapy) allows one source, then blocks it twice within milliseconds
 SB=2001:db8:9::1
+GR=ff0e::b:1 # h2 (scapy) sends a 28-byte TO_EX for it claiming twelve records, after ...
+GR_EARLIER=() # ... twelve ALLOW records for ff0e::a:1 ... ff0e::a:c
+for i in 1 2 3 4 5 6 7 8 9 a b c; do GR_EARLIER+=("ff0e::a:$i"); done
 
 THREE=2001:db8:9::1,2001:db8:9::2,2001:db8:9::3
 TWELVE=2001:db8:9::4,2001:db8:9::5,2001:db8:9::6,2001:db8:9::7,2001:db8:9::8,2001:db8:9::9
@@ -43,6 +47,16 @@ LAB_OK=0
 
 # ---------------------------------------------------------------------------------------------
 # helpers of this file
+
+# earlier_groups_since SINCE_US: how many of the daemon's upstream records since then name one
+# of the twelve groups of the earlier report.
+earlier_groups_since() {
+  local g n=0
+  for g in "${GR_EARLIER[@]}"; do
+    n=$((n + $(up_daemon_reports | awk -v s="$1" '$1 >= s' | tr ' ' '\n' | awk -F/ -v g="$g" 'NF == 3 && $2 == g' | wc -l)))
+  done
+  echo "$n"
+}
 
 need_lab() {
   [[ $LAB_OK -eq 1 ]] || fail "no lab (the set-up failed)" || return 1
@@ -249,6 +263,29 @@ setup() {
 }
 
 START_US=$(lab_now_us)
+
+# 5. h2 sends a report of twelve ALLOW records (ff0e::a:1 ... ff0e::a:c, one source each); once
+# the upstream heard them and their retransmission, a 28-byte report with one TO_EX record for
+# ff0e::b:1 whose header claims twelve records. The upstream hears TO_EX for ff0e::b:1 and no
+# record of the twelve groups: the rest of the earlier report, still in the receive buffer, is
+# never read again.
+short_report_replays_nothing() {
+  need_lab || return 1
+  local t0 t1 recs=() g i=1 n
+  for g in "${GR_EARLIER[@]}"; do recs+=("allow:$g/2001:db8:a::$i"); i=$((i + 1)); done
+  t0=$(lab_now_us)
+  lab_send_mld_report "$LAB_H2" "${recs[@]}" >/dev/null 2>>"$T_WORK/scapy.err" || fail "scapy could not send from h2" || return 1
+  lab_wait_for 5 eval '[[ $(earlier_groups_since "$t0") -ge 24 ]]' ||
+    fail "the twelve ALLOW records and their retransmission did not all reach the upstream ($(earlier_groups_since "$t0") records)" || { show_reports "$t0"; return 1; }
+  t1=$(lab_now_us)
+  lab_send_mld_report "$LAB_H2" --claim 12 "to_ex:$GR" >/dev/null 2>>"$T_WORK/scapy.err" || fail "scapy could not send from h2" || return 1
+  lab_wait_for 5 up_has_records 1 4 "$GR" - "$t1" || fail "the short report's own TO_EX for $GR was not reported upstream" || { show_reports "$t1"; return 1; }
+  sleep 2.5 # its retransmission, and anything a replay would have sent
+  n=$(earlier_groups_since "$t1")
+  say "after the 28-byte report claiming 12 records: TO_EX for $GR upstream, $n records of the earlier twelve groups"
+  [[ $n -eq 0 ]] || fail "$n records of the earlier report's groups went upstream after the short report" || { show_reports "$t1"; return 1; }
+}
+
 T_REASON=
 if setup; then
   say "lab up, daemon started ($(elapsed_ms "$START_US") ms)"
@@ -259,6 +296,7 @@ fi
 check link_scope_groups_never_reported_upstream link_scope_groups_stay_on_their_link
 check twelve_source_allow_on_top_of_three_heard_whole_upstream twelve_sources_on_top_of_three_heard_whole
 check ordinary_leaves_leave_no_log_line leave_leaves_no_line
+check short_report_never_replays_an_earlier_one short_report_replays_nothing
 check no_unspecified_address_as_a_source_in_any_message no_unspecified_source_sent
 
 up_stop_all
