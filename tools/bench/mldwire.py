@@ -86,6 +86,24 @@ def daemon_records(frame):
     return out
 
 
+def report_groups(frame):
+    """The groups of every record of any MLDv2 report (a host's own included)."""
+    ip = ipv6_of(frame)
+    if ip is None or ip["nh"] != 58:
+        return []
+    p = ip["payload"]
+    if len(p) < 8 or p[0] != 143:
+        return []
+    out, off = [], 8
+    for _ in range(struct.unpack("!H", p[6:8])[0]):
+        if off + 20 > len(p):
+            break
+        nsrc = struct.unpack("!H", p[off + 2:off + 4])[0]
+        out.append(socket.inet_ntop(socket.AF_INET6, p[off + 4:off + 20]))
+        off += 20 + 16 * nsrc + 4 * p[off + 1]
+    return out
+
+
 def is_general_query(frame):
     ip = ipv6_of(frame)
     if ip is None or ip["nh"] != 58:
