@@ -41,16 +41,10 @@ int print_with_count(const char* text, uint32_t held) {
                   static_cast<int>(newline ? len - 1 : len), text, held, newline ? "\n" : "");
 }
 
-}  // namespace
-
-int mldrt_log(const char* fmt, ...) {
-    char text[256];
-    va_list ap;
-    va_start(ap, fmt);
-    int len = vsnprintf(text, sizeof text, fmt, ap);
-    va_end(ap);
+// Prints `text` unless a message of the same `key` was printed less than a second ago.
+int print_keyed(const char* key, const char* text, int len) {
     uint64_t now = mldrt_now_ms();
-    seen* s = slot_of(fmt);
+    seen* s = slot_of(key);
     if (s->last_ms != 0 && now - s->last_ms < kIntervalMs) {
         s->held++;
         return len;  // what printf would have answered: callers pass it on as before
@@ -59,6 +53,27 @@ int mldrt_log(const char* fmt, ...) {
     s->last_ms = now;
     s->held = 0;
     return n;
+}
+
+}  // namespace
+
+int mldrt_log(const char* fmt, ...) {
+    char text[256];
+    va_list ap;
+    va_start(ap, fmt);
+    int len = vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    return print_keyed(fmt, text, len);
+}
+
+int mldrt_log_puts(const char* text) {
+    char line[256];
+    int len = snprintf(line, sizeof line, "%s\n", text);
+    return print_keyed(text, line, len);
+}
+
+int mldrt_log_str(const char* text) {
+    return print_keyed(text, text, static_cast<int>(strlen(text)));
 }
 
 void mldrt_log_reset() {

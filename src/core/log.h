@@ -11,6 +11,10 @@
 // printf of `fmt`, unless a message of the same format was printed less than a second ago.
 // Returns the text's length either way, as printf would, so callers that pass it on keep doing so.
 int mldrt_log(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// puts of `text` (the text and a newline), held back like mldrt_log.
+int mldrt_log_puts(const char* text);
+// `text` as it is (no newline added), held back like mldrt_log.
+int mldrt_log_str(const char* text);
 
 // Forgets every format seen (a fresh router).
 void mldrt_log_reset();

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/log.h"
 #include "core/addr.h"
 #include "db/db.h"
 #include "iface/interface.h"
@@ -48,7 +49,7 @@ void write_source_entries(mldrt_router* r, mldrt_mfdb_entry* e) {
 int add_forwarding(mldrt_router* r, mldrt_group* g, const uint8_t* src, mldrt_interface* ifp) {
     mldrt_fwinfo* fw = mldrt_add_fwinfo_to_fdb(g, src);
     if (!fw) {
-        puts("MLDRT: Couldnt add src info to MDB");
+        mldrt_log_puts("MLDRT: Couldnt add src info to MDB");
         return -1;
     }
     if (ifp->mifi >= MLDRT_MAXMIF_MARKS || fw->mif_member[ifp->mifi]) {
@@ -104,12 +105,12 @@ void mldrt_sync_kernel_forwarding(mldrt_router* r, mldrt_mfdb_entry* e, const ui
 int mldrt_add_entry_to_grp_srclist(mldrt_router* r, mldrt_group* g, uint32_t ltype,
                                    const uint8_t* src, int32_t timer, mldrt_interface* ifp) {
     if (ltype > MLDRT_L_EXC) {
-        printf("\n Invalid list type");
+        mldrt_log("\n Invalid list type");
         return 0;
     }
     mldrt_src* s = mldrt_add_src_to_group(g, g->mfdb, ltype, src);
     if (!s) {
-        puts("MLDRT: Couldnt add src to grp include list");
+        mldrt_log_puts("MLDRT: Couldnt add src to grp include list");
         return -1;
     }
     s->timer = timer;  // a report refreshes the timer of a source it names again
@@ -122,18 +123,18 @@ int mldrt_add_entry_to_grp_srclist(mldrt_router* r, mldrt_group* g, uint32_t lty
 int mldrt_remove_entry_from_grp_srclist(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e,
                                         uint32_t ltype, const uint8_t* src, mldrt_interface* ifp) {
     if (ltype > MLDRT_L_SCR_BLOCK) {
-        printf("\n Invalid ltype");
+        mldrt_log("\n Invalid ltype");
         return 0;
     }
     if (ltype >= MLDRT_L_EXC) {
         if (mldrt_del_src_from_group(g, e, ltype, src) != 0) {
-            printf("\n FATAL Error - Cannot del src from group exclude list");
+            mldrt_log("\n FATAL Error - Cannot del src from group exclude list");
             return -1;
         }
         return 0;
     }
     if (mldrt_del_src_from_group(g, g->mfdb, ltype, src) != 0) {
-        printf("\n FATAL Error - Cannot del src from group include list");
+        mldrt_log("\n FATAL Error - Cannot del src from group include list");
         return -1;
     }
     return remove_forwarding(r, g, src, ifp);

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/log.h"
 #include "core/addr.h"
 #include "db/db.h"
 #include "iface/interface.h"
@@ -50,13 +51,13 @@ mldrt_mfdb_entry* mldrt_lookup_mfdb_entry(mldrt_router* r, const uint8_t* grp) {
 mldrt_mfdb_entry* mldrt_create_mfdb_entry(const uint8_t* grp) {
     auto* e = static_cast<mldrt_mfdb_entry*>(calloc(1, sizeof(mldrt_mfdb_entry)));
     if (!e) {
-        puts("MLDRT: Mfdb create failed");
+        mldrt_log_puts("MLDRT: Mfdb create failed");
         return nullptr;
     }
     std::memcpy(e->grp_addr, grp, 16);
     e->old_host_state = static_cast<mldrt_hs_state*>(calloc(1, sizeof(mldrt_hs_state)));
     if (!e->old_host_state) {
-        printf("\n Allocation of host state failed during mfdb creation");
+        mldrt_log("\n Allocation of host state failed during mfdb creation");
         free(e);
         return nullptr;
     }
@@ -77,7 +78,7 @@ mldrt_mfdb_entry* mldrt_add_mfdb_entry(mldrt_router* r, const uint8_t* grp) {
         return nullptr;
     }
     if (!mldrt_index_insert(&r->mfdb_index, e)) {
-        puts("MLDRT: Mfdb create failed");
+        mldrt_log_puts("MLDRT: Mfdb create failed");
         mldrt_delete_mfdb_entry(r, e);
         return nullptr;
     }
@@ -155,7 +156,7 @@ int is_fwinfo_empty_for_grp_src(mldrt_group* g, const uint8_t* src) {
 mldrt_fwinfo* mldrt_create_fwinfo_in_fdb(const uint8_t* src) {
     auto* fw = static_cast<mldrt_fwinfo*>(calloc(1, sizeof(mldrt_fwinfo)));
     if (!fw) {
-        puts("MLDRT: Creating fwdinfo failed");
+        mldrt_log_puts("MLDRT: Creating fwdinfo failed");
         return nullptr;
     }
     std::memcpy(fw->src_addr, src, 16);

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
 
@@ -12,7 +13,7 @@ template <typename T>
 T* allocate_record(const uint8_t* addr, const char* failure) {
     auto* rec = static_cast<T*>(calloc(1, sizeof(T)));
     if (!rec) {
-        puts(failure);
+        mldrt_log_puts(failure);
         return nullptr;
     }
     std::memcpy(rec, addr, 16);  // every record begins with its address
@@ -157,7 +158,7 @@ mldrt_group* mldrt_add_group(mldrt_router* r, mldrt_interface* ifp, const uint8_
     g = mldrt_create_group(grp);
     if (g && !mldrt_index_insert(&ifp->group_index, g)) {
         free(g);
-        puts("MLDRT: Creating group failed");
+        mldrt_log_puts("MLDRT: Creating group failed");
         return nullptr;
     }
     if (g) {
@@ -211,7 +212,7 @@ mldrt_src** mldrt_select_srclist(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t l
         case MLDRT_L_SCR_BLOCK:
             return &e->scr_block_list;
         default:
-            printf("\n Fatal:: Unknow list type");
+            mldrt_log("\n Fatal:: Unknow list type");
             return nullptr;
     }
 }

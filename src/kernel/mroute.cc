@@ -1,3 +1,4 @@
+#include "core/log.h"
 #include "core/addr.h"
 #include "kernel/mroute.h"
 
@@ -112,7 +113,7 @@ int mldrt_add_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source
         mc.mf6cc_ifset[0] |= 1u << r->upstream->mifi;
     }
     if (set_mfc(r->router_sock, MRT6_ADD_MFC_OPT, &mc) < 0) {
-        puts("MLDRT: Setsockopt error on MRT_ADD_MFC");
+        mldrt_log_puts("MLDRT: Setsockopt error on MRT_ADD_MFC");
         return -1;
     }
     return 0;
@@ -123,7 +124,7 @@ int mldrt_delete_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* sou
     fill_mf6cctl(&mc, group, source);
     if (set_mfc(r->router_sock, MRT6_DEL_MFC_OPT, &mc) < 0) {
         if (mldrt_is_any_addr(source)) {
-            puts("MLDRT: Setsockopt error on MRT_DEL_ADD_MFC");
+            mldrt_log_puts("MLDRT: Setsockopt error on MRT_DEL_ADD_MFC");
         }
         return -1;
     }

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/log.h"
 #include "core/addr.h"
 #include "core/bytes.h"
 #include "core/clock.h"
@@ -61,14 +62,14 @@ ssize_t send_on(mldrt_interface* ifp, const uint8_t* dst, const uint8_t* src, ui
 
 int query_sent(ssize_t rc) {
     if (rc <= 0) {
-        return printf("MLDV2: Fatal- Couldnt send query %d\n", static_cast<int>(rc));
+        return mldrt_log("MLDV2: Fatal- Couldnt send query %d\n", static_cast<int>(rc));
     }
     return static_cast<int>(rc);
 }
 
 int report_sent(ssize_t rc) {
     if (rc <= 0) {
-        return printf("MLDV2: Fatal- Couldnt send report %d\n", static_cast<int>(rc));
+        return mldrt_log("MLDV2: Fatal- Couldnt send report %d\n", static_cast<int>(rc));
     }
     return static_cast<int>(rc);
 }
@@ -182,15 +183,15 @@ int mldrt_send_query(mldrt_router* r, mldrt_interface* ifp, const mldrt_query_pa
     if (ifp->mld_version == 2) {
         uint32_t n = mldrt_srclist_len(q->sources);
         if (n != q->src_count) {
-            return printf("\n Cannot send query, numSrc and list inconsistent %d %d",
-                          static_cast<int>(n), static_cast<int>(q->src_count));
+            return mldrt_log("\n Cannot send query, numSrc and list inconsistent %d %d",
+                             static_cast<int>(n), static_cast<int>(q->src_count));
         }
         return send_v2_query(r, ifp, q);
     }
     write_query_header(r, ifp, q, 0);
     uint32_t len = MLDRT_QUERY_V1_LEN;
     if (ifp->mld_version != 1) {
-        puts("MLDV2: Fatal- Invalid MLDV2 version detected");
+        mldrt_log_puts("MLDV2: Fatal- Invalid MLDV2 version detected");
         len = 0;
     }
     return query_sent(send_on(ifp, q->dst, ifp->addr, len));
@@ -260,7 +261,7 @@ int mldrt_send_mld_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* 
         std::memmove(b + MLDRT_REPORT_HDR_LEN, records, len);
         msg_len = MLDRT_REPORT_HDR_LEN + len;
     } else {
-        puts("MLDV2: Fatal- Invalid MLDV2 version detected");
+        mldrt_log_puts("MLDV2: Fatal- Invalid MLDV2 version detected");
     }
     return report_sent(send_on(ifp, to, MLDRT_ADDR_ANY, msg_len));
 }

@@ -3,6 +3,7 @@
 // sources, whose timers then run down to the last listener query time.
 #include <cstdio>
 
+#include "core/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "mld/handlers.h"
@@ -19,11 +20,11 @@ mldrt_group* join_for_source_change(mldrt_router* r, mldrt_interface* ifp, const
         return nullptr;
     }
     if (mldrt_rec_nsrc(rec) == 0) {
-        printf("%s", zero_sources_message);
+        mldrt_log_str(zero_sources_message);
         return nullptr;
     }
     if (g->fmode > MLDRT_EXCLUDE) {
-        printf("\n Fatal: Grp in an unknown filter mode");
+        mldrt_log("\n Fatal: Grp in an unknown filter mode");
         return nullptr;
     }
     return g;

@@ -5,7 +5,9 @@
 # up, keep its general queries on another link (dn2) on time (QUERY_INTERVAL ± 1 s), keep its
 # resident memory (VmRSS, /proc) under 16 MiB, and real hosts' joins afterwards (right after the
 # storm, and once the storm's groups have had their membership interval) must still be
-# forwarded (real UDP from src, which the bridge sends to up0 whatever the router reported).
+# forwarded (real UDP from src, which the bridge sends to up0 whatever the router reported). A
+# LAN host must not be able to fill the router's log: the daemon prints each message text at
+# most once a second, so its output stays under 100 KB for the whole storm.
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
@@ -96,6 +98,14 @@ stays_up() {
   crash=$(grep -a -m 3 -i -e 'sanitizer' -e 'segmentation' -e 'abort' -e 'runtime error' "$LOG")
   [[ -z $crash ]] || fail "the daemon reported: $crash" || return 1
   say "daemon output during the storm: $(wc -c <"$LOG") bytes; distinct lines: $(tr -s '\n' <"$LOG" | sed 's/^ *//' | sort | uniq -c | sort -rn | head -n 6 | awk '{ $1 = $1 "x"; print }' | tr '\n' ';')"
+}
+
+log_stays_small() {
+  [[ $STORM_RAN == 1 ]] || fail "the storm did not run" || return 1
+  local bytes
+  bytes=$(wc -c <"$LOG")
+  [[ $bytes -lt 100000 ]] || fail "the daemon printed $bytes bytes during the storm (want under 100 KB)" || return 1
+  grep -q "more like this in the last second" "$LOG" || fail "no message says how many like it were held back: the storm caused no repeated message, so the check shows nothing" || return 1
 }
 
 queries_on_time() {
@@ -189,6 +199,7 @@ check storm_setup setup
 check storm_of_crafted_reports_reaches_the_router storm
 [[ $STORM_OK == 1 ]] && start_join
 check daemon_stays_up_through_the_storm stays_up
+check storm_output_stays_under_100KB log_stays_small
 check general_queries_on_another_link_stay_on_time queries_on_time
 check resident_memory_stays_under_16MiB memory
 check real_join_right_after_the_storm_forwards join_after_storm

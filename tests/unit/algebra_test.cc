@@ -75,7 +75,7 @@ void run(Op op, const std::vector<Row>& rows) {
             e.timer = 0x5a5a5a5a;
             e.next = &e;
         }
-        testing::internal::CaptureStdout();
+        capture_stdout();
         uint32_t n = op == Op::SubtractLists    ? mldrt_subtract_srclists(res.get(), a, b)
                      : op == Op::SubtractRecord ? mldrt_subtract_srclist_and_rcvd_record(
                                                       res.get(), a, rec.data(), nrec, row.mode)
@@ -218,7 +218,7 @@ TEST_F(GroupAlgebraTest, GroupListOperationsWithdrawForwardingPerEntry) {
         mldrt_src** list = mldrt_select_srclist(g, g->mfdb, fill);
         fake::kernel().sockopts.clear();
         std::vector<uint8_t> rec = record(row.rec);
-        testing::internal::CaptureStdout();
+        capture_stdout();
         int rc = row.empty ? mldrt_empty_grp_srclist(&router, g, g->mfdb, row.code, link)
                            : mldrt_intersect_grp_srclist_with_rcvd_record(
                                  &router, g, row.code, rec.data(),

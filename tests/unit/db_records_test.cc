@@ -137,7 +137,7 @@ TEST_F(RecordsTest, ListCodesSelectTheirList) {
         };
         // Codes 5 to 10 need only the forwarding entry: the host-state code passes no group.
         mldrt_group* gp = row.code >= 5 && row.code <= 10 ? nullptr : g;
-        testing::internal::CaptureStdout();
+        capture_stdout();
         mldrt_src* s = mldrt_add_src_to_group(gp, e, row.code, S(7).data());
         std::vector<mldrt_src*> after_add = heads();
         int del = mldrt_del_src_from_group(gp, e, row.code, S(7).data());
@@ -153,7 +153,8 @@ TEST_F(RecordsTest, ListCodesSelectTheirList) {
         } else {
             EXPECT_EQ(s, nullptr);
             EXPECT_EQ(del, -1);
-            EXPECT_EQ(out, "\n Fatal:: Unknow list type\n Fatal:: Unknow list type");
+            EXPECT_EQ(
+                out, "\n Fatal:: Unknow list type" /* the second within the second is held back */);
         }
     }
 }
@@ -266,7 +267,7 @@ TEST_F(RecordsTest, MembersAndSourcesBeyond64AreRefusedWithOneLineAMinute) {
         SCOPED_TRACE(row.name);
         fake::kernel().clock_seconds += 3600;
         mldrt_group* g = group(n++);
-        testing::internal::CaptureStdout();
+        capture_stdout();
         for (int i = 1; i <= 64; i++) {
             ASSERT_NE(row.add(g, i), nullptr) << i;
         }
@@ -275,7 +276,7 @@ TEST_F(RecordsTest, MembersAndSourcesBeyond64AreRefusedWithOneLineAMinute) {
             {0, row.line}, {59, ""}, {1, row.line}, {30, ""}};
         for (const auto& [advance, line] : refusals) {
             fake::kernel().clock_seconds += advance;
-            testing::internal::CaptureStdout();
+            capture_stdout();
             EXPECT_EQ(row.add(g, 65 + static_cast<int>(advance)), nullptr);
             EXPECT_NE(row.add(g, 64), nullptr) << "an existing record is still found";
             EXPECT_EQ(testing::internal::GetCapturedStdout(), line) << "after " << advance << " s";
@@ -296,7 +297,7 @@ TEST_F(RecordsTest, The16385thGroupIsRefusedAndNothingElseChanges) {
     mldrt_group* existing = mldrt_add_group(&router, link, big(5).data());
     ASSERT_NE(existing, nullptr) << "a group whose entry exists needs no new entry";
     mldrt_mfdb_entry* head = router.mfdb_list;
-    testing::internal::CaptureStdout();
+    capture_stdout();
     EXPECT_EQ(mldrt_add_mfdb_entry(&router, G(1).data()), nullptr);
     EXPECT_EQ(mldrt_add_group(&router, link, G(1).data()), nullptr);
     EXPECT_EQ(mldrt_add_mfdb_entry(&router, big(77).data()),

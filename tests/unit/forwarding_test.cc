@@ -63,7 +63,7 @@ class ForwardingTest : public RouterTest {
             router.del_mifi = 99;
             mldrt_group* g = group(mif, grp);
             const addr6 s = source(src);
-            testing::internal::CaptureStdout();
+            capture_stdout();
             EXPECT_EQ(
                 std::string(verb) == "add"
                     ? mldrt_add_entry_to_grp_srclist(&router, g, code, s.data(), 260, links[mif])
@@ -218,7 +218,7 @@ TEST_F(ForwardingTest, InvalidListCodesAndFullListsAreRefused) {
         mldrt_group* g = group(1);
         mldrt_add_entry_to_grp_srclist(&router, g, 0, s1.data(), 5, links[1]);
         fake::kernel().sockopts.clear();
-        testing::internal::CaptureStdout();
+        capture_stdout();
         EXPECT_EQ(row.call(g, s1.data()), row.result);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), row.out);
         EXPECT_EQ(mfc_calls(), std::vector<std::string>{});

@@ -36,7 +36,9 @@ TEST_F(LogTest, EachTextAtMostOnceASecondWithTheCountOfTheHeldBack) {
         SCOPED_TRACE(testing::Message() << step.at_ms << " ms");
         fake::kernel().monotonic_ms = start + step.at_ms;
         int n = 0;
-        EXPECT_EQ(stdout_of([&] { n = mldrt_log(step.fmt, 1, 2); }), step.printed);
+        testing::internal::CaptureStdout();  // not stdout_of: it forgets what was held back
+        n = mldrt_log(step.fmt, 1, 2);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), step.printed);
         EXPECT_GT(n, 0);  // the text's length, printed or not
     }
 }

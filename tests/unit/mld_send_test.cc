@@ -142,7 +142,7 @@ TEST_F(SendTest, QueriesCarryHeaderFieldsAndSources) {
         q.sources = row.nsrc ? &srcs[0] : nullptr;
         q.src_count = static_cast<uint32_t>(row.count);
         q.s_flag = row.s_flag;
-        testing::internal::CaptureStdout();
+        capture_stdout();
         mldrt_send_query(&router, ifp, &q);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), row.out);
         auto msgs = sent(ifp, true);

@@ -138,7 +138,7 @@ TEST_F(QueryScheduleTest, RefusalsLeaveCountsUnstoredAndSendNothing) {
     mldrt_group* odd = make_group(eth1, G1, include({{1, 260}}), host);
     odd->fmode = 7;
     source_chain one({1});
-    testing::internal::CaptureStdout();
+    capture_stdout();
     mldrt_update_fsm_and_send_query(&router, eth1, odd, G1.data(), one.head(), one.count());
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "\n FATAL:: Unknown Group Mode");
     EXPECT_EQ(odd->srsp_list, nullptr);
@@ -150,7 +150,7 @@ TEST_F(QueryScheduleTest, RefusalsLeaveCountsUnstoredAndSendNothing) {
         mldrt_add_src_to_group(full, full->mfdb, MLDRT_L_SRSP, src(n).data())->rtx_count = 1;
     }
     full->srsp_count = 64;
-    testing::internal::CaptureStdout();
+    capture_stdout();
     mldrt_update_fsm_and_send_query(&router, eth1, full, g2.data(), one.head(), one.count());
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "MLDRT: Limit of 64 sources per list reached, request not handled\n"

@@ -91,7 +91,7 @@ class RecordHandlerTest : public ListenerTest {
         forget_kernel_calls();
         std::vector<uint8_t> rec = record(row.type, G1, row.srcs);
         const addr6& from = row.from_stranger ? stranger : host;
-        testing::internal::CaptureStdout();
+        capture_stdout();
         kHandler[row.type](&router, eth1, from.data(), rec.data());
         EXPECT_EQ(testing::internal::GetCapturedStdout(), row.output);
         mldrt_group* g = group(eth1, G1);

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include "core/daemon.h"
+#include "core/log.h"
 #include "core/input_thread.h"
 #include "iface/netlink.h"
 
@@ -45,8 +46,13 @@ mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {
     return ifp;
 }
 
-std::string stdout_of(const std::function<void()>& f) {
+void capture_stdout() {
+    mldrt_log_reset();  // every capture sees the messages of its case, none held back by another's
     testing::internal::CaptureStdout();
+}
+
+std::string stdout_of(const std::function<void()>& f) {
+    capture_stdout();
     f();
     return testing::internal::GetCapturedStdout();
 }

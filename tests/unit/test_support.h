@@ -42,7 +42,12 @@ std::string ip6_text(const uint8_t* addr);
 // fe80::<ifindex>, fake socket, buffer sized by fake::kernel().mtu.
 mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi);
 
-// What `f` writes on standard output (the daemon's messages are printf and puts lines).
+// Starts capturing standard output, with the once-a-second hold of repeated messages forgotten,
+// so that a case sees every message it causes (tests/unit/log_test.cc tests the hold itself).
+void capture_stdout();
+
+// What `f` writes on standard output (the daemon's messages are printf and puts lines), captured
+// as capture_stdout() does.
 std::string stdout_of(const std::function<void()>& f);
 
 // The 12 bytes of a MIF record (mif6ctl) for MIF `mifi` on interface `pifi`: flags, threshold

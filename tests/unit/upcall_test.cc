@@ -71,7 +71,7 @@ TEST_F(UpcallTest, CacheMissesInstallWhatTheDatabaseForwards) {
     for (const UpcallRow& row : rows) {
         SCOPED_TRACE(row.name);
         forget_kernel_calls();
-        testing::internal::CaptureStdout();
+        capture_stdout();
         deliver(row.type, src(row.source), ip6(row.group), row.extra);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
         EXPECT_EQ(mfc_calls(), row.kernel);
