@@ -395,6 +395,21 @@ staged_config() { # stage
   cmp "$conf" packaging/mld.conf
 }
 
+# The README's two commands in its order: tools/demo.sh configures a build directory with the
+# default prefix, then the install stage configures it again for /usr and installs. Every
+# destination must follow the later prefix (a cached absolute path once put the unit under
+# /usr/local while the daemon went to /usr).
+demo_then_install() {
+  local dir=$SCRATCH/readme-order stage=$SCRATCH/readme-order-stage unit
+  cmake -S . -B "$dir" -DMLD_TESTS=OFF >/dev/null &&
+    cmake -S . -B "$dir" -DCMAKE_INSTALL_PREFIX=/usr >/dev/null &&
+    cmake --build "$dir" --target mldproxyd -j"$JOBS" >/dev/null &&
+    DESTDIR=$stage cmake --install "$dir" >/dev/null || return 1
+  unit=$stage/usr/lib/systemd/system/mldproxyd.service
+  [[ -f $unit && -x $stage/usr/sbin/mldproxyd ]] || { say "staged: $(cd "$stage" && find . -type f | tr '\n' ' ')"; return 1; }
+  grep -q '^ExecStart=/usr/sbin/mldproxyd ' "$unit"
+}
+
 staged_unit() { # stage
   local unit=$1/usr/lib/systemd/system/mldproxyd.service exec
   exec=$(sed -n 's/^ExecStart=//p' "$unit")
@@ -460,6 +475,8 @@ stage_install() {
   for f in usr/share/man/man8/mldproxyd.8 usr/share/man/man5/mld.conf.5; do
     install_check "man -l $f renders without warnings" man_renders "$stage/$f"
   done
+  install_check "a build directory the demo configured first installs under the prefix given later" \
+    demo_then_install
   install_check "the OpenWrt init script passes sh -n" sh -n packaging/openwrt/mldproxyd/files/mldproxyd.init
   install_check "the OpenWrt init script renders /etc/config/mldproxyd (tests/packaging)" \
     bash tests/packaging/openwrt_render_test.sh

@@ -42,10 +42,13 @@ bytes nl(uint16_t type, const bytes& body) {
 
 bytes rta(uint16_t type, const void* data, size_t len) {
     rtattr a{static_cast<unsigned short>(4 + len), type};
-    bytes b = raw(a);
-    const auto* p = static_cast<const uint8_t*>(data);
-    b.insert(b.end(), p, p + len);
-    b.resize((b.size() + 3) & ~size_t{3});
+    // Sized from the start (padded to 4 bytes): growing the 4-byte header makes gcc -O3 see a
+    // copy out of bounds that is not there (-Warray-bounds).
+    bytes b((sizeof a + len + 3) & ~size_t{3}, 0);
+    std::memcpy(b.data(), &a, sizeof a);
+    if (len > 0) {
+        std::memcpy(b.data() + sizeof a, data, len);
+    }
     return b;
 }
 
