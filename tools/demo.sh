@@ -8,9 +8,16 @@
 # the bridge's prune, traffic stopping), and the clean shutdown on SIGTERM. The lab is removed at the end,
 # also when the demo is interrupted.
 #
+# It checks each step of that story as it goes, and its last line is the verdict: "PASS" with
+# the figures (join -> upstream report, join -> first datagram at h1, leave -> last datagram,
+# leave -> upstream CHANGE_TO_INCLUDE, datagrams on the link without a listener), or "FAIL:"
+# naming the step that did not happen, with exit status 1.
+#
 #   sudo bash tools/demo.sh
 #
-# Environment: MLD_DAEMON (a daemon binary to use instead of building build/mldproxyd).
+# Environment: MLD_DAEMON (a daemon binary to use instead of building build/mldproxyd),
+# MLD_DEMO_UPSTREAM (the upstream link the configuration names, default up0; another name makes
+# a daemon that proxies nothing, and the demo then fails).
 
 set -u
 export LC_ALL=C
@@ -28,10 +35,25 @@ fi
 # shellcheck source=tools/lab.sh
 . "$ROOT/tools/lab.sh"
 
+# One demo at a time: a second run never tears down the lab of one that is running. A lab of this
+# prefix with nobody holding the lock was left by a demo that was killed: it is cleared.
+mkdir -p /run/mldlab
+exec 9>"/run/mldlab/${LAB_PREFIX}lock"
+if ! flock -n 9; then
+  echo "tools/demo.sh: another demo runs (its namespaces are ${LAB_PREFIX}*); try again when it is done" >&2
+  exit 1
+fi
+if [[ -n $(lab_namespaces) ]]; then
+  echo "tools/demo.sh: clearing a stale demo lab: $(lab_namespaces | tr '\n' ' ')" >&2
+  lab_down >/dev/null 2>&1
+fi
+
 T0=$(lab_now_us)
 TAIL_PID=''
 SENDER='' RECEIVER=''
 CAPTURES=() FOLLOWERS=()
+VERDICT='' # "PASS ..." once every step happened; otherwise the step that did not
+FIGURES=()
 
 stamp() {
   local cs=$((($(lab_now_us) - T0) / 10000))
@@ -41,6 +63,7 @@ step() { printf '\n%s == %s\n' "$(stamp)" "$*"; }
 info() { printf '%s    %s\n' "$(stamp)" "$*"; }
 die() {
   printf '%s    FAILED: %s\n' "$(stamp)" "$*" >&2
+  VERDICT="FAIL: $*"
   exit 1
 }
 
@@ -57,6 +80,8 @@ cleanup() {
   fi
   lab_down >/dev/null 2>&1 || lab_down
   rm -rf -- "$LAB_STATE"
+  # The verdict is the last line, whatever ended the demo.
+  printf '\n%s\n' "${VERDICT:-FAIL: the demo was interrupted}"
 }
 trap cleanup EXIT
 trap 'exit 130' INT TERM
@@ -141,13 +166,13 @@ t0s=$(awk -v t="$T0" 'BEGIN { printf "%.6f", t / 1000000 }')
 step "3. Start mldproxyd in the router namespace"
 CONF=$LAB_STATE/mld.conf
 mkdir -p "$LAB_STATE"
-lab_write_conf "$CONF"
+lab_write_conf "$CONF" "${MLD_DEMO_UPSTREAM:-$LAB_UPSTREAM}"
 info "/etc/mld/mld.conf (bind-mounted in the daemon's own mount namespace):"
 sed 's/^/               /' "$CONF"
 # What the router sends on dn1 from its start on, decoded as it goes out (seen from h1's side).
 lab_capture "$LAB_H1" eth0 "$LAB_STATE/dn1-start.pcap" "ip6 and not udp" || die "no capture on dn1"
 CAPTURES+=("$LAB_CAPTURE_PID")
-"$LAB_PYTHON" "$LAB_PCAP_PY" --follow --human --grep "src=$RT_DN1 " --t0 "$t0s" --label '    dn1| ' "${names[@]}" \
+"$LAB_PYTHON" "$LAB_PCAP_PY" --follow --human --key --grep "src=$RT_DN1 " --t0 "$t0s" --label '    dn1| ' "${names[@]}" \
   "$LAB_STATE/dn1-start.pcap" &
 FOLLOWERS+=("$!")
 lab_start_daemon -c "$CONF" || die "the daemon did not start"
@@ -157,14 +182,14 @@ TAIL_PID=$!
 
 # ---------------------------------------------------------------------------------------------
 step "4. The daemon finds the router's links and registers each one as a MIF"
-info "(it waits a second at start, then reads the links and addresses over netlink)"
+info "(it reads the links and their addresses over netlink and takes each one up as it is read)"
 watch_mifs lab_all_links_are_mifs 40 || die "not every link became a MIF within 40 s"
 info "every link of the router except lo is a MIF: $(lab_mifs | awk '{ printf "%s=%s ", $2, $1 }')"
 info "on each downstream link the daemon announces its own memberships (one TO_EX record each for"
-info "the solicited-node group of its upstream address, ff02::16 and ff02::2, robustness times) and"
-info "starts querying: the second general query (QUERY_INTERVAL / 4) + 1 ticks after the first, then"
-info "one every QUERY_INTERVAL ticks (4 here; a tick is a second of the daemon's clock, which pauses"
-info "while it re-reads its links); the router kernel's own reports carry several records"
+info "the solicited-node group of its upstream address, ff02::16 and ff02::2, robustness times, half"
+info "a second apart) and starts querying at once: the second general query QUERY_INTERVAL / 4"
+info "seconds after the first (1 s here), then one every QUERY_INTERVAL (4 s); the router kernel's"
+info "own reports carry several records"
 lab_wait_started 40 || info "(the router did not fall quiet; going on)"
 sleep 9
 for pid in "${FOLLOWERS[@]}"; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done
@@ -179,7 +204,7 @@ done
 step "5. A new downstream link appears while the daemon runs"
 info "ip link add dn3 (router) <-> eth0 (new host h3)"
 lab_add_downstream dn3 h3 || die "could not add dn3"
-watch_mifs "lab_has_mif dn3" 40 || die "dn3 did not become a MIF within 40 s"
+watch_mifs "lab_has_mif dn3" 40 || die "the hot-plugged dn3 did not become a MIF within 40 s"
 info "dn3 is MIF $(lab_mif_index dn3) (the lowest free index)"
 
 # ---------------------------------------------------------------------------------------------
@@ -204,6 +229,35 @@ done
 FOLLOWERS+=("$!")
 "$LAB_PYTHON" "$LAB_PCAP_PY" --follow --human --grep "$G" --t0 "$t0s" --label '    up0| ' "${names[@]}" "$LAB_STATE/up0.pcap" &
 FOLLOWERS+=("$!")
+
+# upstream_record TYPE AFTER: the time of the daemon's first report on up0 (bridge side) with a
+# record of TYPE (4 TO_EX, 3 TO_IN) for $G after the epoch time AFTER.
+upstream_record() {
+  lab_mld_lines "$LAB_STATE/up0.pcap" 2>/dev/null |
+    awk -v a="$2" -v rec="$1/$G/" -v src="src=$RT_UP" '$1 > a && index($0, src) && / type=143 / && index($0, rec) { print $1; exit }'
+}
+ms() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%d", (b - a) * 1000 + 0.5 }'; }
+
+# check_story: every step of the join and the leave happened; their figures for the verdict.
+check_story() {
+  local joined left report first last to_in h2
+  joined=$(awk '$1 == "JOINED" { print $2; exit }' "$RECV_LOG")
+  left=$(awk '$1 == "LEFT" { print $2; exit }' "$RECV_LOG")
+  [[ -n $joined && -n $left ]] || die "h1 did not join and leave $G"
+  report=$(upstream_record 4 "$joined")
+  [[ -n $report ]] || die "the router did not report h1's join of $G upstream (no CHANGE_TO_EXCLUDE on up0)"
+  first=$(awk -v j="$joined" '$1 != "JOINED" && $1 != "LEFT" && $1 > j { print $1; exit }' "$RECV_LOG")
+  [[ -n $first ]] || die "h1 received no datagram of $G after joining it"
+  last=$(lab_udp_times "$LAB_STATE/udp-h1.txt" "$G" | tail -n 1)
+  awk -v l="$left" -v t="$last" 'BEGIN { exit !(t - l < 4.5) }' || die "$G still reached h1's link $(ms "$left" "$last") ms after the leave"
+  to_in=$(upstream_record 3 "$left")
+  [[ -n $to_in ]] || die "the router did not report h1's leave of $G upstream (no CHANGE_TO_INCLUDE on up0)"
+  h2=$(lab_udp_times "$LAB_STATE/udp-h2.txt" "$G" | wc -l)
+  [[ $h2 -eq 0 ]] || die "h2's link, where nobody listens, got $h2 datagrams of $G"
+  FIGURES=("join -> upstream report $(ms "$joined" "$report") ms" "join -> first datagram at h1 $(ms "$joined" "$first") ms"
+    "leave -> last datagram $(ms "$left" "$last") ms" "leave -> upstream CHANGE_TO_INCLUDE $(ms "$left" "$to_in") ms"
+    "datagrams on h2's link (no listener) $h2")
+}
 
 # counts SECONDS: print once a second how many datagrams of $G arrived in that second.
 RECV_LOG=$LAB_STATE/h1-recv.log
@@ -255,6 +309,7 @@ kill -TERM "$SENDER" 2>/dev/null
 wait "$SENDER" 2>/dev/null
 SENDER=''
 info "h1's link got $(lab_udp_times "$LAB_STATE/udp-h1.txt" "$G" | wc -l) datagrams of $G in all, h2's link $(lab_udp_times "$LAB_STATE/udp-h2.txt" "$G" | wc -l)"
+check_story
 sleep 0.3 # the decoders print what is left
 for pid in "${FOLLOWERS[@]}"; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done
 FOLLOWERS=()
@@ -279,3 +334,5 @@ wait "$TAIL_PID" 2>/dev/null
 TAIL_PID=''
 lab_down || die "the lab could not be removed"
 info "done"
+VERDICT="PASS: $(printf '%s, ' "${FIGURES[@]}")"
+VERDICT=${VERDICT%, }

@@ -230,6 +230,18 @@ def human(line, names):
     return None
 
 
+# Printed (with --key) under the first report and the first query shown, for a reader new to MLD.
+KEYS = {
+    "143": ["key: a report lists records; TO_EX{} (CHANGE_TO_EXCLUDE, no sources excluded) means",
+            "     'send me this group from every source', TO_IN{} (CHANGE_TO_INCLUDE, no sources) means",
+            "     'I no longer want it', IS_IN / IS_EX state what the sender holds when a query asks,",
+            "     ALLOW / BLOCK add or remove single sources"],
+    "130": ["key: a query asks who listens; QRV (querier's robustness variable) is how many times",
+            "     messages are repeated against loss, QQIC (querier's query interval code) the",
+            "     seconds between general queries, max response how long hosts may take to answer"],
+}
+
+
 def follow(name, args, names):
     """Print the packets of a pcap file as they are written, until killed."""
     offset = 0
@@ -277,6 +289,10 @@ def follow(name, args, names):
             else:
                 text = args.label + text
             sys.stdout.write(text + "\n")
+            mtype = next((p[5:] for p in line.split(" ") if p.startswith("type=")), None)
+            if args.key and mtype in KEYS:
+                for k in KEYS.pop(mtype):
+                    sys.stdout.write((" " * 11 if args.t0 else "") + args.label + k + "\n")
             sys.stdout.flush()
         time.sleep(0.1)
 
@@ -289,6 +305,7 @@ def main():
     parser.add_argument("--label", default="", help="(with --follow) text put before each line")
     parser.add_argument("--t0", type=float, default=0.0, help="(with --follow) print times as seconds since this epoch time")
     parser.add_argument("--name", action="append", default=[], metavar="ADDR=NAME", help="(with --human) call ADDR NAME")
+    parser.add_argument("--key", action="store_true", help="(with --follow) explain the first report and query shown")
     parser.add_argument("files", nargs="+", metavar="FILE")
     args = parser.parse_args()
     if args.follow:
