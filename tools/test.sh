@@ -63,7 +63,7 @@ SCRATCH=$(mktemp -d /tmp/mldproxyd-test.XXXXXX) || exit 1
 trap 'rm -rf "$SCRATCH"' EXIT
 
 TOTAL_P=0 TOTAL_F=0 TOTAL_S=0
-SUMMARY=()
+SUMMARY=() FAILED_STAGES=()
 SIZES_FILE=$SCRATCH/sizes # stages run in subshells: what the summary needs goes through files
 : >"$SIZES_FILE"
 
@@ -101,8 +101,8 @@ run_stage() { # name title
   if stage_selected "$name"; then
     # set -e applies inside the stage (it is not in a tested context), so a failing
     # command ends the stage unless the stage handles the status itself.
-    (set -e; "stage_$name") </dev/null
-    rc=$?
+    (set -e; "stage_$name") </dev/null 2>&1 | tee "$SCRATCH/stage-$name.log"
+    rc=${PIPESTATUS[0]}
   else
     note "not selected on the command line"
     rc=$SKIP
@@ -125,6 +125,7 @@ run_stage() { # name title
   TOTAL_P=$((TOTAL_P + p)) TOTAL_F=$((TOTAL_F + f)) TOTAL_S=$((TOTAL_S + s))
   SUMMARY+=("$(printf '%-9s %-8s %5ss  %4d passed %3d failed %3d skipped  %s' \
     "$name" "$result" "$secs" "$p" "$f" "$s" "$detail")")
+  [[ $result == FAILED ]] && FAILED_STAGES+=("$name")
   say "---- stage $name: $result in ${secs}s ($p passed, $f failed, $s skipped)${detail:+ - $detail}"
 }
 
@@ -616,6 +617,13 @@ say "======================================================================"
 say "== summary ($(($(date +%s) - RUN_START))s in total)"
 say "======================================================================"
 for line in "${SUMMARY[@]}"; do say "$line"; done
+# What failed, in the checks' own words (expected and got), so that a failure reads here
+# without scrolling back through the stage's output.
+for name in "${FAILED_STAGES[@]}"; do
+  say "failures of stage $name:"
+  grep -a -E -A6 ' OVER by |^not ok - |\[  FAILED  \]|: Failure$|^FAILED: |FAILED:|error:|ERROR: ' "$SCRATCH/stage-$name.log" |
+    grep -v -E '^\[  (RUN|OK) ' | head -n 60 | sed 's/^/    /'
+done
 if [[ -s $SIZES_FILE ]]; then
   say "size report (the daemon stripped as cmake --install --strip installs it; NEEDED from readelf -d):"
   cat "$SIZES_FILE"
