@@ -100,25 +100,6 @@ start_daemon() { # QUERY_INTERVAL [nowait]
   [[ ${2:-} == nowait ]] || lab_wait_started 60 || { say "the daemon did not start"; exit 1; }
 }
 
-# with_probe NAME OUT PROBE_ARGS... -- COMMAND...: the probe listens, the time goes into its
-# start file, COMMAND runs (starting the daemon, making a link), and the probe's figures go
-# to OUT.
-with_probe() {
-  local name=$1 out=$2 start=$WORK/$1.start pid
-  shift 2
-  local args=()
-  while [[ $1 != -- ]]; do args+=("$1"); shift; done
-  shift
-  rm -f "$start"
-  probe "$name" --start-file "$start" "${args[@]}" >"$out" &
-  pid=$!
-  lab_wait_for 10 grep -qs LISTENING "$out" || { say "probe $name did not start"; return 1; }
-  date +%s.%N >"$start"
-  "$@"
-  wait "$pid"
-  sed -i '/^LISTENING$/d' "$out"
-}
-
 # The upstream bridge sends the router only what the router's reports asked for. Its mdb takes
 # the 20,000 groups of the runs below: at Linux's default of 4,096 entries a bridge turns
 # snooping off, and with flooding off the router would then get nothing at all.
@@ -138,8 +119,8 @@ add_addresses() {
 
 bench_startup() {
   say "start-up (query interval 8 s), a hot-plugged link, joins during address churn"
-  with_probe ready "$WORK/ready.json" --rt "$(ns "$LAB_RT")" --links dn1,dn2 -- start_daemon 8 nowait
-  with_probe hotplug "$WORK/hotplug.json" --rt "$(ns "$LAB_RT")" --link dn3 -- lab_add_downstream dn3 h3
+  lab_with_probe ready "$WORK/ready.json" --rt "$(ns "$LAB_RT")" --links dn1,dn2 -- start_daemon 8 nowait
+  lab_with_probe hotplug "$WORK/hotplug.json" --rt "$(ns "$LAB_RT")" --link dn3 -- lab_add_downstream dn3 h3
   add_addresses 20 0.05 &
   local churn=$!
   probe churn --rt "$(ns "$LAB_RT")" --h1 "$(ns "$LAB_H1")" --prefix ff0e::e: --tries 8 --gap 0.05 >"$WORK/churn.json"

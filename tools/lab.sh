@@ -579,6 +579,26 @@ lab_udp_times() {
     }' "$1" 2>/dev/null
 }
 
+# lab_with_probe NAME OUT PROBE_ARGS... -- COMMAND...: tools/bench/probe.py NAME listens (in the
+# namespaces its arguments name), the time goes into its start file, COMMAND runs (starting the
+# daemon, making a link), and the probe's figures (JSON) go to OUT.
+LAB_PROBE_PY=$LAB_ROOT/tools/bench/probe.py
+lab_with_probe() {
+  local name=$1 out=$2 start=$LAB_STATE/$1.start pid
+  shift 2
+  local args=()
+  while [[ $1 != -- ]]; do args+=("$1"); shift; done
+  shift
+  mkdir -p "$LAB_STATE" && rm -f "$start"
+  "$LAB_PYTHON" "$LAB_PROBE_PY" "$name" --start-file "$start" "${args[@]}" >"$out" 2>"$out.err" &
+  pid=$!
+  lab_wait_for 10 grep -qs LISTENING "$out" || { kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; return 1; }
+  date +%s.%N >"$start"
+  "$@"
+  wait "$pid"
+  sed -i '/^LISTENING$/d' "$out"
+}
+
 # lab_mld_lines FILE...: the packets of pcap files decoded one a line (tests/lab/wire_pcap.py).
 lab_mld_lines() { "$LAB_PYTHON" "$LAB_PCAP_PY" "$@"; }
 

@@ -11,32 +11,15 @@
 # shellcheck source=tests/lab/lib.sh
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-PROBE=$LAB_ROOT/tools/bench/probe.py
 CONF=$T_WORK/mld.conf
 SETUP_OK=0
 
-probe() { "$LAB_PYTHON" "$PROBE" "$@"; }
-
-# with_probe NAME OUT PROBE_ARGS... -- COMMAND...: the probe listens, the time goes into its
-# start file, COMMAND runs, and the probe's figures go to OUT.
-with_probe() {
-  local name=$1 out=$2 start=$T_WORK/$1.start pid
-  shift 2
-  local args=()
-  while [[ $1 != -- ]]; do args+=("$1"); shift; done
-  shift
-  probe "$name" --start-file "$start" "${args[@]}" >"$out" 2>"$out.err" &
-  pid=$!
-  lab_wait_for 10 grep -qs LISTENING "$out" || { t_stop "$pid"; return 1; }
-  date +%s.%N >"$start"
-  "$@"
-  wait "$pid"
-}
+probe() { "$LAB_PYTHON" "$LAB_PROBE_PY" "$@"; }
 
 # value FILE KEY...: a number of the probe's JSON (nested keys), or "none".
 value() {
   "$LAB_PYTHON" -c 'import json, sys
-d = json.loads(open(sys.argv[1]).read().split("\n", 1)[1])
+d = json.load(open(sys.argv[1]))
 for k in sys.argv[2:]:
     d = d.get(k) if isinstance(d, dict) else None
 print("none" if d is None else d)' "$@"
@@ -51,7 +34,7 @@ ready_within_1500_ms() {
   lab_write_conf "$CONF"
   sed -i 's/^QUERY_INTERVAL .*/QUERY_INTERVAL 8/' "$CONF"
   local out=$T_WORK/ready.txt ready gap1 gap2
-  with_probe ready "$out" --rt "$(lab_ns "$LAB_RT")" --links dn1,dn2 -- lab_start_daemon -c "$CONF" ||
+  lab_with_probe ready "$out" --rt "$(lab_ns "$LAB_RT")" --links dn1,dn2 -- lab_start_daemon -c "$CONF" ||
     fail "the probe or the daemon did not start: $(head -c 300 "$out.err")" || return 1
   SETUP_OK=1
   ready=$(value "$out" ready_ms) gap1=$(value "$out" startup_query_gap_ms dn1) gap2=$(value "$out" startup_query_gap_ms dn2)
@@ -64,7 +47,7 @@ ready_within_1500_ms() {
 hotplugged_link_taken_up_at_once() {
   [[ $SETUP_OK == 1 ]] || fail "no daemon (the first check failed)" || return 1
   local out=$T_WORK/hotplug.txt mif query
-  with_probe hotplug "$out" --rt "$(lab_ns "$LAB_RT")" --link dn3 -- lab_add_downstream dn3 h3 ||
+  lab_with_probe hotplug "$out" --rt "$(lab_ns "$LAB_RT")" --link dn3 -- lab_add_downstream dn3 h3 ||
     fail "the probe did not start: $(head -c 300 "$out.err")" || return 1
   mif=$(value "$out" mif_ms) query=$(value "$out" first_query_ms)
   say "hot-plugged dn3 (from the start of making it): MIF after ${mif} ms, first general query after ${query} ms"
@@ -77,10 +60,10 @@ joins_reported_during_address_churn() {
   local out=$T_WORK/churn.txt i max
   (for ((i = 1; i <= 20; i++)); do ip -n "$(lab_ns "$LAB_RT")" addr add "2001:db8:77::$i/64" dev dn2 nodad; sleep 0.05; done) &
   local churn=$!
-  { echo; probe churn --rt "$(lab_ns "$LAB_RT")" --h1 "$(lab_ns "$LAB_H1")" --prefix ff0e::e: --tries 8 --gap 0.05; } >"$out" 2>"$out.err"
+  probe churn --rt "$(lab_ns "$LAB_RT")" --h1 "$(lab_ns "$LAB_H1")" --prefix ff0e::e: --tries 8 --gap 0.05 >"$out" 2>"$out.err"
   wait "$churn"
   max=$("$LAB_PYTHON" -c 'import json, sys
-d = json.loads(open(sys.argv[1]).read().split("\n", 1)[1])
+d = json.load(open(sys.argv[1]))
 print(max(d["join_report_ms"]) if d["join_report_ms"] and not d["failures"] else "none")' "$out")
   say "joins on dn1 while dn2 gained 20 addresses 50 ms apart: join -> upstream report at most ${max} ms ($(tail -n 1 "$out"))"
   at_most "$max" 500 || fail "a join was reported upstream ${max} ms after it during address churn (want at most 500)" || return 1

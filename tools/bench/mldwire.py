@@ -67,11 +67,11 @@ def ipv6_of(frame):
             "dst": socket.inet_ntop(socket.AF_INET6, ip[24:40])}
 
 
-def daemon_records(frame):
-    """(type, group, nsrc) of every record of an MLDv2 report sent by the daemon (its reports
-    carry a flow label; the router kernel's own reports do not)."""
+def report_records(frame, daemon_only=False):
+    """(type, group, nsrc) of every record of an MLDv2 report; with daemon_only, only of the
+    daemon's reports (they carry a flow label; the router kernel's own reports do not)."""
     ip = ipv6_of(frame)
-    if ip is None or ip["nh"] != 58 or ip["flow"] == 0:
+    if ip is None or ip["nh"] != 58 or (daemon_only and ip["flow"] == 0):
         return []
     p = ip["payload"]
     if len(p) < 8 or p[0] != 143:
@@ -86,22 +86,13 @@ def daemon_records(frame):
     return out
 
 
+def daemon_records(frame):
+    return report_records(frame, daemon_only=True)
+
+
 def report_groups(frame):
     """The groups of every record of any MLDv2 report (a host's own included)."""
-    ip = ipv6_of(frame)
-    if ip is None or ip["nh"] != 58:
-        return []
-    p = ip["payload"]
-    if len(p) < 8 or p[0] != 143:
-        return []
-    out, off = [], 8
-    for _ in range(struct.unpack("!H", p[6:8])[0]):
-        if off + 20 > len(p):
-            break
-        nsrc = struct.unpack("!H", p[off + 2:off + 4])[0]
-        out.append(socket.inet_ntop(socket.AF_INET6, p[off + 4:off + 20]))
-        off += 20 + 16 * nsrc + 4 * p[off + 1]
-    return out
+    return [g for _, g, _ in report_records(frame)]
 
 
 def is_general_query(frame):

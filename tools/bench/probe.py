@@ -87,13 +87,7 @@ def receive_stamped(s):
 
 def drain(s):
     """Every frame waiting on a packet socket, as (time, pkttype, bytes)."""
-    out = []
-    while True:
-        try:
-            t, data, addr = receive_stamped(s)
-        except BlockingIOError:
-            return out
-        out.append((t, addr[2], data))
+    return [(t, kind, data) for t, kind, data, _ in drain_named(s)]
 
 
 def udp_to(frame, group):
@@ -322,6 +316,7 @@ def queries_on(frames, ifname=None):
 
 
 def drain_named(s):
+    """Every frame waiting on a packet socket, as (time, pkttype, bytes, interface name)."""
     out = []
     while True:
         try:
