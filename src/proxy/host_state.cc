@@ -189,11 +189,7 @@ void mldrt_restart_host_state(mldrt_router* r) {
             mldrt_free_srclist(&e->old_host_state->list);
             e->old_host_state->mode = MLDRT_INCLUDE;
         }
-        e->scr_to_ex_cnt = e->scr_to_in_cnt = e->scr_allow_cnt = e->scr_block_cnt = 0;
-        mldrt_free_srclist(&e->scr_to_ex_list);
-        mldrt_free_srclist(&e->scr_to_in_list);
-        mldrt_free_srclist(&e->scr_allow_list);
-        mldrt_free_srclist(&e->scr_block_list);
+        mldrt_clear_pending_reports(e);
         mldrt_mark_changed(e);
     }
 }

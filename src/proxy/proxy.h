@@ -37,6 +37,8 @@ void mldrt_restart_host_state(mldrt_router* r);
 void mldrt_retransmit_due(mldrt_router* r, uint64_t now_ms);
 // When the next retransmission is due (MLDRT_NEVER when none is queued).
 uint64_t mldrt_next_retransmission_ms();
+// Forgets every record still to be sent or repeated for the entry.
+void mldrt_clear_pending_reports(mldrt_mfdb_entry* e);
 // One retransmission of one entry's pending records.
 void mldrt_clean_mfdb_host_state(mldrt_router* r, mldrt_mfdb_entry* e);
 

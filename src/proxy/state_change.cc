@@ -49,14 +49,6 @@ uint32_t add_source_change(mldrt_router* r, mldrt_mfdb_entry* e, uint32_t ltype,
     return add_scr(r, e, ltype, from, except);
 }
 
-void clear_pending(mldrt_mfdb_entry* e) {
-    e->scr_to_ex_cnt = e->scr_to_in_cnt = e->scr_allow_cnt = e->scr_block_cnt = 0;
-    mldrt_free_srclist(&e->scr_to_ex_list);
-    mldrt_free_srclist(&e->scr_to_in_list);
-    mldrt_free_srclist(&e->scr_allow_list);
-    mldrt_free_srclist(&e->scr_block_list);
-}
-
 // Removes the entries whose count is spent.
 void prune_spent(mldrt_src** list) {
     while (*list) {
@@ -153,7 +145,7 @@ void exclude_to_exclude(mldrt_router* r, mldrt_mfdb_entry* e, const mldrt_src* o
 // would undo part of the new state upstream (a TO_IN{} after a later TO_EX{} leaves the group).
 void restate_filter_mode(mldrt_router* r, mldrt_mfdb_entry* e, uint32_t mode,
                          const mldrt_src* list) {
-    clear_pending(e);
+    mldrt_clear_pending_reports(e);
     bool exclude = mode == MLDRT_EXCLUDE;
     add_scr(r, e, exclude ? MLDRT_L_SCR_TO_EX : MLDRT_L_SCR_TO_IN, list);
     (exclude ? e->scr_to_ex_cnt : e->scr_to_in_cnt) = retransmissions(r);
@@ -162,6 +154,14 @@ void restate_filter_mode(mldrt_router* r, mldrt_mfdb_entry* e, uint32_t mode,
 }
 
 }  // namespace
+
+void mldrt_clear_pending_reports(mldrt_mfdb_entry* e) {
+    e->scr_to_ex_cnt = e->scr_to_in_cnt = e->scr_allow_cnt = e->scr_block_cnt = 0;
+    mldrt_free_srclist(&e->scr_to_ex_list);
+    mldrt_free_srclist(&e->scr_to_in_list);
+    mldrt_free_srclist(&e->scr_allow_list);
+    mldrt_free_srclist(&e->scr_block_list);
+}
 
 void mldrt_handle_host_state_transitions(mldrt_router* r, mldrt_mfdb_entry* e, uint32_t old_mode,
                                          uint32_t new_mode) {
