@@ -81,7 +81,13 @@ struct mldrt_hs_state {
 
 constexpr uint32_t MLDRT_MAXMIF_MARKS = 32;
 
-// Which MIFs want one (group, source); source :: is the group-wide (*,G) record.
+// A MIF's mark in a forwarding record: a listener there wants the source, or (a group in
+// EXCLUDE mode there) keeps it out of what the link's any-source mark forwards.
+constexpr uint8_t MLDRT_MARK_WANTED = 1;
+constexpr uint8_t MLDRT_MARK_EXCLUDED = 2;
+
+// Which MIFs want, or exclude, one (group, source); source :: is the group-wide (*,G) record,
+// which holds wanted marks only.
 struct mldrt_fwinfo {
     uint8_t src_addr[16];
     uint8_t mif_member[MLDRT_MAXMIF_MARKS];
@@ -160,6 +166,10 @@ int mldrt_add_entry_to_grp_srclist(mldrt_router* r, mldrt_group* g, uint32_t lty
                                    const uint8_t* src, int32_t timer, mldrt_interface* ifp);
 int mldrt_remove_entry_from_grp_srclist(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e,
                                         uint32_t ltype, const uint8_t* src, mldrt_interface* ifp);
+// A group in EXCLUDE mode forwards every source its link does not exclude: while the mode lasts
+// the link is marked in the group's (::) record, so the kernel's (*,G) entry lists it.
+void mldrt_forward_whole_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp);
+void mldrt_withdraw_whole_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp);
 // Writes the kernel entries of `e` after the marks of `src` changed; `record_gone` when its
 // forwarding record lost its last mark and was deleted.
 void mldrt_sync_kernel_forwarding(mldrt_router* r, mldrt_mfdb_entry* e, const uint8_t* src,
@@ -177,7 +187,8 @@ int is_fwinfo_empty_for_grp_src(mldrt_group* g, const uint8_t* src);
 mldrt_fwinfo* mldrt_create_fwinfo_in_fdb(const uint8_t* src);
 mldrt_fwinfo* mldrt_add_fwinfo_to_fdb(mldrt_group* g, const uint8_t* src);
 void mldrt_delete_fwinfo_from_fdb(mldrt_group* g, const uint8_t* src);
-// ORs into `oifs` (32 bytes) the marks of (src, G) and of (::, G).
+// Sets `oifs` (32 bytes) to the MIFs that (src, G) goes to: those of its own wanted marks and
+// of the (::, G) record, less those where the source is excluded (RFC 3810 section 6.3).
 void mldrt_generate_membership_info(const mldrt_mfdb_entry* e, const uint8_t* src, uint8_t* oifs);
 // Non-zero while upstream state-change retransmissions for the entry are still due.
 int mldrt_pending_host_state_update(const mldrt_mfdb_entry* e);

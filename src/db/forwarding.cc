@@ -1,7 +1,8 @@
 // The forwarding-aware list operations. A source on a group's include or requested list marks
-// the interface's MIF in the (G,S) forwarding record, and the kernel's entries follow the marks
-// at once: the (::) record is the kernel's (*,G) entry, every other record an (S,G) entry that
-// also carries the (*,G) MIFs, because Linux prefers an (S,G) entry over the (*,G) one.
+// the interface's MIF as wanted in the (G,S) forwarding record, a source on its excluded list
+// marks it as excluded, and the kernel's entries follow the marks at once: the (::) record is
+// the kernel's (*,G) entry, every other record an (S,G) entry that also carries the (*,G) MIFs
+// but those that exclude it, because Linux prefers an (S,G) entry over the (*,G) one.
 #include <cstdio>
 #include <cstring>
 
@@ -46,23 +47,27 @@ void write_source_entries(mldrt_router* r, mldrt_mfdb_entry* e) {
     }
 }
 
-int add_forwarding(mldrt_router* r, mldrt_group* g, const uint8_t* src, mldrt_interface* ifp) {
+int add_forwarding(mldrt_router* r, mldrt_group* g, const uint8_t* src, mldrt_interface* ifp,
+                   uint8_t mark) {
     mldrt_fwinfo* fw = mldrt_add_fwinfo_to_fdb(g, src);
     if (!fw) {
         mldrt_log_puts("MLDRT: Couldnt add src info to MDB");
         return -1;
     }
-    if (ifp->mifi >= MLDRT_MAXMIF_MARKS || fw->mif_member[ifp->mifi]) {
-        return 0;  // already forwarded there
+    if (ifp->mifi >= MLDRT_MAXMIF_MARKS || fw->mif_member[ifp->mifi] == mark) {
+        return 0;  // already marked so there
     }
-    fw->mif_member[ifp->mifi] = 1;
+    fw->mif_member[ifp->mifi] = mark;
     mldrt_sync_kernel_forwarding(r, g->mfdb, src, false);
     return 0;
 }
 
-int remove_forwarding(mldrt_router* r, mldrt_group* g, const uint8_t* src, mldrt_interface* ifp) {
+// Clears the link's mark of `src` when it is `mark`: a source moved between the wanted and the
+// excluded list has taken the other mark already, whichever list it was added to first.
+int remove_forwarding(mldrt_router* r, mldrt_group* g, const uint8_t* src, mldrt_interface* ifp,
+                      uint8_t mark) {
     mldrt_fwinfo* fw = mldrt_lookup_fwinfo_in_fdb(g, src);
-    if (!fw) {
+    if (!fw || (ifp->mifi < MLDRT_MAXMIF_MARKS && fw->mif_member[ifp->mifi] != mark)) {
         return 0;
     }
     if (ifp->mifi < MLDRT_MAXMIF_MARKS) {
@@ -93,9 +98,9 @@ void mldrt_sync_kernel_forwarding(mldrt_router* r, mldrt_mfdb_entry* e, const ui
         return;
     }
     if (record_gone) {
-        if (r->upstream) {
-            mldrt_delete_k_mfc(r, e->grp_addr, MLDRT_ADDR_ANY);
-        }
+        // Deleted even while no upstream is known: a kernel entry left behind would forward
+        // to whatever link takes its MIF later.
+        mldrt_delete_k_mfc(r, e->grp_addr, MLDRT_ADDR_ANY);
     } else {
         write_any_source_entry(r, e);
     }
@@ -108,16 +113,19 @@ int mldrt_add_entry_to_grp_srclist(mldrt_router* r, mldrt_group* g, uint32_t lty
         mldrt_log("\n Invalid list type");
         return 0;
     }
+    // :: is the forwarding database's whole-group mark: a record naming it as a source names
+    // no host that could send, and must not turn into a (*,G) entry.
+    if (mldrt_is_any_addr(src)) {
+        return 0;
+    }
     mldrt_src* s = mldrt_add_src_to_group(g, g->mfdb, ltype, src);
     if (!s) {
         mldrt_log_puts("MLDRT: Couldnt add src to grp include list");
         return -1;
     }
     s->timer = timer;  // a report refreshes the timer of a source it names again
-    if (ltype == MLDRT_L_EXC) {
-        return 0;  // excluded sources are never forwarded
-    }
-    return add_forwarding(r, g, src, ifp);
+    return add_forwarding(r, g, src, ifp,
+                          ltype == MLDRT_L_EXC ? MLDRT_MARK_EXCLUDED : MLDRT_MARK_WANTED);
 }
 
 int mldrt_remove_entry_from_grp_srclist(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e,
@@ -131,13 +139,21 @@ int mldrt_remove_entry_from_grp_srclist(mldrt_router* r, mldrt_group* g, mldrt_m
             mldrt_log("\n FATAL Error - Cannot del src from group exclude list");
             return -1;
         }
-        return 0;
+        return ltype == MLDRT_L_EXC ? remove_forwarding(r, g, src, ifp, MLDRT_MARK_EXCLUDED) : 0;
     }
     if (mldrt_del_src_from_group(g, g->mfdb, ltype, src) != 0) {
         mldrt_log("\n FATAL Error - Cannot del src from group include list");
         return -1;
     }
-    return remove_forwarding(r, g, src, ifp);
+    return remove_forwarding(r, g, src, ifp, MLDRT_MARK_WANTED);
+}
+
+void mldrt_forward_whole_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
+    add_forwarding(r, g, MLDRT_ADDR_ANY, ifp, MLDRT_MARK_WANTED);
+}
+
+void mldrt_withdraw_whole_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
+    remove_forwarding(r, g, MLDRT_ADDR_ANY, ifp, MLDRT_MARK_WANTED);
 }
 
 void mldrt_rewrite_kernel_forwarding(mldrt_router* r) {

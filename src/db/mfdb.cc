@@ -29,15 +29,6 @@ mldrt_fwinfo* find_fwinfo(mldrt_fwinfo* list, const uint8_t* src) {
     return nullptr;
 }
 
-void or_marks(const mldrt_fwinfo* fw, uint8_t* oifs) {
-    if (!fw) {
-        return;
-    }
-    for (uint32_t i = 0; i < MLDRT_MAXMIF_MARKS; i++) {
-        oifs[i] |= fw->mif_member[i];
-    }
-}
-
 }  // namespace
 
 uint32_t mldrt_mfdb_count() {
@@ -194,8 +185,13 @@ void mldrt_delete_fwinfo_from_fdb(mldrt_group* g, const uint8_t* src) {
 }
 
 void mldrt_generate_membership_info(const mldrt_mfdb_entry* e, const uint8_t* src, uint8_t* oifs) {
-    or_marks(find_fwinfo(e->fwinfo_list, src), oifs);
-    or_marks(find_fwinfo(e->fwinfo_list, MLDRT_ADDR_ANY), oifs);
+    const mldrt_fwinfo* own = find_fwinfo(e->fwinfo_list, src);
+    const mldrt_fwinfo* any = find_fwinfo(e->fwinfo_list, MLDRT_ADDR_ANY);
+    for (uint32_t i = 0; i < MLDRT_MAXMIF_MARKS; i++) {
+        uint8_t mark = own ? own->mif_member[i] : 0;
+        bool by_any = any && any->mif_member[i] == MLDRT_MARK_WANTED;
+        oifs[i] = (mark == MLDRT_MARK_WANTED || (by_any && mark != MLDRT_MARK_EXCLUDED)) ? 1 : 0;
+    }
 }
 
 int mldrt_pending_host_state_update(const mldrt_mfdb_entry* e) {

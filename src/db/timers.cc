@@ -66,37 +66,16 @@ void age_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     }
 }
 
-// Takes this interface out of the group-wide (*,G) forwarding.
-void withdraw_whole_group(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
-    mldrt_fwinfo* fw = mldrt_lookup_fwinfo_in_fdb(g, MLDRT_ADDR_ANY);
-    if (!fw) {
-        return;
-    }
-    if (ifp->mifi < MLDRT_MAXMIF_MARKS) {
-        fw->mif_member[ifp->mifi] = 0;
-    }
-    bool gone = is_fwinfo_empty_for_grp_src(g, MLDRT_ADDR_ANY) == 0;
-    if (gone) {
-        mldrt_delete_fwinfo_from_fdb(g, MLDRT_ADDR_ANY);
-    }
-    r->del_mifi = ifp->mifi;
-    mldrt_sync_kernel_forwarding(r, g->mfdb, MLDRT_ADDR_ANY, gone);
-}
-
 // Filter timer expiry (RFC 3810 section 7.5): back to INCLUDE with the requested sources,
-// each restarted at GMI.
+// each restarted at GMI; the link no longer takes every source of the group.
 void expire_filter(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, ifp);
-    if (mldrt_lookup_src_in_grplist(g->req_list, MLDRT_ADDR_ANY)) {
-        withdraw_whole_group(r, ifp, g);
-    }
     for (mldrt_src* s = g->req_list; s; s = s->next) {
-        if (!ipv6_addr_equal(s->src_addr, MLDRT_ADDR_ANY)) {
-            mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_INCLUDE, s->src_addr,
-                                           static_cast<int32_t>(gmi(r)), ifp);
-        }
+        mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_INCLUDE, s->src_addr,
+                                       static_cast<int32_t>(gmi(r)), ifp);
     }
     mldrt_free_srclist(&g->req_list);
+    mldrt_withdraw_whole_group(r, g, ifp);
     g->fmode = MLDRT_INCLUDE;
     if (g->mfdb) {
         g->mfdb->exclude_count--;
@@ -193,8 +172,12 @@ void release_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
         std::memcpy(addr, g->req_list->src_addr, sizeof addr);
         mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, addr, ifp);
     }
-    if (g->fmode == MLDRT_EXCLUDE && g->mfdb && g->mfdb->exclude_count > 0) {
-        g->mfdb->exclude_count--;
+    mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, ifp);
+    if (g->fmode == MLDRT_EXCLUDE) {
+        mldrt_withdraw_whole_group(r, g, ifp);
+        if (g->mfdb && g->mfdb->exclude_count > 0) {
+            g->mfdb->exclude_count--;
+        }
     }
     mldrt_mark_changed(g->mfdb);
     free_group(g);

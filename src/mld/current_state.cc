@@ -11,7 +11,8 @@
 
 namespace {
 
-// INCLUDE (A) + IS_EX(B) -> EXCLUDE(A*B, B-A), filter timer GMI.
+// INCLUDE (A) + IS_EX(B) -> EXCLUDE(A*B, B-A), filter timer GMI. The mode comes first, so
+// that the excluded sources are held back from a (*,G) entry that already lists the link.
 void isex_on_include(mldrt_router* r, mldrt_group* g, const uint8_t* rec, mldrt_interface* ifp) {
     const uint8_t* b = mldrt_rec_srcs(rec);
     uint32_t nb = mldrt_rec_nsrc(rec);
@@ -23,15 +24,11 @@ void isex_on_include(mldrt_router* r, mldrt_group* g, const uint8_t* rec, mldrt_
         mldrt_log("\n Couldnt empty include list");
         return;
     }
-    if (both.n > 0) {
-        mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &both, ifp);
-    } else if (nb == 0) {
-        mldrt_want_whole_group(r, g, ifp);
-    }
+    mldrt_enter_exclude(r, g, ifp);
+    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &both, ifp);
     mldrt_add_result_timer(r, g, MLDRT_L_EXC, &added, 0, ifp);
     mldrt_set_req_timers(g, &added, 0);
     mldrt_remove_from_req_and_exc(r, g, &gone, ifp);
-    mldrt_enter_exclude(r, g);
 }
 
 // EXCLUDE (X, Y) + IS_EX(B), B non-empty -> EXCLUDE(B-Y, Y*B), B-X-Y at GMI, filter timer
@@ -58,7 +55,7 @@ void isex_on_exclude(mldrt_router* r, mldrt_group* g, const uint8_t* rec, mldrt_
     g->ftimer = gmi;
 }
 
-// EXCLUDE + IS_EX{} -> EXCLUDE({::}, {}), filter timer GMI.
+// EXCLUDE + IS_EX{} -> EXCLUDE({}, {}), filter timer GMI: every source wanted.
 void isex_all_on_exclude(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, ifp) != 0) {
         mldrt_log("\n Couldnt empty req list");
@@ -68,7 +65,6 @@ void isex_all_on_exclude(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) 
         mldrt_log("\n Couldnt empty exc list");
         return;
     }
-    mldrt_want_whole_group(r, g, ifp);
     g->ftimer = static_cast<int32_t>(mldrt_gmi(r));
 }
 

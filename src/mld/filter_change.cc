@@ -39,7 +39,9 @@ void toin_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, cons
     mldrt_update_fsm_and_send_query(r, ifp, g, g->grp_addr, nullptr, 0);
 }
 
-// INCLUDE (A) + TO_EX(B), B non-empty -> EXCLUDE(A*B, B-A), filter timer GMI.
+// INCLUDE (A) + TO_EX(B), B non-empty -> EXCLUDE(A*B, B-A), filter timer GMI. RFC 3810 also
+// asks Q(G, A*B) here; the routers this one replaces send none (their query looked for A*B in
+// the include list they had just emptied), and neither does this one.
 void toex_on_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* rec) {
     const uint8_t* b = mldrt_rec_srcs(rec);
     uint32_t nb = mldrt_rec_nsrc(rec);
@@ -51,14 +53,11 @@ void toex_on_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, cons
         mldrt_log("\n Couldnt empty include list");
         return;
     }
+    mldrt_enter_exclude(r, g, ifp);
     mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &both, ifp);
     mldrt_add_result_timer(r, g, MLDRT_L_EXC, &added, 0, ifp);
     mldrt_set_req_timers(g, &added, 0);
     mldrt_remove_from_req_and_exc(r, g, &gone, ifp);
-    // Asked while the group is still INCLUDE with an empty include list, so this finds no
-    // source and sends nothing: compatible with the routers this one replaces.
-    mldrt_query_result(r, ifp, g, &both);
-    mldrt_enter_exclude(r, g);
 }
 
 // EXCLUDE (X, Y) + TO_EX(B), B non-empty -> EXCLUDE(B-Y, Y*B), Q(G, B-Y), B-X-Y at the filter
@@ -85,15 +84,14 @@ void toex_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, cons
     g->ftimer = static_cast<int32_t>(mldrt_gmi(r));
 }
 
-// Either mode + TO_EX{} -> EXCLUDE({::}, {}), filter timer GMI, no query.
+// Either mode + TO_EX{} -> EXCLUDE({}, {}), filter timer GMI, no query: every source wanted.
 void toex_all(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     if (g->fmode == MLDRT_INCLUDE) {
         if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, ifp) != 0) {
             mldrt_log("\n Couldnt empty include list");
             return;
         }
-        mldrt_want_whole_group(r, g, ifp);
-        mldrt_enter_exclude(r, g);
+        mldrt_enter_exclude(r, g, ifp);
         return;
     }
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, ifp) != 0) {
@@ -104,7 +102,6 @@ void toex_all(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
         mldrt_log("\n Couldnt empty EXCLUDE list");
         return;
     }
-    mldrt_want_whole_group(r, g, ifp);
     g->ftimer = static_cast<int32_t>(mldrt_gmi(r));
 }
 

@@ -65,12 +65,6 @@ int mldrt_update_fsm_and_send_query(mldrt_router* r, mldrt_interface* ifp, mldrt
     }
     uint32_t lowered = 0, kept = 0;
     for (const mldrt_src* s = srcs; s; s = s->next) {
-        // :: marks the whole group in the database; no host can report it as a source. The
-        // group-specific query asks for the whole group, so :: is never queried, and its
-        // timer is left to the filter timer that query lowers.
-        if (mldrt_is_any_addr(s->src_addr)) {
-            continue;
-        }
         mldrt_src* found = mldrt_lookup_src_in_grplist(searched, s->src_addr);
         if (!found) {
             continue;

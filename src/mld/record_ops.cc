@@ -21,8 +21,9 @@ void mldrt_want_record_srcs(mldrt_router* r, mldrt_group* g, const uint8_t* rec,
         if (g->fmode == MLDRT_INCLUDE) {
             mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_INCLUDE, s, gmi, ifp);
         } else {
-            mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, s, ifp);
+            // Wanted before it is no longer excluded: its (S,G) entry is rewritten, not dropped.
             mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_REQ, s, gmi, ifp);
+            mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, s, ifp);
         }
     }
 }
@@ -76,14 +77,10 @@ void mldrt_query_result(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g,
     }
 }
 
-void mldrt_enter_exclude(mldrt_router* r, mldrt_group* g) {
+void mldrt_enter_exclude(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
     g->fmode = MLDRT_EXCLUDE;
     g->mfdb->exclude_count++;
     mldrt_mark_changed(g->mfdb);
     g->ftimer = static_cast<int32_t>(mldrt_gmi(r));
-}
-
-void mldrt_want_whole_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
-    mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_REQ, MLDRT_ADDR_ANY,
-                                   static_cast<int32_t>(mldrt_gmi(r)), ifp);
+    mldrt_forward_whole_group(r, g, ifp);
 }

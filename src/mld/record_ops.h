@@ -33,9 +33,8 @@ void mldrt_remove_from_req_and_exc(mldrt_router* r, mldrt_group* g, const mldrt_
 // Q(G, sources of the result) through mldrt_update_fsm_and_send_query, when it has any.
 void mldrt_query_result(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g,
                         const mldrt_src_result* res);
-// Enters EXCLUDE mode: counted in the forwarding entry, filter timer GMI.
-void mldrt_enter_exclude(mldrt_router* r, mldrt_group* g);
-// The requested list becomes {::} with timer GMI: the whole group is wanted.
-void mldrt_want_whole_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp);
+// Enters EXCLUDE mode: counted in the forwarding entry, filter timer GMI, and every source the
+// link does not exclude forwarded to it (RFC 3810 section 6.3).
+void mldrt_enter_exclude(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp);
 
 #endif

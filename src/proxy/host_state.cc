@@ -1,6 +1,6 @@
 // The host state of a group: what the downstream links want, merged as one host's state
-// (RFC 3810 section 7.1 rules): INCLUDE lists unite, EXCLUDE lists intersect, an EXCLUDE{}
-// anywhere wins, and INCLUDE sources are taken out of an EXCLUDE result.
+// (RFC 3810 section 4.2, RFC 4605 section 4.1): INCLUDE lists unite, EXCLUDE lists intersect,
+// an EXCLUDE{} anywhere wins, and INCLUDE sources are taken out of an EXCLUDE result.
 #include <cstdio>
 #include <cstdlib>
 
@@ -61,10 +61,12 @@ void for_each_mapped_group(mldrt_router* r, const mldrt_mfdb_entry* e, Visit vis
     }
 }
 
-// Intersects the EXCLUDE lists in link and group order. An intersection that empties is
-// refilled by the next EXCLUDE list, as routers have always merged them.
+// Intersects the EXCLUDE lists of the links (RFC 3810 section 4.2): a source stays excluded
+// upstream only while every link in EXCLUDE mode excludes it, so an intersection that empties
+// stays empty.
 bool merge_exclude(mldrt_router* r, mldrt_mfdb_entry* e) {
     bool ok = true;
+    bool first = true;
     for_each_mapped_group(r, e, [&](mldrt_group* g) {
         if (g->fmode != MLDRT_EXCLUDE) {
             return true;
@@ -78,16 +80,13 @@ bool merge_exclude(mldrt_router* r, mldrt_mfdb_entry* e) {
             }
         }
         mldrt_hs_state* hs = e->new_host_state;
-        if (!g->exc_list) {
-            mldrt_free_srclist(&hs->list);
-            return false;  // EXCLUDE{} wants every source: nothing else matters
-        }
-        if (!hs->list) {
+        if (first) {
             add_sources(e, g->exc_list);
+            first = false;
         } else {
             mldrt_intersect_srclists(&hs->list, g->exc_list);
         }
-        return true;
+        return hs->list != nullptr;  // nothing left to exclude: nothing else matters
     });
     return ok;
 }

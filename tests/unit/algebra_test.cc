@@ -190,11 +190,11 @@ TEST_F(GroupAlgebraTest, GroupListOperationsWithdrawForwardingPerEntry) {
     const char* kUnknown = "\n FATAL: Req for deleteing unknown list type in the group";
     const std::vector<GroupRow> rows = {
         {"IntersectKeepsNamed", false, 0, {1, 2, 3}, {2, 9}, 0, "2", "del S1 G1; del S3 G1", ""},
-        {"IntersectNoSourcesRemovesAll", false, 1, {0, 1}, {}, 0, "", "del S1 G2; del :: G2", ""},
-        {"IntersectExcludedNoKernel", false, 2, {1, 2}, {1}, 0, "1", "", ""},
+        {"IntersectNoSourcesRemovesAll", false, 1, {3, 1}, {}, 0, "", "del S1 G2; del S3 G2", ""},
+        {"IntersectExcludedDropsItsHeldBackEntry", false, 2, {1, 2}, {1}, 0, "1", "del S2 G3", ""},
         {"IntersectCode3Rejected", false, 3, {1}, {}, -1, "1", "", "\n Invalid List Type"},
         {"EmptyInclude", true, 0, {1, 2}, {}, 0, "", "del S1 G5; del S2 G5", ""},
-        {"EmptyExcluded", true, 2, {1, 2}, {}, 0, "", "", ""},
+        {"EmptyExcluded", true, 2, {1, 2}, {}, 0, "", "del S1 G6; del S2 G6", ""},
         {"EmptyCode3Refused", true, 3, {1, 2}, {}, 0, "2 1", "", kUnknown},
         {"EmptyCode4Refused", true, 4, {1, 2}, {}, 0, "2 1", "", kUnknown},
         {"EmptyCode11Refused", true, 11, {1}, {}, 0, "1", "", kUnknown},

@@ -382,12 +382,12 @@ TEST_F(RecordsTest, FwinfoEmptinessUsesReversedSense) {
     }
 }
 
-TEST_F(RecordsTest, MembershipInfoOrsSourceAndAnySourceMarks) {
+TEST_F(RecordsTest, MembershipInfoIsSourceAndAnySourceMarksLessExclusions) {
     struct Row {
         const char* name;
-        std::vector<int> source_mifs;  // marks of (S,G); empty: no record
+        std::vector<int> source_mifs;  // wanted marks of (S,G); empty: none
         std::vector<int> any_mifs;     // marks of (::,G); empty: no record
-        std::vector<int> preset;       // bytes already set in the caller's array
+        std::vector<int> excluded;     // excluded marks of (S,G)
         bool ask_any;                  // ask for :: instead of S
         std::vector<int> expected;
     };
@@ -395,7 +395,8 @@ TEST_F(RecordsTest, MembershipInfoOrsSourceAndAnySourceMarks) {
         {"SourceOnly", {1, 4}, {}, {}, false, {1, 4}},
         {"AnySourceOnly", {}, {3, 31}, {}, false, {3, 31}},
         {"Union", {1, 3}, {3, 0}, {}, false, {0, 1, 3}},
-        {"OrsIntoPresetBytes", {2}, {}, {9}, false, {2, 9}},
+        {"ExcludedOnlyWhereTheAnySourceMarkIs", {2}, {3, 5}, {3}, false, {2, 5}},
+        {"ExclusionWithoutAnySourceMark", {}, {}, {6}, false, {}},
         {"AskingForAnySource", {1}, {5}, {}, true, {5}},
         {"NoRecords", {}, {}, {}, false, {}},
     };
@@ -412,11 +413,12 @@ TEST_F(RecordsTest, MembershipInfoOrsSourceAndAnySourceMarks) {
         for (int m : row.any_mifs) {
             mldrt_add_fwinfo_to_fdb(g, any.data())->mif_member[m] = 1;
         }
-        mldrt_add_fwinfo_to_fdb(g, S(9).data())->mif_member[8] = 1;
-        uint8_t oifs[32] = {};
-        for (int m : row.preset) {
-            oifs[m] = 1;
+        for (int m : row.excluded) {
+            mldrt_add_fwinfo_to_fdb(g, S(1).data())->mif_member[m] = MLDRT_MARK_EXCLUDED;
         }
+        mldrt_add_fwinfo_to_fdb(g, S(9).data())->mif_member[8] = 1;
+        uint8_t oifs[32];
+        std::memset(oifs, 0xff, sizeof oifs);  // whatever the caller's array held goes
         mldrt_generate_membership_info(g->mfdb, row.ask_any ? any.data() : S(1).data(), oifs);
         std::vector<int> got;
         for (int i = 0; i < 32; i++) {

@@ -150,7 +150,7 @@ TEST_F(DumpTest, HostStateWithOldAndNewStatesAndStateChangeLists) {
 }
 
 TEST_F(DumpTest, VerboseZeroPrintsNothing) {
-    make_group(eth1, G1, exclude({{0, 260}}, {{2, 100}}, 260), host);
+    make_group(eth1, G1, exclude({}, {{2, 100}}, 260), host);
     router.verbose = 0;
     EXPECT_EQ(dump("AFTER HANDLING RCVD MSG"), "");
     EXPECT_EQ(stdout_of([] { mldrt_dump_host_states(&router, router.mfdb_list); }), "");

@@ -46,7 +46,7 @@ class ForwardingTest : public RouterTest {
 
     struct Step {
         const char* name;
-        const char* op;  // "add|del <mif> inc|req|exc <Sn|::> [group n]"
+        const char* op;  // "add|del <mif> inc|req|exc <Sn> [group n]" or "add|del <mif> any"
         std::vector<std::string> kernel;
         int del_mifi = -1;  // checked unless -1
         std::function<void()> check = nullptr;
@@ -57,19 +57,24 @@ class ForwardingTest : public RouterTest {
             SCOPED_TRACE(st.name);
             char verb[4], list[4], src[8];
             int mif = 0, grp = 1;
-            ASSERT_GE(std::sscanf(st.op, "%3s %d %3s %7s %d", verb, &mif, list, src, &grp), 4);
+            ASSERT_GE(std::sscanf(st.op, "%3s %d %3s %7s %d", verb, &mif, list, src, &grp), 3);
             const uint32_t code = std::string("increqexc").find(list) / 3;
+            const bool add = std::string(verb) == "add";
             fake::kernel().sockopts.clear();
             router.del_mifi = 99;
             mldrt_group* g = group(mif, grp);
-            const addr6 s = source(src);
             capture_stdout();
-            EXPECT_EQ(
-                std::string(verb) == "add"
-                    ? mldrt_add_entry_to_grp_srclist(&router, g, code, s.data(), 260, links[mif])
-                    : mldrt_remove_entry_from_grp_srclist(&router, g, g->mfdb, code, s.data(),
-                                                          links[mif]),
-                0);
+            if (std::string(list) == "any") {
+                (add ? mldrt_forward_whole_group : mldrt_withdraw_whole_group)(&router, g,
+                                                                               links[mif]);
+            } else {
+                const addr6 s = source(src);
+                EXPECT_EQ(add ? mldrt_add_entry_to_grp_srclist(&router, g, code, s.data(), 260,
+                                                               links[mif])
+                              : mldrt_remove_entry_from_grp_srclist(&router, g, g->mfdb, code,
+                                                                    s.data(), links[mif]),
+                          0);
+            }
             EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
             EXPECT_EQ(kernel_calls(), st.kernel);
             if (st.del_mifi >= 0) {
@@ -99,13 +104,14 @@ TEST_F(ForwardingTest, SourceSpecificEntryFollowsTheMarks) {
              EXPECT_EQ(group(1)->include_list->timer, 260);
              EXPECT_EQ(group(1)->include_list->next, nullptr) << "one entry";
          }},
-        {"ExcludedSourceIsNeverForwarded",
+        {"ExcludedSourceGetsAnEntryWithoutTheLink",
          "add 1 exc S2",
-         {},
+         {"add S2 G1 mifs "},
          -1,
          [&] {
              EXPECT_NE(group(1)->exc_list, nullptr);
-             EXPECT_EQ(fw("S2"), nullptr);
+             ASSERT_NE(fw("S2"), nullptr);
+             EXPECT_EQ(fw("S2")->mif_member[1], MLDRT_MARK_EXCLUDED);
          }},
         {"RequestedSourceOnMif1", "add 1 req S2", {"add S2 G1 mifs 1"}},
         {"RemoveFromMif1", "del 1 inc S1", {"add S1 G1 mifs 3"}, 99},
@@ -114,7 +120,7 @@ TEST_F(ForwardingTest, SourceSpecificEntryFollowsTheMarks) {
          {"del S1 G1"},
          99,
          [&] { EXPECT_EQ(fw("S1"), nullptr); }},
-        {"ExcludedSourceRemovalTouchesNothing",
+        {"ExclusionGoneAfterTheSourceWasWantedTouchesNothing",
          "del 1 exc S2",
          {},
          -1,
@@ -135,37 +141,44 @@ TEST_F(ForwardingTest, AnySourceMarksRewriteStarGAndEverySourceEntryOfTheGroup) 
     run({
         {"OtherGroupSource", "add 3 inc S1 2", {"add S1 G2 mifs 3"}},
         {"SourceOnMif1", "add 1 inc S1", {"add S1 G1 mifs 1"}},
-        {"AnySourceJoinsOnMif3", "add 3 req ::", {"add :: G1 mifs 3,5", "add S1 G1 mifs 1,3"}},
+        {"AnySourceJoinsOnMif3", "add 3 any", {"add :: G1 mifs 3,5", "add S1 G1 mifs 1,3"}},
         {"SecondSourceCarriesAnySourceMifs", "add 1 inc S2", {"add S2 G1 mifs 1,3"}},
         {"AnySourceJoinsOnMif1",
-         "add 1 req ::",
+         "add 1 any",
          {"add :: G1 mifs 1,3,5", "add S1 G1 mifs 1,3", "add S2 G1 mifs 1,3"}},
+        {"SourceExcludedOnMif3IsHeldBackThereOnly", "add 3 exc S3", {"add S3 G1 mifs 1"}},
+        {"ExclusionOverridesTheLinksOwnWantedMark", "add 3 exc S1", {"add S1 G1 mifs 1"}},
+        {"ExclusionGoneTheSourceFollowsStarG", "del 3 exc S3", {"del S3 G1"}},
         {"AnySourceLeavesMif3",
-         "del 3 req ::",
+         "del 3 any",
          {"add :: G1 mifs 1,5", "add S1 G1 mifs 1", "add S2 G1 mifs 1"},
          3},
         // Without its own record the source is forwarded by the (*,G) entry.
         {"SourceLosingLastMarkIsLeftToStarG", "del 1 inc S2", {"del S2 G1"}},
         {"LastAnySourceMarkRemovesStarG",
-         "del 1 req ::",
+         "del 1 any",
          {"add S1 G1 mifs 1", "del :: G1"},
          1,
          [&] { EXPECT_EQ(mldrt_lookup_fwinfo_in_fdb(group(1), kAny.data()), nullptr); }},
     });
 }
 
+// Without an upstream no entry can name its parent MIF, so none is written; a (*,G) entry
+// whose last mark goes is deleted all the same, so that none is left forwarding to whatever
+// link takes its MIF later.
 TEST_F(ForwardingTest, WithoutUpstreamMarksAreKeptAndWrittenWhenItAppears) {
     router.upstream = nullptr;
     run({
         {"Source", "add 1 inc S1", {}},
-        {"AnySource", "add 3 req ::", {}},
-        {"SecondAnySource", "add 1 req ::", {}},
-        {"AnySourceLeaves", "del 1 req ::", {}},
+        {"AnySource", "add 3 any", {}},
+        {"SecondAnySource", "add 1 any", {}},
+        {"AnySourceLeaves", "del 1 any", {}},
         {"OtherGroup", "add 3 inc S1 2", {}},
-        {"OtherGroupAnySource", "add 3 req :: 2", {}},
-        {"OtherGroupLastAnySourceMarkGoes", "del 3 req :: 2", {}},
+        {"OtherGroupAnySource", "add 3 any 0 2", {}},
+        {"OtherGroupLastAnySourceMarkGoes", "del 3 any 0 2", {"del :: G2"}},
     });
     router.upstream = up;
+    fake::kernel().sockopts.clear();
     mldrt_rewrite_kernel_forwarding(&router);
     EXPECT_EQ(kernel_calls(), (std::vector<std::string>{"add :: G1 mifs 3,5", "add S1 G1 mifs 1,3",
                                                         "add S1 G2 mifs 3"}));

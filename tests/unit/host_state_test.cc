@@ -1,4 +1,4 @@
-// The merged host state of a group (RFC 3810 section 7 merging rules across the downstream
+// The merged host state of a group (RFC 3810 section 4.2 merging rules across the downstream
 // links, in interface-list and group-list order) and the comparison with the state last acted
 // upon. Links eth3, eth2, eth1 are visited in that order; A, B, C are sources S1, S2, S3.
 
@@ -62,9 +62,8 @@ TEST_F(HostStateTest, MergesDownstreamStatesInInterfaceListOrder) {
         {"IncludeOnEarlierLinkCountsToo", {inc({1}), exc({1, 2})}, "EXCLUDE {S2}"},
         {"ExcludeNoneLastWins", {exc({1}), inc({2}), exc({})}, "EXCLUDE {}"},
         {"ExcludeNoneFirstWins", {exc({}), exc({1})}, "EXCLUDE {}"},
-        {"EmptyIntersectionIsRefilledByTheNextExclude",
-         {exc({1}), exc({2}), exc({3})},
-         "EXCLUDE {S3}"},
+        {"EmptyIntersectionStaysEmpty", {exc({1}), exc({2}), exc({3})}, "EXCLUDE {}"},
+        {"IntersectionEmptiedByTheLastLink", {exc({1, 2}), exc({2}), exc({1})}, "EXCLUDE {}"},
         {"IncludeWithoutSources", {inc({})}, "INCLUDE {}"},
     };
     for (const auto& row : rows) {

@@ -91,7 +91,7 @@ inline std::string mode_text(uint32_t mode) {
     return mode == MLDRT_INCLUDE ? "INCLUDE" : mode == MLDRT_EXCLUDE ? "EXCLUDE" : "mode?";
 }
 
-// "EXCLUDE ftimer 260 inc{} req{::@260} exc{}", or "no group".
+// "EXCLUDE ftimer 260 inc{} req{S1@260} exc{S2@0}", or "no group".
 inline std::string describe(const group_state& st) {
     if (!st.exists) {
         return "no group";
@@ -109,8 +109,9 @@ inline std::string describe(const mldrt_group* g) {
 }
 
 // Builds `st` for group `g` on the interface as reports from `host` would have: the join
-// sequence, then every source through the forwarding-aware list operations (so the MIF marks
-// and kernel entries are those of real traffic), then mode and filter timer.
+// sequence, the link's any-source mark in EXCLUDE mode, then every source through the
+// forwarding-aware list operations (so the MIF marks and kernel entries are those of real
+// traffic), then mode and filter timer.
 inline mldrt_group* make_group(mldrt_interface* ifp, const addr6& g, const group_state& st,
                                const addr6& host) {
     if (!st.exists) {
@@ -120,6 +121,9 @@ inline mldrt_group* make_group(mldrt_interface* ifp, const addr6& g, const group
     EXPECT_NE(grp_rec, nullptr);
     if (!grp_rec) {
         return nullptr;
+    }
+    if (st.mode == MLDRT_EXCLUDE) {
+        mldrt_forward_whole_group(&router, grp_rec, ifp);
     }
     const std::vector<src_timer>* lists[3] = {&st.inc, &st.req, &st.exc};
     for (uint32_t ltype = MLDRT_L_INCLUDE; ltype <= MLDRT_L_EXC; ltype++) {

@@ -34,6 +34,17 @@ std::string add_sg(int s) {
 std::string del_sg(int s) {
     return "del " + ip6_text(src(s).data()) + " ff0e::101";
 }
+// An excluded source: its own entry keeps it from the link that the (*,G) entry lists.
+std::string held_back(int s) {
+    return "add " + ip6_text(src(s).data()) + " ff0e::101 parent 0 mifs ";
+}
+std::vector<std::string> held_back(const std::vector<int>& ns) {
+    std::vector<std::string> v;
+    for (int n : ns) {
+        v.push_back(held_back(n));
+    }
+    return v;
+}
 std::vector<std::string> add_sgs(const std::vector<int>& ns) {
     std::vector<std::string> v;
     for (int n : ns) {
@@ -130,36 +141,39 @@ TEST_F(RecordHandlerTest, CurrentStateRecordsFollowTheRfc3810Table) {
          {}, {add_sg(1)}},
         {"IS_IN{} still creates group and member, then prints its message",
          no_group(), IS_IN, {}, include({}), {}, {}, kIsInEmpty},
-        {"IS_EX{} on INCLUDE{S1}: EXCLUDE({::},{}), S1 withdrawn, (*,G) written",
-         include({{1, 100}}), IS_EX, {}, exclude({{0, 260}}, {}, 260), {}, {del_sg(1), kAddStarG}},
+        {"IS_EX{} on INCLUDE{S1}: EXCLUDE({},{}), S1 withdrawn, (*,G) written",
+         include({{1, 100}}), IS_EX, {}, exclude({}, {}, 260), {}, {del_sg(1), kAddStarG}},
         {"IS_EX{S1,S2} on INCLUDE{S1}: req A*B keeps its timer, exc B-A at 0",
          include({{1, 100}}), IS_EX, {1, 2}, exclude({{1, 100}}, {{2, 0}}, 260),
-         {}, {del_sg(1), add_sg(1)}},
-        {"IS_EX{S2} on INCLUDE{S1}: A*B empty, nothing requested",
-         include({{1, 100}}), IS_EX, {2}, exclude({}, {{2, 0}}, 260), {}, {del_sg(1)}},
+         {}, {del_sg(1), kAddStarG, add_sg(1), held_back(2)}},
+        {"IS_EX{S2} on INCLUDE{S1}: A*B empty, every source but S2 forwarded",
+         include({{1, 100}}), IS_EX, {2}, exclude({}, {{2, 0}}, 260), {},
+         {del_sg(1), kAddStarG, held_back(2)}},
         {"IS_EX{S3} on EXCLUDE({S1},{S2}): req B-Y, B-X-Y at GMI, exc Y*B",
          exclude({{1, 100}}, {{2, 0}}, 200), IS_EX, {3}, exclude({{3, 260}}, {}, 260),
-         {}, {del_sg(1), add_sg(3)}},
+         {}, {del_sg(1), add_sg(3), del_sg(2)}},
         {"IS_EX{S2,S3} on EXCLUDE({S1},{S2}): exc keeps Y*B",
          exclude({{1, 100}}, {{2, 0}}, 200), IS_EX, {2, 3}, exclude({{3, 260}}, {{2, 0}}, 260),
          {}, {del_sg(1), add_sg(3)}},
         {"IS_EX{S1,S3} on EXCLUDE({S1},{}): (B-Y)*X keeps its timer, B-X-Y at GMI",
          exclude({{1, 100}}, {}, 200), IS_EX, {1, 3}, exclude({{1, 100}, {3, 260}}, {}, 260),
          {}, {del_sg(1), add_sg(1), add_sg(3)}},
-        {"IS_EX{} on EXCLUDE({S1},{S2}): EXCLUDE({::},{}), counted once",
-         exclude({{1, 100}}, {{2, 0}}, 200), IS_EX, {}, exclude({{0, 260}}, {}, 260),
-         {}, {del_sg(1), kAddStarG}},
+        {"IS_EX{} on EXCLUDE({S1},{S2}): EXCLUDE({},{}), counted once, S2 no longer held back",
+         exclude({{1, 100}}, {{2, 0}}, 200), IS_EX, {}, exclude({}, {}, 260),
+         {}, {del_sg(1), del_sg(2)}},
         {"IS_EX with 12 sources on INCLUDE{}: all 12 excluded",
-         include({}), IS_EX, upto(1, 12), exclude({}, timed(upto(1, 12), 0), 260), {}, {}},
+         include({}), IS_EX, upto(1, 12), exclude({}, timed(upto(1, 12), 0), 260), {},
+         std::vector<std::string>{kAddStarG} + held_back(upto(1, 12))},
         {"IS_EX{S1..S15} on EXCLUDE({S1..S3},{}): 12 new at GMI, 3 keep their timers",
          exclude(timed(upto(1, 3), 100), {}, 200), IS_EX, upto(1, 15),
          exclude(timed(upto(1, 3), 100) + timed(upto(4, 15), 260), {}, 260), {},
          del_sgs(reversed(upto(1, 3))) + add_sgs(upto(1, 15))},
         {"IS_EX with 64 sources on INCLUDE{}: all 64 excluded",
-         include({}), IS_EX, upto(1, 64), exclude({}, timed(upto(1, 64), 0), 260), {}, {}},
+         include({}), IS_EX, upto(1, 64), exclude({}, timed(upto(1, 64), 0), 260), {},
+         std::vector<std::string>{kAddStarG} + held_back(upto(1, 64))},
         {"IS_EX with 65 sources on INCLUDE{}: the first 64 excluded, the limit's line",
-         include({}), IS_EX, upto(1, 65), exclude({}, timed(upto(1, 64), 0), 260), {}, {},
-         kLimit},
+         include({}), IS_EX, upto(1, 65), exclude({}, timed(upto(1, 64), 0), 260), {},
+         std::vector<std::string>{kAddStarG} + held_back(upto(1, 64)), kLimit},
     };
     for (const Row& row : rows) {
         check(row);
@@ -182,22 +196,23 @@ TEST_F(RecordHandlerTest, FilterModeChangeRecordsFollowTheRfc3810Table) {
          {query(G1, {1}), query(G1, {})}, {}},
         {"TO_IN{} on EXCLUDE({},{}): Q(G) only",
          exclude({}, {}, 200), TO_IN, {}, exclude({}, {}, 2), {query(G1, {})}, {}},
-        {"TO_IN{S2} on EXCLUDE({::},{S2}): req X+B, exc Y-B, Q(G) only: :: is never queried",
-         exclude({{0, 260}}, {{2, 0}}, 200), TO_IN, {2}, exclude({{0, 260}, {2, 260}}, {}, 2),
+        {"TO_IN{S2} on EXCLUDE({},{S2}): req X+B, exc Y-B, Q(G) only",
+         exclude({}, {{2, 0}}, 200), TO_IN, {2}, exclude({{2, 260}}, {}, 2),
          {query(G1, {})}, {add_sg(2)}},
-        {"TO_IN{} on EXCLUDE({::,S1},{}): Q(G,{S1}) without ::, then Q(G)",
-         exclude({{0, 260}, {1, 260}}, {}, 200), TO_IN, {}, exclude({{0, 260}, {1, 2}}, {}, 2),
+        {"TO_IN{} on EXCLUDE({S1},{}): Q(G,{S1}), then Q(G)",
+         exclude({{1, 260}}, {}, 200), TO_IN, {}, exclude({{1, 2}}, {}, 2),
          {query(G1, {1}), query(G1, {})}, {}},
-        {"TO_EX{} on a new group: EXCLUDE({::},{}) at GMI, (*,G) written, no query",
-         no_group(), TO_EX, {}, exclude({{0, 260}}, {}, 260), {}, {kAddStarG}},
-        {"TO_EX{S1} on INCLUDE{S1}: req A*B; its query is asked while still INCLUDE: none sent",
-         include({{1, 100}}), TO_EX, {1}, exclude({{1, 100}}, {}, 260), {}, {del_sg(1), add_sg(1)}},
+        {"TO_EX{} on a new group: EXCLUDE({},{}) at GMI, (*,G) written, no query",
+         no_group(), TO_EX, {}, exclude({}, {}, 260), {}, {kAddStarG}},
+        {"TO_EX{S1} on INCLUDE{S1}: req A*B, and no Q(G,A*B)",
+         include({{1, 100}}), TO_EX, {1}, exclude({{1, 100}}, {}, 260), {},
+         {del_sg(1), kAddStarG, add_sg(1)}},
         {"TO_EX{S1,S2} on INCLUDE{S1,S3}: req A*B, exc B-A at 0, A-B gone",
          include({{1, 100}, {3, 50}}), TO_EX, {1, 2}, exclude({{1, 100}}, {{2, 0}}, 260),
-         {}, {del_sg(3), del_sg(1), add_sg(1)}},
-        {"TO_EX{} on EXCLUDE({S1},{S2}): EXCLUDE({::},{}), counted once",
-         exclude({{1, 100}}, {{2, 0}}, 200), TO_EX, {}, exclude({{0, 260}}, {}, 260),
-         {}, {del_sg(1), kAddStarG}},
+         {}, {del_sg(3), del_sg(1), kAddStarG, add_sg(1), held_back(2)}},
+        {"TO_EX{} on EXCLUDE({S1},{S2}): EXCLUDE({},{}), counted once, S2 no longer held back",
+         exclude({{1, 100}}, {{2, 0}}, 200), TO_EX, {}, exclude({}, {}, 260),
+         {}, {del_sg(1), del_sg(2)}},
         {"TO_EX{S2} on EXCLUDE({S1},{}): S2 at the old filter timer, Q(G,B-Y)",
          exclude({{1, 100}}, {}, 200), TO_EX, {2}, exclude({{2, 200}}, {}, 260),
          {query(G1, {2})}, {del_sg(1), add_sg(2)}},
@@ -212,7 +227,8 @@ TEST_F(RecordHandlerTest, FilterModeChangeRecordsFollowTheRfc3810Table) {
          {query(G1, reversed(upto(2, 13)))}, del_sgs({1}) + add_sgs(upto(2, 13))},
         {"TO_EX with 12 sources on INCLUDE of the same 12: all 12 requested",
          include(timed(upto(1, 12), 100)), TO_EX, upto(1, 12), exclude(timed(upto(1, 12), 100), {}, 260),
-         {}, del_sgs(reversed(upto(1, 12))) + add_sgs(reversed(upto(1, 12)))},
+         {}, del_sgs(reversed(upto(1, 12))) + std::vector<std::string>{kAddStarG} +
+                 add_sgs(reversed(upto(1, 12)))},
         {"TO_EX with 65 new sources on EXCLUDE({},{}): the first 64 requested, the limit's line",
          exclude({}, {}, 200), TO_EX, upto(1, 65), exclude(timed(upto(1, 64), 200), {}, 260),
          {query(G1, reversed(upto(1, 64)))}, add_sgs(upto(1, 64)), kLimit},
@@ -269,7 +285,7 @@ TEST_F(RecordHandlerTest, SourceListChangeRecordsFollowTheRfc3810Table) {
 // copies, often before the router's first retransmission). Neither copy names :: in a query or
 // prints a line: only the group-specific query asks whether anyone still listens.
 TEST_F(RecordHandlerTest, RepeatedAnySourceLeaveQueriesTheGroupQuietly) {
-    make_group(eth1, G1, exclude({{0, 260}}, {}, 260), host);
+    make_group(eth1, G1, exclude({}, {}, 260), host);
     forget_kernel_calls();
     std::vector<uint8_t> leave = record(TO_IN, G1, {});
     std::string out = stdout_of([&] {
@@ -320,14 +336,14 @@ constexpr uint8_t DONE = MLDRT_TYPE_V1_DONE;
 TEST_F(Mldv1Test, ReportIsChangeToExcludeAndDoneIsChangeToInclude) {
     // clang-format off
     const std::vector<V1Row> rows = {
-        {"report: EXCLUDE({::}) at GMI, (*,G) with the upstream MIF, no query",
-         kFresh, "eth1", REPORT, "ff0e::101", kMember, exclude({{0, 260}}, {}, 260),
+        {"report: EXCLUDE({},{}) at GMI, (*,G) with the upstream MIF, no query",
+         kFresh, "eth1", REPORT, "ff0e::101", kMember, exclude({}, {}, 260),
          {}, {kAddStarG}},
-        {"done from the member: Q(G) in MLDv1 form on this MLDv1 link; :: is never queried",
-         kJoined, "eth1", DONE, "ff0e::101", kMember, exclude({{0, 260}}, {}, 2),
+        {"done from the member: Q(G) in MLDv1 form on this MLDv1 link",
+         kJoined, "eth1", DONE, "ff0e::101", kMember, exclude({}, {}, 2),
          {v1_query(G1)}, {}},
         {"done from a host that is not a member is ignored",
-         kJoined, "eth1", DONE, "ff0e::101", kStranger, exclude({{0, 260}}, {}, 260), {}, {}},
+         kJoined, "eth1", DONE, "ff0e::101", kStranger, exclude({}, {}, 260), {}, {}},
         {"report for a unicast address is ignored",
          kFresh, "eth1", REPORT, "2001:db8::1", kMember, no_group(), {}, {}},
         {"done for a unicast address is ignored",

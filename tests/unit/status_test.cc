@@ -66,9 +66,9 @@ class StatusTest : public UpstreamTest {
     // Every kernel entry counts 7 packets of 700 bytes.
     void SetUp() override {
         UpstreamTest::SetUp();
-        make_group(eth1, G1, exclude({{0, 250}}, {}, 250), host);
+        make_group(eth1, G1, exclude({}, {}, 250), host);
         make_group(eth2, G2, include({{1, 90}}), host);
-        make_group(eth3, grp(3), exclude({{0, 200}}, {{2, 0}}, 200), host);
+        make_group(eth3, grp(3), exclude({}, {{2, 0}}, 200), host);
         tick();
         tick();
         eth1->started = 1;
@@ -111,6 +111,8 @@ TEST_F(StatusTest, TableForAPerson) {
               "forwarding (kernel):\n"
               "  GROUP                                   SOURCE                                  "
               " IN OUT         PACKETS        BYTES WRONG IF\n"
+              "  ff0e::103                               2001:db8::2                             "
+              "  0 -                 7          700        1\n"
               "  ff0e::103                               *                                       "
               "  0 3                 7          700        1\n"
               "  ff0e::102                               2001:db8::1                             "
@@ -153,6 +155,8 @@ TEST_F(StatusTest, OneJsonObjectForScripts) {
               "\"pending\":0},"
               "{\"group\":\"ff0e::101\",\"mode\":\"exclude\",\"sources\":[],\"pending\":0}]},"
               "\"forwarding\":["
+              "{\"group\":\"ff0e::103\",\"source\":\"2001:db8::2\",\"parent_mif\":0,\"mifs\":[],"
+              "\"packets\":0,\"bytes\":0,\"wrong_if\":0},"
               "{\"group\":\"ff0e::103\",\"source\":\"*\",\"parent_mif\":0,\"mifs\":[3],"
               "\"packets\":0,\"bytes\":0,\"wrong_if\":0},"
               "{\"group\":\"ff0e::102\",\"source\":\"2001:db8::1\",\"parent_mif\":0,\"mifs\":[2],"

@@ -55,16 +55,19 @@ TEST_F(TimersTest, FilterTimerExpiryReturnsTheGroupToInclude) {
     // clang-format off
     const std::vector<ExpiryRow> rows = {
         {"last listener of the group: (*,G) removed, (S1,G) rewritten without it",
-         exclude({{0, 100}, {1, 50}}, {{2, 0}}, 1), no_group(), include({{1, 260}}, 1),
-         {"del :: ff0e::101", "add 2001:db8::1 ff0e::101 parent 0 mifs 1"}, true, 0},
+         exclude({{1, 50}}, {{2, 0}}, 1), no_group(), include({{1, 260}}, 1),
+         {"del 2001:db8::2 ff0e::101", "del :: ff0e::101",
+          "add 2001:db8::1 ff0e::101 parent 0 mifs 1"},
+         true, 0},
         {"another link still listens: (*,G) and (S1,G) rewritten without this link's MIF",
-         exclude({{0, 100}, {1, 50}}, {{2, 0}}, 1), exclude({{0, 100}}, {}, 100),
+         exclude({{1, 50}}, {{2, 0}}, 1), exclude({}, {}, 100),
          include({{1, 260}}, 1),
-         {"add :: ff0e::101 parent 0 mifs 0,2", "add 2001:db8::1 ff0e::101 parent 0 mifs 1,2"},
+         {"del 2001:db8::2 ff0e::101", "add :: ff0e::101 parent 0 mifs 0,2",
+          "add 2001:db8::1 ff0e::101 parent 0 mifs 1,2"},
          true, 1},
-        {"nothing but :: requested: the group and its entry are removed",
-         exclude({{0, 100}}, {{2, 0}}, 1), no_group(), no_group(),
-         {"del :: ff0e::101"}, false, 0},
+        {"no source requested: the group and its entry are removed",
+         exclude({}, {{2, 0}}, 1), no_group(), no_group(),
+         {"del 2001:db8::2 ff0e::101", "del :: ff0e::101"}, false, 0},
     };
     // clang-format on
     for (const ExpiryRow& row : rows) {
@@ -85,14 +88,14 @@ TEST_F(TimersTest, FilterTimerExpiryReturnsTheGroupToInclude) {
     }
 }
 
-// The any-source entry :: ages like any other requested source.
+// A requested source that runs out is excluded (RFC 3810 section 7.3): its entry holds it back
+// from the link while the (*,G) entry goes on listing the link for every other source.
 TEST_F(TimersTest, RequestedSourcesRunningOutMoveToTheExcludedList) {
-    mldrt_group* g = make_group(eth1, G1, exclude({{0, 1}, {1, 1}, {2, 5}}, {}, 100), host);
+    mldrt_group* g = make_group(eth1, G1, exclude({{1, 1}, {2, 5}}, {}, 100), host);
     forget_kernel_calls();
     mldrt_update_memberships(&router, eth1, 0);
-    EXPECT_EQ(describe(g), describe(exclude({{2, 4}}, {{0, 1}, {1, 1}}, 99)));
-    EXPECT_EQ(mfc_calls(), (texts{"del 2001:db8::1 ff0e::101", "del :: ff0e::101",
-                                  "add 2001:db8::2 ff0e::101 parent 0 mifs 1"}));
+    EXPECT_EQ(describe(g), describe(exclude({{2, 4}}, {{1, 1}}, 99)));
+    EXPECT_EQ(mfc_calls(), (texts{"add 2001:db8::1 ff0e::101 parent 0 mifs "}));
 }
 
 TEST_F(TimersTest, QueryRetransmissionsGoOutWhenTheirTimerRunsOut) {
@@ -169,11 +172,11 @@ TEST_F(TimersTest, PendingHostStateReportsKeepOnlyTheirEntry) {
 // One more ordinary tick, as at shutdown: nothing expires early.
 TEST_F(TimersTest, CleanupOnFreshTimersRemovesNothing) {
     mldrt_group* g1 = make_group(eth1, G1, include({{1, 260}}), host);
-    mldrt_group* g2 = make_group(eth1, G2, exclude({{0, 260}}, {{3, 0}}, 260), host);
+    mldrt_group* g2 = make_group(eth1, G2, exclude({}, {{3, 0}}, 260), host);
     forget_kernel_calls();
     mldrt_cleanup_memberships(&router);
     EXPECT_EQ(describe(group(eth1, G1)), describe(include({{1, 259}})));
-    EXPECT_EQ(describe(group(eth1, G2)), describe(exclude({{0, 259}}, {{3, 0}}, 259)));
+    EXPECT_EQ(describe(group(eth1, G2)), describe(exclude({}, {{3, 0}}, 259)));
     EXPECT_EQ(group(eth1, G1), g1);
     EXPECT_EQ(group(eth1, G2), g2);
     EXPECT_EQ(mfc_calls(), texts{});
@@ -198,9 +201,9 @@ TEST_F(TimersTest, RetransmissionListsAgeAndLoseSpentEntries) {
 // A deleted interface's groups leave the forwarding database first: the other link's
 // listening stays in the kernel, this link's goes, and the EXCLUDE count drops once.
 TEST_F(TimersTest, ReleasingAnInterfaceWithdrawsOnlyItsForwarding) {
-    make_group(eth1, G1, exclude({{0, 260}}, {}, 260), host);
+    make_group(eth1, G1, exclude({}, {}, 260), host);
     make_group(eth1, G2, include({{1, 260}}), host);
-    make_group(eth2, G1, exclude({{0, 260}}, {}, 260), host);
+    make_group(eth2, G1, exclude({}, {}, 260), host);
     ASSERT_EQ(entry(G1)->exclude_count, 2u);
     forget_kernel_calls();
 
@@ -209,7 +212,7 @@ TEST_F(TimersTest, ReleasingAnInterfaceWithdrawsOnlyItsForwarding) {
     EXPECT_EQ(mfc_calls(),
               (texts{"del 2001:db8::1 ff0e::102", "add :: ff0e::101 parent 0 mifs 0,2"}));
     EXPECT_EQ(entry(G1)->exclude_count, 1u);
-    EXPECT_EQ(describe(group(eth2, G1)), describe(exclude({{0, 260}}, {}, 260)));
+    EXPECT_EQ(describe(group(eth2, G1)), describe(exclude({}, {}, 260)));
 
     mldrt_report_changes(&router);
     EXPECT_EQ(entry(G2), nullptr);
@@ -219,7 +222,7 @@ TEST_F(TimersTest, ReleasingAnInterfaceWithdrawsOnlyItsForwarding) {
 // RTM_DELLINK of a downstream link: one timer pass, the release, the MIF removal, the record
 // freed; later passes never reach the freed record through a group or an entry (ASan).
 TEST_F(TimersTest, InterfaceDownReleasesItsGroupsBeforeTheRecordIsFreed) {
-    make_group(eth1, G1, exclude({{0, 260}}, {}, 260), host);
+    make_group(eth1, G1, exclude({}, {}, 260), host);
     make_group(eth1, G2, include({{1, 260}}), host);
     forget_kernel_calls();
 
@@ -241,7 +244,7 @@ TEST_F(TimersTest, InterfaceDownReleasesItsGroupsBeforeTheRecordIsFreed) {
 // The released group's leave reaches the upstream at once (robustness 2: the change and one
 // retransmission) and keeps the entry until the last copy is sent.
 TEST_F(TimersTest, InterfaceDownTellsTheUpstreamBeforeTheEntryGoes) {
-    make_group(eth1, G1, exclude({{0, 260}}, {}, 260), host);
+    make_group(eth1, G1, exclude({}, {}, 260), host);
     UpstreamTest::tick();  // the upstream is told EXCLUDE{} for G1, twice
     UpstreamTest::tick();
     forget_kernel_calls();

@@ -103,10 +103,10 @@ inline group_state inc(const std::vector<int>& srcs) {
     }
     return include(l);
 }
-// EXCLUDE with the given excluded sources, all others requested (::), as a TO_EX leaves it.
+// EXCLUDE with the given excluded sources and every other source wanted, as a TO_EX leaves it.
 inline group_state exc(const std::vector<int>& srcs) {
     group_state st = inc(srcs);
-    return exclude({{0, 260}}, st.inc, 260);
+    return exclude({}, st.inc, 260);
 }
 
 // Downstream links eth1 (MIF 1), eth2 (MIF 2), eth3 (MIF 3) besides the upstream; the
@@ -142,7 +142,11 @@ class UpstreamTest : public ListenerTest {
             for (uint32_t ltype = MLDRT_L_INCLUDE; ltype <= MLDRT_L_EXC; ltype++) {
                 mldrt_empty_grp_srclist(&router, rec, rec->mfdb, ltype, ifp);
             }
-            rec->mfdb->exclude_count -= rec->fmode == MLDRT_EXCLUDE ? 1 : 0;
+            if (rec->fmode == MLDRT_EXCLUDE) {
+                mldrt_withdraw_whole_group(&router, rec, ifp);
+                rec->mfdb->exclude_count--;
+            }
+            mldrt_mark_changed(rec->mfdb);  // a mode change alone is a change too
         }
         make_group(ifp, g, st, host);  // finds the group again and sets the lists
     }
