@@ -39,8 +39,6 @@ struct mldrt_group {
     mldrt_src* exc_list;
     int32_t grp_rtx_count;
     int32_t grp_rtx_timer;
-    uint32_t srsp_count;
-    uint32_t non_srsp_count;
     int32_t src_rtx_count;
     int32_t src_rtx_timer;
     mldrt_src* srsp_list;
@@ -148,6 +146,9 @@ mldrt_member* mldrt_create_member(const uint8_t* host);
 mldrt_src* mldrt_create_src_for_grp(const uint8_t* src);
 mldrt_group* mldrt_add_group(mldrt_router* r, mldrt_interface* ifp, const uint8_t* grp);
 mldrt_member* mldrt_add_member(mldrt_group* g, const uint8_t* host);
+// True when the group records as many members as it may: a further host is served all the
+// same (its reports and leaves are handled), only not recorded.
+bool mldrt_members_full(const mldrt_group* g);
 mldrt_src* mldrt_add_src_to_group(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype,
                                   const uint8_t* src);
 void mldrt_remove_entry_from_srclist(mldrt_src** list, const uint8_t* src);

@@ -66,15 +66,17 @@ namespace {
 
 struct limit_report {
     const char* what;
+    const char* outcome;
     uint32_t value;
     bool reported;
     time_t last;
     uint32_t refusals;
 };
 limit_report g_limit_reports[] = {
-    {"groups", MLDRT_MAX_GROUPS, false, 0, 0},
-    {"members per group", MLDRT_MAX_MEMBERS, false, 0, 0},
-    {"sources per list", MLDRT_MAX_SOURCES, false, 0, 0},
+    {"groups", "request not handled", MLDRT_MAX_GROUPS, false, 0, 0},
+    // A host beyond the member limit is still served: only its address is not kept.
+    {"members per group", "host served but not recorded", MLDRT_MAX_MEMBERS, false, 0, 0},
+    {"sources per list", "request not handled", MLDRT_MAX_SOURCES, false, 0, 0},
 };
 
 }  // namespace
@@ -99,7 +101,7 @@ void mldrt_report_limit(mldrt_limit limit) {
     }
     rep.reported = true;
     rep.last = now;
-    printf("MLDRT: Limit of %u %s reached, request not handled\n", rep.value, rep.what);
+    printf("MLDRT: Limit of %u %s reached, %s\n", rep.value, rep.what, rep.outcome);
 }
 
 mldrt_group* mldrt_lookup_group(mldrt_interface* ifp, const uint8_t* grp) {
@@ -167,12 +169,16 @@ mldrt_group* mldrt_add_group(mldrt_router* r, mldrt_interface* ifp, const uint8_
     return g;
 }
 
+bool mldrt_members_full(const mldrt_group* g) {
+    return count_members(g->member_list) >= MLDRT_MAX_MEMBERS;
+}
+
 mldrt_member* mldrt_add_member(mldrt_group* g, const uint8_t* host) {
     mldrt_member* m = mldrt_lookup_member(g, host);
     if (m) {
         return m;
     }
-    if (count_members(g->member_list) >= MLDRT_MAX_MEMBERS) {
+    if (mldrt_members_full(g)) {
         mldrt_report_limit(MLDRT_LIMIT_MEMBERS);
         return nullptr;
     }

@@ -35,16 +35,12 @@ void retransmit_group_query(mldrt_router* r, mldrt_interface* ifp, mldrt_group* 
     g->grp_rtx_count--;
 }
 
+// Each retransmission asks for the sources whose counts remain (RFC 3810 section 7.6.3.2).
 void retransmit_source_queries(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     if (g->src_rtx_count <= 0 || --g->src_rtx_timer != 0) {
         return;
     }
-    if (g->srsp_list) {
-        send_group_query(r, ifp, g, g->srsp_list, g->srsp_count);
-    }
-    if (g->non_srsp_list) {
-        send_group_query(r, ifp, g, g->non_srsp_list, g->non_srsp_count);
-    }
+    mldrt_send_source_queries(r, ifp, g);
     if (--g->src_rtx_count != 0) {
         g->src_rtx_timer = static_cast<int32_t>(r->last_listener_query_interval);
     }

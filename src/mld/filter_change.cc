@@ -109,15 +109,22 @@ void toex_all(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
 
 int mldrt_handle_v2_toin_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
                                 const uint8_t* rec) {
-    // A leave creates nothing, and only a known member may announce it.
+    // A leave creates nothing, and only a host that may be listening may announce it: a
+    // recorded member, or any host while the member list is full.
     mldrt_group* g = mldrt_lookup_group(ifp, mldrt_rec_group(rec));
-    if (!g || !mldrt_lookup_member(g, src)) {
+    mldrt_member* m = g ? mldrt_lookup_member(g, src) : nullptr;
+    if (!g || (!m && !mldrt_members_full(g))) {
         return 0;
     }
     if (g->fmode == MLDRT_INCLUDE) {
         toin_on_include(r, ifp, g, rec);
     } else if (g->fmode == MLDRT_EXCLUDE) {
         toin_on_exclude(r, ifp, g, rec);
+    }
+    // TO_IN{} is the host's leave: it is no longer a member, and its place can go to a host
+    // that the limit kept off the list.
+    if (m && mldrt_rec_nsrc(rec) == 0) {
+        mldrt_delete_member(m);
     }
     return 0;
 }

@@ -68,6 +68,9 @@ uint32_t mldrt_max_mld_len(const mldrt_interface* ifp);
 // Sends a query on the interface (as several when its sources do not fit one message).
 // Returns the last byte count sent, or the diagnostic's printed length on failure.
 int mldrt_send_query(mldrt_router* r, mldrt_interface* ifp, const mldrt_query_params* q);
+// Sends the group's group-and-source-specific queries for every source whose retransmissions
+// are still due: those whose timers were lowered, then those whose timers were not.
+void mldrt_send_source_queries(mldrt_router* r, mldrt_interface* ifp, const mldrt_group* g);
 // One report or done message made of `nrec` records.
 int mldrt_send_mld_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
                           const uint8_t* records, uint32_t nrec, uint32_t len);

@@ -26,8 +26,13 @@ void send_specific_query(mldrt_router* r, mldrt_interface* ifp, const uint8_t* g
     mldrt_send_query(r, ifp, &q);
 }
 
-// The filter timer is set to LLQT, not only lowered: as deployed, unlike RFC 3810.
+// The filter timer is set to LLQT, not only lowered: as deployed, unlike RFC 3810. A leave
+// heard while the group's query is still being retransmitted (a host repeating its leave)
+// changes nothing: the timer was set and the queries are under way.
 int group_specific(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* grp) {
+    if (g->grp_rtx_count > 0) {
+        return 0;
+    }
     g->ftimer = static_cast<int32_t>(llqt(r));
     g->grp_rtx_count = static_cast<int32_t>(r->last_listener_query_count - 1);
     g->grp_rtx_timer = static_cast<int32_t>(r->last_listener_query_interval);
@@ -35,7 +40,8 @@ int group_specific(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const 
     return 0;
 }
 
-// Puts one queried source on the retransmission list `ltype`; false after the message.
+// Puts one queried source on the retransmission list `ltype` with the retransmissions still
+// due after the query about to go out; false after the message.
 bool schedule_source(mldrt_router* r, mldrt_group* g, const uint8_t* addr, uint32_t ltype) {
     mldrt_src* e = mldrt_add_src_to_group(g, g->mfdb, ltype, addr);
     if (!e) {
@@ -47,7 +53,21 @@ bool schedule_source(mldrt_router* r, mldrt_group* g, const uint8_t* addr, uint3
     return true;
 }
 
+bool being_queried(const mldrt_group* g, const uint8_t* addr) {
+    return mldrt_srclist_has(g->srsp_list, addr) || mldrt_srclist_has(g->non_srsp_list, addr);
+}
+
 }  // namespace
+
+void mldrt_send_source_queries(mldrt_router* r, mldrt_interface* ifp, const mldrt_group* g) {
+    if (g->srsp_list) {
+        send_specific_query(r, ifp, g->grp_addr, g->srsp_list, mldrt_srclist_len(g->srsp_list));
+    }
+    if (g->non_srsp_list) {
+        send_specific_query(r, ifp, g->grp_addr, g->non_srsp_list,
+                            mldrt_srclist_len(g->non_srsp_list));
+    }
+}
 
 int mldrt_update_fsm_and_send_query(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g,
                                     const uint8_t* grp, const mldrt_src* srcs, uint32_t count) {
@@ -63,41 +83,36 @@ int mldrt_update_fsm_and_send_query(mldrt_router* r, mldrt_interface* ifp, mldrt
         mldrt_log("\n FATAL:: Unknown Group Mode");
         return -1;
     }
-    uint32_t lowered = 0, kept = 0;
+    bool scheduled = false;
     for (const mldrt_src* s = srcs; s; s = s->next) {
         mldrt_src* found = mldrt_lookup_src_in_grplist(searched, s->src_addr);
-        if (!found) {
+        // A source already being asked about (a host repeats its leave before the router
+        // repeats its query) keeps its timer and its retransmissions (RFC 3810 section
+        // 7.6.3.2): it is neither lowered nor counted again.
+        if (!found || being_queried(g, s->src_addr)) {
             continue;
         }
         // Timers compared as unsigned values, as routers have always compared them.
-        if (static_cast<uint32_t>(found->timer) > llqt(r)) {
+        bool lowered = static_cast<uint32_t>(found->timer) > llqt(r);
+        if (lowered) {
             found->timer = static_cast<int32_t>(llqt(r));
-            lowered++;
-            if (!schedule_source(r, g, s->src_addr, MLDRT_L_SRSP)) {
-                return -1;
-            }
-        } else {
-            if (!schedule_source(r, g, s->src_addr, MLDRT_L_NON_SRSP)) {
-                return -1;
-            }
-            kept++;
         }
+        if (!schedule_source(r, g, s->src_addr, lowered ? MLDRT_L_SRSP : MLDRT_L_NON_SRSP)) {
+            return -1;
+        }
+        scheduled = true;
     }
-    // The lists may still hold sources of an earlier query awaiting retransmission (a host
-    // repeats its leave before the router repeats its query): they are asked again with the
-    // new ones, and the counts are those of the whole lists, so that a query never finds its
-    // list and its count at odds.
-    g->srsp_count = mldrt_srclist_len(g->srsp_list);
-    g->non_srsp_count = mldrt_srclist_len(g->non_srsp_list);
-    if (lowered > 0) {
-        send_specific_query(r, ifp, grp, g->srsp_list, g->srsp_count);
-    }
-    if (kept > 0) {
-        send_specific_query(r, ifp, grp, g->non_srsp_list, g->non_srsp_count);
-    }
-    if (lowered > 0 || kept > 0) {
+    if (scheduled) {
+        // Every source still to be asked about goes into the query, with the count of what the
+        // lists hold when it leaves.
+        mldrt_send_source_queries(r, ifp, g);
         g->src_rtx_count = static_cast<int32_t>(r->last_listener_query_count - 1);
         g->src_rtx_timer = static_cast<int32_t>(r->last_listener_query_interval);
+    }
+    if (g->src_rtx_count <= 0) {
+        // One query and no retransmission: nothing is left to ask about later.
+        mldrt_free_srclist(&g->srsp_list);
+        mldrt_free_srclist(&g->non_srsp_list);
     }
     return 0;
 }

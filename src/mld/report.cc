@@ -59,7 +59,7 @@ mldrt_group* mldrt_join_group(mldrt_router* r, mldrt_interface* ifp, const uint8
         }
         return nullptr;
     }
-    if (!mldrt_add_member(g, src)) {
+    if (!mldrt_add_member(g, src) && !mldrt_members_full(g)) {
         if (loud) {
             mldrt_log("\n Couldnt add member to new group ");
         }

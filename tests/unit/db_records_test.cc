@@ -255,7 +255,7 @@ TEST_F(RecordsTest, MembersAndSourcesBeyond64AreRefusedWithOneLineAMinute) {
              a[14] = static_cast<uint8_t>(n);
              return mldrt_add_member(g, a.data());
          },
-         "MLDRT: Limit of 64 members per group reached, request not handled\n"},
+         "MLDRT: Limit of 64 members per group reached, host served but not recorded\n"},
         source_row("IncludeList", 0),
         source_row("RequestedList", 1),
         source_row("ExcludedList", 2),

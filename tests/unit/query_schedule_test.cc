@@ -56,7 +56,6 @@ struct SourceRow {
     std::vector<int> queried;
     group_state after;
     std::string srsp, non_srsp;  // rtx_text() of the two lists
-    uint32_t srsp_count, non_srsp_count;
     int32_t src_rtx_count, src_rtx_timer;
     std::vector<std::string> queries;
 };
@@ -66,13 +65,13 @@ TEST_F(QueryScheduleTest, SourceSpecificQueryLowersTimersAboveLlqtAndKeepsTheOth
     const std::vector<SourceRow> rows = {
         {"INCLUDE: 260 and -1 (compared unsigned) lowered to SRSP, 2 and 1 kept, S5 unknown",
          include({{1, 260}, {2, 2}, {3, 1}, {4, -1}}, 50), {1, 2, 3, 4, 5},
-         include({{1, 2}, {2, 2}, {3, 1}, {4, 2}}, 50), "S4/1 S1/1", "S3/1 S2/1", 2, 2, 1, 1,
+         include({{1, 2}, {2, 2}, {3, 1}, {4, 2}}, 50), "S4/1 S1/1", "S3/1 S2/1", 1, 1,
          {query(G1, {4, 1}), query(G1, {3, 2})}},
         {"EXCLUDE searches the requested list only",
          exclude({{1, 260}}, {{2, 0}}, 200), {2, 1}, exclude({{1, 2}}, {{2, 0}}, 200),
-         "S1/1", "", 1, 0, 1, 1, {query(G1, {1})}},
+         "S1/1", "", 1, 1, {query(G1, {1})}},
         {"no queried source in the group: nothing sent, no retransmission",
-         include({{1, 100}}), {2, 3}, include({{1, 100}}), "", "", 0, 0, 0, 0, {}},
+         include({{1, 100}}), {2, 3}, include({{1, 100}}), "", "", 0, 0, {}},
     };
     // clang-format on
     for (const SourceRow& row : rows) {
@@ -85,8 +84,6 @@ TEST_F(QueryScheduleTest, SourceSpecificQueryLowersTimersAboveLlqtAndKeepsTheOth
         EXPECT_EQ(describe(g), describe(row.after));
         EXPECT_EQ(rtx_text(g->srsp_list), row.srsp);
         EXPECT_EQ(rtx_text(g->non_srsp_list), row.non_srsp);
-        EXPECT_EQ(g->srsp_count, row.srsp_count);
-        EXPECT_EQ(g->non_srsp_count, row.non_srsp_count);
         EXPECT_EQ(g->src_rtx_count, row.src_rtx_count);
         EXPECT_EQ(g->src_rtx_timer, row.src_rtx_timer);
         EXPECT_EQ(g->grp_rtx_count, 0);
@@ -95,8 +92,8 @@ TEST_F(QueryScheduleTest, SourceSpecificQueryLowersTimersAboveLlqtAndKeepsTheOth
 }
 
 // A second scheduling while the first one's sources still await retransmission (a host
-// repeating its leave before the router repeats its query): the new sources are asked with
-// the pending ones, each list's count is its length, and nothing is printed.
+// leaving more sources before the router repeats its query): the new sources are asked with
+// the pending ones, each query's count is its list's length, and nothing is printed.
 TEST_F(QueryScheduleTest, PendingSourcesAreAskedAgainWithTheNewOnesQuietly) {
     mldrt_group* g = make_group(eth1, G1, include({{1, 260}, {2, 260}, {3, 1}}), host);
     source_chain first({1, 3});
@@ -110,28 +107,57 @@ TEST_F(QueryScheduleTest, PendingSourcesAreAskedAgainWithTheNewOnesQuietly) {
                                                   second.count());
               }),
               "");
-    EXPECT_EQ(queries_sent(), std::vector<std::string>{query(G1, {2, 1})});
+    EXPECT_EQ(queries_sent(), (std::vector<std::string>{query(G1, {2, 1}), query(G1, {3})}));
     EXPECT_EQ(rtx_text(g->srsp_list), "S2/1 S1/1");
     EXPECT_EQ(rtx_text(g->non_srsp_list), "S3/1");
-    EXPECT_EQ(g->srsp_count, 2u);
-    EXPECT_EQ(g->non_srsp_count, 1u);
 }
 
-// A host leaving one source sends BLOCK twice; the second copy often arrives before the
-// router's retransmission, when the source's timer is already LLQT. Neither copy prints a line.
-TEST_F(QueryScheduleTest, RepeatedSourceLeaveIsQueriedQuietly) {
-    mldrt_group* g = make_group(eth1, G1, include({{1, 260}}), host);
-    source_chain leave({1});
-    std::string out = stdout_of([&] {
-        mldrt_update_fsm_and_send_query(&router, eth1, g, G1.data(), leave.head(), leave.count());
-        mldrt_update_fsm_and_send_query(&router, eth1, g, G1.data(), leave.head(), leave.count());
-        mldrt_update_memberships(&router, eth1, 0);  // the retransmission
-    });
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(queries_sent(), (std::vector<std::string>{query(G1, {1}), query(G1, {1}),
-                                                        query(G1, {1}), query(G1, {1})}));
-    EXPECT_EQ(g->srsp_list, nullptr);
-    EXPECT_EQ(g->non_srsp_list, nullptr);
+// Hosts repeat their leaves (Linux sends BLOCK or TO_IN twice, the second copy often before
+// the router's retransmission). Each source is asked Last Listener Query Count times in all
+// (RFC 3810 section 7.6.3.2): a repeated leave neither restarts its count nor lowers its timer
+// again, and every query's count is that of the sources it carries, so none is dropped.
+TEST_F(QueryScheduleTest, RepeatedLeavesKeepEachSourcesRetransmissions) {
+    struct Row {
+        const char* name;
+        uint32_t llqc;
+        std::vector<std::vector<int>> steps;  // sources left; {} is one second of timers
+        std::vector<std::string> queries;
+        int32_t s1_timer;  // after the last step; -1: S1 ran out and is gone
+    };
+    // clang-format off
+    const std::vector<Row> rows = {
+        {"the same leave twice, then its retransmission", 2, {{1}, {1}, {}},
+         {query(G1, {1}), query(G1, {1})}, 1},
+        {"a second source joins the queries of the first", 3, {{1}, {}, {2}, {}, {}, {}},
+         {query(G1, {1}), query(G1, {1}), query(G1, {2, 1}), query(G1, {2, 1}), query(G1, {2})},
+         -1},
+        {"one query and no retransmission: a repeated leave is asked again", 1, {{1}, {1}},
+         {query(G1, {1}), query(G1, {1})}, 1},
+    };
+    // clang-format on
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        router.last_listener_query_count = row.llqc;
+        mldrt_group* g = make_group(eth1, G1, include({{1, 260}, {2, 260}}), host);
+        forget_kernel_calls();
+        std::string out = stdout_of([&] {
+            for (const std::vector<int>& step : row.steps) {
+                source_chain left(step);
+                if (step.empty()) {
+                    mldrt_update_memberships(&router, eth1, 0);
+                } else {
+                    mldrt_update_fsm_and_send_query(&router, eth1, g, G1.data(), left.head(),
+                                                    left.count());
+                }
+            }
+        });
+        EXPECT_EQ(out, "");
+        EXPECT_EQ(queries_sent(), row.queries);
+        ASSERT_EQ(group(eth1, G1), g);
+        const mldrt_src* s1 = mldrt_lookup_src_in_grplist(g->include_list, src(1).data());
+        EXPECT_EQ(s1 ? s1->timer : -1, row.s1_timer);
+    }
 }
 
 TEST_F(QueryScheduleTest, RefusalsLeaveCountsUnstoredAndSendNothing) {
@@ -149,13 +175,12 @@ TEST_F(QueryScheduleTest, RefusalsLeaveCountsUnstoredAndSendNothing) {
     for (int n = 100; n < 164; n++) {
         mldrt_add_src_to_group(full, full->mfdb, MLDRT_L_SRSP, src(n).data())->rtx_count = 1;
     }
-    full->srsp_count = 64;
     capture_stdout();
     mldrt_update_fsm_and_send_query(&router, eth1, full, g2.data(), one.head(), one.count());
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "MLDRT: Limit of 64 sources per list reached, request not handled\n"
               "\n FATAL: couldnt allocate entry in SRSP list");
-    EXPECT_EQ(full->srsp_count, 64u);
+    EXPECT_EQ(mldrt_srclist_len(full->srsp_list), 64u);
     EXPECT_EQ(full->src_rtx_count, 0);
     EXPECT_EQ(queries_sent(), std::vector<std::string>{});
 }

@@ -110,7 +110,10 @@ class RecordHandlerTest : public ListenerTest {
         if (g) {
             // One interface: the entry counts this group once while it is in EXCLUDE mode.
             EXPECT_EQ(g->mfdb->exclude_count, row.after.mode == MLDRT_EXCLUDE ? 1u : 0u);
-            EXPECT_NE(mldrt_lookup_member(g, host.data()), nullptr);
+            // TO_IN{} is the member's leave; any other record keeps or makes it a member.
+            const bool left =
+                row.type == MLDRT_REC_CHANGE_TO_INCLUDE && row.srcs.empty() && !row.from_stranger;
+            EXPECT_EQ(mldrt_lookup_member(g, host.data()) == nullptr, left);
         } else {
             EXPECT_EQ(mldrt_lookup_mfdb_entry(&router, G1.data()), nullptr);
         }
@@ -281,25 +284,65 @@ TEST_F(RecordHandlerTest, SourceListChangeRecordsFollowTheRfc3810Table) {
 }
 // clang-format on
 
-// A host that listened to every source leaves with TO_IN{} and repeats it (its robustness
-// copies, often before the router's first retransmission). Neither copy names :: in a query or
-// prints a line: only the group-specific query asks whether anyone still listens.
-TEST_F(RecordHandlerTest, RepeatedAnySourceLeaveQueriesTheGroupQuietly) {
-    make_group(eth1, G1, exclude({}, {}, 260), host);
+// Hosts that listened to every source leave with TO_IN{}, and each repeats it (its robustness
+// copies, often before the router's first retransmission). The first leave queries the group;
+// a leave heard while that query is being retransmitted, the repeat of the same host's or
+// another's, neither sends another query nor touches the timer. Nothing is printed.
+TEST_F(RecordHandlerTest, RepeatedAnySourceLeavesQueryTheGroupOnceQuietly) {
+    const addr6 other = stranger;
+    mldrt_group* g = make_group(eth1, G1, exclude({}, {}, 260), host);
+    ASSERT_NE(mldrt_add_member(g, other.data()), nullptr);
     forget_kernel_calls();
     std::vector<uint8_t> leave = record(TO_IN, G1, {});
     std::string out = stdout_of([&] {
         mldrt_handle_v2_toin_record(&router, eth1, host.data(), leave.data());
         mldrt_handle_v2_toin_record(&router, eth1, host.data(), leave.data());
+        mldrt_handle_v2_toin_record(&router, eth1, other.data(), leave.data());
         mldrt_update_memberships(&router, eth1, 0);  // the group query's retransmission
     });
     EXPECT_EQ(out, "");
-    EXPECT_EQ(queries_sent(),
-              (std::vector<std::string>{query(G1, {}), query(G1, {}), query(G1, {})}));
-    mldrt_group* g = group(eth1, G1);
-    ASSERT_NE(g, nullptr);
+    EXPECT_EQ(queries_sent(), (std::vector<std::string>{query(G1, {}), query(G1, {})}));
+    EXPECT_EQ(describe(g), describe(exclude({}, {}, 1)));
     EXPECT_EQ(g->srsp_list, nullptr);
     EXPECT_EQ(g->non_srsp_list, nullptr);
+}
+
+// The member limit never costs a listener its traffic: once 64 hosts are recorded, the 65th
+// is served in full, only not recorded. When the recorded ones have left, its answer to the
+// last-listener query keeps the group; while the list is full its own leave is heard too.
+TEST_F(RecordHandlerTest, HostsBeyondTheMemberLimitAreServedButNotRecorded) {
+    auto host_n = [](int n) {
+        addr6 a = ip6("fe80::");
+        a[14] = static_cast<uint8_t>(n);
+        return a;
+    };
+    make_group(eth1, G1, exclude({}, {}, 260), host_n(1));
+    mldrt_group* g = group(eth1, G1);
+    for (int n = 2; n <= 64; n++) {
+        ASSERT_NE(mldrt_add_member(g, host_n(n).data()), nullptr);
+    }
+    const std::vector<uint8_t> is_ex = record(IS_EX, G1, {});
+    const std::vector<uint8_t> leave = record(TO_IN, G1, {});
+    const addr6 late = host_n(65);
+    std::string out = stdout_of([&] {
+        g->ftimer = 2;  // a last-listener query is under way
+        mldrt_handle_v2_isex_record(&router, eth1, late.data(), is_ex.data());
+    });
+    EXPECT_EQ(out, "MLDRT: Limit of 64 members per group reached, host served but not recorded\n");
+    EXPECT_EQ(describe(g), describe(exclude({}, {}, 260)));
+    EXPECT_EQ(mldrt_lookup_member(g, late.data()), nullptr);
+
+    forget_kernel_calls();
+    mldrt_handle_v2_toin_record(&router, eth1, late.data(), leave.data());
+    EXPECT_EQ(queries_sent(), std::vector<std::string>{query(G1, {})});
+    EXPECT_EQ(g->ftimer, 2);
+    // The recorded hosts leave; each leave frees its place, so the 65th is recorded next time.
+    for (int n = 1; n <= 64; n++) {
+        mldrt_handle_v2_toin_record(&router, eth1, host_n(n).data(), leave.data());
+    }
+    EXPECT_EQ(g->member_list, nullptr);
+    mldrt_handle_v2_isex_record(&router, eth1, late.data(), is_ex.data());
+    EXPECT_NE(mldrt_lookup_member(g, late.data()), nullptr);
 }
 
 // MLDv1 messages reach the MLDv2 handlers as source-less records: a report as TO_EX{} (not

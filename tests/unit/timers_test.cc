@@ -106,8 +106,6 @@ TEST_F(TimersTest, QueryRetransmissionsGoOutWhenTheirTimerRunsOut) {
     g->src_rtx_timer = 1;
     add_to(g, MLDRT_L_SRSP, 1, 2);
     add_to(g, MLDRT_L_NON_SRSP, 2, 1);
-    g->srsp_count = 1;
-    g->non_srsp_count = 1;
     forget_kernel_calls();
 
     tick();
