@@ -41,6 +41,7 @@ struct mldrt_group {
     int32_t grp_rtx_timer;
     int32_t src_rtx_count;
     int32_t src_rtx_timer;
+    int32_t v1_host_timer;  // seconds an MLDv1 host is still taken to be present (RFC 3810 8.3.2)
     mldrt_src* srsp_list;
     mldrt_src* non_srsp_list;
     mldrt_mfdb_entry* mfdb;  // not owned
@@ -191,6 +192,10 @@ void mldrt_delete_fwinfo_from_fdb(mldrt_group* g, const uint8_t* src);
 // Sets `oifs` (32 bytes) to the MIFs that (src, G) goes to: those of its own wanted marks and
 // of the (::, G) record, less those where the source is excluded (RFC 3810 section 6.3).
 void mldrt_generate_membership_info(const mldrt_mfdb_entry* e, const uint8_t* src, uint8_t* oifs);
+// True when a host state has listeners: EXCLUDE mode, or INCLUDE with sources.
+bool mldrt_hs_listened(const mldrt_hs_state* hs);
+// True when the upstream state of group `grp` as last acted upon has listeners.
+bool mldrt_group_listened(mldrt_router* r, const uint8_t* grp);
 // Non-zero while upstream state-change retransmissions for the entry are still due.
 int mldrt_pending_host_state_update(const mldrt_mfdb_entry* e);
 uint32_t mldrt_mfdb_count();

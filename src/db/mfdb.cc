@@ -194,6 +194,15 @@ void mldrt_generate_membership_info(const mldrt_mfdb_entry* e, const uint8_t* sr
     }
 }
 
+bool mldrt_hs_listened(const mldrt_hs_state* hs) {
+    return hs && (hs->mode == MLDRT_EXCLUDE || hs->list);
+}
+
+bool mldrt_group_listened(mldrt_router* r, const uint8_t* grp) {
+    const mldrt_mfdb_entry* e = mldrt_lookup_mfdb_entry(r, grp);
+    return e && mldrt_hs_listened(e->old_host_state);
+}
+
 int mldrt_pending_host_state_update(const mldrt_mfdb_entry* e) {
     return (e->scr_to_ex_cnt || e->scr_to_in_cnt || e->scr_allow_cnt || e->scr_block_cnt) ? 1 : 0;
 }

@@ -96,8 +96,11 @@ void age_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     }
 }
 
-// One second of the group's source and filter timers.
+// One second of the group's source, filter and compatibility timers.
 void age_group(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+    if (g->v1_host_timer > 0) {
+        g->v1_host_timer--;
+    }
     if (g->fmode == MLDRT_INCLUDE) {
         age_include(r, ifp, g);
     } else if (g->fmode == MLDRT_EXCLUDE) {

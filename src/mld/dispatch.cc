@@ -5,8 +5,8 @@
 
 namespace {
 
-// The link's MLD version is that of the last query or report heard on it: a query of exactly
-// 24 bytes is MLDv1 (RFC 3810 section 8.1), any other length MLDv2.
+// The version of a message: a query of exactly 24 bytes is MLDv1 (RFC 3810 section 8.1), any
+// other length MLDv2.
 int version_of(uint8_t type, int len) {
     switch (type) {
         case MLDRT_TYPE_QUERY:
@@ -68,7 +68,11 @@ void mldrt_handle_mld_message(mldrt_router* r, mldrt_interface* ifp, const uint8
         r->counters.malformed++;
     } else {
         count_received(ifp, msg[0]);
-        ifp->mld_version = version;
+        // The link's version follows the queries heard on it (RFC 3810 sections 8.2.1 and
+        // 8.3.1), never the reports: an MLDv1 host puts only its own group in MLDv1 mode.
+        if (msg[0] == MLDRT_TYPE_QUERY) {
+            ifp->mld_version = version;
+        }
         dispatch(r, ifp, msg, static_cast<uint32_t>(len), src);
     }
     mldrt_dump_interface_info(r, ifp, "AFTER HANDLING RCVD MSG");

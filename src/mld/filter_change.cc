@@ -135,7 +135,9 @@ int mldrt_handle_v2_toex_record(mldrt_router* r, mldrt_interface* ifp, const uin
     if (!g || g->fmode > MLDRT_EXCLUDE) {
         return 0;
     }
-    if (mldrt_rec_nsrc(rec) == 0) {
+    // With an MLDv1 host present the group's sources cannot be filtered: TO_EX{S} counts as
+    // TO_EX{} (RFC 3810 section 8.3.2).
+    if (mldrt_rec_nsrc(rec) == 0 || g->v1_host_timer > 0) {
         toex_all(r, ifp, g);
     } else if (g->fmode == MLDRT_INCLUDE) {
         toex_on_include(r, ifp, g, rec);

@@ -55,7 +55,7 @@ const mldrt_src* match_sources(const uint8_t* msg, uint32_t asked, const mldrt_s
 // host state is INCLUDE{} has no listener, so on an MLDv1 upstream it is left out of the
 // answer rather than joined again.
 bool unheard_on_v1(const mldrt_interface* ifp, const mldrt_hs_state* hs) {
-    return ifp->mld_version == 1 && hs->mode == MLDRT_INCLUDE && !hs->list;
+    return ifp->mld_version == 1 && !mldrt_hs_listened(hs);
 }
 
 }  // namespace

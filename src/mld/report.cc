@@ -23,7 +23,9 @@ const record_handler kRecordHandlers[6] = {
 
 constexpr uint32_t kReportRecordsOffset = 8;
 
-// A v1 message as a source-less record of `rec_type`, for the MLDv2 handlers.
+// A v1 message as a source-less record of `rec_type`, for the MLDv2 handlers. A report puts
+// its group, and only its group, in MLDv1 compatibility mode for the Older Version Host Present
+// Timeout (RFC 3810 sections 8.3.2 and 9.12; as long as the group membership interval).
 int handle_v1(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src, const uint8_t* msg,
               uint8_t rec_type) {
     const uint8_t* grp = msg + 8;
@@ -33,10 +35,14 @@ int handle_v1(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src, const u
     uint8_t rec[MLDRT_MCAST_REC_HDR_LEN] = {};
     rec[0] = rec_type;
     std::memcpy(rec + 4, grp, MLDRT_ADDR_LEN);
-    if (rec_type == MLDRT_REC_CHANGE_TO_EXCLUDE) {
-        return mldrt_handle_v2_toex_record(r, ifp, src, rec);
+    if (rec_type == MLDRT_REC_CHANGE_TO_INCLUDE) {
+        return mldrt_handle_v2_toin_record(r, ifp, src, rec);
     }
-    return mldrt_handle_v2_toin_record(r, ifp, src, rec);
+    mldrt_handle_v2_toex_record(r, ifp, src, rec);
+    if (mldrt_group* g = mldrt_lookup_group(ifp, grp)) {
+        g->v1_host_timer = static_cast<int32_t>(mldrt_gmi(r));
+    }
+    return 0;
 }
 
 }  // namespace

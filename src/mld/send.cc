@@ -242,15 +242,15 @@ int mldrt_send_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
 
 int mldrt_send_mld_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
                           const uint8_t* records, uint32_t nrec, uint32_t len) {
-    (void)r;
     uint8_t* b = ifp->buf;
     std::memset(b, 0, MLDRT_REPORT_HDR_LEN);
     uint8_t to[16];
     std::memcpy(to, dst, 16);
     uint32_t msg_len = 0;
     if (ifp->mld_version == 1 && len >= MLDRT_MCAST_REC_HDR_LEN) {
-        // TO_IN{} is a leave: a done to all routers; everything else a report to the group.
-        bool leave = records[0] == MLDRT_REC_CHANGE_TO_INCLUDE && mldrt_get_be16(records + 2) == 0;
+        // An MLDv1 router knows no sources: a group nobody listens to any more gets a done to
+        // all routers, whatever record told of the change; a group with listeners a report.
+        bool leave = !mldrt_group_listened(r, records + 4);
         b[0] = leave ? MLDRT_TYPE_V1_DONE : MLDRT_TYPE_V1_REPORT;
         std::memcpy(b + 8, records + 4, 16);
         std::memcpy(to, leave ? MLDRT_ADDR_ALL_ROUTERS : records + 4, 16);
@@ -263,5 +263,7 @@ int mldrt_send_mld_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* 
     } else {
         mldrt_log_puts("MLDV2: Fatal- Invalid MLDV2 version detected");
     }
-    return report_sent(send_on(ifp, to, MLDRT_ADDR_ANY, msg_len));
+    // From the link-local address, as RFC 2710 section 3 and RFC 3810 section 5.2.13 ask: the
+    // kernel would pick a global one for a report to a global-scope group.
+    return report_sent(send_on(ifp, to, ifp->addr, msg_len));
 }

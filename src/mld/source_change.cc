@@ -71,6 +71,9 @@ int mldrt_handle_v2_block_record(mldrt_router* r, mldrt_interface* ifp, const ui
     if (!g) {
         return 0;
     }
+    if (g->v1_host_timer > 0) {
+        return 0;  // an MLDv1 host present still wants every source (RFC 3810 section 8.3.2)
+    }
     if (g->fmode == MLDRT_INCLUDE) {
         block_on_include(r, ifp, g, rec);
     } else {

@@ -65,7 +65,7 @@ TEST_F(DispatchTest, OwnTransmissionLoopedBackIsIgnored) {
 
 // RFC 3810 section 8.1 tells an MLDv1 query by its length of 24 bytes; every other length,
 // the 25 to 27 bytes that the RFC ignores included, counts as MLDv2 here.
-TEST_F(DispatchTest, LinkVersionIsThatOfTheLastQueryOrReportHeard) {
+TEST_F(DispatchTest, LinkVersionIsThatOfTheLastQueryHeard) {
     struct {
         uint8_t type;
         int len;
@@ -74,10 +74,11 @@ TEST_F(DispatchTest, LinkVersionIsThatOfTheLastQueryOrReportHeard) {
         {MLDRT_TYPE_QUERY, 24, 1},
         {MLDRT_TYPE_QUERY, 25, 2},
         {MLDRT_TYPE_QUERY, 28, 2},
-        {MLDRT_TYPE_V1_REPORT, 24, 1},
-        {MLDRT_TYPE_V1_DONE, 24, 1},
-        {MLDRT_TYPE_V2_REPORT, 8, 2},
-        {0, 24, 7},  // unknown types leave the version as it was
+        // Reports and unknown types leave the version as it was: only queries set it.
+        {MLDRT_TYPE_V1_REPORT, 24, 7},
+        {MLDRT_TYPE_V1_DONE, 24, 7},
+        {MLDRT_TYPE_V2_REPORT, 8, 7},
+        {0, 24, 7},
         {200, 28, 7},
     };
     for (const auto& row : rows) {

@@ -382,9 +382,9 @@ TEST_F(Mldv1Test, ReportIsChangeToExcludeAndDoneIsChangeToInclude) {
         {"report: EXCLUDE({},{}) at GMI, (*,G) with the upstream MIF, no query",
          kFresh, "eth1", REPORT, "ff0e::101", kMember, exclude({}, {}, 260),
          {}, {kAddStarG}},
-        {"done from the member: Q(G) in MLDv1 form on this MLDv1 link",
+        {"done from the member: Q(G), in MLDv2 form (MLDv1 hosts take it as theirs)",
          kJoined, "eth1", DONE, "ff0e::101", kMember, exclude({}, {}, 2),
-         {v1_query(G1)}, {}},
+         {query(G1, {})}, {}},
         {"done from a host that is not a member is ignored",
          kJoined, "eth1", DONE, "ff0e::101", kStranger, exclude({}, {}, 260), {}, {}},
         {"report for a unicast address is ignored",
@@ -407,7 +407,7 @@ TEST_F(Mldv1Test, ReportIsChangeToExcludeAndDoneIsChangeToInclude) {
         mldrt_interface* link = mldrt_lookup_interface_name(&router, row.link);
         addr6 g = ip6(row.group);
         receive(link, row.type, g, row.from == kStranger ? stranger : host);
-        EXPECT_EQ(link->mld_version, 1);
+        EXPECT_EQ(link->mld_version, 2) << "a report never changes the link's version";
         EXPECT_EQ(describe(group(link, g)), describe(row.after));
         EXPECT_EQ(queries_sent(), row.queries);
         EXPECT_EQ(mfc_calls(), row.kernel);
@@ -415,6 +415,33 @@ TEST_F(Mldv1Test, ReportIsChangeToExcludeAndDoneIsChangeToInclude) {
             EXPECT_EQ(router.mfdb_list, nullptr);
         }
     }
+}
+
+// One MLDv1 report puts only its group in MLDv1 compatibility mode, for the Older Version Host
+// Present Timeout (RFC 3810 section 8.3.2): that group's source filters are void (TO_EX{S} is
+// TO_EX{}, BLOCK is ignored) while other groups keep theirs, and the link's queries stay MLDv2.
+TEST_F(Mldv1Test, OneMldv1HostPutsOnlyItsGroupInCompatibilityMode) {
+    const addr6 G2 = grp(2);
+    receive(eth1, REPORT, G1, host);
+    mldrt_group* g1 = group(eth1, G1);
+    ASSERT_NE(g1, nullptr);
+    EXPECT_EQ(g1->v1_host_timer, 260);
+    const std::vector<uint8_t> to_ex_s1 = record(MLDRT_REC_CHANGE_TO_EXCLUDE, G1, {1});
+    const std::vector<uint8_t> block_s2 = record(MLDRT_REC_BLOCK_OLD_SOURCES, G1, {2});
+    const std::vector<uint8_t> g2_to_ex_s1 = record(MLDRT_REC_CHANGE_TO_EXCLUDE, G2, {1});
+    mldrt_handle_v2_toex_record(&router, eth1, stranger.data(), to_ex_s1.data());
+    mldrt_handle_v2_block_record(&router, eth1, stranger.data(), block_s2.data());
+    mldrt_handle_v2_toex_record(&router, eth1, stranger.data(), g2_to_ex_s1.data());
+    EXPECT_EQ(describe(g1), describe(exclude({}, {}, 260)));
+    EXPECT_EQ(describe(group(eth1, G2)), describe(exclude({}, {{1, 0}}, 260)));
+    EXPECT_EQ(queries_sent(), std::vector<std::string>{});
+    EXPECT_EQ(eth1->mld_version, 2);
+
+    g1->v1_host_timer = 1;  // the MLDv1 host has not been heard for the timeout
+    mldrt_update_memberships(&router, eth1, 0);
+    mldrt_handle_v2_toex_record(&router, eth1, stranger.data(), to_ex_s1.data());
+    EXPECT_EQ(describe(g1), describe(exclude({{1, 259}}, {}, 260)));  // filtered by the table
+    EXPECT_EQ(queries_sent(), std::vector<std::string>{query(G1, {1})});
 }
 
 }  // namespace
