@@ -135,6 +135,24 @@ int get_interface_mtu(const char* name) {
     return rc < 0 ? -1 : ifr.ifr_mtu;
 }
 
+bool mldrt_set_interface_mtu(mldrt_interface* ifp, uint32_t mtu) {
+    // IPv6 links carry at least 1280 bytes, and no message needs more than a packet holds.
+    uint32_t size = mtu < MLDRT_MIN_IF_BUF_SIZE   ? MLDRT_MIN_IF_BUF_SIZE
+                    : mtu > MLDRT_MAX_IF_BUF_SIZE ? MLDRT_MAX_IF_BUF_SIZE
+                                                  : mtu;
+    if (ifp->buf && size == ifp->buf_size) {
+        return true;
+    }
+    auto* buf = static_cast<uint8_t*>(calloc(1, size));
+    if (!buf) {
+        return false;  // the old buffer and size stay: messages still fit them
+    }
+    free(ifp->buf);
+    ifp->buf = buf;
+    ifp->buf_size = size;
+    return true;
+}
+
 mldrt_interface* mldrt_create_interface(mldrt_router* r, const mldrt_interface_desc* desc,
                                         uint16_t mifi) {
     auto* ifp = static_cast<mldrt_interface*>(calloc(1, sizeof(mldrt_interface)));
@@ -143,12 +161,8 @@ mldrt_interface* mldrt_create_interface(mldrt_router* r, const mldrt_interface_d
         return nullptr;
     }
     int mtu = get_interface_mtu(desc->name);
-    ifp->buf_size = mtu > 0 ? static_cast<uint32_t>(mtu) : MLDRT_DEFAULT_IF_BUF_SIZE;
-    if (ifp->buf_size < MLDRT_MIN_IF_BUF_SIZE) {
-        ifp->buf_size = MLDRT_MIN_IF_BUF_SIZE;  // IPv6 links carry at least 1280 bytes
-    }
-    ifp->buf = static_cast<uint8_t*>(calloc(1, ifp->buf_size));
-    if (!ifp->buf) {
+    if (!mldrt_set_interface_mtu(
+            ifp, mtu > 0 ? static_cast<uint32_t>(mtu) : MLDRT_DEFAULT_IF_BUF_SIZE)) {
         free(ifp);
         puts("MLDRT: Interface buffer allocation failed");
         return nullptr;

@@ -52,12 +52,16 @@ struct mldrt_interface_desc {
 };
 
 constexpr uint32_t MLDRT_DEFAULT_IF_BUF_SIZE = 2048;  // when the MTU cannot be read
+constexpr uint32_t MLDRT_MAX_IF_BUF_SIZE = 65535;     // no IPv6 packet is larger without jumbograms
 constexpr uint32_t MLDRT_MIN_IF_BUF_SIZE = 1280;      // the IPv6 minimum MTU
 
 // The record named like `desc` if there is one, else a new record at the head of the list.
 mldrt_interface* mld_add_interface(mldrt_router* r, const mldrt_interface_desc* desc,
                                    uint16_t mifi);
 // A new record, not yet on the list, with its socket and options; nullptr after a message.
+// Sizes the link's message buffer to its MTU (at least 1280 bytes); false when no buffer of
+// that size could be had (a link that had one keeps it).
+bool mldrt_set_interface_mtu(mldrt_interface* ifp, uint32_t mtu);
 mldrt_interface* mldrt_create_interface(mldrt_router* r, const mldrt_interface_desc* desc,
                                         uint16_t mifi);
 // Closes the socket, frees the buffer, unlinks and frees the record.

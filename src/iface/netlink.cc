@@ -238,6 +238,9 @@ void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, mldrt_
     entry->ifindex = ifindex;
     std::memcpy(entry->addr, addr, sizeof addr);
     copy_link_name(entry, tb[IFLA_IFNAME]);
+    if (rta_payload_len(tb[IFLA_MTU]) == sizeof entry->mtu) {
+        std::memcpy(&entry->mtu, rta_payload(tb[IFLA_MTU]), sizeof entry->mtu);
+    }
     entry->event = is_new ? MLDRT_SYSIF_NEWLINK : MLDRT_SYSIF_DELLINK;
     entry->up = (ifi.ifi_flags & IFF_UP) ? 1 : 0;
     if (!is_new) {
@@ -292,8 +295,32 @@ void mldrt_handle_sysif(mldrt_router* r, mldrt_sysif* entry) {
     }
 }
 
+namespace {
+
+// A link already known by its index: a new name or MTU is taken into its record, so that a
+// renamed link keeps its MIF and its groups, and messages always fit the link. A name that
+// changes the link's role (to or from the upstream's) makes it a new link.
+bool refresh_known_link(mldrt_router* r, const mldrt_sysif* entry) {
+    mldrt_interface* ifp = mldrt_lookup_interface_index(r, entry->ifindex);
+    if (!ifp) {
+        return false;
+    }
+    bool upstream_name = std::strcmp(entry->name, r->upstream_ifname) == 0;
+    if ((ifp->is_upstream == 1) != upstream_name) {
+        mldrt_handle_interface_down(r, entry);
+        return false;
+    }
+    mldrt_copy_ifname(ifp->name, entry->name);
+    if (entry->mtu != 0) {
+        mldrt_set_interface_mtu(ifp, entry->mtu);
+    }
+    return true;
+}
+
+}  // namespace
+
 void mldrt_handle_interface_up(mldrt_router* r, const mldrt_sysif* entry) {
-    if (mldrt_lookup_interface_name(r, entry->name)) {
+    if (refresh_known_link(r, entry)) {
         return;
     }
     mldrt_interface_desc desc{};
@@ -323,7 +350,7 @@ void mldrt_handle_interface_up(mldrt_router* r, const mldrt_sysif* entry) {
 }
 
 void mldrt_handle_interface_down(mldrt_router* r, const mldrt_sysif* entry) {
-    mldrt_interface* ifp = mldrt_lookup_interface_name(r, entry->name);
+    mldrt_interface* ifp = mldrt_lookup_interface_index(r, entry->ifindex);
     if (!ifp) {
         return;
     }

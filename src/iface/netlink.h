@@ -18,6 +18,7 @@ struct mldrt_sysif {
     uint32_t ifindex;
     uint8_t addr[16];  // link-local address
     char name[20];     // always terminated
+    uint32_t mtu;      // IFLA_MTU of the last link message
 };
 
 constexpr uint8_t MLDRT_SYSIF_FILLED = 2;

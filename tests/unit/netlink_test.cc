@@ -61,12 +61,13 @@ constexpr unsigned kUpMc = IFF_UP | IFF_MULTICAST;
 const uint32_t kMtu = 1500;
 
 // IFLA_IFNAME (with its terminator) at offset 32, then IFLA_MTU.
-bytes link(uint16_t type, int index, unsigned flags, const std::string& name, bool mtu = true) {
+bytes link(uint16_t type, int index, unsigned flags, const std::string& name, bool mtu = true,
+           uint32_t mtu_value = kMtu) {
     ifinfomsg ifi{};
     ifi.ifi_index = index;
     ifi.ifi_flags = flags;
     return nl(type, cat({raw(ifi), rta(IFLA_IFNAME, name.c_str(), name.size() + 1),
-                         mtu ? rta(IFLA_MTU, &kMtu, 4) : bytes{}}));
+                         mtu ? rta(IFLA_MTU, &mtu_value, 4) : bytes{}}));
 }
 
 bytes addr(uint32_t index, const bytes& attrs, uint8_t family = AF_INET6, uint16_t type = 20) {
@@ -345,6 +346,31 @@ TEST_F(NetlinkTest, UpstreamActivatesTheRouterAndDeletedLinksLoseTheirMif) {
         del.push_back(c.value);
     }
     EXPECT_EQ(del, (std::vector<bytes>{mif_bytes(0, 7), mif_bytes(1, 2)}));
+}
+
+// Links are known by their index: a renamed link keeps its record, MIF and groups, and a new
+// MTU resizes the buffer its messages are built in (bounded by what a packet can hold).
+TEST_F(NetlinkTest, RenamedLinkKeepsItsRecordAndFollowsItsMtu) {
+    feed(cat({link(RTM_NEWLINK, 7, kUpMc, "eth1"), ll_addr(7)}));
+    mldrt_interface* eth1 = mldrt_lookup_interface_name(&router, "eth1");
+    ASSERT_NE(eth1, nullptr);
+    const uint16_t mif = eth1->mifi;
+    const struct {
+        const char* name;
+        uint32_t mtu, buf_size;
+    } steps[] = {{"lan1", 9000, 9000}, {"lan1", 1000, 1280}, {"lan2", 4000000000u, 65535}};
+    for (const auto& step : steps) {
+        SCOPED_TRACE(std::string(step.name) + " " + std::to_string(step.mtu));
+        feed(link(RTM_NEWLINK, 7, kUpMc, step.name, true, step.mtu));
+        EXPECT_EQ(mldrt_lookup_interface_index(&router, 7), eth1);
+        EXPECT_STREQ(eth1->name, step.name);
+        EXPECT_EQ(eth1->mifi, mif);
+        EXPECT_EQ(eth1->buf_size, step.buf_size);
+    }
+    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth1"), nullptr);
+    EXPECT_EQ(router.interfaces->next, nullptr) << "one record";
+    feed(link(RTM_DELLINK, 7, kUpMc, "lan2"));
+    EXPECT_EQ(router.interfaces, nullptr);
 }
 
 }  // namespace

@@ -248,6 +248,7 @@ TEST_F(TimersTest, InterfaceDownTellsTheUpstreamBeforeTheEntryGoes) {
     forget_kernel_calls();
     mldrt_sysif link{};
     std::strcpy(link.name, "eth1");
+    link.ifindex = eth1->ifindex;
     mldrt_handle_interface_down(&router, &link);
     EXPECT_EQ(UpstreamTest::tick(), (texts{"TO_IN G1 {}", "TO_IN G1 {}"}));
     ASSERT_NE(entry(G1), nullptr);  // kept until the merge after its last copy
