@@ -435,6 +435,27 @@ man_renders() {
   [[ -z $err ]] || { say "$err"; return 1; }
 }
 
+# One version everywhere: project(... VERSION) in CMakeLists.txt is what `mldproxyd --version`
+# prints, what both manual pages name in their header, and the OpenWrt package's PKG_VERSION.
+versions_agree() { # daemon
+  local want got bad=0 page
+  want=$(sed -nE 's/^project\(mldproxyd VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)
+  [[ -n $want ]] || { say "no project(mldproxyd VERSION ...) in CMakeLists.txt"; return 1; }
+  say "CMakeLists.txt: $want"
+  got=$("$1" --version)
+  say "$1 --version: $got"
+  [[ $got == "mldproxyd $want" ]] || bad=1
+  for page in man/mldproxyd.8 man/mld.conf.5; do
+    got=$(sed -nE 's/^\.TH .*"mldproxyd ([^"]*)".*/\1/p' "$page")
+    say "$page .TH: ${got:-no version}"
+    [[ $got == "$want" ]] || bad=1
+  done
+  got=$(sed -nE 's/^PKG_VERSION:=(.*)/\1/p' packaging/openwrt/mldproxyd/Makefile)
+  say "packaging/openwrt/mldproxyd/Makefile PKG_VERSION: ${got:-none}"
+  [[ $got == "$want" ]] || bad=1
+  return "$bad"
+}
+
 # The installed daemon with the installed configuration, in an empty network namespace (no link
 # called eth0 there): it takes the configuration without a message, sets multicast routing up,
 # waits for its upstream link, and ends on SIGTERM with status 0, having printed nothing.
@@ -478,6 +499,8 @@ stage_install() {
   done
   install_check "a build directory the demo configured first installs under the prefix given later" \
     demo_then_install
+  install_check "one version in CMakeLists.txt, mldproxyd --version, the manual pages, PKG_VERSION" \
+    versions_agree "$stage/usr/sbin/mldproxyd"
   install_check "the OpenWrt init script passes sh -n" sh -n packaging/openwrt/mldproxyd/files/mldproxyd.init
   install_check "the OpenWrt init script renders /etc/config/mldproxyd (tests/packaging)" \
     bash tests/packaging/openwrt_render_test.sh
