@@ -41,6 +41,8 @@ JOBS=${MLD_JOBS:-2}
 FUZZ_SECONDS=${MLD_FUZZ_SECONDS:-60}
 LAB_TIMEOUT=${MLD_LAB_TIMEOUT:-1200}
 MIPS_SIZE_BUDGET=${MLD_MIPS_SIZE_BUDGET:-65536}
+UNIT_EXPOSURE_MAX=${MLD_UNIT_EXPOSURE_MAX:-2.5}
+UNIT_EXPOSURE_MAX_X10=$(awk -v e="$UNIT_EXPOSURE_MAX" 'BEGIN { printf "%d", e * 10 + 0.5 }')
 MIPS_TOOLCHAIN=$ROOT/cmake/mips-linux-gnu.cmake
 MIPS_GTEST=$ROOT/build-mips/gtest-mips # GoogleTest cross-built for MIPS (tools/mips-gtest.sh)
 export DEBIAN_FRONTEND=noninteractive
@@ -55,6 +57,7 @@ PACKAGES=(
   clang libclang-rt-14-dev                                             # clang++ 14, libFuzzer
   g++-mips-linux-gnu libc6-dev-mips-cross binutils-mips-linux-gnu qemu-user  # MIPS
   iproute2 tcpdump python3-scapy strace util-linux procps iputils-ping man-db  # the lab
+  systemd                                                              # systemd-analyze (install)
 )
 
 ALL_STAGES=(packages build asan tsan mips size install fuzz bench lab)
@@ -416,16 +419,33 @@ staged_unit() { # stage
   exec=$(sed -n 's/^ExecStart=//p' "$unit")
   say "ExecStart=$exec"
   [[ ${exec%% *} == /usr/sbin/mldproxyd && -x $1${exec%% *} ]] || { say "ExecStart is not the installed daemon"; return 1; }
-  if command -v systemd-analyze >/dev/null; then
-    # Offline: every line of the unit must parse (systemd-analyze only warns about a bad one, so
-    # any output fails). A copy names the staged daemon, which must exist and be executable.
-    local copy=$SCRATCH/verify/mldproxyd.service out
-    mkdir -p "$SCRATCH/verify"
-    sed "s|^ExecStart=/usr/sbin/mldproxyd|ExecStart=$1/usr/sbin/mldproxyd|" "$unit" >"$copy"
-    say "+ systemd-analyze verify --man=no $copy"
-    out=$(systemd-analyze verify --man=no "$copy" 2>&1) || { say "$out"; return 1; }
-    [[ -z $out ]] || { say "$out"; return 1; }
-  fi
+  # Offline: every line of the unit must parse (systemd-analyze only warns about a bad one, so
+  # any output fails). A copy names the staged daemon, which must exist and be executable.
+  local copy=$SCRATCH/verify/mldproxyd.service out
+  mkdir -p "$SCRATCH/verify"
+  sed "s|^ExecStart=/usr/sbin/mldproxyd|ExecStart=$1/usr/sbin/mldproxyd|" "$unit" >"$copy"
+  say "+ systemd-analyze verify --man=no $copy"
+  out=$(systemd-analyze verify --man=no "$copy" 2>&1) || { say "$out"; return 1; }
+  [[ -z $out ]] || { say "$out"; return 1; }
+}
+
+# The unit's sandbox as systemd rates it (0 best, 10 worst), offline from the unit file: the
+# settings that still leave something open, and the overall exposure, which must stay at or
+# below UNIT_EXPOSURE_MAX.
+staged_unit_security() { # stage
+  local copy=$SCRATCH/verify/mldproxyd.service out rc=0
+  mkdir -p "$SCRATCH/verify"
+  sed "s|^ExecStart=/usr/sbin/mldproxyd|ExecStart=$1/usr/sbin/mldproxyd|" \
+    "$1/usr/lib/systemd/system/mldproxyd.service" >"$copy"
+  say "+ systemd-analyze security --offline=yes --threshold=$UNIT_EXPOSURE_MAX_X10 $copy"
+  out=$(cd "$SCRATCH/verify" && SYSTEMD_COLORS=0 systemd-analyze security --offline=yes --no-pager \
+    --threshold="$UNIT_EXPOSURE_MAX_X10" mldproxyd.service 2>&1) || rc=$?
+  grep -E '^✗|Overall exposure' <<<"$out" | sed 's/[[:space:]]\{2,\}/  /g'
+  UNIT_EXPOSURE=$(sed -nE 's/.*Overall exposure level for [^:]*: ([0-9.]+).*/\1/p' <<<"$out")
+  echo "${UNIT_EXPOSURE:-none}" >"$SCRATCH/unit-exposure"
+  if [[ -z $UNIT_EXPOSURE ]]; then say "$out"; return 1; fi
+  [[ $rc -eq 0 ]] || say "exposure $UNIT_EXPOSURE is above $UNIT_EXPOSURE_MAX"
+  return "$rc"
 }
 
 # man_renders FILE: man(1) renders the page without a warning (any output on standard error).
@@ -493,7 +513,14 @@ stage_install() {
   install_check "the staged files are exactly: ${INSTALLED_FILES[*]}" staged_file_list "$stage"
   install_check "the daemon is executable, stripped, needs only libc/libpthread" staged_daemon_stripped "$stage"
   install_check "/etc/mld/mld.conf is packaging/mld.conf, mode 644" staged_config "$stage"
-  install_check "the systemd unit starts the installed daemon and verifies" staged_unit "$stage"
+  if command -v systemd-analyze >/dev/null; then
+    install_check "the systemd unit starts the installed daemon and verifies" staged_unit "$stage"
+    install_check "systemd-analyze security rates the unit's exposure at most $UNIT_EXPOSURE_MAX" \
+      staged_unit_security "$stage"
+  else
+    say "skipped: systemd-analyze verify and security (no systemd-analyze: stage packages installs systemd)"
+    add_counts 0 0 2
+  fi
   for f in usr/share/man/man8/mldproxyd.8 usr/share/man/man5/mld.conf.5; do
     install_check "man -l $f renders without warnings" man_renders "$stage/$f"
   done
@@ -511,7 +538,7 @@ stage_install() {
     say "skipped: running the installed daemon (needs root and namespaces)"
     add_counts 0 0 1
   fi
-  note "DESTDIR=<scratch> cmake --install build --strip: ${#INSTALLED_FILES[@]} files"
+  note "DESTDIR=<scratch> cmake --install build --strip: ${#INSTALLED_FILES[@]} files; unit exposure $(cat "$SCRATCH/unit-exposure" 2>/dev/null || echo 'not rated')"
   return "$INSTALL_RC"
 }
 
