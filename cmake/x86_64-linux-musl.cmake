@@ -3,9 +3,9 @@
 #
 #   cmake -S . -B build-musl -DCMAKE_TOOLCHAIN_FILE=cmake/x86_64-linux-musl.cmake -DMLD_TESTS=OFF
 #
-# Debian packages: musl-tools and musl-dev (headers, crt files, libc; the loader
-# /lib/ld-musl-x86_64.so.1 comes with musl), g++ and linux-libc-dev. Debian has no C++ standard
-# library built for musl (musl-gcc is C only). The daemon needs none at run time: it is built
+# Debian packages: musl-dev (headers, crt files, libc, and the specs file of musl-gcc), musl (the
+# loader /lib/ld-musl-x86_64.so.1), g++ and linux-libc-dev. Debian has no C++ standard library
+# built for musl (musl-gcc is C only). The daemon needs none at run time: it is built
 # without exceptions and RTTI, uses only the C library through the C++ headers <cstring>,
 # <cstdio>, ... and <atomic>, and is linked without libstdc++ (-nodefaultlibs, then only -lc
 # -lgcc): a use of the C++ runtime would fail the link instead of pulling in a library made for
