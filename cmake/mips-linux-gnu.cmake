@@ -5,10 +5,13 @@
 #
 # Debian packages: g++-mips-linux-gnu (compilers, sysroot in /usr/mips-linux-gnu) and qemu-user
 # (qemu-mips runs the test binaries, so ctest works on an x86_64 build machine).
-set(CMAKE_SYSTEM_NAME Linux)
-set(CMAKE_SYSTEM_PROCESSOR mips)
-
+# -DMLD_MIPS_TRIPLE=mipsel-linux-gnu builds for little-endian MIPS (MT7621 and most other
+# current router SoCs) with g++-mipsel-linux-gnu, run by qemu-mipsel.
 set(MLD_MIPS_TRIPLE mips-linux-gnu CACHE STRING "Target triple of the MIPS cross compilers")
+string(REGEX REPLACE "-.*" "" MLD_MIPS_ARCH "${MLD_MIPS_TRIPLE}")
+
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR ${MLD_MIPS_ARCH})
 set(CMAKE_C_COMPILER ${MLD_MIPS_TRIPLE}-gcc)
 set(CMAKE_CXX_COMPILER ${MLD_MIPS_TRIPLE}-g++)
 
@@ -23,7 +26,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 # ctest and try_run start target binaries through user-mode qemu with the target's loader and libc.
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-mips;-L;${MLD_MIPS_SYSROOT})
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${MLD_MIPS_ARCH};-L;${MLD_MIPS_SYSROOT})
 
 # The daemon is compiled for MIPS16e, the compact 16-bit encoding: about 30 % less flash. The
 # MIPS32 cores of most router SoCs (24K, 34K, 74K, 1004K) run it, and calls into the target's

@@ -11,11 +11,18 @@
 #   tsan      ThreadSanitizer build of the daemon into build-tsan/ (the lab runs it)
 #   mips      big-endian MIPS cross build into build-mips/, unit tests under qemu-mips, the
 #             stripped MIPS daemon's start-up under qemu-mips
-#   size      size report: the stripped daemon of build/ and build-mips/ (release flags), its
-#             NEEDED libraries (only libc and the thread library allowed), the MIPS size budget
+#   mipsel    little-endian MIPS (glibc) cross build of the daemon into build-mipsel/, its
+#             start-up under qemu-mipsel
+#   musl      the daemon built against musl libc into build-musl/ (x86_64, runs natively): ELF
+#             checks, its start-up, tests/lab/test_service.sh with it (root); no unit tests (no
+#             C++ runtime for musl in Debian, reported as skipped)
+#   size      size report: the stripped daemon of build/, build-mips/, build-mipsel/ and
+#             build-musl/ (release flags), its NEEDED libraries (only libc and the thread library
+#             allowed), the MIPS size budget
 #   install   cmake --install into a staging directory: the file list, the stripped daemon, the
-#             manual pages rendered without warnings, the unit, the OpenWrt init script (sh -n),
-#             the installed daemon started with the installed configuration
+#             manual pages rendered without warnings, one version everywhere, the unit
+#             (systemd-analyze verify and security), the OpenWrt init script (sh -n, rendering,
+#             firewall data), the installed daemon started with the installed configuration
 #   fuzz      clang++ 14 + libFuzzer build into build-fuzz/, every fuzz target for a bounded time
 #   bench     Google Benchmark build into build-bench/, one short run of every benchmark (a smoke
 #             run: it shows the benchmarks still build and run; figures come from the full run)
@@ -29,7 +36,8 @@
 #
 # Environment: MLD_JOBS (default 2), MLD_FUZZ_SECONDS (per fuzz target, default 60),
 # MLD_LAB_TIMEOUT (seconds, default 1200), MLD_MIPS_SIZE_BUDGET (bytes of the stripped MIPS
-# daemon, default 65536; more fails the size stage).
+# daemon, default 65536; more fails the size stage), MLD_UNIT_EXPOSURE_MAX (the highest exposure
+# `systemd-analyze security` may rate the unit, default 2.5).
 
 set -u
 set -o pipefail
@@ -41,8 +49,11 @@ JOBS=${MLD_JOBS:-2}
 FUZZ_SECONDS=${MLD_FUZZ_SECONDS:-60}
 LAB_TIMEOUT=${MLD_LAB_TIMEOUT:-1200}
 MIPS_SIZE_BUDGET=${MLD_MIPS_SIZE_BUDGET:-65536}
+UNIT_EXPOSURE_MAX=${MLD_UNIT_EXPOSURE_MAX:-2.5}
+UNIT_EXPOSURE_MAX_X10=$(awk -v e="$UNIT_EXPOSURE_MAX" 'BEGIN { printf "%d", e * 10 + 0.5 }')
 MIPS_TOOLCHAIN=$ROOT/cmake/mips-linux-gnu.cmake
 MIPS_GTEST=$ROOT/build-mips/gtest-mips # GoogleTest cross-built for MIPS (tools/mips-gtest.sh)
+MUSL_TOOLCHAIN=$ROOT/cmake/x86_64-linux-musl.cmake
 export DEBIAN_FRONTEND=noninteractive
 export GTEST_COLOR=no
 # Sanitizer reports end the process with a non-zero status and a readable stack.
@@ -54,10 +65,13 @@ PACKAGES=(
   libbenchmark-dev                                                     # bench/
   clang libclang-rt-14-dev                                             # clang++ 14, libFuzzer
   g++-mips-linux-gnu libc6-dev-mips-cross binutils-mips-linux-gnu qemu-user  # MIPS
+  g++-mipsel-linux-gnu libc6-dev-mipsel-cross binutils-mipsel-linux-gnu     # little-endian MIPS
+  musl musl-dev linux-libc-dev                                         # musl
   iproute2 tcpdump python3-scapy strace util-linux procps iputils-ping man-db  # the lab
+  systemd                                                              # systemd-analyze (install)
 )
 
-ALL_STAGES=(packages build asan tsan mips size install fuzz bench lab)
+ALL_STAGES=(packages build asan tsan mips mipsel musl size install fuzz bench lab)
 
 SCRATCH=$(mktemp -d /tmp/mldproxyd-test.XXXXXX) || exit 1
 trap 'rm -rf "$SCRATCH"' EXIT
@@ -172,15 +186,28 @@ run_ctest() { # build-dir log
   [[ $rc -eq 0 && $f -eq 0 ]]
 }
 
-# NEEDED entries of a daemon binary: only the C library, the thread library and the dynamic
-# loader (named when statically linked C++ runtime code uses thread-local storage) are allowed.
+# The closing line "N passed, N failed[, N skipped]" of tests/lab/run.sh's output in LOG: its
+# counts are added to the stage and the line is printed; nothing (status 1) when there is none.
+lab_closing_counts() { # log
+  local line p f s=0
+  line=$(grep -E '^[0-9]+ passed, [0-9]+ failed(, [0-9]+ skipped)?$' "$1" | tail -n 1) || return 1
+  p=$(sed -E 's/^([0-9]+) passed.*/\1/' <<<"$line")
+  f=$(sed -E 's/.* ([0-9]+) failed.*/\1/' <<<"$line")
+  [[ $line == *skipped ]] && s=$(sed -E 's/.* ([0-9]+) skipped$/\1/' <<<"$line")
+  add_counts "$p" "$f" "$s"
+  echo "$line"
+}
+
+# NEEDED entries of a daemon binary: only the C library (libc.so.6 of glibc, libc.so of musl), the
+# thread library and the dynamic loader (named when statically linked C++ runtime code uses
+# thread-local storage) are allowed.
 check_needed() { # readelf binary
   local readelf=$1 bin=$2 lib bad=0
   say "readelf -d $bin:"
   "$readelf" -d "$bin" | grep -E 'NEEDED|INTERP|RPATH|RUNPATH' || true
   while read -r lib; do
     case $lib in
-      libc.so.* | libpthread.so.* | ld-linux*.so.* | ld.so.* | ld-uClibc.so.*) ;;
+      libc.so | libc.so.* | libpthread.so.* | ld-linux*.so.* | ld.so.* | ld-uClibc.so.*) ;;
       *) say "NOT ALLOWED: $bin needs $lib (the daemon may need only libc and libpthread)"; bad=1 ;;
     esac
   done < <("$readelf" -d "$bin" | sed -nE 's/.*\(NEEDED\).*\[(.*)\]/\1/p')
@@ -238,20 +265,25 @@ stage_build() {
   run_ctest build "$SCRATCH/ctest-build.log"
 }
 
-# The size report of the daemons that stage build and stage mips built (MinSizeRel with the
-# release flags of CMakeLists.txt), also printed again at the end of the summary.
+# The size report of the daemons that stages build, mips, mipsel and musl built (MinSizeRel with
+# the release flags of CMakeLists.txt), also printed again at the end of the summary. The budget
+# is the big-endian MIPS daemon's.
 stage_size() {
-  local rc=0 bytes x86='' mips='' line
+  local rc=0 target label dir tools bytes mips='' built=() line
   : >"$SIZES_FILE"
-  if [[ -x build/mldproxyd ]]; then
-    check_needed readelf build/mldproxyd || rc=1
-    x86=$(size_report_line x86_64 strip readelf build/mldproxyd)
-  else
-    echo "size: x86_64  build/mldproxyd not built (stage build failed or not run)" >>"$SIZES_FILE"
-  fi
-  if [[ -x build-mips/mldproxyd ]]; then
-    check_needed mips-linux-gnu-readelf build-mips/mldproxyd || rc=1
-    mips=$(size_report_line mips mips-linux-gnu-strip mips-linux-gnu-readelf build-mips/mldproxyd)
+  for target in x86_64:build: mips:build-mips:mips-linux-gnu- mipsel:build-mipsel:mipsel-linux-gnu- \
+    musl:build-musl:; do
+    IFS=: read -r label dir tools <<<"$target"
+    if [[ ! -x $dir/mldproxyd ]]; then
+      printf 'size: %-7s %s/mldproxyd not built (its stage failed or did not run)\n' "$label" "$dir" >>"$SIZES_FILE"
+      continue
+    fi
+    check_needed "${tools}readelf" "$dir/mldproxyd" || rc=1
+    bytes=$(size_report_line "$label" "${tools}strip" "${tools}readelf" "$dir/mldproxyd")
+    built+=("$label $bytes")
+    [[ $label == mips ]] && mips=$bytes
+  done
+  if [[ -n $mips ]]; then
     if [[ $mips -le $MIPS_SIZE_BUDGET ]]; then
       line="size: mips budget $MIPS_SIZE_BUDGET bytes: within it ($((MIPS_SIZE_BUDGET - mips)) bytes to spare)"
     else
@@ -259,16 +291,16 @@ stage_size() {
       rc=1
     fi
     echo "$line" >>"$SIZES_FILE"
-  else
-    echo "size: mips    build-mips/mldproxyd not built (stage mips failed or not run)" >>"$SIZES_FILE"
   fi
   say "size report:"
   cat "$SIZES_FILE"
-  if [[ -z $x86 && -z $mips ]]; then
+  if [[ ${#built[@]} -eq 0 ]]; then
     note "no daemon built"
     return $SKIP
   fi
-  note "stripped: x86_64 ${x86:-not built} bytes, mips ${mips:-not built} bytes (budget $MIPS_SIZE_BUDGET)"
+  local list
+  list=$(printf '%s, ' "${built[@]}")
+  note "stripped bytes: ${list%, } (mips budget $MIPS_SIZE_BUDGET)"
   return "$rc"
 }
 
@@ -297,45 +329,48 @@ run_without_config() { # command...
   printf '\nexit status %d\n' "$rc"
 }
 
-# The stripped MIPS daemon (release flags) really starts on the target ABI (loader, libc, static
-# C++ runtime) and, like the build machine's daemon, prints exactly the configuration failure
-# message when the configuration file is missing, and exits with status 1.
-mips_daemon_smoke() {
-  local x86 mips stripped=$SCRATCH/mldproxyd-mips-stripped want
+# The stripped daemon of another target (release flags) really starts on its ABI (loader, libc,
+# static C++ runtime) and, like the build machine's daemon, prints exactly the configuration
+# failure message when the configuration file is missing, and exits with status 1. Counts one
+# check (or a skip) and sets SMOKE_NOTE.
+daemon_start_smoke() { # label strip binary [runner...]
+  local label=$1 strip=$2 bin=$3 x86 out stripped=$SCRATCH/mldproxyd-$1-stripped want how
+  shift 3
+  how=${1:+ under $1}
   want=$(printf '\nMLDRT: Can'"'"'t open file /etc/mld/mld.conf\nexit status 1')
   if [[ $(id -u) -ne 0 ]]; then
-    say "daemon start-up under qemu-mips: skipped (needs root for unshare --mount)"
-    SMOKE_NOTE="start-up under qemu skipped (not root)"
+    say "$label daemon start-up: skipped (needs root for unshare --mount)"
+    SMOKE_NOTE="start-up$how skipped (not root)"
     add_counts 0 0 1
     return 0
   fi
   if ! unshare --mount --net --fork true; then
-    say "daemon start-up under qemu-mips: skipped (no mount and network namespace here)"
-    SMOKE_NOTE="start-up under qemu skipped (no namespaces)"
+    say "$label daemon start-up: skipped (no mount and network namespace here)"
+    SMOKE_NOTE="start-up$how skipped (no namespaces)"
     add_counts 0 0 1
     return 0
   fi
   if [[ ! -x build/mldproxyd ]]; then
-    say "daemon start-up under qemu-mips: skipped (build/mldproxyd missing to compare with)"
-    SMOKE_NOTE="start-up under qemu skipped (no build/mldproxyd)"
+    say "$label daemon start-up: skipped (build/mldproxyd missing to compare with)"
+    SMOKE_NOTE="start-up$how skipped (no build/mldproxyd)"
     add_counts 0 0 1
     return 0
   fi
-  mips-linux-gnu-strip -o "$stripped" build-mips/mldproxyd
+  "$strip" -o "$stripped" "$bin"
   x86=$(run_without_config build/mldproxyd)
-  mips=$(run_without_config qemu-mips -L /usr/mips-linux-gnu "$stripped")
+  out=$(run_without_config "$@" "$stripped")
   say "build/mldproxyd without /etc/mld/mld.conf:"
   say "$x86"
-  say "build-mips/mldproxyd, stripped, under qemu-mips without /etc/mld/mld.conf:"
-  say "$mips"
-  if [[ $x86 == "$mips" && $x86 == "$want" ]]; then
-    say "daemon start-up under qemu-mips: the configuration message and status 1, as on the build machine"
-    SMOKE_NOTE="stripped daemon under qemu: configuration message and status 1, as native"
+  say "$bin, stripped,$how without /etc/mld/mld.conf:"
+  say "$out"
+  if [[ $x86 == "$out" && $x86 == "$want" ]]; then
+    say "$label daemon start-up$how: the configuration message and status 1, as on the build machine"
+    SMOKE_NOTE="stripped daemon$how: configuration message and status 1, as native"
     add_counts 1 0 0
     return 0
   fi
-  say "daemon start-up under qemu-mips: FAILED (output or status differs from build/mldproxyd or from the message)"
-  SMOKE_NOTE="start-up under qemu differs from native"
+  say "$label daemon start-up$how: FAILED (output or status differs from build/mldproxyd or from the message)"
+  SMOKE_NOTE="start-up$how differs from native"
   add_counts 0 1 0
   return 1
 }
@@ -351,9 +386,86 @@ stage_mips() {
   local tests_note
   tests_note=$(cat "$NOTE_FILE")
   SMOKE_NOTE=""
-  mips_daemon_smoke || rc=1
+  daemon_start_smoke mips mips-linux-gnu-strip build-mips/mldproxyd qemu-mips -L /usr/mips-linux-gnu || rc=1
   note "$tests_note; $SMOKE_NOTE"
   return "$rc"
+}
+
+# Little-endian MIPS with glibc: the daemon only, for its size and its start-up under
+# qemu-mipsel. The unit tests run little-endian in stage build and on 32-bit MIPS in stage mips.
+stage_mipsel() {
+  configure_and_build build-mipsel -DCMAKE_TOOLCHAIN_FILE="$MIPS_TOOLCHAIN" \
+    -DMLD_MIPS_TRIPLE=mipsel-linux-gnu -DCMAKE_BUILD_TYPE=MinSizeRel -DMLD_WERROR=ON \
+    -DMLD_TESTS=OFF -DMLD_FUZZ=OFF -DMLD_SANITIZE=
+  mipsel-linux-gnu-readelf -h build-mipsel/mldproxyd | grep -E 'Class|Data|Machine'
+  mipsel-linux-gnu-readelf -h build-mipsel/mldproxyd | grep -q 'little endian' ||
+    { say "build-mipsel/mldproxyd is not little-endian"; return 1; }
+  SMOKE_NOTE=""
+  local rc=0
+  daemon_start_smoke mipsel mipsel-linux-gnu-strip build-mipsel/mldproxyd \
+    qemu-mipsel -L /usr/mipsel-linux-gnu || rc=1
+  note "unit tests: not built (little-endian in stage build, MIPS in stage mips); $SMOKE_NOTE"
+  return "$rc"
+}
+
+# The daemon as OpenWrt links it, against musl (x86_64 musl runs here natively): what the glibc
+# builds cannot show, such as a header or a call that only glibc has, or a struct laid out
+# differently, would show here.
+musl_binary() { # binary
+  local interp
+  readelf -h "$1" | grep -E 'Class|Data|Machine'
+  interp=$(readelf -l "$1" | sed -nE 's/.*Requesting program interpreter: ([^]]*)\].*/\1/p')
+  say "interpreter: ${interp:-none}"
+  readelf -h "$1" | grep -q 'little endian' || { say "not little-endian"; return 1; }
+  [[ $interp == /lib/ld-musl-x86_64.so.1 ]] || { say "not linked against musl"; return 1; }
+  check_needed readelf "$1"
+}
+
+musl_version() { # binary
+  local got want
+  got=$("$1" --version) want=$(build/mldproxyd --version)
+  say "$1 --version: $got; build/mldproxyd --version: $want"
+  [[ -n $got && $got == "$want" ]]
+}
+
+# tests/lab/test_service.sh with the musl daemon: as the systemd unit runs it (an unprivileged
+# user, CAP_NET_ADMIN and CAP_NET_RAW), it registers every link as a MIF, forwards a group a host
+# joins, ends on SIGTERM with status 0, and makes no system call outside the unit's filter (musl
+# makes other calls than glibc). Its checks are counted as they report themselves.
+musl_lab() { # binary
+  local log=$SCRATCH/lab-musl.log line rc=0
+  MLD_DAEMON=$1 timeout --kill-after=30 300 bash tests/lab/run.sh tests/lab/test_service.sh 2>&1 |
+    tee "$log" || rc=$?
+  line=$(lab_closing_counts "$log") ||
+    { say "tests/lab/run.sh printed no closing line (status $rc)"; add_counts 0 1 0; return 1; }
+  MUSL_LAB_NOTE="lab test_service.sh: $line"
+  [[ $rc -eq 0 ]]
+}
+
+stage_musl() {
+  local bin=build-musl/mldproxyd
+  CHECK_RC=0 SMOKE_NOTE="" MUSL_LAB_NOTE="lab test_service.sh skipped"
+  configure_and_build build-musl -DCMAKE_TOOLCHAIN_FILE="$MUSL_TOOLCHAIN" \
+    -DCMAKE_BUILD_TYPE=MinSizeRel -DMLD_WERROR=ON -DMLD_TESTS=OFF -DMLD_FUZZ=OFF -DMLD_SANITIZE=
+  counted_check "$bin is little-endian, linked against musl, needs only libc" musl_binary "$bin"
+  say "skipped: unit tests against musl (Debian 12 has no C++ standard library built for musl, and"
+  say "  GoogleTest needs one; musl-gcc is C only). They run little-endian against glibc in stage build."
+  add_counts 0 0 1
+  if [[ -x build/mldproxyd ]]; then
+    counted_check "$bin --version prints what build/mldproxyd prints" musl_version "$bin"
+  else
+    say "skipped: --version compared with build/mldproxyd (not built)"
+    add_counts 0 0 1
+  fi
+  daemon_start_smoke musl strip "$bin" || CHECK_RC=1
+  if [[ $(id -u) -eq 0 ]]; then
+    musl_lab "$bin" || CHECK_RC=1
+  else
+    say "skipped: tests/lab/test_service.sh with the musl daemon (needs root)"
+    add_counts 0 0 1
+  fi
+  note "unit tests skipped (no C++ runtime for musl in Debian); $SMOKE_NOTE; $MUSL_LAB_NOTE"
+  return "$CHECK_RC"
 }
 
 # What `cmake --install` puts into a staging directory (prefix /usr), relative to it.
@@ -365,8 +477,9 @@ INSTALLED_FILES=(
   usr/share/man/man8/mldproxyd.8
 )
 
-# install_check NAME COMMAND...: one check of the install stage, counted, "ok"/"FAILED" printed.
-install_check() {
+# counted_check NAME COMMAND...: one check of a stage, counted, "ok"/"FAILED" printed; a failure
+# sets CHECK_RC to 1.
+counted_check() {
   local name=$1
   shift
   if "$@"; then
@@ -375,7 +488,7 @@ install_check() {
   else
     say "FAILED: $name"
     add_counts 0 1 0
-    INSTALL_RC=1
+    CHECK_RC=1
   fi
 }
 
@@ -411,21 +524,44 @@ demo_then_install() {
   grep -q '^ExecStart=/usr/sbin/mldproxyd ' "$unit"
 }
 
+# unit_copy STAGE: a copy of the staged unit whose ExecStart names the staged daemon (which must
+# exist and be executable for systemd-analyze); prints its path.
+unit_copy() {
+  mkdir -p "$SCRATCH/verify"
+  sed "s|^ExecStart=/usr/sbin/mldproxyd|ExecStart=$1/usr/sbin/mldproxyd|" \
+    "$1/usr/lib/systemd/system/mldproxyd.service" >"$SCRATCH/verify/mldproxyd.service"
+  echo "$SCRATCH/verify/mldproxyd.service"
+}
+
 staged_unit() { # stage
   local unit=$1/usr/lib/systemd/system/mldproxyd.service exec
   exec=$(sed -n 's/^ExecStart=//p' "$unit")
   say "ExecStart=$exec"
   [[ ${exec%% *} == /usr/sbin/mldproxyd && -x $1${exec%% *} ]] || { say "ExecStart is not the installed daemon"; return 1; }
-  if command -v systemd-analyze >/dev/null; then
-    # Offline: every line of the unit must parse (systemd-analyze only warns about a bad one, so
-    # any output fails). A copy names the staged daemon, which must exist and be executable.
-    local copy=$SCRATCH/verify/mldproxyd.service out
-    mkdir -p "$SCRATCH/verify"
-    sed "s|^ExecStart=/usr/sbin/mldproxyd|ExecStart=$1/usr/sbin/mldproxyd|" "$unit" >"$copy"
-    say "+ systemd-analyze verify --man=no $copy"
-    out=$(systemd-analyze verify --man=no "$copy" 2>&1) || { say "$out"; return 1; }
-    [[ -z $out ]] || { say "$out"; return 1; }
-  fi
+  # Offline: every line of the unit must parse (systemd-analyze only warns about a bad one, so
+  # any output fails).
+  local copy out
+  copy=$(unit_copy "$1")
+  say "+ systemd-analyze verify --man=no $copy"
+  out=$(systemd-analyze verify --man=no "$copy" 2>&1) || { say "$out"; return 1; }
+  [[ -z $out ]] || { say "$out"; return 1; }
+}
+
+# The unit's sandbox as systemd rates it (0 best, 10 worst), offline from the unit file: the
+# settings that still leave something open, and the overall exposure, which must stay at or
+# below UNIT_EXPOSURE_MAX.
+staged_unit_security() { # stage
+  local copy out rc=0
+  copy=$(unit_copy "$1")
+  say "+ systemd-analyze security --offline=yes --threshold=$UNIT_EXPOSURE_MAX_X10 $copy"
+  out=$(SYSTEMD_COLORS=0 systemd-analyze security --offline=yes --no-pager \
+    --threshold="$UNIT_EXPOSURE_MAX_X10" "$copy" 2>&1) || rc=$?
+  grep -E '^✗|Overall exposure' <<<"$out" | sed 's/[[:space:]]\{2,\}/  /g'
+  UNIT_EXPOSURE=$(sed -nE 's/.*Overall exposure level for [^:]*: ([0-9.]+).*/\1/p' <<<"$out")
+  echo "${UNIT_EXPOSURE:-none}" >"$SCRATCH/unit-exposure"
+  if [[ -z $UNIT_EXPOSURE ]]; then say "$out"; return 1; fi
+  [[ $rc -eq 0 ]] || say "exposure $UNIT_EXPOSURE is above $UNIT_EXPOSURE_MAX"
+  return "$rc"
 }
 
 # man_renders FILE: man(1) renders the page without a warning (any output on standard error).
@@ -433,6 +569,27 @@ man_renders() {
   local err
   err=$(LC_ALL=C.UTF-8 MANROFFSEQ='' MANWIDTH=80 man --warnings -l -Tutf8 "$1" 2>&1 >/dev/null)
   [[ -z $err ]] || { say "$err"; return 1; }
+}
+
+# One version everywhere: project(... VERSION) in CMakeLists.txt is what `mldproxyd --version`
+# prints, what both manual pages name in their header, and the OpenWrt package's PKG_VERSION.
+versions_agree() { # daemon
+  local want got bad=0 page
+  want=$(sed -nE 's/^project\(mldproxyd VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)
+  [[ -n $want ]] || { say "no project(mldproxyd VERSION ...) in CMakeLists.txt"; return 1; }
+  say "CMakeLists.txt: $want"
+  got=$("$1" --version)
+  say "$1 --version: $got"
+  [[ $got == "mldproxyd $want" ]] || bad=1
+  for page in man/mldproxyd.8 man/mld.conf.5; do
+    got=$(sed -nE 's/^\.TH .*"mldproxyd ([^"]*)".*/\1/p' "$page")
+    say "$page .TH: ${got:-no version}"
+    [[ $got == "$want" ]] || bad=1
+  done
+  got=$(sed -nE 's/^PKG_VERSION:=(.*)/\1/p' packaging/openwrt/mldproxyd/Makefile)
+  say "packaging/openwrt/mldproxyd/Makefile PKG_VERSION: ${got:-none}"
+  [[ $got == "$want" ]] || bad=1
+  return "$bad"
 }
 
 # The installed daemon with the installed configuration, in an empty network namespace (no link
@@ -457,7 +614,7 @@ staged_daemon_runs() { # stage
 
 stage_install() {
   local stage=$SCRATCH/stage f
-  INSTALL_RC=0
+  CHECK_RC=0
   if [[ ! -f build/CMakeCache.txt ]]; then
     note "build/ is not configured (stage build failed or not run)"
     return $SKIP
@@ -469,27 +626,36 @@ stage_install() {
   DESTDIR=$stage cmake --install build --strip
   say "staged files (mode, bytes, path):"
   (cd "$stage" && find . -type f -printf '%m %8s %P\n' | sort -k3)
-  install_check "the staged files are exactly: ${INSTALLED_FILES[*]}" staged_file_list "$stage"
-  install_check "the daemon is executable, stripped, needs only libc/libpthread" staged_daemon_stripped "$stage"
-  install_check "/etc/mld/mld.conf is packaging/mld.conf, mode 644" staged_config "$stage"
-  install_check "the systemd unit starts the installed daemon and verifies" staged_unit "$stage"
+  counted_check "the staged files are exactly: ${INSTALLED_FILES[*]}" staged_file_list "$stage"
+  counted_check "the daemon is executable, stripped, needs only libc/libpthread" staged_daemon_stripped "$stage"
+  counted_check "/etc/mld/mld.conf is packaging/mld.conf, mode 644" staged_config "$stage"
+  if command -v systemd-analyze >/dev/null; then
+    counted_check "the systemd unit starts the installed daemon and verifies" staged_unit "$stage"
+    counted_check "systemd-analyze security rates the unit's exposure at most $UNIT_EXPOSURE_MAX" \
+      staged_unit_security "$stage"
+  else
+    say "skipped: systemd-analyze verify and security (no systemd-analyze: stage packages installs systemd)"
+    add_counts 0 0 2
+  fi
   for f in usr/share/man/man8/mldproxyd.8 usr/share/man/man5/mld.conf.5; do
-    install_check "man -l $f renders without warnings" man_renders "$stage/$f"
+    counted_check "man -l $f renders without warnings" man_renders "$stage/$f"
   done
-  install_check "a build directory the demo configured first installs under the prefix given later" \
+  counted_check "a build directory the demo configured first installs under the prefix given later" \
     demo_then_install
-  install_check "the OpenWrt init script passes sh -n" sh -n packaging/openwrt/mldproxyd/files/mldproxyd.init
-  install_check "the OpenWrt init script renders /etc/config/mldproxyd (tests/packaging)" \
+  counted_check "one version in CMakeLists.txt, mldproxyd --version, the manual pages, PKG_VERSION" \
+    versions_agree "$stage/usr/sbin/mldproxyd"
+  counted_check "the OpenWrt init script passes sh -n" sh -n packaging/openwrt/mldproxyd/files/mldproxyd.init
+  counted_check "the OpenWrt init script renders /etc/config/mldproxyd (tests/packaging)" \
     bash tests/packaging/openwrt_render_test.sh
   if [[ $(id -u) -eq 0 ]] && unshare --mount --net --fork true 2>/dev/null; then
-    install_check "the installed daemon reads the installed configuration and ends on SIGTERM with 0" \
+    counted_check "the installed daemon reads the installed configuration and ends on SIGTERM with 0" \
       staged_daemon_runs "$stage"
   else
     say "skipped: running the installed daemon (needs root and namespaces)"
     add_counts 0 0 1
   fi
-  note "DESTDIR=<scratch> cmake --install build --strip: ${#INSTALLED_FILES[@]} files"
-  return "$INSTALL_RC"
+  note "DESTDIR=<scratch> cmake --install build --strip: ${#INSTALLED_FILES[@]} files; unit exposure $(cat "$SCRATCH/unit-exposure" 2>/dev/null || echo 'not rated')"
+  return "$CHECK_RC"
 }
 
 stage_fuzz() {
@@ -557,7 +723,7 @@ stage_bench() {
 }
 
 stage_lab() {
-  local log=$SCRATCH/lab.log rc p f s line
+  local log=$SCRATCH/lab.log rc line
   if [[ $(id -u) -ne 0 ]]; then
     note "needs root (network namespaces)"
     say "not root: the lab tests need root; run as root to include them"
@@ -572,15 +738,8 @@ stage_lab() {
   MLD_DAEMON=build/mldproxyd MLD_TSAN_DAEMON=build-tsan/mldproxyd \
     timeout --kill-after=30 "$LAB_TIMEOUT" bash tests/lab/run.sh 2>&1 | tee "$log" || rc=$?
   [[ $rc -eq 124 ]] && say "the lab tests took longer than ${LAB_TIMEOUT}s and were stopped"
-  line=$(grep -E '^[0-9]+ passed, [0-9]+ failed(, [0-9]+ skipped)?$' "$log" | tail -n 1 || true)
-  if [[ -n $line ]]; then
-    p=$(sed -E 's/^([0-9]+) passed.*/\1/' <<<"$line")
-    f=$(sed -E 's/.* ([0-9]+) failed.*/\1/' <<<"$line")
-    s=0
-    [[ $line == *skipped ]] && s=$(sed -E 's/.* ([0-9]+) skipped$/\1/' <<<"$line")
-    add_counts "$p" "$f" "$s"
-    note "lab checks: $line"
-  fi
+  line=$(lab_closing_counts "$log") || line=''
+  [[ -n $line ]] && note "lab checks: $line"
   if [[ $rc -eq $SKIP ]]; then
     [[ -z $line ]] && note "tests/lab/run.sh reported the lab as skipped (status 77)"
     return $SKIP
@@ -606,7 +765,9 @@ run_stage build "g++ build (-Werror) into build/, unit tests"
 run_stage asan "AddressSanitizer + UndefinedBehaviorSanitizer build into build-asan/, unit tests"
 run_stage tsan "ThreadSanitizer daemon build into build-tsan/"
 run_stage mips "big-endian MIPS cross build into build-mips/, unit tests and start-up under qemu-mips"
-run_stage size "size report: stripped daemon (x86_64, MIPS) and its NEEDED libraries"
+run_stage mipsel "little-endian MIPS cross build of the daemon into build-mipsel/, start-up under qemu-mipsel"
+run_stage musl "musl build of the daemon into build-musl/, its start-up and the service lab test"
+run_stage size "size report: stripped daemon (x86_64, MIPS, mipsel, musl) and its NEEDED libraries"
 run_stage install "cmake --install into a staging directory, manual pages, service files"
 run_stage fuzz "clang++ libFuzzer build into build-fuzz/, fuzz targets ${FUZZ_SECONDS}s each"
 run_stage bench "Google Benchmark build into build-bench/, smoke run of the benchmarks"

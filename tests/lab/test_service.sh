@@ -4,7 +4,8 @@
 # CapabilityBoundingSet / AmbientCapabilities, no new privileges), through setpriv, with the
 # installed example configuration (its UPSTREAM_IFNAME set to the lab's up0). It must register
 # its MIFs, forward a group that a host joins, and end on SIGTERM with status 0; /proc/PID/status
-# shows it never had more. Each capability of the unit is shown to be needed. What systemd adds
+# shows it never had more. Each capability of the unit is shown to be needed. Its system calls,
+# traced from exec to exit, all lie within the unit's SystemCallFilter=. What systemd adds
 # besides (ProtectSystem, ProtectHome, the other sandboxing lines) is not reproduced here.
 #
 #   src ── br0 ── up0 [rt: mldproxyd as nobody, CAP_NET_ADMIN and CAP_NET_RAW] dn1 ── h1
@@ -248,6 +249,72 @@ small_queue_without() {
   [[ $queue =~ ^[0-9]+$ && $queue -gt 0 && $queue -lt $BIG_QUEUE ]] || fail "without $drop the receive queue is '$queue', want less than $BIG_QUEUE"
 }
 
+# filter_syscalls SET: the system call names of a SystemCallFilter= set, nested sets expanded.
+filter_syscalls() {
+  local name
+  systemd-analyze syscall-filter --no-pager "$1" | awk 'NR > 1 && $1 !~ /^#/ { print $1 }' |
+    while read -r name; do
+      case $name in @*) filter_syscalls "$name" ;; *) echo "$name" ;; esac
+    done
+}
+
+# traced_daemon TRACER: the PID of the child of strace that runs $BIN (strace forks children of
+# its own at start to probe the kernel's ptrace, so the first child need not be it).
+traced_daemon() {
+  local i kid
+  for ((i = 0; i < 250; i++)); do
+    for kid in $(cat "/proc/$1/task/$1/children" 2>/dev/null); do
+      [[ $(readlink "/proc/$kid/exe" 2>/dev/null) == "$BIN" ]] && { echo "$kid"; return 0; }
+    done
+    sleep 0.02
+  done
+  return 1
+}
+
+# syscalls_within_filter: the daemon, traced from its exec to its end as the unit runs it (MIFs
+# registered, a group joined and forwarded, `mldproxyd status` answered, SIGTERM), makes only
+# system calls that the unit's SystemCallFilter= allows; with SystemCallErrorNumber=EPERM any
+# other would fail under systemd. Every name strace saw must be in the expanded sets.
+syscalls_within_filter() {
+  [[ $SETUP_OK == 1 && -n $SETPRIV ]] || fail "no lab or no unit (an earlier check failed)" || return 1
+  command -v systemd-analyze >/dev/null || fail "no systemd-analyze (package systemd)" || return 1
+  local sets allowed=$T_WORK/allowed trace=$T_WORK/syscalls.strace log=$T_WORK/daemon-traced.log
+  local used missing tracer daemon status=0 set
+  sets=$(unit_value SystemCallFilter)
+  [[ -n $sets && $sets != "~"* ]] || fail "the unit has no allow-list SystemCallFilter= ('$sets')" || return 1
+  for set in $sets; do
+    if [[ $set == @* ]]; then filter_syscalls "$set"; else echo "$set"; fi
+  done | sort -u >"$allowed"
+  [[ -s $allowed ]] || fail "systemd-analyze expands '$sets' to $(wc -l <"$allowed") calls" || return 1
+  local sock=$LAB_STATE/run/traced.sock # a directory the unprivileged daemon may write
+  # ip netns exec execs strace: $! is the tracer, its child the daemon (setpriv execs it).
+  # shellcheck disable=SC2086 # SETPRIV is a command line of blank-separated words
+  ip netns exec "$(lab_ns "$LAB_RT")" strace -f -qq -o "$trace" $SETPRIV "$BIN" -f "$CONF" -s "$sock" \
+    </dev/null >"$log" 2>&1 &
+  tracer=$!
+  daemon=$(traced_daemon "$tracer") || { kill -TERM "$tracer"; fail "no daemon process under strace (PID $tracer)"; return 1; }
+  # The daemon itself is what the other helpers (and the clean-up at the end) watch and stop.
+  DAEMON=$daemon LAB_DAEMON_PID=$daemon
+  lab_wait_started 40 || fail "not every link became a MIF under strace: [$(t_mif_table)]; output: $(head -c 300 "$log")" || return 1
+  rm -f "$T_WORK/recv-h1.log" # what h1 received from the earlier daemon must not count
+  forwards_joined_group || return 1
+  lab_exec "$LAB_RT" "$BIN" status -s "$sock" >"$T_WORK/status.txt" 2>&1 ||
+    fail "mldproxyd status: $(head -c 200 "$T_WORK/status.txt")" || return 1
+  kill -TERM "$daemon"
+  lab_wait_exit "$tracer" 10 || { show_file "$trace" 10 strace; kill -KILL "$daemon"; fail "the traced daemon did not end on SIGTERM"; return 1; }
+  wait "$tracer" 2>/dev/null || status=$? # strace ends with its tracee's status
+  t_stop "$RECV_PID"
+  t_stop "$SEND_PID"
+  [[ $status == 0 ]] || fail "the traced daemon ended with status $status" || return 1
+  # From the daemon's exec on: before it, strace saw setpriv (whose work systemd does itself).
+  used=$(awk -v bin="$BIN" 'started { if (match($2, /^[a-z0-9_]+\(/)) print substr($2, 1, RLENGTH - 1); next }
+    $2 ~ "^execve\\(\"" bin "\"" && / = 0$/ { started = 1 }' "$trace" | sort -u)
+  [[ $(wc -l <<<"$used") -gt 10 ]] || fail "strace recorded only: $(tr '\n' ' ' <<<"$used")" || return 1
+  say "system calls of the daemon ($(wc -l <<<"$used")): $(tr '\n' ' ' <<<"$used")"
+  missing=$(comm -23 <(echo "$used") "$allowed")
+  [[ -z $missing ]] || fail "not in SystemCallFilter=$sets: $(tr '\n' ' ' <<<"$missing")"
+}
+
 check unit_runs_unprivileged_with_cap_net_admin_and_cap_net_raw unit_settings
 check service_lab_setup setup
 check daemon_under_unit_privileges_registers_every_link started_with_unit_privileges
@@ -255,6 +322,7 @@ check daemon_runs_as_nobody_with_exactly_the_units_capabilities runs_without_roo
 check daemon_under_unit_privileges_forwards_a_joined_group forwards_joined_group
 check sigterm_ends_unprivileged_daemon_with_status_0 sigterm_ends_cleanly
 check each_capability_of_the_unit_is_needed each_capability_needed
+check every_system_call_of_the_daemon_is_in_the_units_filter syscalls_within_filter
 
 t_stop "$RECV_PID"
 t_stop "$SEND_PID"
