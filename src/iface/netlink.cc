@@ -11,6 +11,8 @@
 #include <cstring>
 
 #include "core/clock.h"
+#include "core/config.h"
+#include "core/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"
@@ -132,7 +134,7 @@ int scan_available_interfaces(int32_t* sockp, int type) {
     if (type == RTM_GETLINK && *sockp <= 0) {
         int s = socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
         if (s < 0) {
-            printf("MLDRT: Can't open bcast socket %d\n", s);
+            mldrt_print_failure("MLDRT: Can't open bcast socket", "socket");
             return -1;
         }
         sockaddr_nl local{};
@@ -140,7 +142,7 @@ int scan_available_interfaces(int32_t* sockp, int type) {
         local.nl_groups = MLDRT_NL_GROUPS;
         int rc = bind(s, reinterpret_cast<sockaddr*>(&local), sizeof local);
         if (rc < 0) {
-            printf("MLDRT: Can't bind bcast socket %d\n", rc);
+            mldrt_print_failure("MLDRT: Can't bind bcast socket", "bind");
             close(s);
             return -1;
         }

@@ -132,11 +132,11 @@ TEST_F(NetlinkTest, SocketOrBindFailureIsReportedAndSendsNothing) {
     int32_t sock = 0;
     fake::kernel().socket_result = -1;
     EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK), -1); }),
-              "MLDRT: Can't open bcast socket -1\n");
+              "MLDRT: Can't open bcast socket: socket: Operation not permitted\n");
     fake::kernel().socket_result = 0;
     fake::kernel().bind_result = -1;
     EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK), -1); }),
-              "MLDRT: Can't bind bcast socket -1\n");
+              "MLDRT: Can't bind bcast socket: bind: Address already in use\n");
     EXPECT_EQ(fake::kernel().closed, std::vector<int>{fake::kernel().sockets.at(0).fd});
     EXPECT_TRUE(fake::kernel().sent.empty());
     EXPECT_EQ(sock, 0);
