@@ -157,6 +157,19 @@ void mldrt_cleanup_interfaces(mldrt_router* r) {
     }
 }
 
+int mldrt_check_config(const char* path) {
+    mldrt_router r;  // a record of its own: nothing of the running daemon's is touched
+    mldrt_router_zero(&r);
+    r.buf_size = MLDRT_BUF_SIZE;
+    r.buf = allocate(r.buf_size, "MLDRT: Router buffer allocation failed");
+    bool good = r.buf && mldrt_get_config(&r, path) == 0;
+    if (good) {
+        mldrt_print("MLDRT: Configuration file %s is good\n", path);
+    }
+    free(r.buf);
+    return good ? 0 : 1;
+}
+
 void mldrt_uninit(mldrt_router* r) {
     mldrt_control_close(r);
     if (r->router_sock > 0) {

@@ -21,6 +21,9 @@ void mldrt_stop_threads(mldrt_router* r);
 // that a service manager sees the failure.
 [[noreturn]] void mldrt_fail_start();
 void mldrt_cleanup_interfaces(mldrt_router* r);
+// `mldproxyd -t`: reads the configuration file and says whether it is good; opens no socket.
+// The exit status: 0 good, 1 bad.
+int mldrt_check_config(const char* path);
 void mldrt_uninit(mldrt_router* r);
 
 // The signals that end the daemon (SIGKILL is named too; the system ignores that request).
