@@ -233,11 +233,13 @@ void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, mldrt_
     }
     // The link keeps the address it had: addresses come and go by address messages alone.
     uint32_t ifindex = entry->ifindex;
+    uint8_t named_left_alone = entry->named_left_alone;
     uint8_t addr[16];
     std::memcpy(addr, entry->addr, sizeof addr);
     std::memset(entry, 0, sizeof *entry);
     entry->state = MLDRT_SYSIF_FILLED;
     entry->ifindex = ifindex;
+    entry->named_left_alone = named_left_alone;
     std::memcpy(entry->addr, addr, sizeof addr);
     copy_link_name(entry, tb[IFLA_IFNAME]);
     entry->event = is_new ? MLDRT_SYSIF_NEWLINK : MLDRT_SYSIF_DELLINK;
@@ -275,6 +277,15 @@ void handle_intf_addr_event(int, const uint8_t* msg, uint32_t len, mldrt_router*
 
 void mldrt_handle_sysif(mldrt_router* r, mldrt_sysif* entry) {
     if (entry->state != MLDRT_SYSIF_FILLED) {
+        return;
+    }
+    // With DOWNSTREAM_IFNAME lines, a link they do not name gets no record, MIF or query: a
+    // container's veth, a guest bridge or a PPP carrier is no place for the proxy's traffic.
+    if (!mldrt_is_chosen_link(r, entry->name)) {
+        if (!entry->named_left_alone) {
+            mldrt_print("MLDRT: Link %s is not a DOWNSTREAM_IFNAME, left alone\n", entry->name);
+            entry->named_left_alone = 1;
+        }
         return;
     }
     uint8_t ev = entry->event;

@@ -171,6 +171,7 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
         std::vector<bytes> batches;
         std::string want;  // "<name> <ifindex>" of the one record made, or "" for none
         const char* out = "";
+        const char* downstream = nullptr;  // the one DOWNSTREAM_IFNAME, if any
     };
     const std::vector<Row> rows = {
         {"link then link-local address", {cat({eth1, ll})}, "eth1 7"},
@@ -217,6 +218,12 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
         {"address attribute of 4 bytes", {eth1, addr(7, rta(IFA_ADDRESS, nullptr, 0))}, ""},
         {"address attribute of 20 bytes", {eth1, addr(7, rta(IFA_ADDRESS, twenty.data(), 20))}, ""},
         {"address message shorter than its header", {eth1, nl(RTM_NEWADDR, bytes(4, 0))}, ""},
+        {"link named by DOWNSTREAM_IFNAME", {eth1, ll}, "eth1 7", "", "eth1"},
+        {"link not named by DOWNSTREAM_IFNAME: no record, named once",
+         {eth1, ll, new_link(7, IFF_MULTICAST, "eth1"), eth1, ll},
+         "",
+         "MLDRT: Link eth1 is not a DOWNSTREAM_IFNAME, left alone\n",
+         "eth2"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -227,6 +234,8 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
         fake::kernel().sockopts.clear();
         fake::kernel().sockets.clear();
         fake::kernel().closed.clear();
+        router.downstream_count = row.downstream ? 1 : 0;
+        mldrt_copy_ifname(router.downstream_ifnames[0], row.downstream ? row.downstream : "");
         std::string out = stdout_of([&] {
             for (const auto& b : row.batches) {
                 feed(b);
