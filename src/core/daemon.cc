@@ -208,9 +208,9 @@ void mldrt_fail_start() {
     exit(1);
 }
 
-void mldrt_shutdown_signals(sigset_t* set) {
+void mldrt_daemon_signals(sigset_t* set) {
     sigemptyset(set);
-    static const int kSignals[] = {SIGUSR1, SIGKILL, SIGABRT, SIGTERM, SIGHUP};
+    static const int kSignals[] = {SIGUSR1, SIGKILL, SIGABRT, SIGTERM, SIGHUP, SIGUSR2};
     for (int sig : kSignals) {
         sigaddset(set, sig);
     }
@@ -219,7 +219,10 @@ void mldrt_shutdown_signals(sigset_t* set) {
 void mldrt_main_wait(mldrt_router* r, const sigset_t* signals) {
     const timespec step{0, 200 * 1000 * 1000};
     for (;;) {
-        if (sigtimedwait(signals, nullptr, &step) > 0) {
+        int sig = sigtimedwait(signals, nullptr, &step);
+        if (sig == SIGUSR2) {
+            g_status_requested = 1;  // the input thread owns the state and prints it
+        } else if (sig > 0) {
             mldv2_done();
         }
         // The thread ends only on a stop request; it is joined so that nothing is left behind,

@@ -1,7 +1,7 @@
 // mldproxyd: an MLD proxy for IPv6 multicast routers. It reads its configuration once
 // (/etc/mld/mld.conf unless -f names another file), writes its diagnostics on standard output
-// (or with --syslog to syslog), answers `mldproxyd status` on its control socket, and ends on a
-// signal.
+// (or with --syslog to syslog), answers `mldproxyd status` on its control socket, prints the
+// same state on SIGUSR2, and ends on a signal.
 #include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -52,7 +52,7 @@ int main(int argc, char** argv) {
     // Blocked before any thread exists, so every thread inherits the mask and only main's
     // sigtimedwait ever takes these signals.
     sigset_t signals;
-    mldrt_shutdown_signals(&signals);
+    mldrt_daemon_signals(&signals);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     mldrt_options o = mldrt_parse_options(argc, argv);
     setvbuf(stdout, nullptr, _IONBF, 0);
