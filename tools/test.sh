@@ -302,7 +302,7 @@ run_without_config() { # command...
 # message when the configuration file is missing, and exits with status 1.
 mips_daemon_smoke() {
   local x86 mips stripped=$SCRATCH/mldproxyd-mips-stripped want
-  want=$(printf '\nMLDRT: Can'"'"'t open file /etc/mld/mld.conf\nexit status 1')
+  want=$(printf '\nMLDRT: Can'"'"'t open file /etc/mld/mld.conf: fopen: No such file or directory\nexit status 1')
   if [[ $(id -u) -ne 0 ]]; then
     say "daemon start-up under qemu-mips: skipped (needs root for unshare --mount)"
     SMOKE_NOTE="start-up under qemu skipped (not root)"
