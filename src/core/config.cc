@@ -46,7 +46,9 @@ number_rule rule_of(int id) {
         case MLDRT_OPT_QUERY_RESPONSE_INTERVAL:
             return {1, 8387584};  // the largest Maximum Response Code, in ms (section 5.1.3)
         case MLDRT_OPT_LAST_LISTENER_QUERY_INTERVAL:
-            return {0, 8387};  // sent as a Maximum Response Code in ms; 0 is taken as 1 s
+            // Specific queries carry it in ms without the floating form: 32767 ms at most.
+            // 0 is taken as 1 s.
+            return {0, 32};
         default:
             return {0, 1};  // VERBOSE: off or on
     }

@@ -98,8 +98,8 @@ TEST_F(ConfigTest, FileTextSetsRouterFields) {
          kUp + kLlqc +
              "ROBUSTNESS_VARIABLE 7\nQUERY_INTERVAL 31744\n"
              "QUERY_RESPONSE_INTERVAL 8387584\n"
-             "LAST_LISTENER_QUERY_INTERVAL 8387\n",
-         "e", 7, 31744, 8387584, 8387, 4, 0, OK, ""},
+             "LAST_LISTENER_QUERY_INTERVAL 32\n",
+         "e", 7, 31744, 8387584, 32, 4, 0, OK, ""},
         {"downstream links, each kept once",
          kUp + kR + kQi + kQri + kLlqi + kLlqc +
              "DOWNSTREAM_IFNAME lan0\nDOWNSTREAM_IFNAME br-lan # the LAN\nDOWNSTREAM_IFNAME lan0\n",
@@ -132,7 +132,7 @@ TEST_F(ConfigTest, FileTextSetsRouterFields) {
                "QUERY_RESPONSE_INTERVAL +7\n",
          "e", 0, 0, 7, 0, 0, 0, LINES,
          at(2, "not a number \"12abc\"") + at(3, "out of range 1-8387584 \"0\"") +
-             at(4, "out of range 0-1 \"2\"") + at(5, "out of range 0-8387 \"-1\"") +
+             at(4, "out of range 0-1 \"2\"") + at(5, "out of range 0-32 \"-1\"") +
              at(6, "out of range 1-7 \"8\"") + at(7, "no value for \"VERBOSE\"") +
              at(8, "out of range 1-7 \"8\"") + at(9, "out of range 1-31744 \"4294967296\"") +
              at(10, "out of range 1-31744 \"31745\"")},
