@@ -299,10 +299,11 @@ run_without_config() { # command...
 
 # The stripped MIPS daemon (release flags) really starts on the target ABI (loader, libc, static
 # C++ runtime) and, like the build machine's daemon, prints exactly the configuration failure
-# message when the configuration file is missing, and exits with status 1.
+# message (it ends with its own newline) when the configuration file is missing, and exits with
+# status 1.
 mips_daemon_smoke() {
   local x86 mips stripped=$SCRATCH/mldproxyd-mips-stripped want
-  want=$(printf '\nMLDRT: Can'"'"'t open file /etc/mld/mld.conf: fopen: No such file or directory\nexit status 1')
+  want=$(printf '\nMLDRT: Can'"'"'t open file /etc/mld/mld.conf: fopen: No such file or directory\n\nexit status 1')
   if [[ $(id -u) -ne 0 ]]; then
     say "daemon start-up under qemu-mips: skipped (needs root for unshare --mount)"
     SMOKE_NOTE="start-up under qemu skipped (not root)"
