@@ -79,7 +79,7 @@ TEST_F(ConfigTest, FileTextSetsRouterFields) {
         {"count without value takes the robustness, also one given later",
          kUp + "LAST_LISTENER_QUERY_COUNT\n" + kR + kQi + kQri + kLlqi, "e", 3, 9, 1000, 2, 3, 0,
          OK, "MLDRT: LAST_LISTENER_QUERY_COUNT not set, using the robustness 3\n"},
-        {"third word of the count line sets verbose; a comment there does not",
+        {"third word of the count line sets verbose",
          kUp + kR + kQi + kQri + kLlqi + "LAST_LISTENER_QUERY_COUNT 2 1\n", "e", 3, 9, 1000, 2, 2,
          1, OK, ""},
         {"comment lines, blank lines and comments after values",
