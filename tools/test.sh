@@ -331,13 +331,13 @@ run_without_config() { # command...
 
 # The stripped daemon of another target (release flags) really starts on its ABI (loader, libc,
 # static C++ runtime) and, like the build machine's daemon, prints exactly the configuration
-# failure message when the configuration file is missing, and exits with status 1. Counts one
-# check (or a skip) and sets SMOKE_NOTE.
+# failure message (it ends with its own newline) when the configuration file is missing, and
+# exits with status 1. Counts one check (or a skip) and sets SMOKE_NOTE.
 daemon_start_smoke() { # label strip binary [runner...]
   local label=$1 strip=$2 bin=$3 x86 out stripped=$SCRATCH/mldproxyd-$1-stripped want how
   shift 3
   how=${1:+ under $1}
-  want=$(printf '\nMLDRT: Can'"'"'t open file /etc/mld/mld.conf\nexit status 1')
+  want=$(printf '\nMLDRT: Can'"'"'t open file /etc/mld/mld.conf: fopen: No such file or directory\n\nexit status 1')
   if [[ $(id -u) -ne 0 ]]; then
     say "$label daemon start-up: skipped (needs root for unshare --mount)"
     SMOKE_NOTE="start-up$how skipped (not root)"

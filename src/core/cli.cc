@@ -47,15 +47,28 @@ int connect_to(const char* path) {
 }  // namespace
 
 mldrt_options mldrt_parse_options(int argc, const char* const* argv) {
-    mldrt_options o{mldrt_command::run, MLDRT_CONFIG_PATH, MLDRT_DEFAULT_SOCKET, false, nullptr};
+    mldrt_options o{
+        mldrt_command::run, MLDRT_CONFIG_PATH, MLDRT_DEFAULT_SOCKET, false, false, nullptr};
     int i = 1;
     if (i < argc && is(argv[i], "status")) {
         o.command = mldrt_command::status;
         i++;
     }
+    // Help and version win wherever they stand, so that asking for help never starts the proxy.
+    for (int j = 1; j < argc; j++) {
+        if (is(argv[j], "--help") || is(argv[j], "-h")) {
+            o.command = mldrt_command::help;
+            return o;
+        }
+        if (is(argv[j], "--version")) {
+            o.command = mldrt_command::version;
+            return o;
+        }
+    }
+    bool proxy = o.command == mldrt_command::run;
     for (; i < argc; i++) {
         const char* w = argv[i];
-        bool takes_value = is(w, "-s") || (is(w, "-f") && o.command == mldrt_command::run);
+        bool takes_value = is(w, "-s") || (is(w, "-f") && proxy);
         if (takes_value && i + 1 >= argc) {
             return bad(o, w);
         }
@@ -63,10 +76,10 @@ mldrt_options mldrt_parse_options(int argc, const char* const* argv) {
             (is(w, "-s") ? o.socket_path : o.config_path) = argv[++i];
         } else if (is(w, "--json") && o.command == mldrt_command::status) {
             o.json = true;
-        } else if ((is(w, "--help") || is(w, "-h")) && argc == 2) {
-            o.command = mldrt_command::help;
-        } else if (is(w, "--version") && argc == 2) {
-            o.command = mldrt_command::version;
+        } else if (is(w, "-t") && proxy) {
+            o.command = mldrt_command::check;
+        } else if (is(w, "--syslog") && proxy) {
+            o.syslog = true;
         } else {
             return bad(o, w);
         }
@@ -76,13 +89,16 @@ mldrt_options mldrt_parse_options(int argc, const char* const* argv) {
 
 void mldrt_print_usage(FILE* out) {
     fprintf(out,
-            "usage: mldproxyd [-f FILE] [-s SOCKET]\n"
+            "usage: mldproxyd [-f FILE] [-s SOCKET] [--syslog]\n"
+            "       mldproxyd -t [-f FILE]\n"
             "       mldproxyd status [--json] [-s SOCKET]\n"
             "       mldproxyd --help | --version\n"
             "\n"
             "Runs the IPv6 multicast (MLD) proxy, or shows the state of the running one.\n"
             "  -f FILE    configuration file (default %s)\n"
             "  -s SOCKET  control socket (default %s)\n"
+            "  -t         check the configuration file and exit: 0 good, 1 bad\n"
+            "  --syslog   messages to syslog (facility daemon) instead of standard output\n"
             "  --json     status as one JSON object\n",
             MLDRT_CONFIG_PATH, MLDRT_DEFAULT_SOCKET);
 }

@@ -1,5 +1,6 @@
 // The command line:
-//   mldproxyd [-f FILE] [-s SOCKET]          run the proxy
+//   mldproxyd [-f FILE] [-s SOCKET] [--syslog]   run the proxy
+//   mldproxyd -t [-f FILE]                   check the configuration file, touch nothing else
 //   mldproxyd status [--json] [-s SOCKET]    show the running daemon's state
 //   mldproxyd --help | --version
 // and the status client, which asks the daemon over its control socket.
@@ -8,13 +9,14 @@
 
 #include <cstdio>
 
-enum class mldrt_command { run, status, help, version, bad };
+enum class mldrt_command { run, check, status, help, version, bad };
 
 struct mldrt_options {
     mldrt_command command;
     const char* config_path;  // -f; /etc/mld/mld.conf by default
     const char* socket_path;  // -s; /run/mldproxyd.sock by default
     bool json;                // status --json
+    bool syslog;              // --syslog: messages to syslog instead of standard output
     const char* bad_word;     // the word that made the command line bad
 };
 

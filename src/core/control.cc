@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "core/clock.h"
+#include "core/log.h"
 #include "core/status.h"
 
 namespace {
@@ -51,7 +52,7 @@ bool fill_address(sockaddr_un* addr, const char* path) {
     *addr = sockaddr_un{};
     addr->sun_family = AF_UNIX;
     if (strlen(path) >= sizeof addr->sun_path) {
-        printf("MLDRT: Control socket path too long: %s\n", path);
+        mldrt_print("MLDRT: Control socket path too long: %s\n", path);
         return false;
     }
     std::memcpy(addr->sun_path, path, strlen(path) + 1);
@@ -70,7 +71,7 @@ bool answered(const sockaddr_un* addr) {
 }
 
 bool fail(const char* call, const char* path, int fd) {
-    printf("MLDRT: Can't %s control socket %s: %s\n", call, path, strerror(errno));
+    mldrt_print("MLDRT: Can't %s control socket %s: %s\n", call, path, strerror(errno));
     if (fd >= 0) {
         close(fd);
     }
@@ -182,7 +183,7 @@ void mldrt_control_answer(mldrt_router* r, const char* request, mldrt_text* repl
 bool mldrt_control_open(mldrt_router* r, const char* path) {
     auto* ctl = static_cast<mldrt_control*>(calloc(1, sizeof(mldrt_control)));
     if (!ctl) {
-        puts("MLDRT: Control socket allocation failed");
+        mldrt_print("MLDRT: Control socket allocation failed\n");
         return false;
     }
     ctl->fd = -1;
@@ -194,7 +195,7 @@ bool mldrt_control_open(mldrt_router* r, const char* path) {
         return false;
     }
     if (answered(&ctl->addr)) {
-        printf("MLDRT: Another mldproxyd answers on %s\n", path);
+        mldrt_print("MLDRT: Another mldproxyd answers on %s\n", path);
         return false;
     }
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);

@@ -7,10 +7,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "core/config.h"
 #include "core/control.h"
 #include "core/input_thread.h"
+#include "core/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "iface/netlink.h"
@@ -23,7 +25,7 @@ bool g_thread_joinable = false;
 uint8_t* allocate(uint32_t size, const char* failure) {
     auto* p = static_cast<uint8_t*>(calloc(1, size));
     if (!p) {
-        puts(failure);
+        mldrt_print("%s\n", failure);
     }
     return p;
 }
@@ -44,7 +46,7 @@ bool allocate_buffers(mldrt_router* r) {
 bool set_router_option(int sock, int level, int name, int value, const char* failure) {
     int rc = setsockopt(sock, level, name, &value, sizeof value);
     if (rc < 0) {
-        printf(failure, rc);
+        mldrt_print_failure(failure, "setsockopt");
         return false;
     }
     return true;
@@ -67,22 +69,22 @@ void enlarge_receive_queue(int sock) {
 bool open_router_socket(mldrt_router* r) {
     r->router_sock = socket(AF_INET6, SOCK_RAW, MLDRT_PROTO_ICMPV6);
     if (r->router_sock < 0) {
-        printf("MLDRT: Can't open router socket %d\n", r->router_sock);
+        mldrt_print_failure("MLDRT: Can't open router socket", "socket");
         return false;
     }
     int s = r->router_sock;
     if (!set_router_option(s, SOL_SOCKET, SO_REUSEADDR, 1,
-                           "MLDRT: Can't setsockopt for SO_REUSEADDR %d\n") ||
+                           "MLDRT: Can't setsockopt for SO_REUSEADDR") ||
         !set_router_option(s, IPPROTO_IPV6, IPV6_RECVPKTINFO, 1,
-                           "MLDRT: Can't setsockopt for IPV6_RECVPKTINFO %d\n") ||
+                           "MLDRT: Can't setsockopt for IPV6_RECVPKTINFO") ||
         !set_router_option(s, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 1,
-                           "MLDRT: Can't setsockopt for IPV6_MULTICAST_HOPS %d\n") ||
+                           "MLDRT: Can't setsockopt for IPV6_MULTICAST_HOPS") ||
         !set_router_option(s, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 0,
-                           "MLDRT: Can't setsockopt for IPV6_MULTICAST_LOOP %d\n")) {
+                           "MLDRT: Can't setsockopt for IPV6_MULTICAST_LOOP")) {
         return false;
     }
     if (mldrt_set_mld_icmp_filter(s) < 0) {
-        puts("MLDRT: Can't setsockopt for ICMP6_FILTER");
+        mldrt_print_failure("MLDRT: Can't setsockopt for ICMP6_FILTER", "setsockopt");
         return false;
     }
     enlarge_receive_queue(s);
@@ -92,9 +94,10 @@ bool open_router_socket(mldrt_router* r) {
 int create_input_thread(mldrt_router* r) {
     g_input_thread_done = 0;
     r->input_thread = pthread_t{};
-    if (pthread_create(&r->input_thread, nullptr, mldrt_input_thread, r) != 0) {
+    int error = pthread_create(&r->input_thread, nullptr, mldrt_input_thread, r);
+    if (error != 0) {
         r->running = 0;
-        puts("MLDRT: Can't start input thread");
+        mldrt_print("MLDRT: Can't start input thread: pthread_create: %s\n", strerror(error));
         return -1;
     }
     g_thread_joinable = true;
@@ -118,9 +121,8 @@ int mldv2_init(mldrt_router* r, const char* config_path, const char* control_pat
         mldrt_k_init(r->router_sock) == -1) {
         return -1;
     }
-    int rc = mldrt_start_netlink(r);
-    if (rc == -1) {
-        printf("MLDRT: Can't get interface info %d\n", rc);
+    if (mldrt_start_netlink(r) == -1) {
+        mldrt_print("MLDRT: Can't get interface info\n");  // the failed call is named above
         return -1;
     }
     return 0;
@@ -153,6 +155,19 @@ void mldrt_cleanup_interfaces(mldrt_router* r) {
         mldrt_delete_k_vif(r->router_sock, ifp);
         mldrt_delete_interface(ifp);
     }
+}
+
+int mldrt_check_config(const char* path) {
+    mldrt_router r;  // a record of its own: nothing of the running daemon's is touched
+    mldrt_router_zero(&r);
+    r.buf_size = MLDRT_BUF_SIZE;
+    r.buf = allocate(r.buf_size, "MLDRT: Router buffer allocation failed");
+    bool good = r.buf && mldrt_get_config(&r, path) == 0;
+    if (good) {
+        mldrt_print("MLDRT: Configuration file %s is good\n", path);
+    }
+    free(r.buf);
+    return good ? 0 : 1;
 }
 
 void mldrt_uninit(mldrt_router* r) {
@@ -193,9 +208,9 @@ void mldrt_fail_start() {
     exit(1);
 }
 
-void mldrt_shutdown_signals(sigset_t* set) {
+void mldrt_daemon_signals(sigset_t* set) {
     sigemptyset(set);
-    static const int kSignals[] = {SIGUSR1, SIGKILL, SIGABRT, SIGTERM, SIGHUP};
+    static const int kSignals[] = {SIGUSR1, SIGKILL, SIGABRT, SIGTERM, SIGHUP, SIGUSR2};
     for (int sig : kSignals) {
         sigaddset(set, sig);
     }
@@ -204,7 +219,10 @@ void mldrt_shutdown_signals(sigset_t* set) {
 void mldrt_main_wait(mldrt_router* r, const sigset_t* signals) {
     const timespec step{0, 200 * 1000 * 1000};
     for (;;) {
-        if (sigtimedwait(signals, nullptr, &step) > 0) {
+        int sig = sigtimedwait(signals, nullptr, &step);
+        if (sig == SIGUSR2) {
+            g_status_requested = 1;  // the input thread owns the state and prints it
+        } else if (sig > 0) {
             mldv2_done();
         }
         // The thread ends only on a stop request; it is joined so that nothing is left behind,

@@ -21,11 +21,16 @@ void mldrt_stop_threads(mldrt_router* r);
 // that a service manager sees the failure.
 [[noreturn]] void mldrt_fail_start();
 void mldrt_cleanup_interfaces(mldrt_router* r);
+// `mldproxyd -t`: reads the configuration file and says whether it is good; opens no socket.
+// The exit status: 0 good, 1 bad.
+int mldrt_check_config(const char* path);
 void mldrt_uninit(mldrt_router* r);
 
-// The signals that end the daemon (SIGKILL is named too; the system ignores that request).
-void mldrt_shutdown_signals(sigset_t* set);
-// Main's life after start-up: ends the daemon on a signal, and otherwise sleeps.
+// The signals the daemon takes: those that end it (SIGKILL is named too; the system ignores
+// that request) and SIGUSR2, which asks for the state to be printed.
+void mldrt_daemon_signals(sigset_t* set);
+// Main's life after start-up: ends the daemon on a signal, passes SIGUSR2 on to the input
+// thread, and otherwise sleeps.
 [[noreturn]] void mldrt_main_wait(mldrt_router* r, const sigset_t* signals);
 
 #endif

@@ -7,7 +7,9 @@
 #include "core/addr.h"
 #include "core/clock.h"
 #include "core/control.h"
+#include "core/log.h"
 #include "core/receive.h"
+#include "core/status.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "iface/netlink.h"
@@ -15,6 +17,7 @@
 #include "proxy/proxy.h"
 
 std::atomic<int> g_input_thread_done{0};
+std::atomic<int> g_status_requested{0};
 
 namespace {
 
@@ -173,6 +176,15 @@ void run_due(mldrt_router* r, uint64_t* next_tick) {
     mldrt_retransmit_due(r, now);
 }
 
+void print_status(mldrt_router* r) {
+    mldrt_text text{};
+    mldrt_render_status(r, false, &text);
+    if (text.len > 0) {
+        mldrt_print_text(text.data, text.len);
+    }
+    mldrt_text_free(&text);
+}
+
 }  // namespace
 
 unsigned mldrt_take_startup_actions(mldrt_router* r) {
@@ -221,6 +233,9 @@ void mldrt_input_pass(mldrt_router* r, uint64_t* next_tick) {
         FD_ZERO(&writable);
     }
     mldrt_control_serve(r, &readable, &writable);
+    if (g_status_requested.exchange(0) != 0) {
+        print_status(r);
+    }
     run_due(r, next_tick);
     // What this pass heard and what ran out in it reach the upstream before the next wait.
     if (r->active == 1) {

@@ -13,6 +13,9 @@
 
 // Set by the input thread as its last act, so that main knows it can be joined.
 extern std::atomic<int> g_input_thread_done;
+// Set by main on SIGUSR2: the input thread prints the state (what `mldproxyd status` shows) in
+// its next pass, within a second.
+extern std::atomic<int> g_status_requested;
 
 // The thread body; `arg` is the router. It ends when `running` is cleared or a stop requested.
 void* mldrt_input_thread(void* arg);

@@ -1,12 +1,28 @@
-// Messages caused by what arrives from a link. A LAN host can make the daemon repeat one of
-// them as fast as it sends, so each message text is printed at most once a second; the next
-// one printed after others were held back says how many: "... (N more like this in the last
-// second)". Start-up, configuration and shutdown messages do not come through here and are
-// never held back.
+// Where the daemon's messages go, and how often a LAN host can make it repeat one.
+//
+// Every message goes through mldrt_print (or the mldrt_log family below): to standard output,
+// or with --syslog to syslog (facility daemon, ident mldproxyd), one syslog record per line.
+//
+// Messages caused by what arrives from a link come through mldrt_log*: a LAN host can make the
+// daemon repeat one of them as fast as it sends, so each message text is printed at most once a
+// second; the next one printed after others were held back says how many: "... (N more like
+// this in the last second)". Start-up, configuration and shutdown messages use mldrt_print and
+// are never held back.
 #ifndef MLDPROXYD_CORE_LOG_H
 #define MLDPROXYD_CORE_LOG_H
 
+#include <cstddef>
 #include <cstdint>
+
+// From now on messages go to syslog (true) or to standard output (false, the default).
+void mldrt_log_use_syslog(bool on);
+
+// printf of `fmt` to wherever messages go; returns the text's length.
+int mldrt_print(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// A failed system call: "`text`: `call`: strerror(errno)" and a newline.
+void mldrt_print_failure(const char* text, const char* call);
+// `len` bytes of text as they are (a long text such as the status, in one piece).
+void mldrt_print_text(const char* text, size_t len);
 
 // printf of `fmt`, unless a message of the same format was printed less than a second ago.
 // Returns the text's length either way, as printf would, so callers that pass it on keep doing so.

@@ -1,6 +1,7 @@
 // mldproxyd: an MLD proxy for IPv6 multicast routers. It reads its configuration once
-// (/etc/mld/mld.conf unless -f names another file), writes its diagnostics on standard output,
-// answers `mldproxyd status` on its control socket, and ends on a signal.
+// (/etc/mld/mld.conf unless -f names another file), writes its diagnostics on standard output
+// (or with --syslog to syslog), answers `mldproxyd status` on its control socket, prints the
+// same state on SIGUSR2, and ends on a signal.
 #include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 
 #include "core/cli.h"
 #include "core/daemon.h"
+#include "core/log.h"
 #include "core/router.h"
 #include "iface/netlink.h"
 
@@ -50,14 +52,20 @@ int main(int argc, char** argv) {
     // Blocked before any thread exists, so every thread inherits the mask and only main's
     // sigtimedwait ever takes these signals.
     sigset_t signals;
-    mldrt_shutdown_signals(&signals);
+    mldrt_daemon_signals(&signals);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     mldrt_options o = mldrt_parse_options(argc, argv);
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    if (o.command == mldrt_command::check) {
+        return mldrt_check_config(o.config_path);
+    }
     if (o.command != mldrt_command::run) {
         return run_other_command(o);
     }
     occupy_standard_descriptors();
-    setvbuf(stdout, nullptr, _IONBF, 0);
+    if (o.syslog) {
+        mldrt_log_use_syslog(true);
+    }
 
     mldrt_sysif_reset();
     if (mldv2_init(&router, o.config_path, o.socket_path) == -1 ||

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/log.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"
 #include "kernel/upcall.h"
@@ -81,7 +82,7 @@ bool mldrt_handle_input(mldrt_router* r, int proto) {
     }
     in6_pktinfo info;
     if (!find_pktinfo(&f.msg, &info)) {
-        printf("MLDRT: Could not get receive interface info index was %d\n", 0);
+        mldrt_print("MLDRT: Could not get receive interface info index was %d\n", 0);
         return true;
     }
     if (is_upstream_upcall(r, r->buf, n)) {
@@ -95,7 +96,7 @@ bool mldrt_handle_input(mldrt_router* r, int proto) {
     }
     char text[INET6_ADDRSTRLEN];
     if (!inet_ntop(AF_INET6, &f.from.sin6_addr, text, sizeof text)) {
-        puts("mld_rcv : Problem with sender address resolution");
+        mldrt_print("mld_rcv : Problem with sender address resolution\n");
         return true;
     }
     uint8_t src[16];

@@ -31,6 +31,8 @@ void mldrt_router_zero(mldrt_router* r) {
     r->del_mifi = 0;
     std::memset(r->upstream_addr, 0, sizeof r->upstream_addr);
     std::memset(r->upstream_ifname, 0, sizeof r->upstream_ifname);
+    std::memset(r->downstream_ifnames, 0, sizeof r->downstream_ifnames);
+    r->downstream_count = 0;
     std::memset(r->group_text, 0, sizeof r->group_text);
     r->counters = mldrt_counters{};
     r->control = nullptr;

@@ -29,6 +29,8 @@ inline void mldrt_copy_ifname(char* dst, const char* src) {
     dst[len] = '\0';
 }
 constexpr int MLDRT_PROTO_ICMPV6 = 58;
+// DOWNSTREAM_IFNAME lines kept: the kernel has 32 MIFs, and one of them is the upstream's.
+constexpr uint32_t MLDRT_MAX_DOWNSTREAM = 31;
 
 // Router-wide counts since the start, for `mldproxyd status`.
 struct mldrt_counters {
@@ -66,6 +68,9 @@ struct mldrt_router {
     uint32_t del_mifi;
     uint8_t upstream_addr[16];
     char upstream_ifname[MLDRT_IFNAME_LEN + 1];  // always terminated
+    // The links chosen as downstream; none named means every multicast link is one.
+    char downstream_ifnames[MLDRT_MAX_DOWNSTREAM][MLDRT_IFNAME_LEN + 1];
+    uint32_t downstream_count;
     char group_text[48];
     mldrt_counters counters;
     mldrt_control* control;  // the control socket and its clients; null while there is none

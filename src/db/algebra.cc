@@ -81,7 +81,7 @@ uint32_t mldrt_subtract_srclist_and_rcvd_record(mldrt_src_result* result, const 
         }
         return result->n;
     }
-    mldrt_log("\n FATAL: Invalid mode type passed");
+    mldrt_log("\n FATAL: Invalid mode type passed\n");
     return 0;
 }
 
@@ -127,7 +127,7 @@ int mldrt_intersect_grp_srclist_with_rcvd_record(mldrt_router* r, mldrt_group* g
                                                  const uint8_t* rec_srcs, uint32_t nsrc,
                                                  mldrt_interface* ifp) {
     if (ltype > MLDRT_L_EXC) {
-        mldrt_log("\n Invalid List Type");
+        mldrt_log("\n Invalid List Type\n");
         return -1;
     }
     mldrt_src* next = nullptr;
@@ -139,7 +139,7 @@ int mldrt_intersect_grp_srclist_with_rcvd_record(mldrt_router* r, mldrt_group* g
         uint8_t addr[16];
         std::memcpy(addr, s->src_addr, sizeof addr);  // the entry is freed by the removal
         if (mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, ltype, addr, ifp) != 0) {
-            mldrt_log("\n Removal of entry failed");
+            mldrt_log("\n Removal of entry failed\n");
             return -1;
         }
     }
@@ -149,7 +149,7 @@ int mldrt_intersect_grp_srclist_with_rcvd_record(mldrt_router* r, mldrt_group* g
 int mldrt_empty_grp_srclist(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype,
                             mldrt_interface* ifp) {
     if (ltype == MLDRT_L_SRSP || ltype == MLDRT_L_NON_SRSP || ltype > MLDRT_L_SCR_BLOCK) {
-        mldrt_log("\n FATAL: Req for deleteing unknown list type in the group");
+        mldrt_log("\n FATAL: Req for deleteing unknown list type in the group\n");
         return 0;
     }
     mldrt_src** list = ltype <= MLDRT_L_EXC ? mldrt_select_srclist(g, g->mfdb, ltype)

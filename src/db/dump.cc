@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "core/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
 
@@ -26,56 +27,56 @@ unsigned identity(const void* p) {
 }
 
 void dump_forwarding(const mldrt_mfdb_entry* e) {
-    printf("\n \tMFD 0x%x Fdaddr %s", identity(e), text_of(e->grp_addr).s);
-    printf("\n \tFwding Info: ");
+    mldrt_print("\n \tMFD 0x%x Fdaddr %s", identity(e), text_of(e->grp_addr).s);
+    mldrt_print("\n \tFwding Info: ");
     if (!e->fwinfo_list) {
-        printf(" NULL");
+        mldrt_print(" NULL");
     }
     for (const mldrt_fwinfo* fw = e->fwinfo_list; fw; fw = fw->next) {
-        printf("\n \t\tSrcAddr  %s", text_of(fw->src_addr).s);
-        printf("\n \t\tMember MIF Idx");
+        mldrt_print("\n \t\tSrcAddr  %s", text_of(fw->src_addr).s);
+        mldrt_print("\n \t\tMember MIF Idx");
         for (int i = 0; i < static_cast<int>(MLDRT_MAXMIF_MARKS); i++) {
             if (fw->mif_member[i] == 1) {
-                printf(" %d", i);
+                mldrt_print(" %d", i);
             }
         }
     }
 }
 
 void dump_group(int n, const mldrt_group* g) {
-    printf("\n\n =======Grp %d 0x%x addr %s ftimer %d fmode %d======= ", n, identity(g),
-           text_of(g->grp_addr).s, g->ftimer, static_cast<int>(g->fmode));
-    printf("\n Include List: ");
+    mldrt_print("\n\n =======Grp %d 0x%x addr %s ftimer %d fmode %d======= ", n, identity(g),
+                text_of(g->grp_addr).s, g->ftimer, static_cast<int>(g->fmode));
+    mldrt_print("\n Include List: ");
     mldrt_display_srclist("Include List", g->include_list);
     mldrt_display_srclist("Req List", g->req_list);
     mldrt_display_srclist("Exc List", g->exc_list);
-    printf("\n\n ---MFD Information---  ");
+    mldrt_print("\n\n ---MFD Information---  ");
     if (!g->mfdb) {
-        printf("\n NULL");
+        mldrt_print("\n NULL");
     } else {
         dump_forwarding(g->mfdb);
     }
 }
 
 void dump_state(const char* heading, const char* label, const mldrt_hs_state* hs) {
-    printf("%s", heading);
+    mldrt_print("%s", heading);
     if (!hs) {
-        printf(" NULL");
+        mldrt_print(" NULL");
         return;
     }
-    printf("\n     MODE    %d", static_cast<int>(hs->mode));
+    mldrt_print("\n     MODE    %d", static_cast<int>(hs->mode));
     mldrt_display_srclist(label, hs->list);
 }
 
 }  // namespace
 
 void mldrt_display_srclist(const char* label, const mldrt_src* list) {
-    printf("\n %s :", label);
+    mldrt_print("\n %s :", label);
     if (!list) {
-        printf(" NULL ");
+        mldrt_print(" NULL ");
     }
     for (; list; list = list->next) {
-        printf("[ %s time %d ] ", text_of(list->src_addr).s, list->timer);
+        mldrt_print("[ %s time %d ] ", text_of(list->src_addr).s, list->timer);
     }
 }
 
@@ -83,28 +84,28 @@ void mldrt_dump_interface_info(mldrt_router* r, mldrt_interface* ifp, const char
     if (r->verbose == 0) {
         return;
     }
-    printf("\n<===================%s======================>", title);
-    printf("\n Interface %s PhyIdx %d", ifp->name, static_cast<int>(ifp->ifindex));
-    printf("\n Member Groups ");
+    mldrt_print("\n<===================%s======================>", title);
+    mldrt_print("\n Interface %s PhyIdx %d", ifp->name, static_cast<int>(ifp->ifindex));
+    mldrt_print("\n Member Groups ");
     if (!ifp->groups) {
-        printf(" :NO GROUPS");
+        mldrt_print(" :NO GROUPS");
     }
     int n = 0;
     for (const mldrt_group* g = ifp->groups; g; g = g->next) {
         dump_group(n++, g);
     }
-    puts("\n===================================================================\n");
+    mldrt_print("\n===================================================================\n\n");
 }
 
 void mldrt_dump_host_states(mldrt_router* r, const mldrt_mfdb_entry* e) {
     if (r->verbose == 0) {
         return;
     }
-    printf("\n <---------Group Host State for Group %s------------->", text_of(e->grp_addr).s);
+    mldrt_print("\n <---------Group Host State for Group %s------------->", text_of(e->grp_addr).s);
     dump_state("\n\n Old State :", "OldState SrcList", e->old_host_state);
     dump_state("\n\n New State :", "NewState SrcList", e->new_host_state);
-    printf("\n\n SCR Info");
-    printf(
+    mldrt_print("\n\n SCR Info");
+    mldrt_print(
         "\n scr_fmode_rtx_timer %d, scr_to_ex_cnt %d scr_to_in_cnt %d scr_allow_cnt %d "
         "scr_block_cnt %d",
         e->scr_fmode_rtx_timer, e->scr_to_ex_cnt, e->scr_to_in_cnt, e->scr_allow_cnt,
@@ -113,5 +114,6 @@ void mldrt_dump_host_states(mldrt_router* r, const mldrt_mfdb_entry* e) {
     mldrt_display_srclist("scr_to_in_list", e->scr_to_in_list);
     mldrt_display_srclist("scr_allow_list", e->scr_allow_list);
     mldrt_display_srclist("scr_block_list", e->scr_block_list);
-    puts("\n <------------------------------------------------------------------------->\n");
+    mldrt_print(
+        "\n <------------------------------------------------------------------------->\n\n");
 }

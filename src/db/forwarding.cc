@@ -110,7 +110,7 @@ void mldrt_sync_kernel_forwarding(mldrt_router* r, mldrt_mfdb_entry* e, const ui
 int mldrt_add_entry_to_grp_srclist(mldrt_router* r, mldrt_group* g, uint32_t ltype,
                                    const uint8_t* src, int32_t timer, mldrt_interface* ifp) {
     if (ltype > MLDRT_L_EXC) {
-        mldrt_log("\n Invalid list type");
+        mldrt_log("\n Invalid list type\n");
         return 0;
     }
     // :: is the forwarding database's whole-group mark: a record naming it as a source names
@@ -131,18 +131,18 @@ int mldrt_add_entry_to_grp_srclist(mldrt_router* r, mldrt_group* g, uint32_t lty
 int mldrt_remove_entry_from_grp_srclist(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e,
                                         uint32_t ltype, const uint8_t* src, mldrt_interface* ifp) {
     if (ltype > MLDRT_L_SCR_BLOCK) {
-        mldrt_log("\n Invalid ltype");
+        mldrt_log("\n Invalid ltype\n");
         return 0;
     }
     if (ltype >= MLDRT_L_EXC) {
         if (mldrt_del_src_from_group(g, e, ltype, src) != 0) {
-            mldrt_log("\n FATAL Error - Cannot del src from group exclude list");
+            mldrt_log("\n FATAL Error - Cannot del src from group exclude list\n");
             return -1;
         }
         return ltype == MLDRT_L_EXC ? remove_forwarding(r, g, src, ifp, MLDRT_MARK_EXCLUDED) : 0;
     }
     if (mldrt_del_src_from_group(g, g->mfdb, ltype, src) != 0) {
-        mldrt_log("\n FATAL Error - Cannot del src from group include list");
+        mldrt_log("\n FATAL Error - Cannot del src from group include list\n");
         return -1;
     }
     return remove_forwarding(r, g, src, ifp, MLDRT_MARK_WANTED);

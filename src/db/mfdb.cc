@@ -48,7 +48,7 @@ mldrt_mfdb_entry* mldrt_create_mfdb_entry(const uint8_t* grp) {
     std::memcpy(e->grp_addr, grp, 16);
     e->old_host_state = static_cast<mldrt_hs_state*>(calloc(1, sizeof(mldrt_hs_state)));
     if (!e->old_host_state) {
-        mldrt_log("\n Allocation of host state failed during mfdb creation");
+        mldrt_log("\n Allocation of host state failed during mfdb creation\n");
         free(e);
         return nullptr;
     }

@@ -101,7 +101,7 @@ void mldrt_report_limit(mldrt_limit limit) {
     }
     rep.reported = true;
     rep.last = now;
-    printf("MLDRT: Limit of %u %s reached, %s\n", rep.value, rep.what, rep.outcome);
+    mldrt_print("MLDRT: Limit of %u %s reached, %s\n", rep.value, rep.what, rep.outcome);
 }
 
 mldrt_group* mldrt_lookup_group(mldrt_interface* ifp, const uint8_t* grp) {
@@ -218,7 +218,7 @@ mldrt_src** mldrt_select_srclist(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t l
         case MLDRT_L_SCR_BLOCK:
             return &e->scr_block_list;
         default:
-            mldrt_log("\n Fatal:: Unknow list type");
+            mldrt_log("\n Fatal:: Unknow list type\n");
             return nullptr;
     }
 }

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/log.h"
 #include "mld/mld.h"
 
 namespace {
@@ -39,40 +40,40 @@ int join_group(int sock, const uint8_t* group, uint32_t ifindex) {
 bool set_interface_options(mldrt_interface* ifp) {
     int s = ifp->sock;
     if (set_int_option(s, SOL_SOCKET, SO_REUSEADDR, 1) < 0) {
-        puts("MLDRT: SetSockOpt failed for SO_REUSEADDR");
+        mldrt_print_failure("MLDRT: SetSockOpt failed for SO_REUSEADDR", "setsockopt");
         return false;
     }
     if (set_int_option(s, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 1) < 0) {
-        puts("MLDRT: SetSockOpt failed for IPV6_MULTICAST_HOPS");
+        mldrt_print_failure("MLDRT: SetSockOpt failed for IPV6_MULTICAST_HOPS", "setsockopt");
         return false;
     }
     if (set_int_option(s, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 0) < 0) {
-        puts("MLDRT: SetSockOpt failed for IPV6_MULTICAST_LOOP");
+        mldrt_print_failure("MLDRT: SetSockOpt failed for IPV6_MULTICAST_LOOP", "setsockopt");
         return false;
     }
     int rc = set_int_option(s, IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(ifp->ifindex));
     if (rc < 0) {
-        printf("MLDRT: SetSockOpt failed for IP_MULTICAST_IF %d\n", rc);
+        mldrt_print_failure("MLDRT: SetSockOpt failed for IP_MULTICAST_IF", "setsockopt");
         return false;
     }
     if (join_group(s, MLDRT_ADDR_ALL_ROUTERS, ifp->ifindex) < 0) {
-        puts("MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP1");
+        mldrt_print_failure("MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP1", "setsockopt");
         return false;
     }
     if (join_group(s, MLDRT_ADDR_ALL_MLDV2_ROUTERS, ifp->ifindex) < 0) {
-        puts("MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP2");
+        mldrt_print_failure("MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP2", "setsockopt");
         return false;
     }
     if (set_int_option(s, kSolRaw, IPV6_CHECKSUM, kIcmp6ChecksumOffset) < 0) {
-        puts("MLDRT: SetSockOpt failed for IPV6_CHECKSUM");
+        mldrt_print_failure("MLDRT: SetSockOpt failed for IPV6_CHECKSUM", "setsockopt");
         return false;
     }
     if (set_int_option(s, IPPROTO_IPV6, IPV6_RECVPKTINFO, 1) < 0) {
-        puts("MLDRT: SetSockOpt failed for IPV6_RECVPKTINFO");
+        mldrt_print_failure("MLDRT: SetSockOpt failed for IPV6_RECVPKTINFO", "setsockopt");
         return false;
     }
     if (mldrt_set_mld_icmp_filter(s) < 0) {
-        puts("MLDRT: SetSockOpt failed for ICMP Filter");
+        mldrt_print_failure("MLDRT: SetSockOpt failed for ICMP Filter", "setsockopt");
         return false;
     }
     return true;
@@ -157,21 +158,25 @@ mldrt_interface* mldrt_create_interface(mldrt_router* r, const mldrt_interface_d
                                         uint16_t mifi) {
     auto* ifp = static_cast<mldrt_interface*>(calloc(1, sizeof(mldrt_interface)));
     if (!ifp) {
-        puts("MLDRT: Router interface allocation failed");
+        mldrt_print("MLDRT: Router interface allocation failed\n");
         return nullptr;
     }
     int mtu = get_interface_mtu(desc->name);
     if (!mldrt_set_interface_mtu(
             ifp, mtu > 0 ? static_cast<uint32_t>(mtu) : MLDRT_DEFAULT_IF_BUF_SIZE)) {
         free(ifp);
-        puts("MLDRT: Interface buffer allocation failed");
+        mldrt_print("MLDRT: Interface buffer allocation failed\n");
         return nullptr;
     }
     ifp->sock = socket(AF_INET6, SOCK_RAW, MLDRT_PROTO_ICMPV6);
     // A descriptor that select() cannot watch is as useless as none at all.
     if (ifp->sock < 0 || ifp->sock >= FD_SETSIZE) {
+        if (ifp->sock < 0) {
+            mldrt_print_failure("MLDRT: Cant open interface socket", "socket");
+        } else {
+            mldrt_print("MLDRT: Cant open interface socket\n");
+        }
         release_record(ifp);
-        puts("MLDRT: Cant open interface socket");
         return nullptr;
     }
     fill_record(r, ifp, desc, mifi);

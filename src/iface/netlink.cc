@@ -11,6 +11,8 @@
 #include <cstring>
 
 #include "core/clock.h"
+#include "core/config.h"
+#include "core/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"
@@ -132,7 +134,7 @@ int scan_available_interfaces(int32_t* sockp, int type) {
     if (type == RTM_GETLINK && *sockp <= 0) {
         int s = socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
         if (s < 0) {
-            printf("MLDRT: Can't open bcast socket %d\n", s);
+            mldrt_print_failure("MLDRT: Can't open bcast socket", "socket");
             return -1;
         }
         sockaddr_nl local{};
@@ -140,7 +142,7 @@ int scan_available_interfaces(int32_t* sockp, int type) {
         local.nl_groups = MLDRT_NL_GROUPS;
         int rc = bind(s, reinterpret_cast<sockaddr*>(&local), sizeof local);
         if (rc < 0) {
-            printf("MLDRT: Can't bind bcast socket %d\n", rc);
+            mldrt_print_failure("MLDRT: Can't bind bcast socket", "bind");
             close(s);
             return -1;
         }
@@ -231,11 +233,13 @@ void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, mldrt_
     }
     // The link keeps the address it had: addresses come and go by address messages alone.
     uint32_t ifindex = entry->ifindex;
+    uint8_t named_left_alone = entry->named_left_alone;
     uint8_t addr[16];
     std::memcpy(addr, entry->addr, sizeof addr);
     std::memset(entry, 0, sizeof *entry);
     entry->state = MLDRT_SYSIF_FILLED;
     entry->ifindex = ifindex;
+    entry->named_left_alone = named_left_alone;
     std::memcpy(entry->addr, addr, sizeof addr);
     copy_link_name(entry, tb[IFLA_IFNAME]);
     if (rta_payload_len(tb[IFLA_MTU]) == sizeof entry->mtu) {
@@ -276,6 +280,19 @@ void handle_intf_addr_event(int, const uint8_t* msg, uint32_t len, mldrt_router*
 
 void mldrt_handle_sysif(mldrt_router* r, mldrt_sysif* entry) {
     if (entry->state != MLDRT_SYSIF_FILLED) {
+        return;
+    }
+    // With DOWNSTREAM_IFNAME lines, a link they do not name gets no record, MIF or query: a
+    // container's veth, a guest bridge or a PPP carrier is no place for the proxy's traffic.
+    if (!mldrt_is_chosen_link(r, entry->name)) {
+        // A chosen link renamed to a name not chosen is no downstream any more.
+        if (mldrt_lookup_interface_index(r, entry->ifindex)) {
+            mldrt_handle_interface_down(r, entry);
+        }
+        if (!entry->named_left_alone) {
+            mldrt_print("MLDRT: Link %s is not a DOWNSTREAM_IFNAME, left alone\n", entry->name);
+            entry->named_left_alone = 1;
+        }
         return;
     }
     uint8_t ev = entry->event;

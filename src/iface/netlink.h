@@ -12,9 +12,10 @@ struct rtattr;
 
 // What the kernel told us about one system interface.
 struct mldrt_sysif {
-    uint8_t state;  // MLDRT_SYSIF_FILLED once a link message filled it
-    uint8_t event;  // bits MLDRT_SYSIF_EV_*
-    uint8_t up;     // IFF_UP of the last link message
+    uint8_t state;             // MLDRT_SYSIF_FILLED once a link message filled it
+    uint8_t event;             // bits MLDRT_SYSIF_EV_*
+    uint8_t up;                // IFF_UP of the last link message
+    uint8_t named_left_alone;  // its log line saying it is no downstream was printed
     uint32_t ifindex;
     uint8_t addr[16];  // link-local address
     char name[20];     // always terminated

@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -51,7 +52,7 @@ int mldrt_k_init(int sock) {
     int one = 1;
     int rc = setsockopt(sock, MLDRT_K_LEVEL, MRT6_INIT_OPT, &one, sizeof one);
     if (rc < 0) {
-        printf("MLDRT: Setsockopt error on MRT6_INIT %d\n", rc);
+        mldrt_print_failure("MLDRT: Setsockopt error on MRT6_INIT", "setsockopt");
         return -1;
     }
     return 0;
@@ -59,7 +60,7 @@ int mldrt_k_init(int sock) {
 
 int mldrt_k_stop(int sock) {
     if (setsockopt(sock, MLDRT_K_LEVEL, MRT6_DONE_OPT, nullptr, 0) < 0) {
-        puts("MLDRT: Setsockopt error on MRT_DONE");
+        mldrt_print_failure("MLDRT: Setsockopt error on MRT_DONE", "setsockopt");
         return -1;
     }
     return 0;
@@ -68,13 +69,13 @@ int mldrt_k_stop(int sock) {
 int mldrt_add_k_vif(int sock, const mldrt_interface* ifp) {
     // mif6c_pifi holds 16 bits and the kernel has 32 MIFs: never register a truncated index.
     if (ifp->ifindex > MLDRT_MAX_PIFI || ifp->mifi >= MLDRT_MAXMIFS) {
-        puts("MLDRT: Setsockopt error on MRT_ADD_MIF");
+        mldrt_print("MLDRT: Setsockopt error on MRT_ADD_MIF\n");
         return -1;
     }
     mldrt_mif6ctl mc;
     fill_mif6ctl(&mc, ifp);
     if (setsockopt(sock, MLDRT_K_LEVEL, MRT6_ADD_MIF_OPT, &mc, sizeof mc) < 0) {
-        puts("MLDRT: Setsockopt error on MRT_ADD_MIF");
+        mldrt_print_failure("MLDRT: Setsockopt error on MRT_ADD_MIF", "setsockopt");
         return -1;
     }
     return 0;
@@ -84,7 +85,7 @@ int mldrt_delete_k_vif(int sock, const mldrt_interface* ifp) {
     mldrt_mif6ctl mc;
     fill_mif6ctl(&mc, ifp);
     if (setsockopt(sock, MLDRT_K_LEVEL, MRT6_DEL_MIF_OPT, &mc, sizeof mc) < 0) {
-        puts("MLDRT: Setsockopt error on MRT_DEL_VIF");
+        mldrt_print_failure("MLDRT: Setsockopt error on MRT_DEL_VIF", "setsockopt");
         return -1;
     }
     return 0;
@@ -113,7 +114,7 @@ int mldrt_add_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source
         mc.mf6cc_ifset[0] |= 1u << r->upstream->mifi;
     }
     if (set_mfc(r->router_sock, MRT6_ADD_MFC_OPT, &mc) < 0) {
-        mldrt_log_puts("MLDRT: Setsockopt error on MRT_ADD_MFC");
+        mldrt_log("MLDRT: Setsockopt error on MRT_ADD_MFC: setsockopt: %s\n", strerror(errno));
         return -1;
     }
     return 0;
@@ -124,7 +125,8 @@ int mldrt_delete_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* sou
     fill_mf6cctl(&mc, group, source);
     if (set_mfc(r->router_sock, MRT6_DEL_MFC_OPT, &mc) < 0) {
         if (mldrt_is_any_addr(source)) {
-            mldrt_log_puts("MLDRT: Setsockopt error on MRT_DEL_ADD_MFC");
+            mldrt_log("MLDRT: Setsockopt error on MRT_DEL_ADD_MFC: setsockopt: %s\n",
+                      strerror(errno));
         }
         return -1;
     }

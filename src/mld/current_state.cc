@@ -21,7 +21,7 @@ void isex_on_include(mldrt_router* r, mldrt_group* g, const uint8_t* rec, mldrt_
     mldrt_subtract_srclist_and_rcvd_record(&added, g->include_list, b, nb, 0);
     mldrt_subtract_srclist_and_rcvd_record(&gone, g->include_list, b, nb, 1);
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, ifp) != 0) {
-        mldrt_log("\n Couldnt empty include list");
+        mldrt_log("\n Couldnt empty include list\n");
         return;
     }
     mldrt_enter_exclude(r, g, ifp);
@@ -43,7 +43,7 @@ void isex_on_exclude(mldrt_router* r, mldrt_group* g, const uint8_t* rec, mldrt_
     mldrt_subtract_srclists(&fresh, mldrt_result_list(&wanted), g->req_list);
     mldrt_subtract_srclist_and_rcvd_record(&dropped, g->req_list, b, nb, 1);
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, ifp) != 0) {
-        mldrt_log("\n Couldnt rmpty req list");
+        mldrt_log("\n Couldnt rmpty req list\n");
         return;
     }
     mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &wanted, ifp);
@@ -58,11 +58,11 @@ void isex_on_exclude(mldrt_router* r, mldrt_group* g, const uint8_t* rec, mldrt_
 // EXCLUDE + IS_EX{} -> EXCLUDE({}, {}), filter timer GMI: every source wanted.
 void isex_all_on_exclude(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, ifp) != 0) {
-        mldrt_log("\n Couldnt empty req list");
+        mldrt_log("\n Couldnt empty req list\n");
         return;
     }
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, ifp) != 0) {
-        mldrt_log("\n Couldnt empty exc list");
+        mldrt_log("\n Couldnt empty exc list\n");
         return;
     }
     g->ftimer = static_cast<int32_t>(mldrt_gmi(r));
@@ -78,7 +78,7 @@ int mldrt_handle_v2_isin_record(mldrt_router* r, mldrt_interface* ifp, const uin
     }
     uint32_t nb = mldrt_rec_nsrc(rec);
     if (nb == 0) {
-        mldrt_log("\n FATAL Error - IS_IN record recieved with empty source list");
+        mldrt_log("\n FATAL Error - IS_IN record recieved with empty source list\n");
         return 0;
     }
     mldrt_want_record_srcs(r, g, rec, ifp);

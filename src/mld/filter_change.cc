@@ -31,7 +31,7 @@ void toin_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, cons
     for (uint32_t i = 0; i < nb; i++) {
         if (mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, b + MLDRT_ADDR_LEN * i,
                                                 ifp) != 0) {
-            mldrt_log("\n Deletion Failed in exclude list");
+            mldrt_log("\n Deletion Failed in exclude list\n");
             return;
         }
     }
@@ -50,7 +50,7 @@ void toex_on_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, cons
     mldrt_subtract_srclist_and_rcvd_record(&added, g->include_list, b, nb, 0);
     mldrt_subtract_srclist_and_rcvd_record(&gone, g->include_list, b, nb, 1);
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, ifp) != 0) {
-        mldrt_log("\n Couldnt empty include list");
+        mldrt_log("\n Couldnt empty include list\n");
         return;
     }
     mldrt_enter_exclude(r, g, ifp);
@@ -71,7 +71,7 @@ void toex_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, cons
     mldrt_subtract_srclists(&fresh, mldrt_result_list(&wanted), g->req_list);
     mldrt_subtract_srclist_and_rcvd_record(&dropped, g->req_list, b, nb, 1);
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, ifp) != 0) {
-        mldrt_log("\n Couldnt empty req list");
+        mldrt_log("\n Couldnt empty req list\n");
         return;
     }
     mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &wanted, ifp);
@@ -88,18 +88,18 @@ void toex_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, cons
 void toex_all(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     if (g->fmode == MLDRT_INCLUDE) {
         if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, ifp) != 0) {
-            mldrt_log("\n Couldnt empty include list");
+            mldrt_log("\n Couldnt empty include list\n");
             return;
         }
         mldrt_enter_exclude(r, g, ifp);
         return;
     }
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, ifp) != 0) {
-        mldrt_log("\n Couldnt empty include list");
+        mldrt_log("\n Couldnt empty include list\n");
         return;
     }
     if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, ifp) != 0) {
-        mldrt_log("\n Couldnt empty EXCLUDE list");
+        mldrt_log("\n Couldnt empty EXCLUDE list\n");
         return;
     }
     g->ftimer = static_cast<int32_t>(mldrt_gmi(r));

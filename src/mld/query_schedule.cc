@@ -45,8 +45,8 @@ int group_specific(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const 
 bool schedule_source(mldrt_router* r, mldrt_group* g, const uint8_t* addr, uint32_t ltype) {
     mldrt_src* e = mldrt_add_src_to_group(g, g->mfdb, ltype, addr);
     if (!e) {
-        mldrt_log(ltype == MLDRT_L_SRSP ? "\n FATAL: couldnt allocate entry in SRSP list"
-                                        : "\n FATAL: couldnt allocate entry in non-SRSP list");
+        mldrt_log(ltype == MLDRT_L_SRSP ? "\n FATAL: couldnt allocate entry in SRSP list\n"
+                                        : "\n FATAL: couldnt allocate entry in non-SRSP list\n");
         return false;
     }
     e->rtx_count = static_cast<uint16_t>(r->last_listener_query_count - 1);
@@ -80,7 +80,7 @@ int mldrt_update_fsm_and_send_query(mldrt_router* r, mldrt_interface* ifp, mldrt
     } else if (g->fmode == MLDRT_INCLUDE) {
         searched = g->include_list;
     } else {
-        mldrt_log("\n FATAL:: Unknown Group Mode");
+        mldrt_log("\n FATAL:: Unknown Group Mode\n");
         return -1;
     }
     bool scheduled = false;

@@ -61,20 +61,20 @@ mldrt_group* mldrt_join_group(mldrt_router* r, mldrt_interface* ifp, const uint8
     mldrt_group* g = mldrt_add_group(r, ifp, grp);
     if (!g) {
         if (loud) {
-            mldrt_log("\n Couldnt add new group in the group list");
+            mldrt_log("\n Couldnt add new group in the group list\n");
         }
         return nullptr;
     }
     if (!mldrt_add_member(g, src) && !mldrt_members_full(g)) {
         if (loud) {
-            mldrt_log("\n Couldnt add member to new group ");
+            mldrt_log("\n Couldnt add member to new group \n");
         }
         return nullptr;
     }
     mldrt_mfdb_entry* e = mldrt_add_mfdb_entry(r, grp);
     if (!e) {
         if (loud) {
-            mldrt_log("\n Couldnt add mfdb entry");
+            mldrt_log("\n Couldnt add mfdb entry\n");
         }
         return nullptr;
     }

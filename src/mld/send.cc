@@ -1,6 +1,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -61,14 +62,20 @@ ssize_t send_on(mldrt_interface* ifp, const uint8_t* dst, const uint8_t* src, ui
 }
 
 int query_sent(ssize_t rc) {
-    if (rc <= 0) {
+    if (rc < 0) {
+        return mldrt_log("MLDV2: Fatal- Couldnt send query: sendmsg: %s\n", strerror(errno));
+    }
+    if (rc == 0) {
         return mldrt_log("MLDV2: Fatal- Couldnt send query %d\n", static_cast<int>(rc));
     }
     return static_cast<int>(rc);
 }
 
 int report_sent(ssize_t rc) {
-    if (rc <= 0) {
+    if (rc < 0) {
+        return mldrt_log("MLDV2: Fatal- Couldnt send report: sendmsg: %s\n", strerror(errno));
+    }
+    if (rc == 0) {
         return mldrt_log("MLDV2: Fatal- Couldnt send report %d\n", static_cast<int>(rc));
     }
     return static_cast<int>(rc);
@@ -183,7 +190,7 @@ int mldrt_send_query(mldrt_router* r, mldrt_interface* ifp, const mldrt_query_pa
     if (ifp->mld_version == 2) {
         uint32_t n = mldrt_srclist_len(q->sources);
         if (n != q->src_count) {
-            return mldrt_log("\n Cannot send query, numSrc and list inconsistent %d %d",
+            return mldrt_log("\n Cannot send query, numSrc and list inconsistent %d %d\n",
                              static_cast<int>(n), static_cast<int>(q->src_count));
         }
         return send_v2_query(r, ifp, q);

@@ -24,7 +24,7 @@ mldrt_group* join_for_source_change(mldrt_router* r, mldrt_interface* ifp, const
         return nullptr;
     }
     if (g->fmode > MLDRT_EXCLUDE) {
-        mldrt_log("\n Fatal: Grp in an unknown filter mode");
+        mldrt_log("\n Fatal: Grp in an unknown filter mode\n");
         return nullptr;
     }
     return g;
@@ -56,7 +56,7 @@ void block_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, con
 int mldrt_handle_v2_allow_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
                                  const uint8_t* rec) {
     mldrt_group* g = join_for_source_change(r, ifp, src, rec,
-                                            "\n FATAL: Allow record recievd with ZERO sources");
+                                            "\n FATAL: Allow record recievd with ZERO sources\n");
     if (!g) {
         return 0;
     }
@@ -67,7 +67,7 @@ int mldrt_handle_v2_allow_record(mldrt_router* r, mldrt_interface* ifp, const ui
 int mldrt_handle_v2_block_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
                                  const uint8_t* rec) {
     mldrt_group* g = join_for_source_change(r, ifp, src, rec,
-                                            "\n FATAL: Block record recievd with ZERO sources");
+                                            "\n FATAL: Block record recievd with ZERO sources\n");
     if (!g) {
         return 0;
     }

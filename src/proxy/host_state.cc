@@ -74,7 +74,7 @@ bool merge_exclude(mldrt_router* r, mldrt_mfdb_entry* e) {
         if (!e->new_host_state) {
             e->new_host_state = new_state(MLDRT_EXCLUDE);
             if (!e->new_host_state) {
-                mldrt_log("\n Mem Allocation failed for hs_new_state");
+                mldrt_log("\n Mem Allocation failed for hs_new_state\n");
                 ok = false;
                 return false;
             }
@@ -95,13 +95,13 @@ bool merge_exclude(mldrt_router* r, mldrt_mfdb_entry* e) {
 
 void mldrt_build_host_state(mldrt_router* r, mldrt_mfdb_entry* e) {
     if (e->new_host_state) {
-        mldrt_log("\n Some Problem - New State should have been NULL");
+        mldrt_log("\n Some Problem - New State should have been NULL\n");
         return;
     }
     if (e->exclude_count == 0) {
         e->new_host_state = new_state(MLDRT_INCLUDE);
         if (!e->new_host_state) {
-            mldrt_log("\n Allocation failed for new state");
+            mldrt_log("\n Allocation failed for new state\n");
             return;
         }
         for_each_mapped_group(r, e, [&](mldrt_group* g) {
@@ -114,7 +114,7 @@ void mldrt_build_host_state(mldrt_router* r, mldrt_mfdb_entry* e) {
         return;
     }
     if (!e->new_host_state) {
-        mldrt_log("\n FATAL........................... hs_new_state shouldnt have been NULL");
+        mldrt_log("\n FATAL........................... hs_new_state shouldnt have been NULL\n");
         exit(-1);
     }
     if (!e->new_host_state->list) {

@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     mldrt_router_zero(&router);
     router.buf_size = MLDRT_BUF_SIZE;
     router.buf = static_cast<uint8_t*>(calloc(1, router.buf_size));
-    mldrt_read_config(&router, fp);
+    mldrt_read_config(&router, fp, "mld.conf");
     if (std::strlen(router.upstream_ifname) > MLDRT_IFNAME_LEN) {
         abort();
     }

@@ -74,6 +74,9 @@ t_need_daemon() {
 # t_mif_table: the MIF table as one line ("0:up0 1:dn1 ...") for messages.
 t_mif_table() { lab_mifs | awk '{ printf "%s%s:%s", (NR > 1 ? " " : ""), $1, $2 }'; }
 
+# t_has_mfc GROUP: the router's kernel has a (*,G) entry for GROUP.
+t_has_mfc() { [[ -n $(lab_mfc "$1") ]]; }
+
 # t_daemon_alive: the daemon started last is still running.
 t_daemon_alive() { [[ -n $LAB_DAEMON_PID ]] && ! lab_exited "$LAB_DAEMON_PID"; }
 

@@ -476,7 +476,7 @@ link_deleted() {
   stats=$(received "$LAB_H2" "$G5" | times_stats "$t_del" "$(now_s)")
   say "h2 over the 3 s after the deletion: ${stats%% *} datagrams, longest pause ${stats##* } s"
   awk -v g="${stats##* }" 'BEGIN { exit !(g < 0.5) }' || fail "h2's datagrams paused for ${stats##* } s when dn3 was deleted" || return 1
-  extra=$(tail -c +"$((bytes_before + 1))" "$LOG" | grep -v -e '^$' -e '^MLDRT: Setsockopt error on MRT_DEL_VIF$' -e '^MLDV2: Fatal- Couldnt send ' | head -n 3)
+  extra=$(tail -c +"$((bytes_before + 1))" "$LOG" | grep -v -e '^$' -e '^MLDRT: Setsockopt error on MRT_DEL_VIF: ' -e '^MLDV2: Fatal- Couldnt send ' | head -n 3)
   say "daemon output since the deletion: $(tail -c +"$((bytes_before + 1))" "$LOG" | grep -v '^$' | sort | uniq -c | tr -s ' ' | tr '\n' ';')"
   [[ -z $extra ]] || fail "unexpected daemon output after the deletion: $extra" || return 1
 }

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Interfaces and MIFs: the daemon takes up every multicast link of the router as a MIF, follows
-# links that appear and disappear while it runs, and hands out the lowest free MIF index.
+# links that appear and disappear while it runs, and hands out the lowest free MIF index. With
+# DOWNSTREAM_IFNAME lines only the named links (and the upstream) are taken up: of three
+# downstream-capable links, the one not named gets no MIF and no query on its wire.
 #
 # Linux itself removes a deleted link's MIF, so a deletion is proved by what only the daemon
 # decides: the next new link gets the freed index (the daemon picks MIF indexes from its own
@@ -98,6 +100,44 @@ lowest_free_index_is_reused() {
   t_daemon_alive || fail "the daemon ended" || return 1
 }
 
+# general_queries PCAP: the number of MLD queries captured in PCAP.
+general_queries() { lab_mld_lines "$1" | grep -c ' type=130 '; }
+general_queries_at_least() { [[ $(general_queries "$2") -ge $1 ]]; }
+
+# Three links to hosts, dn1 and dn2 named by DOWNSTREAM_IFNAME, dn3 not. The daemon must be seen
+# querying dn1 (so that a query on dn3 would have been sent by then) before dn3's wire and MIF
+# table are judged.
+only_named_downstream_links_are_taken_up() {
+  local conf=$T_WORK/chosen.conf log=$T_WORK/chosen.log pcap1=$T_WORK/chosen-dn1.pcap pcap3=$T_WORK/chosen-dn3.pcap
+  local cap1 cap3 queries1 queries3 named
+  t_need_daemon || return 1
+  lab_up || fail "the lab could not be built" || return 1
+  lab_add_downstream dn3 h3 || fail "cannot add the third link" || return 1
+  lab_write_conf "$conf"
+  printf 'DOWNSTREAM_IFNAME dn1\nDOWNSTREAM_IFNAME dn2\n' >>"$conf"
+  lab_capture "$LAB_H1" eth0 "$pcap1" || fail "cannot capture on dn1's wire" || return 1
+  cap1=$LAB_CAPTURE_PID
+  lab_capture h3 eth0 "$pcap3" || { lab_capture_stop "$cap1"; fail "cannot capture on dn3's wire"; return 1; }
+  cap3=$LAB_CAPTURE_PID
+  lab_start_daemon -c "$conf" -l "$log" || { lab_capture_stop "$cap1" "$cap3"; fail "the daemon did not start"; return 1; }
+  local ok=1
+  lab_wait_for 30 lab_has_mif dn2 || ok=0
+  lab_wait_for 10 general_queries_at_least 2 "$pcap1" || ok=0
+  sleep 1 # dn3 would have had its first queries at the same moments as dn1
+  lab_capture_stop "$cap1" "$cap3"
+  queries1=$(general_queries "$pcap1")
+  queries3=$(general_queries "$pcap3")
+  named=$(grep -c '^MLDRT: Link dn3 is not a DOWNSTREAM_IFNAME, left alone$' "$log")
+  say "MIFs [$(t_mif_table)]; general queries on dn1 $queries1, on dn3 $queries3"
+  [[ $ok == 1 ]] || fail "the daemon did not take up dn1 and dn2 and query dn1 (MIFs [$(t_mif_table)], $queries1 queries on dn1)" || return 1
+  lab_has_mif up0 && lab_has_mif dn1 || fail "up0 or dn1 is no MIF: [$(t_mif_table)]" || return 1
+  lab_has_no_mif dn3 || fail "dn3 became a MIF: [$(t_mif_table)]" || return 1
+  [[ $queries3 == 0 ]] || fail "$queries3 queries on dn3's wire" || return 1
+  [[ $named == 1 ]] || fail "dn3 named $named times in the log, want once" || { show_file "$log" 10 "daemon output"; return 1; }
+  t_daemon_alive || fail "the daemon ended" || return 1
+  lab_stop_daemon TERM 10 || fail "the daemon did not end on SIGTERM" || return 1
+}
+
 check every_link_becomes_a_mif every_link_becomes_a_mif
 check added_link_becomes_a_mif added_link_becomes_a_mif
 check deleted_link_frees_its_mif_index deleted_link_frees_its_index
@@ -107,6 +147,7 @@ if t_daemon_alive; then
   lab_stop_daemon TERM 10 || say "the daemon did not end on SIGTERM"
   say "daemon ended with status ${LAB_DAEMON_STATUS:-?}"
 fi
+check only_named_downstream_links_are_taken_up only_named_downstream_links_are_taken_up
 # Failures are easier to read with the daemon's own words.
 show_file "$LOG" 20 "daemon output"
 

@@ -3,6 +3,9 @@
 # exit status 0, after it removed every MIF it registered (MRT6_DEL_MIF, one per interface) and
 # then switched multicast routing off (MRT6_DONE, last). The kernel would empty the MRT6 tables
 # at exit anyway, so the calls themselves are watched, with strace.
+#
+# SIGUSR2 prints the state that `mldproxyd status` shows (here: h1's group on dn1) and the
+# daemon goes on; every message it printed, from start-up to shutdown, ends with a newline.
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
@@ -67,14 +70,54 @@ check_shutdown_calls() {
     fail "MRT6_DEL_MIF before the signal too: $(grep -c ' DEL_MIF ' "$calls") in all for $(wc -w <<<"$mifs") MIFs" || return 1
 }
 
+# ends_with_newline FILE: the file is not empty and its last byte is a newline.
+ends_with_newline() { [[ -s $1 && $(tail -c 1 "$1" | od -An -c | tr -d ' ') == '\n' ]]; }
+
+# state_printed_since LOG OFFSET GROUP: after byte OFFSET of LOG, the status table with GROUP
+# among dn1's groups.
+state_printed_since() {
+  tail -c +$(($2 + 1)) "$1" | awk -v g="$3" '/^groups on dn1:/ { on = 1; next } /^[a-z]/ { on = 0 } on && $1 == g { found = 1 } END { exit !found }'
+}
+
+# The configuration leaves out two keys, so that start-up prints the lines of their defaults:
+# messages whose newline can be checked.
+sigusr2_prints_state_and_daemon_goes_on() {
+  local conf=$T_WORK/usr2.conf log=$T_WORK/daemon-usr2.log g=ff0e::7602 recv offset
+  t_need_daemon || return 1
+  lab_write_conf "$conf"
+  sed -i '/^LAST_LISTENER_QUERY_/d' "$conf"
+  lab_start_daemon -c "$conf" -l "$log" || fail "the daemon did not start" || return 1
+  lab_wait_started 40 || fail "the daemon did not finish starting up; MIFs [$(t_mif_table)]" || return 1
+  grep -q '^MLDRT: LAST_LISTENER_QUERY_INTERVAL not set' "$log" || fail "no line for the default taken" || { show_file "$log" 10 "daemon output"; return 1; }
+  ends_with_newline "$log" || fail "the start-up messages do not end with a newline" || { show_bytes "$log" "daemon output"; return 1; }
+  ip netns exec "$(lab_ns "$LAB_H1")" "$LAB_PYTHON" "$LAB_FLOW_PY" recv --iface eth0 --group "$g" --port 5602 \
+    >/dev/null 2>&1 &
+  recv=$!
+  lab_wait_for 10 t_has_mfc "$g" || { kill "$recv"; fail "h1's join of $g made no forwarding entry"; return 1; }
+  offset=$(stat -c %s "$log")
+  kill -USR2 "$LAB_DAEMON_PID" || { kill "$recv"; fail "cannot send SIGUSR2"; return 1; }
+  lab_wait_for 3 state_printed_since "$log" "$offset" "$g" || { kill "$recv"; fail "no state with $g on dn1 printed within 3 s of SIGUSR2"; show_file "$log" 20 "daemon output"; return 1; }
+  kill "$recv"
+  wait "$recv" 2>/dev/null
+  sleep 1
+  t_daemon_alive || fail "the daemon ended after SIGUSR2" || return 1
+  ends_with_newline "$log" || fail "the state printed does not end with a newline" || return 1
+  say "SIGUSR2: $(($(stat -c %s "$log") - offset)) bytes of state printed, the daemon runs on"
+  lab_stop_daemon TERM 10 || fail "the daemon did not end on SIGTERM" || return 1
+  [[ $LAB_DAEMON_STATUS == 0 ]] || fail "exit status $LAB_DAEMON_STATUS after SIGTERM" || return 1
+  ends_with_newline "$log" || fail "the shutdown messages do not end with a newline" || { show_bytes "$log" "daemon output"; return 1; }
+}
+
 if lab_up; then
   for sig in TERM HUP USR1 ABRT; do
     check "sig${sig,,}_ends_daemon_with_status_0_after_mrt6_cleanup" signal_ends_daemon "$sig"
   done
+  check sigusr2_prints_state_and_daemon_goes_on sigusr2_prints_state_and_daemon_goes_on
 else
   for sig in TERM HUP USR1 ABRT; do
     printf 'not ok - %s: the lab could not be built\n' "sig${sig,,}_ends_daemon_with_status_0_after_mrt6_cleanup"
   done
+  printf 'not ok - sigusr2_prints_state_and_daemon_goes_on: the lab could not be built\n'
 fi
 
 exit 0

@@ -3,8 +3,10 @@
 # timestamps of captured frames): ready (every link a MIF, a general query on every downstream
 # link) within 1.5 s of its start, the start-up queries a quarter of the query interval apart,
 # a hot-plugged link a MIF within 0.5 s and queried within 1 s, and a join on one link reported
-# upstream within 0.5 s while another link's addresses change every 50 ms. (The bounds leave room
-# for a loaded test machine; tools/bench.sh reports the figures themselves.)
+# upstream within 0.5 s while another link's addresses change every 50 ms; with no
+# LAST_LISTENER_QUERY_INTERVAL line in the file, a group left by its last listener is removed
+# within the last listener query time of the default 1 s interval. (The bounds leave room for a
+# loaded test machine; tools/bench.sh reports the figures themselves.)
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
@@ -69,8 +71,45 @@ print(max(d["join_report_ms"]) if d["join_report_ms"] and not d["failures"] else
   at_most "$max" 500 || fail "a join was reported upstream ${max} ms after it during address churn (want at most 500)" || return 1
 }
 
+# group_gone GROUP: neither a kernel entry nor a listener record of GROUP on any link (as
+# `mldproxyd status --json` shows the records); fails when the status cannot be read.
+group_gone() {
+  local json
+  [[ -z $(lab_mfc "$1") ]] || return 1
+  json=$(lab_exec "$LAB_RT" "$LAB_DAEMON" status --json -s "$LAB_CONTROL_SOCKET") || return 1
+  "$LAB_PYTHON" -c 'import json, sys
+s = json.loads(sys.argv[1])
+sys.exit(any(g["group"] == sys.argv[2] for l in s["links"] for g in l["groups"]))' "$json" "$1"
+}
+
+# No LAST_LISTENER_QUERY_INTERVAL line: the default 1 s applies, so after h1's leave the group
+# goes after robustness (2) group-specific queries 1 s apart; 3 s more are margin for the
+# one-second ticks and a loaded machine. The query interval is long (125 s, so a group kept by
+# its listener timer would stay for 251 s), and the bound cannot be met that way.
+left_group_removed_without_llqi_line() {
+  [[ $SETUP_OK == 1 ]] || fail "no lab (the first check failed)" || return 1
+  local conf=$T_WORK/no-llqi.conf g=ff0e::7603 recv t_leave ms limit=5000
+  printf 'UPSTREAM_IFNAME %s\nROBUSTNESS_VARIABLE 2\nQUERY_INTERVAL 125\nQUERY_RESPONSE_INTERVAL 1000\nLAST_LISTENER_QUERY_COUNT 2\n' \
+    "$LAB_UPSTREAM" >"$conf"
+  if t_daemon_alive; then lab_stop_daemon TERM 10 || fail "the previous daemon did not end" || return 1; fi
+  lab_start_daemon -c "$conf" -l "$T_WORK/no-llqi.log" || fail "the daemon did not start" || return 1
+  lab_wait_for 30 lab_all_links_are_mifs || fail "the daemon did not take up its links: [$(t_mif_table)]" || return 1
+  ip netns exec "$(lab_ns "$LAB_H1")" "$LAB_PYTHON" "$LAB_FLOW_PY" recv --iface eth0 --group "$g" --port 5603 \
+    >/dev/null 2>&1 &
+  recv=$!
+  lab_wait_for 10 t_has_mfc "$g" || { kill "$recv"; fail "h1's join of $g made no forwarding entry"; return 1; }
+  t_leave=$(lab_now_us)
+  kill "$recv"
+  wait "$recv" 2>/dev/null
+  lab_wait_for 10 group_gone "$g"
+  ms=$(elapsed_ms "$t_leave")
+  say "$g left by h1: its record and forwarding entry went after $ms ms (want at most $limit)"
+  [[ $ms -le $limit ]] || fail "$g still listed or forwarded $ms ms after its last listener left (want at most $limit)" || return 1
+}
+
 check daemon_ready_within_1500_ms_with_startup_queries_a_quarter_interval_apart ready_within_1500_ms
 check hotplugged_link_gets_its_mif_and_query_at_once hotplugged_link_taken_up_at_once
 check join_reported_at_once_during_address_churn joins_reported_during_address_churn
+check left_group_removed_within_last_listener_time_without_its_interval_line left_group_removed_without_llqi_line
 if t_daemon_alive; then lab_stop_daemon TERM 10 || say "the daemon did not end on SIGTERM"; fi
 exit 0

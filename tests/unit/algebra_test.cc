@@ -126,7 +126,7 @@ TEST(AlgebraTest, ResultsAreWholeUpToTheListLimit) {
             {"Mode1RecordDuplicateIgnored", {5, 6}, {6, 6}, 1, {5}, ""},
             {"Mode1SixtyFourFit", upto(1, 64), {}, 1, upto(1, 64), ""},
             {"Mode1SixtyFifthRefused", upto(1, 65), {}, 1, upto(1, 64), kLimit},
-            {"Mode2IsAnEmptyResult", {1}, {2}, 2, {}, "\n FATAL: Invalid mode type passed"},
+            {"Mode2IsAnEmptyResult", {1}, {2}, 2, {}, "\n FATAL: Invalid mode type passed\n"},
         });
     run(Op::IntersectRecord,
         {
@@ -187,12 +187,12 @@ TEST_F(GroupAlgebraTest, GroupListOperationsWithdrawForwardingPerEntry) {
         const char* kernel;  // sorted MFC calls, Sn for 2001:db8::n and Gn for ff0e::n
         const char* out;
     };
-    const char* kUnknown = "\n FATAL: Req for deleteing unknown list type in the group";
+    const char* kUnknown = "\n FATAL: Req for deleteing unknown list type in the group\n";
     const std::vector<GroupRow> rows = {
         {"IntersectKeepsNamed", false, 0, {1, 2, 3}, {2, 9}, 0, "2", "del S1 G1; del S3 G1", ""},
         {"IntersectNoSourcesRemovesAll", false, 1, {3, 1}, {}, 0, "", "del S1 G2; del S3 G2", ""},
         {"IntersectExcludedDropsItsHeldBackEntry", false, 2, {1, 2}, {1}, 0, "1", "del S2 G3", ""},
-        {"IntersectCode3Rejected", false, 3, {1}, {}, -1, "1", "", "\n Invalid List Type"},
+        {"IntersectCode3Rejected", false, 3, {1}, {}, -1, "1", "", "\n Invalid List Type\n"},
         {"EmptyInclude", true, 0, {1, 2}, {}, 0, "", "del S1 G5; del S2 G5", ""},
         {"EmptyExcluded", true, 2, {1, 2}, {}, 0, "", "del S1 G6; del S2 G6", ""},
         {"EmptyCode3Refused", true, 3, {1, 2}, {}, 0, "2 1", "", kUnknown},

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "core/config.h"
+#include "core/daemon.h"
 #include "test_support.h"
 
 namespace {
@@ -17,6 +18,17 @@ class ConfigTest : public RouterTest {
         router.verbose = 0;
         std::memset(router.upstream_ifname, 0, sizeof router.upstream_ifname);
         router.upstream_ifname[MLDRT_IFNAME_LEN] = 'Z';
+        std::memset(router.downstream_ifnames, 0, sizeof router.downstream_ifnames);
+        router.downstream_count = 0;
+    }
+
+    mldrt_config_result read(std::string text, std::string* out) {
+        FILE* fp = fmemopen(&text[0], text.size(), "r");
+        EXPECT_NE(fp, nullptr);
+        mldrt_config_result result = MLDRT_CONFIG_OK;
+        *out = stdout_of([&] { result = mldrt_read_config(&router, fp, "mld.conf"); });
+        fclose(fp);
+        return result;
     }
 };
 
@@ -26,82 +38,146 @@ struct ConfigRow {
     const char* ifname;
     uint32_t robustness, qi, qri, llqi, llqc, verbose;
     mldrt_config_result result;
-    const char* out;
+    std::string out;
+    std::vector<std::string> downstream = {};
 };
 
-const char* const kUp = "UPSTREAM_IFNAME e\n";
+const std::string kUp = "UPSTREAM_IFNAME e\n";
+// Every tuning key but the one a row is about, so that no default line is printed for them.
+const std::string kR = "ROBUSTNESS_VARIABLE 3\n";
+const std::string kQi = "QUERY_INTERVAL 9\n";
+const std::string kQri = "QUERY_RESPONSE_INTERVAL 1000\n";
+const std::string kLlqi = "LAST_LISTENER_QUERY_INTERVAL 2\n";
+const std::string kLlqc = "LAST_LISTENER_QUERY_COUNT 4\n";
 const mldrt_config_result OK = MLDRT_CONFIG_OK;
 const mldrt_config_result NO_UP = MLDRT_CONFIG_NO_UPSTREAM;
 const mldrt_config_result BAD = MLDRT_CONFIG_BAD_ROBUSTNESS;
-const char* const kRobustnessMsg = "\nMLDRT: Robustness must be greater than 1";
+const mldrt_config_result LINES = MLDRT_CONFIG_BAD_LINES;
+const std::string kRobustnessMsg = "\nMLDRT: Robustness must be greater than 1\n";
+
+std::string at(int line, const std::string& what) {
+    return "MLDRT: mld.conf:" + std::to_string(line) + ": " + what + "\n";
+}
 
 TEST_F(ConfigTest, FileTextSetsRouterFields) {
     const std::vector<ConfigRow> rows = {
-        {"only upstream name: everything else stays 0", "UPSTREAM_IFNAME eth0\n", "eth0", 0, 0, 0,
-         0, 0, 0, OK, ""},
-        {"every key into its own field",
+        {"only the upstream name: every other key takes its RFC 3810 default",
+         "UPSTREAM_IFNAME eth0\n", "eth0", 2, 125, 10000, 1, 2, 0, OK,
+         "MLDRT: ROBUSTNESS_VARIABLE not set, using the RFC 3810 default 2\n"
+         "MLDRT: QUERY_INTERVAL not set, using the RFC 3810 default 125 s\n"
+         "MLDRT: QUERY_RESPONSE_INTERVAL not set, using the RFC 3810 default 10000 ms\n"
+         "MLDRT: LAST_LISTENER_QUERY_INTERVAL not set, using the RFC 3810 default 1 s\n"
+         "MLDRT: LAST_LISTENER_QUERY_COUNT not set, using the robustness 2\n"},
+        {"every key into its own field, silently",
          "UPSTREAM_IFNAME eth0\nROBUSTNESS_VARIABLE 2\nQUERY_INTERVAL 125\n"
          "QUERY_RESPONSE_INTERVAL 10000\nLAST_LISTENER_QUERY_INTERVAL 4\n"
-         "LAST_LISTENER_QUERY_COUNT 3\nVERBOSE 5\n",
-         "eth0", 2, 125, 10000, 4, 3, 5, OK, ""},
-        {"upstream name without value does not name one", "UPSTREAM_IFNAME\nUPSTREAM_IFNAME \t\n",
-         "", 0, 0, 0, 0, 0, 0, NO_UP, ""},
+         "LAST_LISTENER_QUERY_COUNT 3\nVERBOSE 1\n",
+         "eth0", 2, 125, 10000, 4, 3, 1, OK, ""},
+        {"last listener query interval 0 would never end a leave: 1 s",
+         kUp + kR + kQi + kQri + kLlqc + "LAST_LISTENER_QUERY_INTERVAL 0\n", "e", 3, 9, 1000, 1, 4,
+         0, OK, "MLDRT: LAST_LISTENER_QUERY_INTERVAL 0 taken as the RFC 3810 default 1 s\n"},
+        {"count without value takes the robustness, also one given later",
+         kUp + "LAST_LISTENER_QUERY_COUNT\n" + kR + kQi + kQri + kLlqi, "e", 3, 9, 1000, 2, 3, 0,
+         OK, "MLDRT: LAST_LISTENER_QUERY_COUNT not set, using the robustness 3\n"},
+        {"third word of the count line sets verbose",
+         kUp + kR + kQi + kQri + kLlqi + "LAST_LISTENER_QUERY_COUNT 2 1\n", "e", 3, 9, 1000, 2, 2,
+         1, OK, ""},
+        {"comment lines, blank lines and comments after values",
+         "# UPSTREAM_IFNAME x\n" + kUp + kR + kQri + kLlqi +
+             "QUERY_INTERVAL 125 # comment 9\n\n  \t\n#x\nLAST_LISTENER_QUERY_COUNT 2 # 1\n",
+         "e", 3, 125, 1000, 2, 2, 0, OK, ""},
+        {"the last line wins",
+         "UPSTREAM_IFNAME eth0.100\nUPSTREAM_IFNAME b\nQUERY_INTERVAL 1\nQUERY_INTERVAL 2\n" + kR +
+             kQri + kLlqi + kLlqc,
+         "b", 3, 2, 1000, 2, 4, 0, OK, ""},
+        {"tabs and CR line ends separate words",
+         "\tUPSTREAM_IFNAME\teth1\r\nQUERY_RESPONSE_INTERVAL\t1000\r\n\r\n" + kR + kQi + kLlqi +
+             kLlqc,
+         "eth1", 3, 9, 1000, 2, 4, 0, OK, ""},
+        {"largest values",
+         kUp + kLlqc +
+             "ROBUSTNESS_VARIABLE 7\nQUERY_INTERVAL 31744\n"
+             "QUERY_RESPONSE_INTERVAL 8387584\n"
+             "LAST_LISTENER_QUERY_INTERVAL 32\n",
+         "e", 7, 31744, 8387584, 32, 4, 0, OK, ""},
+        {"downstream links, each kept once",
+         kUp + kR + kQi + kQri + kLlqi + kLlqc +
+             "DOWNSTREAM_IFNAME lan0\nDOWNSTREAM_IFNAME br-lan # the LAN\nDOWNSTREAM_IFNAME lan0\n",
+         "e",
+         3,
+         9,
+         1000,
+         2,
+         4,
+         0,
+         OK,
+         "",
+         {"lan0", "br-lan"}},
+        {"upstream keyword without a name names none", "UPSTREAM_IFNAME\nUPSTREAM_IFNAME \t# wan\n",
+         "", 0, 0, 0, 0, 0, 0, NO_UP,
+         at(1, "no value for \"UPSTREAM_IFNAME\"") + at(2, "no value for \"UPSTREAM_IFNAME\"")},
+        {"misspelt upstream keyword", "UPSTREAM_IFACE eth0\n", "", 0, 0, 0, 0, 0, 0, NO_UP,
+         at(1, "unknown keyword \"UPSTREAM_IFACE\"")},
+        {"unknown, lower-case, KEY=value and comment-glued keywords each named",
+         kUp + kR + "query_interval 7\nQUERY_INTERVAL=7\nQUERY_INTERVAL# 7\nMAX_GROUPS 5\n", "e", 3,
+         0, 0, 0, 0, 0, LINES,
+         at(3, "unknown keyword \"query_interval\"") +
+             at(4, "unknown keyword \"QUERY_INTERVAL=7\"") +
+             at(5, "unknown keyword \"QUERY_INTERVAL#\"") +
+             at(6, "unknown keyword \"MAX_GROUPS\"")},
+        {"values that are not numbers or out of range each named, reading goes on",
+         kUp + "QUERY_INTERVAL 12abc\nQUERY_RESPONSE_INTERVAL 0\nVERBOSE 2\n"
+               "LAST_LISTENER_QUERY_INTERVAL -1\nLAST_LISTENER_QUERY_COUNT 8\nVERBOSE\n"
+               "ROBUSTNESS_VARIABLE 8\nQUERY_INTERVAL 4294967296\nQUERY_INTERVAL 31745\n"
+               "QUERY_RESPONSE_INTERVAL +7\n",
+         "e", 0, 0, 7, 0, 0, 0, LINES,
+         at(2, "not a number \"12abc\"") + at(3, "out of range 1-8387584 \"0\"") +
+             at(4, "out of range 0-1 \"2\"") + at(5, "out of range 0-32 \"-1\"") +
+             at(6, "out of range 1-7 \"8\"") + at(7, "no value for \"VERBOSE\"") +
+             at(8, "out of range 1-7 \"8\"") + at(9, "out of range 1-31744 \"4294967296\"") +
+             at(10, "out of range 1-31744 \"31745\"")},
         {"robustness abc fails like 0 and stops reading",
-         std::string(kUp) + "ROBUSTNESS_VARIABLE abc\nQUERY_INTERVAL 9\n", "e", 0, 0, 0, 0, 0, 0,
-         BAD, kRobustnessMsg},
+         kUp + "ROBUSTNESS_VARIABLE abc\nQUERY_INTERVAL 9\n", "e", 0, 0, 0, 0, 0, 0, BAD,
+         kRobustnessMsg + at(2, "not a number \"abc\"")},
         {"robustness 0 before the upstream name", "ROBUSTNESS_VARIABLE 0\nUPSTREAM_IFNAME e\n", "",
-         0, 0, 0, 0, 0, 0, BAD, kRobustnessMsg},
-        {"robustness 2^32 reads as 0", std::string(kUp) + "ROBUSTNESS_VARIABLE 4294967296\n", "e",
-         0, 0, 0, 0, 0, 0, BAD, kRobustnessMsg},
-        {"robustness -1 accepted as 2^32-1", std::string(kUp) + "ROBUSTNESS_VARIABLE -1\n", "e",
-         4294967295u, 0, 0, 0, 0, 0, OK, ""},
-        {"numbers beyond 32 bits wrap modulo 2^32",
-         std::string(kUp) +
-             "ROBUSTNESS_VARIABLE 4294967297\nQUERY_INTERVAL 99999999999\nVERBOSE -4294967297\n",
-         "e", 1, 1215752191u, 0, 0, 0, 4294967295u, OK, ""},
-        {"numbers read like atoi",
-         std::string(kUp) +
-             "QUERY_INTERVAL 12abc\nQUERY_RESPONSE_INTERVAL +7\nLAST_LISTENER_QUERY_INTERVAL x5\n",
-         "e", 0, 12, 7, 0, 0, 0, OK, ""},
-        {"count without value takes the robustness read before",
-         std::string(kUp) + "ROBUSTNESS_VARIABLE 3\nLAST_LISTENER_QUERY_COUNT\n", "e", 3, 0, 0, 0,
-         3, 0, OK, ""},
-        {"count without value before the robustness takes 0",
-         std::string(kUp) + "LAST_LISTENER_QUERY_COUNT 5\nLAST_LISTENER_QUERY_COUNT\n"
-                            "ROBUSTNESS_VARIABLE 3\n",
-         "e", 3, 0, 0, 0, 0, 0, OK, ""},
-        {"third token of the count line sets verbose",
-         std::string(kUp) + "LAST_LISTENER_QUERY_COUNT 2 1\n", "e", 0, 0, 0, 0, 2, 1, OK, ""},
-        {"keywords are case-sensitive", std::string(kUp) + "query_interval 7\n", "e", 0, 0, 0, 0, 0,
-         0, OK, ""},
-        {"comment glued to a keyword hides it", std::string(kUp) + "QUERY_INTERVAL# 7\n", "e", 0, 0,
-         0, 0, 0, 0, OK, ""},
-        {"comment line and comment after the value",
-         "# UPSTREAM_IFNAME x\n" + std::string(kUp) + "QUERY_INTERVAL 125 # comment 9\n", "e", 0,
-         125, 0, 0, 0, 0, OK, ""},
-        {"the last line with a value wins",
-         "UPSTREAM_IFNAME eth0.100\nUPSTREAM_IFNAME b\nQUERY_INTERVAL 1\nQUERY_INTERVAL 2\n"
-         "QUERY_INTERVAL\nVERBOSE 4\nVERBOSE\n",
-         "b", 0, 2, 0, 0, 0, 4, OK, ""},
-        {"20-character name cut to 16 and terminated", "UPSTREAM_IFNAME abcdefghijklmnopqrst\n",
-         "abcdefghijklmnop", 0, 0, 0, 0, 0, 0, OK, ""},
-        {"line of 2047+ characters is read in 2047-character pieces",
-         std::string(kUp) + "#" + std::string(2046, 'x') + "QUERY_INTERVAL 42\n", "e", 0, 42, 0, 0,
-         0, 0, OK, ""},
-        {"tabs and CR line ends separate tokens",
-         "\tUPSTREAM_IFNAME\teth1\r\nQUERY_RESPONSE_INTERVAL\t1000\r\n\r\n", "eth1", 0, 0, 1000, 0,
-         0, 0, OK, ""},
+         0, 0, 0, 0, 0, 0, BAD, kRobustnessMsg + at(1, "out of range 1-7 \"0\"")},
+        {"robustness -1 refused like 0", kUp + "ROBUSTNESS_VARIABLE -1\n", "e", 0, 0, 0, 0, 0, 0,
+         BAD, kRobustnessMsg + at(2, "out of range 1-7 \"-1\"")},
+        {"20-character name cut to 16, terminated and named",
+         "UPSTREAM_IFNAME abcdefghijklmnopqrst\n", "abcdefghijklmnop", 0, 0, 0, 0, 0, 0, LINES,
+         at(1, "interface name longer than 15 characters \"abcdefghijklmnopqrst\"")},
+        {"a line longer than the buffer is named once and skipped whole",
+         kUp + "#" + std::string(2046, 'x') + "QUERY_INTERVAL 42\nQUERY_INTERVAL x\n", "e", 0, 0, 0,
+         0, 0, 0, LINES,
+         at(2, "line longer than the buffer \"#" + std::string(63, 'x') + "\"") +
+             at(3, "not a number \"x\"")},
+        {"downstream names: none, too long, too many",
+         kUp + "DOWNSTREAM_IFNAME\nDOWNSTREAM_IFNAME abcdefghijklmnop\n" +
+             [] {
+                 std::string s;
+                 for (int i = 0; i < 32; i++) {
+                     s += "DOWNSTREAM_IFNAME d" + std::to_string(i) + "\n";
+                 }
+                 return s;
+             }(),
+         "e", 0, 0, 0, 0, 0, 0, LINES,
+         at(2, "no value for \"DOWNSTREAM_IFNAME\"") +
+             at(3, "interface name longer than 15 characters \"abcdefghijklmnop\"") +
+             at(35, "more than 31 downstream links \"d31\""),
+         [] {
+             std::vector<std::string> v;
+             for (int i = 0; i < 31; i++) {
+                 v.push_back("d" + std::to_string(i));
+             }
+             return v;
+         }()},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         clear_config();
-        std::string text = row.text;
-        FILE* fp = fmemopen(&text[0], text.size(), "r");
-        ASSERT_NE(fp, nullptr);
-        mldrt_config_result result = MLDRT_CONFIG_OK;
-        EXPECT_EQ(stdout_of([&] { result = mldrt_read_config(&router, fp); }), row.out);
-        fclose(fp);
-        EXPECT_EQ(result, row.result);
+        std::string out;
+        EXPECT_EQ(read(row.text, &out), row.result);
+        EXPECT_EQ(out, row.out);
         const char* n = router.upstream_ifname;
         EXPECT_EQ(std::string(n, strnlen(n, sizeof router.upstream_ifname)), row.ifname);
         EXPECT_EQ(std::vector<uint32_t>({router.robustness, router.query_interval,
@@ -110,10 +186,13 @@ TEST_F(ConfigTest, FileTextSetsRouterFields) {
                                          router.last_listener_query_count, router.verbose}),
                   std::vector<uint32_t>(
                       {row.robustness, row.qi, row.qri, row.llqi, row.llqc, row.verbose}));
+        std::vector<std::string> downstream(router.downstream_ifnames,
+                                            router.downstream_ifnames + router.downstream_count);
+        EXPECT_EQ(downstream, row.downstream);
     }
 }
 
-TEST(ConfigOptionTest, ExactKeywordGivesItsIdElseEight) {
+TEST(ConfigOptionTest, ExactKeywordGivesItsIdElseNone) {
     const std::vector<std::pair<const char*, int>> rows = {
         {"UPSTREAM_IFNAME", 1},
         {"ROBUSTNESS_VARIABLE", 2},
@@ -122,11 +201,12 @@ TEST(ConfigOptionTest, ExactKeywordGivesItsIdElseEight) {
         {"LAST_LISTENER_QUERY_INTERVAL", 5},
         {"LAST_LISTENER_QUERY_COUNT", 6},
         {"VERBOSE", 7},
+        {"DOWNSTREAM_IFNAME", 8},
         {"", 0},
-        {nullptr, 8},
-        {"verbose", 8},
-        {"QUERY_INTERVALS", 8},
-        {"QUERY", 8},
+        {nullptr, MLDRT_OPT_NONE},
+        {"verbose", MLDRT_OPT_NONE},
+        {"QUERY_INTERVALS", MLDRT_OPT_NONE},
+        {"QUERY", MLDRT_OPT_NONE},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.first ? row.first : "(no token)");
@@ -134,11 +214,66 @@ TEST(ConfigOptionTest, ExactKeywordGivesItsIdElseEight) {
     }
 }
 
-TEST_F(ConfigTest, MissingFileIsReportedWithoutNewline) {
-    int rc = 0;
-    EXPECT_EQ(stdout_of([&] { rc = mldrt_get_config(&router, "/nonexistent/mld.conf"); }),
-              "\nMLDRT: Can't open file /nonexistent/mld.conf");
-    EXPECT_EQ(rc, -1);
+// The upstream and the named links are served; without DOWNSTREAM_IFNAME lines, every link.
+TEST_F(ConfigTest, DownstreamNamesChooseTheLinksServed) {
+    struct Row {
+        std::vector<const char*> downstream;
+        const char* link;
+        bool chosen;
+    };
+    const std::vector<Row> rows = {
+        {{}, "veth7", true},        {{"lan0", "lan1"}, "lan1", true},
+        {{"lan0"}, "up0", true},    {{"lan0", "lan1"}, "veth7", false},
+        {{"lan0"}, "lan01", false}, {{"lan01"}, "lan0", false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.link);
+        clear_config();
+        mldrt_copy_ifname(router.upstream_ifname, "up0");
+        for (const char* name : row.downstream) {
+            mldrt_copy_ifname(router.downstream_ifnames[router.downstream_count++], name);
+        }
+        EXPECT_EQ(mldrt_is_chosen_link(&router, row.link), row.chosen);
+    }
+}
+
+// `mldproxyd -t`: the exit status, and the file named in the messages.
+TEST(ConfigCheckTest, GoodFileExitsZeroBadOrMissingOne) {
+    struct Row {
+        const char* name;
+        const char* text;  // nullptr: no file
+        int rc;
+        std::string out;
+    };
+    char dir[] = "/tmp/mldconf.XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string path = std::string(dir) + "/mld.conf";
+    const std::string full = "UPSTREAM_IFNAME up0\n" + kR + kQi + kQri + kLlqi + kLlqc;
+    const std::vector<Row> rows = {
+        {"good", full.c_str(), 0, "MLDRT: Configuration file " + path + " is good\n"},
+        {"no upstream", "QUERY_INTERVAL 4\n", 1, "MLDRT: Upstream interface not specified\n"},
+        {"a bad line", "UPSTREAM_IFNAME up0\nUPSTREAM_IFNAME=up1\n", 1,
+         "MLDRT: " + path + ":2: unknown keyword \"UPSTREAM_IFNAME=up1\"\n"},
+        {"robustness 0", "UPSTREAM_IFNAME up0\nROBUSTNESS_VARIABLE 0\n", 1,
+         kRobustnessMsg + "MLDRT: " + path + ":2: out of range 1-7 \"0\"\n"},
+        {"missing file", nullptr, 1,
+         "\nMLDRT: Can't open file " + path + ": fopen: No such file or directory\n"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        unlink(path.c_str());
+        if (row.text) {
+            FILE* fp = fopen(path.c_str(), "w");
+            ASSERT_NE(fp, nullptr);
+            fputs(row.text, fp);
+            fclose(fp);
+        }
+        int rc = 0;
+        EXPECT_EQ(stdout_of([&] { rc = mldrt_check_config(path.c_str()); }), row.out);
+        EXPECT_EQ(rc, row.rc);
+    }
+    unlink(path.c_str());
+    rmdir(dir);
 }
 
 }  // namespace

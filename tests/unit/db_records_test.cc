@@ -154,7 +154,8 @@ TEST_F(RecordsTest, ListCodesSelectTheirList) {
             EXPECT_EQ(s, nullptr);
             EXPECT_EQ(del, -1);
             EXPECT_EQ(
-                out, "\n Fatal:: Unknow list type" /* the second within the second is held back */);
+                out,
+                "\n Fatal:: Unknow list type\n" /* the second within the second is held back */);
         }
     }
 }

@@ -31,7 +31,7 @@ class ExampleConfigTest : public RouterTest {
         if (!fp) {
             return MLDRT_CONFIG_NO_UPSTREAM;
         }
-        *out = stdout_of([&] { result = mldrt_read_config(&router, fp); });
+        *out = stdout_of([&] { result = mldrt_read_config(&router, fp, "mld.conf"); });
         fclose(fp);
         return result;
     }
@@ -64,7 +64,7 @@ TEST_F(ExampleConfigTest, ReaderTakesTheUsualValuesSilently) {
     std::FILE* fp = std::fopen(MLD_EXAMPLE_CONFIG, "r");
     ASSERT_NE(fp, nullptr) << MLD_EXAMPLE_CONFIG;
     mldrt_config_result result = MLDRT_CONFIG_NO_UPSTREAM;
-    EXPECT_EQ(stdout_of([&] { result = mldrt_read_config(&router, fp); }), "");
+    EXPECT_EQ(stdout_of([&] { result = mldrt_read_config(&router, fp, "mld.conf"); }), "");
     std::fclose(fp);
     EXPECT_EQ(result, MLDRT_CONFIG_OK);
     EXPECT_STREQ(router.upstream_ifname, "eth0");

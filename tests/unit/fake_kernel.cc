@@ -78,6 +78,7 @@ void fresh_router(uint32_t robustness) {
     mldrt_clear_work_lists();
     mldrt_limit_reset();
     mldrt_log_reset();
+    mldrt_log_use_syslog(false);
     g_stop_requested = 0;
     router.buf_size = MLDRT_BUF_SIZE;
     router.scratch_size = MLDRT_SCRATCH_SIZE;
@@ -133,12 +134,29 @@ using fake::is_fake;
 extern "C" {
 
 int __real_socket(int domain, int type, int protocol);
+
+void __wrap_openlog(const char* ident, int option, int facility) {
+    g_kernel.syslog.push_back(std::string(ident) + " " + std::to_string(facility) + " " +
+                              std::to_string(option));
+}
+
+void __wrap_syslog(int priority, const char* fmt, ...) {
+    char text[1024];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    g_kernel.syslog.push_back(std::to_string(priority) + " " + text);
+}
+
+void __wrap_closelog() {}
 int __wrap_socket(int domain, int type, int protocol) {
     if (domain == AF_UNIX) {
         return __real_socket(domain, type, protocol);  // the control socket is a real one
     }
     fake::log_call("socket");
     if (g_kernel.socket_result != 0) {
+        errno = EPERM;  // so that a message naming the failure shows the kernel's word
         return g_kernel.socket_result;
     }
     int fd = g_kernel.next_fd++;
@@ -162,6 +180,9 @@ int __wrap_bind(int fd, const sockaddr* addr, socklen_t len) {
     fake::log_call("bind");
     const auto* p = reinterpret_cast<const uint8_t*>(addr);
     g_kernel.bound.emplace_back(p, p + len);
+    if (g_kernel.bind_result < 0) {
+        errno = EADDRINUSE;
+    }
     return g_kernel.bind_result;
 }
 
@@ -252,7 +273,11 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
         call.value.assign(p, p + len);
     }
     g_kernel.sockopts.push_back(call);
-    return g_kernel.sockopt_result ? g_kernel.sockopt_result(call) : 0;
+    int rc = g_kernel.sockopt_result ? g_kernel.sockopt_result(call) : 0;
+    if (rc < 0) {
+        errno = EACCES;
+    }
+    return rc;
 }
 
 int __wrap_ioctl(int fd, unsigned long request, ...) {

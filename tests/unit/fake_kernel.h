@@ -85,6 +85,8 @@ struct kernel_state {
     uint64_t monotonic_ms = 0;
     int select_result = 0;
     std::vector<timeval> select_timeouts;  // what every select() was asked to wait
+    // openlog() as "ident facility option", then every syslog() record as "priority text".
+    std::vector<std::string> syslog;
     // Every call in order, as "socket", "setsockopt 41/203", "close 503", ... for sequences.
     std::vector<std::string> log;
 };

@@ -202,17 +202,17 @@ TEST_F(ForwardingTest, InvalidListCodesAndFullListsAreRefused) {
         };
     };
     const std::vector<Row> rows = {
-        {"RemoveCode11", remove(11), 0, "\n Invalid ltype"},
-        {"RemoveNegativeCode", remove(0xffffffffu), 0, "\n Invalid ltype"},
-        {"AddCode11", add(11), 0, "\n Invalid list type"},
-        {"AddRetransmissionListCode3", add(3), 0, "\n Invalid list type"},
+        {"RemoveCode11", remove(11), 0, "\n Invalid ltype\n"},
+        {"RemoveNegativeCode", remove(0xffffffffu), 0, "\n Invalid ltype\n"},
+        {"AddCode11", add(11), 0, "\n Invalid list type\n"},
+        {"AddRetransmissionListCode3", add(3), 0, "\n Invalid list type\n"},
         {"DelSrcFromGroupCode11",
          [](mldrt_group* g, const uint8_t* s) {
              return mldrt_del_src_from_group(g, g->mfdb, 11, s);
          },
-         -1, "\n Fatal:: Unknow list type"},
+         -1, "\n Fatal:: Unknow list type\n"},
         {"RemoveFromAbsentNewHostState", remove(6), -1,
-         "\n FATAL Error - Cannot del src from group exclude list"},
+         "\n FATAL Error - Cannot del src from group exclude list\n"},
         {"SixtyFifthSourceOfAList",
          [&](mldrt_group* g, const uint8_t*) {
              for (int i = 2; i <= 64; i++) {

@@ -181,7 +181,7 @@ TEST_F(HostStateTest, LeftoverNewStateIsReportedAndKept) {
     mldrt_mfdb_entry* e = states(pair(MLDRT_INCLUDE, {}), pair(MLDRT_EXCLUDE, {5}));
     mldrt_hs_state* leftover = e->new_host_state;
     EXPECT_EQ(stdout_of([&] { mldrt_build_host_state(&router, e); }),
-              "\n Some Problem - New State should have been NULL");
+              "\n Some Problem - New State should have been NULL\n");
     EXPECT_EQ(e->new_host_state, leftover);
     EXPECT_EQ(hs_text(e->new_host_state), "EXCLUDE {S5}");
 }

@@ -1,5 +1,6 @@
 // Messages a LAN host can cause are printed at most once a second per text; the next one says
-// how many were held back, before its newline (or at the end of a text without one).
+// how many were held back, before its newline (or at the end of a text without one). With
+// --syslog every line becomes one record.
 #include "core/log.h"
 #include "test_support.h"
 
@@ -41,6 +42,37 @@ TEST_F(LogTest, EachTextAtMostOnceASecondWithTheCountOfTheHeldBack) {
         EXPECT_EQ(testing::internal::GetCapturedStdout(), step.printed);
         EXPECT_GT(n, 0);  // the text's length, printed or not
     }
+}
+
+// Messages begin with their newline or end with it, and the diagnostic dumps come in pieces:
+// syslog gets each line once it is whole, blank lines none, an overlong line in parts.
+TEST_F(LogTest, SyslogGetsOneRecordPerLine) {
+    testing::internal::CaptureStdout();
+    mldrt_log_use_syslog(true);
+    mldrt_print("\n Couldnt empty include list\n");
+    mldrt_print("\n \tMFD %d", 7);
+    mldrt_print(" NULL");
+    mldrt_print("\n\n");
+    mldrt_print("MLDRT: %s\n", std::string(500, 'x').c_str());
+    mldrt_log("MLDV2: Fatal- Couldnt send query: sendmsg: %s\n", "No buffer space available");
+    mldrt_log("MLDV2: Fatal- Couldnt send query: sendmsg: %s\n", "No buffer space available");
+    fake::kernel().monotonic_ms += 1000;
+    mldrt_log("MLDV2: Fatal- Couldnt send query: sendmsg: %s\n", "No buffer space available");
+    mldrt_print("the last piece stays until its newline");
+    mldrt_log_use_syslog(false);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    const std::string text = "MLDRT: " + std::string(500, 'x');
+    EXPECT_EQ(fake::kernel().syslog,
+              std::vector<std::string>({
+                  "mldproxyd 24 1",  // LOG_DAEMON, LOG_PID
+                  "6  Couldnt empty include list",
+                  "6  \tMFD 7 NULL",
+                  "6 " + text.substr(0, 480),
+                  "6 " + text.substr(480),
+                  "6 MLDV2: Fatal- Couldnt send query: sendmsg: No buffer space available",
+                  "6 MLDV2: Fatal- Couldnt send query: sendmsg: No buffer space available (1 more "
+                  "like this in the last second)",
+              }));
 }
 
 }  // namespace

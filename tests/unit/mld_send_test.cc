@@ -120,9 +120,9 @@ TEST_F(SendTest, QueriesCarryHeaderFieldsAndSources) {
         {"SFlagIsBitZeroOnly", 2, 1, "ff0e::1", 0, 0, 2, "82 00 0000 03e8 0000 " + g + "02 7d 0000",
          ""},
         {"ListLongerThanCount", 2, 1, "ff0e::1", 3, 2, 0, "",
-         "\n Cannot send query, numSrc and list inconsistent 3 2"},
+         "\n Cannot send query, numSrc and list inconsistent 3 2\n"},
         {"ListShorterThanCount", 2, 1, "ff0e::1", 2, 3, 0, "",
-         "\n Cannot send query, numSrc and list inconsistent 2 3"},
+         "\n Cannot send query, numSrc and list inconsistent 2 3\n"},
     };
     mldrt_interface* ifp = link();
     for (const auto& row : rows) {

@@ -55,17 +55,17 @@ TEST_F(MrouteTest, EachOperationUsesItsOptionLengthAndFailureMessage) {
     };
     const std::vector<Row> rows = {
         {"init", [&] { return mldrt_k_init(router.router_sock); }, 200, 4,
-         "MLDRT: Setsockopt error on MRT6_INIT -1\n"},
+         "MLDRT: Setsockopt error on MRT6_INIT: setsockopt: Permission denied\n"},
         {"done", [&] { return mldrt_k_stop(router.router_sock); }, 201, 0,
-         "MLDRT: Setsockopt error on MRT_DONE\n"},
+         "MLDRT: Setsockopt error on MRT_DONE: setsockopt: Permission denied\n"},
         {"add MIF", [&] { return mldrt_add_k_vif(router.router_sock, &link); }, 202, 12,
-         "MLDRT: Setsockopt error on MRT_ADD_MIF\n"},
+         "MLDRT: Setsockopt error on MRT_ADD_MIF: setsockopt: Permission denied\n"},
         {"delete MIF", [&] { return mldrt_delete_k_vif(router.router_sock, &link); }, 203, 12,
-         "MLDRT: Setsockopt error on MRT_DEL_VIF\n"},
+         "MLDRT: Setsockopt error on MRT_DEL_VIF: setsockopt: Permission denied\n"},
         {"add (S,G)", [&] { return mldrt_add_k_mfc(&router, g.data(), s.data(), oifs.data()); },
-         204, 92, "MLDRT: Setsockopt error on MRT_ADD_MFC\n"},
+         204, 92, "MLDRT: Setsockopt error on MRT_ADD_MFC: setsockopt: Permission denied\n"},
         {"delete (::,G)", [&] { return mldrt_delete_k_mfc(&router, g.data(), any.data()); }, 205,
-         92, "MLDRT: Setsockopt error on MRT_DEL_ADD_MFC\n"},
+         92, "MLDRT: Setsockopt error on MRT_DEL_ADD_MFC: setsockopt: Permission denied\n"},
         {"delete (S,G) fails silently",
          [&] { return mldrt_delete_k_mfc(&router, g.data(), s.data()); }, 205, 92, ""},
     };

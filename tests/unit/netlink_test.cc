@@ -133,11 +133,11 @@ TEST_F(NetlinkTest, SocketOrBindFailureIsReportedAndSendsNothing) {
     int32_t sock = 0;
     fake::kernel().socket_result = -1;
     EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK), -1); }),
-              "MLDRT: Can't open bcast socket -1\n");
+              "MLDRT: Can't open bcast socket: socket: Operation not permitted\n");
     fake::kernel().socket_result = 0;
     fake::kernel().bind_result = -1;
     EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK), -1); }),
-              "MLDRT: Can't bind bcast socket -1\n");
+              "MLDRT: Can't bind bcast socket: bind: Address already in use\n");
     EXPECT_EQ(fake::kernel().closed, std::vector<int>{fake::kernel().sockets.at(0).fd});
     EXPECT_TRUE(fake::kernel().sent.empty());
     EXPECT_EQ(sock, 0);
@@ -172,6 +172,7 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
         std::vector<bytes> batches;
         std::string want;  // "<name> <ifindex>" of the one record made, or "" for none
         const char* out = "";
+        const char* downstream = nullptr;  // the one DOWNSTREAM_IFNAME, if any
     };
     const std::vector<Row> rows = {
         {"link then link-local address", {cat({eth1, ll})}, "eth1 7"},
@@ -218,6 +219,12 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
         {"address attribute of 4 bytes", {eth1, addr(7, rta(IFA_ADDRESS, nullptr, 0))}, ""},
         {"address attribute of 20 bytes", {eth1, addr(7, rta(IFA_ADDRESS, twenty.data(), 20))}, ""},
         {"address message shorter than its header", {eth1, nl(RTM_NEWADDR, bytes(4, 0))}, ""},
+        {"link named by DOWNSTREAM_IFNAME", {eth1, ll}, "eth1 7", "", "eth1"},
+        {"link not named by DOWNSTREAM_IFNAME: no record, named once",
+         {eth1, ll, new_link(7, IFF_MULTICAST, "eth1"), eth1, ll},
+         "",
+         "MLDRT: Link eth1 is not a DOWNSTREAM_IFNAME, left alone\n",
+         "eth2"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -228,6 +235,8 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
         fake::kernel().sockopts.clear();
         fake::kernel().sockets.clear();
         fake::kernel().closed.clear();
+        router.downstream_count = row.downstream ? 1 : 0;
+        mldrt_copy_ifname(router.downstream_ifnames[0], row.downstream ? row.downstream : "");
         std::string out = stdout_of([&] {
             for (const auto& b : row.batches) {
                 feed(b);
@@ -369,7 +378,13 @@ TEST_F(NetlinkTest, RenamedLinkKeepsItsRecordAndFollowsItsMtu) {
     }
     EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth1"), nullptr);
     EXPECT_EQ(router.interfaces->next, nullptr) << "one record";
-    feed(link(RTM_DELLINK, 7, kUpMc, "lan2"));
+    // With the downstream links chosen by name, a rename out of the choice lets the link go.
+    router.downstream_count = 1;
+    mldrt_copy_ifname(router.downstream_ifnames[0], "lan2");
+    capture_stdout();
+    feed(link(RTM_NEWLINK, 7, kUpMc, "guest0"));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "MLDRT: Link guest0 is not a DOWNSTREAM_IFNAME, left alone\n");
     EXPECT_EQ(router.interfaces, nullptr);
 }
 

@@ -166,7 +166,7 @@ TEST_F(QueryScheduleTest, RefusalsLeaveCountsUnstoredAndSendNothing) {
     source_chain one({1});
     capture_stdout();
     mldrt_update_fsm_and_send_query(&router, eth1, odd, G1.data(), one.head(), one.count());
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "\n FATAL:: Unknown Group Mode");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "\n FATAL:: Unknown Group Mode\n");
     EXPECT_EQ(odd->srsp_list, nullptr);
 
     // A full retransmission list (64 entries) refuses the next source.
@@ -179,7 +179,7 @@ TEST_F(QueryScheduleTest, RefusalsLeaveCountsUnstoredAndSendNothing) {
     mldrt_update_fsm_and_send_query(&router, eth1, full, g2.data(), one.head(), one.count());
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "MLDRT: Limit of 64 sources per list reached, request not handled\n"
-              "\n FATAL: couldnt allocate entry in SRSP list");
+              "\n FATAL: couldnt allocate entry in SRSP list\n");
     EXPECT_EQ(mldrt_srclist_len(full->srsp_list), 64u);
     EXPECT_EQ(full->src_rtx_count, 0);
     EXPECT_EQ(queries_sent(), std::vector<std::string>{});

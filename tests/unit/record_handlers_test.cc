@@ -9,7 +9,7 @@ namespace {
 
 using namespace lsn;
 
-const char* const kIsInEmpty = "\n FATAL Error - IS_IN record recieved with empty source list";
+const char* const kIsInEmpty = "\n FATAL Error - IS_IN record recieved with empty source list\n";
 // A record with more sources than a list holds is handled as far as the list limit goes.
 const char* const kLimit = "MLDRT: Limit of 64 sources per list reached, request not handled\n";
 
@@ -251,12 +251,12 @@ TEST_F(RecordHandlerTest, SourceListChangeRecordsFollowTheRfc3810Table) {
          exclude({}, {{1, 0}}, 200), ALLOW, {1}, exclude({{1, 260}}, {}, 200), {}, {add_sg(1)}},
         {"ALLOW{} leaves the new group empty in INCLUDE and prints its message",
          no_group(), ALLOW, {}, include({}),
-         {}, {}, "\n FATAL: Allow record recievd with ZERO sources"},
+         {}, {}, "\n FATAL: Allow record recievd with ZERO sources\n"},
         {"BLOCK{} prints its message and changes nothing",
          include({{1, 100}}), BLOCK, {}, include({{1, 100}}),
-         {}, {}, "\n FATAL: Block record recievd with ZERO sources"},
+         {}, {}, "\n FATAL: Block record recievd with ZERO sources\n"},
         {"BLOCK on a group in an unknown mode is refused",
-         odd_mode(), BLOCK, {1}, odd_mode(), {}, {}, "\n Fatal: Grp in an unknown filter mode"},
+         odd_mode(), BLOCK, {1}, odd_mode(), {}, {}, "\n Fatal: Grp in an unknown filter mode\n"},
         {"BLOCK{S2} on INCLUDE{S1}: A*B empty, no query",
          include({{1, 100}}), BLOCK, {2}, include({{1, 100}}), {}, {}},
         {"BLOCK{S1} on INCLUDE{S1}: Q(G,A*B) lowers S1 to LLQT",

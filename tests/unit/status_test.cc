@@ -25,10 +25,12 @@ TEST(CommandLineTest, OptionsAndCommands) {
         const char* socket;
         bool json;
         const char* bad;
+        bool syslog = false;
     };
     const char* conf = "/etc/mld/mld.conf";
     const char* sock = "/run/mldproxyd.sock";
     const auto run = mldrt_command::run, status = mldrt_command::status, bad = mldrt_command::bad;
+    const auto help = mldrt_command::help, check = mldrt_command::check;
     const std::vector<Row> rows = {
         {{}, run, conf, sock, false, nullptr},
         {{"-f", "/tmp/a.conf", "-s", "/tmp/s"}, run, "/tmp/a.conf", "/tmp/s", false, nullptr},
@@ -42,8 +44,17 @@ TEST(CommandLineTest, OptionsAndCommands) {
         {{"--json"}, bad, conf, sock, false, "--json"},         // only for status
         {{"status", "-f", "a"}, bad, conf, sock, false, "-f"},  // status reads no file
         {{"status", "extra"}, bad, conf, sock, false, "extra"},
-        {{"--help", "-f", "a"}, bad, conf, sock, false, "--help"},
-        {{"-s", "/y", "--version"}, bad, conf, "/y", false, "--version"},
+        // Asking for help or the version never starts the proxy, whatever else is given.
+        {{"-f", "/etc/good.conf", "--help"}, help, conf, sock, false, nullptr},
+        {{"--syslog", "-h"}, help, conf, sock, false, nullptr},
+        {{"-s", "/y", "--version"}, mldrt_command::version, conf, sock, false, nullptr},
+        {{"-t"}, check, conf, sock, false, nullptr},
+        {{"-t", "-f", "/tmp/a.conf"}, check, "/tmp/a.conf", sock, false, nullptr},
+        {{"-f", "/tmp/a.conf", "-t"}, check, "/tmp/a.conf", sock, false, nullptr},
+        {{"--syslog", "-f", "/tmp/a.conf"}, run, "/tmp/a.conf", sock, false, nullptr, true},
+        {{"status", "-t"}, bad, conf, sock, false, "-t"},
+        {{"status", "--syslog"}, bad, conf, sock, false, "--syslog"},
+        {{"-syslog"}, bad, conf, sock, false, "-syslog"},
     };
     for (const auto& row : rows) {
         std::vector<const char*> argv = {"mldproxyd"};
@@ -56,6 +67,7 @@ TEST(CommandLineTest, OptionsAndCommands) {
         EXPECT_STREQ(o.socket_path, row.socket);
         EXPECT_EQ(o.json, row.json);
         EXPECT_STREQ(o.bad_word, row.bad);
+        EXPECT_EQ(o.syslog, row.syslog);
     }
 }
 
