@@ -15,9 +15,10 @@
 # its kernel's MLD only); each router link has exactly one link-local address.
 #
 # Use as a library (bash):   . tools/lab.sh      then lab_up, lab_start_daemon, lab_down, ...
-# (also: lab_add_lan_host for a second host on a link, lab_add_lan_ifaces for many, lab_add_source_addrs and
-# lab_flood_upstream for real traffic from src, lab_capture / lab_capture_lines for tcpdump,
-# lab_mld_lines to decode a capture, lab_mfc for the kernel's forwarding entries)
+# (also: lab_add_lan_host for a second host on a link, lab_add_lan_ifaces for many,
+# lab_add_source_addrs and lab_flood_upstream for real traffic from src, lab_capture /
+# lab_capture_lines for tcpdump, lab_mld_lines to decode a capture, lab_mfc for the kernel's
+# forwarding entries)
 # Or from the command line (root):
 #   tools/lab.sh up                  build the lab (removes an earlier one first)
 #   tools/lab.sh start [CONF]        start the daemon in the router namespace (default: the

@@ -172,6 +172,19 @@ flow_wire() { lab_udp_times "$T_WORK/udp-$1.txt" "$2" "${3:-}"; }
 # flow_wire_count NAME GROUP SOURCE AFTER: how many of them came after the time AFTER.
 flow_wire_count() { flow_wire "$1" "$2" "$3" | awk -v a="$4" '$1 > a { n++ } END { print n + 0 }'; }
 
+# flow_wait_more NAME GROUP N SOURCE...: each flow SOURCE -> GROUP shows N packets more in the
+# capture NAME than when called, within 10 s (SOURCE "" for any source).
+flow_wait_more() {
+  local name=$1 group=$2 more=$3 s n
+  shift 3
+  for s in "$@"; do
+    n=$(($(flow_wire_count "$name" "$group" "$s" 0) + more))
+    lab_wait_for 10 flow_wire_has "$name" "$group" "$s" "$n" ||
+      fail "the flow ${s:-from src} -> $group does not reach $name (sender: $(head -c 200 "$T_WORK/send.log"))" || return 1
+  done
+}
+flow_wire_has() { [[ $(flow_wire_count "$1" "$2" "$3" 0) -ge $4 ]]; }
+
 flow_stop_all() {
   local key
   flow_send_stop

@@ -38,18 +38,6 @@ now_s() { printf '%s' "$EPOCHREALTIME"; }
 # mld LINK: the MLD messages on the host side of LINK so far, decoded (tests/lab/wire_pcap.py).
 mld() { lab_mld_lines "$T_WORK/mld-$1.pcap" | grep ' MLD '; }
 
-# flowing SOURCE GROUP...: each flow reaches up0, at least 100 packets more than when called.
-flowing() {
-  local source=$1 group n
-  shift
-  for group in "$@"; do
-    n=$(($(flow_wire_count up0 "$group" "$source" 0) + 100))
-    lab_wait_for 10 up0_has "$group" "$source" "$n" ||
-      fail "the flow $source -> $group does not reach up0 ($(head -c 200 "$T_WORK/send.log"))" || return 1
-  done
-}
-up0_has() { [[ $(flow_wire_count up0 "$1" "$2" 0) -ge $3 ]]; }
-
 # oif_has GROUP ORIGIN LINK: the kernel entry (ORIGIN, GROUP) forwards to LINK.
 oif_has() { lab_mfc_oifs "$1" "$2" | tr ' ' '\n' | grep -qx "$(lab_mif_index "$3")"; }
 entries() { lab_mfc_group "$1" | sed 's/^0000:0000:0000:0000:0000:0000:0000:0000/::/' | paste -sd ';'; }
@@ -121,11 +109,11 @@ setup() {
 exclude_one_source() {
   need_setup || return 1
   flow_send_start "$S1,$G1,$P1" "$S2,$G1,$P1"
-  flowing "$S1" "$G1" && flowing "$S2" "$G1" || return 1
+  flow_wait_more up0 "$G1" 100 "$S1" "$S2" || return 1
   flow_recv_start "$LAB_H1" "$G1" "$P1" --block "$S1" || return 1
   lab_wait_for 5 flow_has_received "$LAB_H1" "$G1" 30 "$S2" ||
     fail "h1 received $(flow_received_count "$LAB_H1" "$G1" "$S2") datagrams from $S2 after joining $G1 with $S1 blocked" || return 1
-  flowing "$S1" "$G1" && flowing "$S1" "$G1" || return 1 # 2 s more of S1 on up0
+  flow_wait_more up0 "$G1" 200 "$S1" || return 1 # 2 s more of S1 on up0
   link_gets dn1 "$G1" "$S2" -- "$S1" || return 1
   say "dn1: $(flow_wire_count dn1 "$G1" "$S2" 0) packets from $S2, none from $S1 (up0: $(flow_wire_count up0 "$G1" "$S1" 0)); entries: $(entries "$G1")"
   oif_has "$G1" :: dn1 || fail "(*,$G1) does not forward to dn1: $(entries "$G1")" || return 1
@@ -143,7 +131,7 @@ exclude_merge_upstream() {
   need_setup || return 1
   up_capture_start "$T_WORK/up.pcap" || fail "cannot capture in the router namespace" || return 1
   flow_send_start "$S1,$G2,$P2" "$S2,$G2,$P2" "$S3,$G2,$P2"
-  flowing "$S1" "$G2" && flowing "$S2" "$G2" && flowing "$S3" "$G2" || return 1
+  flow_wait_more up0 "$G2" 100 "$S1" "$S2" "$S3" || return 1
   local first last spread since recs bad tq answer
   flow_recv_launch "$LAB_H1" "$G2" "$P2" --block "$S1"
   flow_recv_launch "$LAB_H2" "$G2" "$P2" --block "$S2"
@@ -173,7 +161,7 @@ exclude_merge_upstream() {
   lab_wait_for 3 up_has_records 1 2 "$G2" '*' "$tq" || fail "no MODE_IS_EXCLUDE for $G2 within 3 s of the query" || return 1
   answer=$(up_group_records "$G2" "$tq" | awk '$2 == 2 { print; exit }')
   [[ ${answer#* } == "2 -" ]] || fail "the query was answered with ${answer#* } for $G2 (want \"2 -\", MODE_IS_EXCLUDE{})" || return 1
-  lab_wait_for 5 flow_has_received h3 "$G2" 100 "$S1" # 1 s more of every flow
+  flow_wait_more up0 "$G2" 100 "$S1" "$S2" "$S3" || return 1 # 1 s more of every flow
   link_gets dn1 "$G2" "$S2" "$S3" -- "$S1" && link_gets dn2 "$G2" "$S1" "$S3" -- "$S2" &&
     link_gets dn3 "$G2" "$S1" "$S2" -- "$S3" || return 1
   say "dn1/dn2/dn3 got $G2 from S1: $(flow_wire_count dn1 "$G2" "$S1" 0)/$(flow_wire_count dn2 "$G2" "$S1" 0)/$(flow_wire_count dn3 "$G2" "$S1" 0), S2: $(flow_wire_count dn1 "$G2" "$S2" 0)/$(flow_wire_count dn2 "$G2" "$S2" 0)/$(flow_wire_count dn3 "$G2" "$S2" 0), S3: $(flow_wire_count dn1 "$G2" "$S3" 0)/$(flow_wire_count dn2 "$G2" "$S3" 0)/$(flow_wire_count dn3 "$G2" "$S3" 0)"
@@ -190,7 +178,7 @@ member_limit() {
   local i ifaces=() t_left last_leave q n
   for ((i = 0; i < N_HOSTS; i++)); do ifaces+=(--iface "mv$i"); done
   flow_send_start "$S1,$G3,$P3"
-  flowing "$S1" "$G3" || return 1
+  flow_wait_more up0 "$G3" 100 "$S1" || return 1
   flow_recv_start many "$G3" "$P3" "${ifaces[@]}" --join-gap 0.05 --leave-first "$LIMIT" || return 1
   lab_wait_for 15 hosts_at_least dn2 "$G3" "/$G3/" "$N_HOSTS" ||
     fail "only $(hosts_with_record dn2 "$G3" "/$G3/") of the $N_HOSTS hosts reported $G3 on dn2" || return 1
@@ -230,7 +218,7 @@ v1_beside_ssm() {
   need_setup || return 1
   local t_a tq report t_v1 q short between
   flow_send_start "$S1,$G4,$P4" "$S2,$G4,$P4" "$S1,$G5,$P5" "$S2,$G5,$P5"
-  flowing "$S2" "$G4" "$G5" || return 1
+  flow_wait_more up0 "$G4" 100 "$S2" && flow_wait_more up0 "$G5" 100 "$S2" || return 1
   flow_recv_start h3 "$G4" "$P4" --source "$S1" || return 1
   t_a=$(awk -v t="$(flow_joined_at h3 "$G4")" 'BEGIN { printf "%.6f", t + 1.2 }')
   lab_wait_for 5 flow_has_received h3 "$G4" 30 "$S1" ||
@@ -251,7 +239,7 @@ v1_beside_ssm() {
   q=$(router_queries dn3 "$t_v1" | grep ' group=:: ' | head -n 1)
   between=$(mld dn3 | grep ' type=143 ' | grep -v " src=$(lab_ll_addr "$LAB_RT" dn3) " | awk -v a="$t_v1" -v b="${q%% *}" '$1 > a && $1 < b')
   [[ -z $between ]] || fail "an MLDv2 report came between the MLDv1 report and the next general query: $(head -n 1 <<<"$between")" || return 1
-  flowing "$S2" "$G4" || return 1
+  flow_wait_more up0 "$G4" 100 "$S2" || return 1
   link_gets dn3 "$G4" "$S1" -- "$S2" || return 1
   short=$(router_queries dn3 "$t_v1" | awk '{ for (i = 3; i <= NF; i++) if ($i ~ /^len=/ && substr($i, 5) + 0 < 28) { print; next } }')
   say "h3b's MLDv1 report at $t_v1, the next general query: ${q#* }"

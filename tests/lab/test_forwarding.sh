@@ -79,14 +79,6 @@ left_at() {
 
 # flowing GROUP SOURCE N: at least N packets of the flow reached the router's upstream link.
 flowing() { [[ $(flow_wire up0 "$1" "$2" | wc -l) -ge $3 ]]; }
-wait_flowing() { # GROUP SOURCE...: every flow reaches up0 (100 packets more than before)
-  local group=$1 s n
-  shift
-  for s in "$@"; do
-    n=$(($(flow_wire up0 "$group" "$s" | wc -l) + 100))
-    lab_wait_for 10 flowing "$group" "$s" "$n" || fail "the flow $s -> $group does not reach up0 (see $T_WORK/send.log: $(head -c 200 "$T_WORK/send.log"))" || return 1
-  done
-}
 
 # mfc_is GROUP ORIGIN OIF_LINKS...: the kernel entry has parent up0 and exactly these output
 # links (no links: no entry, or one that forwards to no downstream link).
@@ -228,7 +220,7 @@ need_setup() {
 any_source_join() {
   need_setup || return 1
   flow_send_start "$S1,$G1,$P1" "$S2,$G1,$P1"
-  wait_flowing "$G1" "$S1" "$S2" || return 1
+  flow_wait_more up0 "$G1" 100 "$S1" "$S2" || return 1
   local t0 link stats first
   t0=$(now_s)
   for link in "${LINKS[@]}"; do
@@ -307,7 +299,7 @@ two_hosts_one_link() {
   need_setup || return 1
   local t_leave q answer stats gap
   flow_send_start "$S1,$G2,$P2"
-  wait_flowing "$G2" "$S1" || return 1
+  flow_wait_more up0 "$G2" 100 "$S1" || return 1
   flow_recv_start "$LAB_H1" "$G2" "$P2" && flow_recv_start h1b "$G2" "$P2" || return 1
   lab_wait_for 5 flow_has_received "$LAB_H1" "$G2" 20 && lab_wait_for 5 flow_has_received h1b "$G2" 20 ||
     fail "h1 / h1b received $(flow_received_count "$LAB_H1" "$G2") / $(flow_received_count h1b "$G2") datagrams of $G2" || return 1
@@ -341,7 +333,7 @@ mldv1_host() {
   before=$(mld dn3 | grep " src=${RT_LL[dn3]} " | grep " type=130 .* group=:: " | tail -n 1)
   [[ $(field len <<<"$before") == 28 ]] || fail "before the MLDv1 host joins, dn3's general query is not the 28-byte form: ${before:-none seen}" || return 1
   flow_send_start "$S1,$G3,$P3"
-  wait_flowing "$G3" "$S1" || return 1
+  flow_wait_more up0 "$G3" 100 "$S1" || return 1
   flow_recv_start h3 "$G3" "$P3" || return 1
   lab_wait_for 5 flow_has_received h3 "$G3" 20 || fail "the MLDv1 host h3 received $(flow_received_count h3 "$G3") datagrams after joining $G3" || return 1
   lab_wait_for 2 has_v1_report dn3 "${HOST_LL[dn3]}" "$G3"
@@ -373,7 +365,7 @@ source_specific_join() {
   need_setup || return 1
   local report first link
   flow_send_start "$S1,$G4,$P4" "$S2,$G4,$P4"
-  wait_flowing "$G4" "$S1" "$S2" || return 1
+  flow_wait_more up0 "$G4" 100 "$S1" "$S2" || return 1
   flow_recv_start "$LAB_H2" "$G4" "$P4" --source "$S1" || return 1
   lab_wait_for 5 flow_has_received "$LAB_H2" "$G4" 20 "$S1" || fail "h2 received $(flow_received_count "$LAB_H2" "$G4" "$S1") datagrams from $S1 after joining ($S1, $G4)" || return 1
   first=$(flow_received "$LAB_H2" "$G4" "$S1" | head -n 1)
@@ -407,7 +399,7 @@ link_deleted() {
   need_setup || return 1
   local bytes_before t_del stats extra
   flow_send_start "$S1,$G5,$P5"
-  wait_flowing "$G5" "$S1" || return 1
+  flow_wait_more up0 "$G5" 100 "$S1" || return 1
   flow_recv_start h3 "$G5" "$P5" && flow_recv_start "$LAB_H2" "$G5" "$P5" || return 1
   lab_wait_for 5 flow_has_received h3 "$G5" 20 && lab_wait_for 5 flow_has_received "$LAB_H2" "$G5" 20 ||
     fail "h3 / h2 received $(flow_received_count h3 "$G5") / $(flow_received_count "$LAB_H2" "$G5") datagrams of $G5" || return 1
