@@ -92,6 +92,20 @@ t_stop() {
 # elapsed_ms START_US: milliseconds since START_US (lab_now_us).
 elapsed_ms() { printf '%s' $((($(lab_now_us) - $1) / 1000)); }
 
+# status_json FILE: the daemon's status as JSON, asked in the router's namespace with the
+# daemon binary itself; the time it took in ms on standard output.
+status_json() {
+  local start
+  start=$(lab_now_us)
+  lab_exec "$LAB_RT" "$LAB_DAEMON" status --json -s "$LAB_CONTROL_SOCKET" >"$1" 2>"$1.err" || return 1
+  elapsed_ms "$start"
+}
+
+# json_query FILE EXPR: EXPR evaluated in Python with the status as `s`, printed.
+json_query() {
+  "$LAB_PYTHON" -c 'import json, sys; s = json.load(open(sys.argv[1])); print(eval(sys.argv[2]))' "$1" "$2"
+}
+
 # ---------------------------------------------------------------------------------------------
 # real traffic (tests/lab/mcast_flow.py): one sender on src, receivers on hosts, what each link
 # carried (tcpdump lines), all ended by flow_stop_all (or by t_cleanup, with the namespaces)
