@@ -15,9 +15,10 @@
 # its kernel's MLD only); each router link has exactly one link-local address.
 #
 # Use as a library (bash):   . tools/lab.sh      then lab_up, lab_start_daemon, lab_down, ...
-# (also: lab_add_lan_host for a second host on a link, lab_add_source_addrs and
-# lab_flood_upstream for real traffic from src, lab_capture / lab_capture_lines for tcpdump,
-# lab_mld_lines to decode a capture, lab_mfc for the kernel's forwarding entries)
+# (also: lab_add_lan_host for a second host on a link, lab_add_lan_ifaces for many,
+# lab_add_source_addrs and lab_flood_upstream for real traffic from src, lab_capture /
+# lab_capture_lines for tcpdump, lab_mld_lines to decode a capture, lab_mfc for the kernel's
+# forwarding entries)
 # Or from the command line (root):
 #   tools/lab.sh up                  build the lab (removes an earlier one first)
 #   tools/lab.sh start [CONF]        start the daemon in the router namespace (default: the
@@ -493,13 +494,15 @@ lab_send_mld_report() {
 # Global addresses of the multicast source (lab_add_source_addrs puts them on src's eth0).
 LAB_SRC_ADDR1=2001:db8:1::10
 LAB_SRC_ADDR2=2001:db8:1::11
+LAB_SRC_ADDR3=2001:db8:1::12
 LAB_FLOW_PY=$LAB_ROOT/tests/lab/mcast_flow.py
 LAB_PCAP_PY=$LAB_ROOT/tests/lab/wire_pcap.py
 
-# lab_add_source_addrs: two global addresses on src's eth0 (senders bind to either one).
+# lab_add_source_addrs: three global addresses on src's eth0 (senders bind to any of them).
 lab_add_source_addrs() {
   ip -n "$(lab_ns "$LAB_SRC")" addr add "$LAB_SRC_ADDR1/64" dev eth0 nodad &&
-    ip -n "$(lab_ns "$LAB_SRC")" addr add "$LAB_SRC_ADDR2/64" dev eth0 nodad
+    ip -n "$(lab_ns "$LAB_SRC")" addr add "$LAB_SRC_ADDR2/64" dev eth0 nodad &&
+    ip -n "$(lab_ns "$LAB_SRC")" addr add "$LAB_SRC_ADDR3/64" dev eth0 nodad
 }
 
 # lab_flood_upstream: make the router's bridge port a permanent multicast-router port, so that
@@ -522,6 +525,20 @@ lab_add_lan_host() {
     ip -n "$(lab_ns "$newhost")" link set "$tmp" name eth0 &&
     lab_link_up "$newhost" eth0 || { lab_say "cannot attach $newhost to the link of $host"; return 1; }
   lab_wait_ll "$newhost" eth0
+}
+
+# lab_add_lan_ifaces HOST NEWNS N: N more hosts on HOST's link, all in one new namespace NEWNS,
+# one interface each: macvlans (bridge mode) on HOST's eth0, called mv0 .. mv<N-1> in NEWNS, each
+# with its own MAC, link-local address and kernel MLD state. Waits for their addresses.
+lab_add_lan_ifaces() {
+  local host=$1 newns=$2 n=$3 i
+  lab_ns_create "$newns" || { lab_say "cannot create namespace $(lab_ns "$newns")"; return 1; }
+  for ((i = 0; i < n; i++)); do
+    ip -n "$(lab_ns "$host")" link add "mv$i" link eth0 type macvlan mode bridge &&
+      ip -n "$(lab_ns "$host")" link set "mv$i" netns "$(lab_ns "$newns")" &&
+      lab_link_up "$newns" "mv$i" || { lab_say "cannot attach $newns/mv$i to the link of $host"; return 1; }
+  done
+  for ((i = 0; i < n; i++)); do lab_wait_ll "$newns" "mv$i" || return 1; done
 }
 
 # lab_capture NS IFNAME FILE [FILTER]: tcpdump on the link into the pcap FILE (immediate mode and

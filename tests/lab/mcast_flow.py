@@ -7,17 +7,25 @@
         passed (default: until SIGTERM). Payload "seq=N t=TIME". The hop limit (default 16) must
         be above 1: Linux forwards a multicast packet only when its hop limit is above 1.
 
-    mcast_flow.py recv --iface IF --group G --port P [--source S] [--log FILE]
+    mcast_flow.py recv --iface IF [--iface IF ...] --group G --port P [--source S | --block S ...]
+                       [--join-gap S] [--leave-first N] [--log FILE]
         Joins G on IF (any-source with MCAST_JOIN_GROUP, or source-specific with
-        MCAST_JOIN_SOURCE_GROUP when --source is given: the host then reports INCLUDE{S}) and
+        MCAST_JOIN_SOURCE_GROUP when --source is given: the host then reports INCLUDE{S}; --block
+        follows the any-source join with MCAST_BLOCK_SOURCE for each S: EXCLUDE{S...}) and
         writes "JOINED TIME" and then "TIME SOURCE SEQ" for every datagram received on the socket,
         line-buffered. SIGTERM (or SIGINT) closes the socket (the host kernel reports the leave)
         and ends the program with "LEFT TIME".
+        With several interfaces (each one a host of its own, e.g. macvlans) every interface gets a
+        socket of its own, bound to it (SO_BINDTODEVICE: a socket takes only its interface's
+        datagrams), joined one after another --join-gap seconds apart; lines then end in
+        " IFACE". SIGUSR1 closes the sockets of the first --leave-first interfaces (their hosts
+        leave) and writes "LEFT_FIRST N TIME".
 
 Run it with /usr/bin/python3.
 """
 
 import argparse
+import selectors
 import signal
 import socket
 import struct
@@ -26,6 +34,7 @@ import time
 
 IPPROTO_IPV6 = 41
 MCAST_JOIN_GROUP = 42
+MCAST_BLOCK_SOURCE = 43
 MCAST_JOIN_SOURCE_GROUP = 46
 
 STOP = False
@@ -88,32 +97,70 @@ def cmd_send(args):
     return 0
 
 
-def cmd_recv(args):
-    out = open(args.log, "w", buffering=1) if args.log else sys.stdout
-    ifindex = socket.if_nametoindex(args.iface)
+def open_member(args, iface, bind):
+    """A socket joined to the group on IFACE as the options say (bound to IFACE when BIND)."""
+    ifindex = socket.if_nametoindex(iface)
     s = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)
     s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    if bind:
+        s.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, iface.encode())
     s.bind(("::", args.port))
-    signal.signal(signal.SIGTERM, on_signal)
-    signal.signal(signal.SIGINT, on_signal)
     if args.source:
         s.setsockopt(IPPROTO_IPV6, MCAST_JOIN_SOURCE_GROUP, group_req(ifindex, args.group, args.source))
     else:
         s.setsockopt(IPPROTO_IPV6, MCAST_JOIN_GROUP, group_req(ifindex, args.group))
+        for source in args.block or []:
+            s.setsockopt(IPPROTO_IPV6, MCAST_BLOCK_SOURCE, group_req(ifindex, args.group, source))
+    s.setblocking(False)
+    return s
+
+
+def cmd_recv(args):
+    out = open(args.log, "w", buffering=1) if args.log else sys.stdout
+    many = len(args.iface) > 1
+    leave_now = {"first": False}
+
+    def on_usr1(_signum, _frame):
+        leave_now["first"] = True
+
+    signal.signal(signal.SIGTERM, on_signal)
+    signal.signal(signal.SIGINT, on_signal)
+    signal.signal(signal.SIGUSR1, on_usr1)
+    members = []  # [iface, socket or None once it left]
+    for i, iface in enumerate(args.iface):
+        if i and args.join_gap:
+            time.sleep(args.join_gap)
+        members.append([iface, open_member(args, iface, many)])
     out.write("JOINED %.6f\n" % time.time())
-    s.settimeout(0.1)
+    sel = selectors.DefaultSelector()
+    for m in members:
+        sel.register(m[1], selectors.EVENT_READ, m)
     while not STOP:
+        if leave_now["first"]:
+            leave_now["first"] = False
+            for m in members[: args.leave_first]:
+                if m[1] is not None:
+                    sel.unregister(m[1])
+                    m[1].close()
+                    m[1] = None
+            out.write("LEFT_FIRST %d %.6f\n" % (args.leave_first, time.time()))
         try:
-            data, peer = s.recvfrom(2048)
-        except socket.timeout:
-            continue
+            ready = sel.select(0.1)
         except InterruptedError:
             continue
-        seq = "-"
-        if data.startswith(b"seq="):
-            seq = data[4:].split(b" ", 1)[0].decode(errors="replace")
-        out.write("%.6f %s %s\n" % (time.time(), peer[0], seq))
-    s.close()
+        for key, _ in ready:
+            m = key.data
+            try:
+                data, peer = m[1].recvfrom(2048)
+            except (BlockingIOError, InterruptedError):
+                continue
+            seq = "-"
+            if data.startswith(b"seq="):
+                seq = data[4:].split(b" ", 1)[0].decode(errors="replace")
+            out.write("%.6f %s %s%s\n" % (time.time(), peer[0], seq, " " + m[0] if many else ""))
+    for m in members:
+        if m[1] is not None:
+            m[1].close()
     out.write("LEFT %.6f\n" % time.time())
     return 0
 
@@ -128,12 +175,17 @@ def main():
     p.add_argument("--duration", type=float, default=0.0)
     p.add_argument("flows", nargs="+", metavar="FLOW")
     p = sub.add_parser("recv")
-    p.add_argument("--iface", required=True)
+    p.add_argument("--iface", required=True, action="append")
     p.add_argument("--group", required=True)
     p.add_argument("--port", type=int, required=True)
     p.add_argument("--source")
+    p.add_argument("--block", action="append", metavar="SOURCE")
+    p.add_argument("--join-gap", type=float, default=0.0)
+    p.add_argument("--leave-first", type=int, default=0)
     p.add_argument("--log")
     args = parser.parse_args()
+    if args.cmd == "recv" and args.source and args.block:
+        parser.error("--source (INCLUDE) and --block (EXCLUDE) do not go together")
     return cmd_send(args) if args.cmd == "send" else cmd_recv(args)
 
 

@@ -32,8 +32,8 @@ G3=ff0e::1:103 P3=5003 # the MLDv1 host
 G4=ff3e::1:104 P4=5004 # source-specific
 G5=ff0e::1:105 P5=5005 # a link deleted under a listener
 LINKS=(dn1 dn2 dn3)
-declare -A HOST_OF=([dn1]=$LAB_H1 [dn2]=$LAB_H2 [dn3]=h3) RT_LL=() HOST_LL=() RECV_PID=()
-CAPTURES=() SEND_PID='' SETUP_OK=0 FREED_MIF=''
+declare -A HOST_OF=([dn1]=$LAB_H1 [dn2]=$LAB_H2 [dn3]=h3) RT_LL=() HOST_LL=()
+SETUP_OK=0 FREED_MIF=''
 TIMINGS=()
 
 # ---------------------------------------------------------------------------------------------
@@ -51,13 +51,6 @@ times_stats() {
       printf "%d %.6f %.6f %.3f\n", n, first, prev, gap
     }'
 }
-
-# wire LINK GROUP [SOURCE]: times of the UDP packets to GROUP on LINK (host side; up0: the
-# bridge side of the router's upstream link).
-wire() { lab_udp_times "$T_WORK/udp-$1.txt" "$2" "${3:-}"; }
-
-# wire_count LINK GROUP SOURCE AFTER: packets on the link after the time AFTER.
-wire_count() { wire "$1" "$2" "$3" | awk -v a="$4" '$1 > a { n++ } END { print n + 0 }'; }
 
 # mld LINK: the MLD messages captured on LINK so far, decoded (tests/lab/wire_pcap.py).
 mld() { lab_mld_lines "$T_WORK/mld-$1.pcap" | grep ' MLD '; }
@@ -77,59 +70,15 @@ watch_until() {
   sleep "$left"
 }
 
-recv_log() { printf '%s/recv-%s-%s.log' "$T_WORK" "$1" "$2"; }
-
-# start_recv HOST GROUP PORT [SOURCE]: a receiver in HOST joins GROUP (from SOURCE only, if given).
-start_recv() {
-  local host=$1 group=$2 port=$3 source=${4:-} log
-  log=$(recv_log "$host" "$group")
-  local args=(recv --iface eth0 --group "$group" --port "$port" --log "$log")
-  [[ -n $source ]] && args+=(--source "$source")
-  # Not through the lab_exec function: $! must be the receiver itself (ip netns exec execs it).
-  ip netns exec "$(lab_ns "$host")" "$LAB_PYTHON" "$LAB_FLOW_PY" "${args[@]}" 2>"$log.err" &
-  RECV_PID[$host/$group]=$!
-  lab_wait_for 5 grep -qs '^JOINED' "$log" || fail "the receiver in $host did not join $group: $(head -c 300 "$log.err" 2>/dev/null)"
-}
-
-# stop_recv HOST GROUP: the receiver closes its socket (its kernel reports the leave) and ends.
-stop_recv() {
-  t_stop "${RECV_PID[$1/$2]:-}"
-  RECV_PID[$1/$2]=''
-}
-
-joined_at() { awk '$1 == "JOINED" { print $2; exit }' "$(recv_log "$1" "$2")" 2>/dev/null; }
 # left_at HOST GROUP: when the receiver closed its socket (the time of the leave), else now.
 left_at() {
   local t
-  t=$(awk '$1 == "LEFT" { print $2; exit }' "$(recv_log "$1" "$2")" 2>/dev/null)
+  t=$(awk '$1 == "LEFT" { print $2; exit }' "$(flow_recv_log "$1" "$2")" 2>/dev/null)
   printf '%s' "${t:-$(now_s)}"
 }
 
-# received HOST GROUP [SOURCE]: times of the datagrams the receiver got (from SOURCE).
-received() { awk -v s="${3:-}" '$1 != "JOINED" && $1 != "LEFT" && (s == "" || $2 == s) { print $1 }' "$(recv_log "$1" "$2")" 2>/dev/null; }
-received_count() { received "$@" | wc -l; }
-has_received() { [[ $(received_count "$1" "$2" "${4:-}") -ge $3 ]]; } # HOST GROUP N [SOURCE]
-
-start_send() {
-  ip netns exec "$(lab_ns "$LAB_SRC")" "$LAB_PYTHON" "$LAB_FLOW_PY" send --iface eth0 --rate 100 --hops 16 "$@" \
-    >"$T_WORK/send.log" 2>&1 &
-  SEND_PID=$!
-}
-stop_send() {
-  t_stop "$SEND_PID"
-  SEND_PID=''
-}
-
 # flowing GROUP SOURCE N: at least N packets of the flow reached the router's upstream link.
-flowing() { [[ $(wire up0 "$1" "$2" | wc -l) -ge $3 ]]; }
-wait_flowing() { # GROUP SOURCE...: every flow reaches up0 (100 packets more than before)
-  local group=$1 s n
-  shift
-  for s in "$@"; do
-    n=$(($(wire up0 "$group" "$s" | wc -l) + 100))
-    lab_wait_for 10 flowing "$group" "$s" "$n" || fail "the flow $s -> $group does not reach up0 (see $T_WORK/send.log: $(head -c 200 "$T_WORK/send.log"))" || return 1
-  done
-}
+flowing() { [[ $(flow_wire up0 "$1" "$2" | wc -l) -ge $3 ]]; }
 
 # mfc_is GROUP ORIGIN OIF_LINKS...: the kernel entry has parent up0 and exactly these output
 # links (no links: no entry, or one that forwards to no downstream link).
@@ -162,7 +111,7 @@ forwards_to_no_link() {
 # stopped LINK GROUP QUIET: no packet of GROUP on LINK for QUIET seconds (and some before).
 stopped() {
   local last
-  last=$(wire "$1" "$2" | tail -n 1)
+  last=$(flow_wire "$1" "$2" | tail -n 1)
   [[ -n $last ]] && ! within "$last" "$(now_s)" 0 "$3"
 }
 
@@ -255,12 +204,10 @@ setup() {
   HOST_LL[h1b]=$(lab_ll_addr h1b eth0)
   for link in "${LINKS[@]}"; do
     lab_capture "${HOST_OF[$link]}" eth0 "$T_WORK/mld-$link.pcap" "ip6 and not udp" || fail "no capture on $link" || return 1
-    CAPTURES+=("$LAB_CAPTURE_PID")
-    lab_capture_lines "${HOST_OF[$link]}" eth0 "$T_WORK/udp-$link.txt" udp || fail "no capture on $link" || return 1
-    CAPTURES+=("$LAB_CAPTURE_PID")
+    FLOW_CAPTURES+=("$LAB_CAPTURE_PID")
+    flow_wire_start "$link" "${HOST_OF[$link]}" eth0 || fail "no capture on $link" || return 1
   done
-  lab_capture_lines "$LAB_UP" p-rt "$T_WORK/udp-up0.txt" udp || fail "no capture on the bridge side of up0" || return 1
-  CAPTURES+=("$LAB_CAPTURE_PID")
+  flow_wire_start up0 "$LAB_UP" p-rt || fail "no capture on the bridge side of up0" || return 1
   lab_start_daemon -l "$LOG" || fail "the daemon did not start" || return 1
   lab_wait_started 40 || fail "the daemon did not take up its links; MIFs [$(t_mif_table)]" || return 1
   say "MIFs: $(t_mif_table); h1 ${HOST_LL[dn1]} and h1b ${HOST_LL[h1b]} on dn1, h2 ${HOST_LL[dn2]}, h3 ${HOST_LL[dn3]} (MLDv1)"
@@ -277,91 +224,91 @@ need_setup() {
 
 any_source_join() {
   need_setup || return 1
-  start_send "$S1,$G1,$P1" "$S2,$G1,$P1"
-  wait_flowing "$G1" "$S1" "$S2" || return 1
+  flow_send_start "$S1,$G1,$P1" "$S2,$G1,$P1"
+  flow_wait_more up0 "$G1" 100 "$S1" "$S2" || return 1
   local t0 link stats first
   t0=$(now_s)
   for link in "${LINKS[@]}"; do
-    [[ $(wire_count "$link" "$G1" '' 0) -eq 0 ]] || fail "$link got $G1 before anybody joined" || return 1
+    [[ $(flow_wire_count "$link" "$G1" '' 0) -eq 0 ]] || fail "$link got $G1 before anybody joined" || return 1
   done
-  start_recv "$LAB_H1" "$G1" "$P1" || return 1
-  lab_wait_for 5 has_received "$LAB_H1" "$G1" 20 "$S1" && lab_wait_for 3 has_received "$LAB_H1" "$G1" 20 "$S2" ||
-    fail "h1 received $(received_count "$LAB_H1" "$G1" "$S1") datagrams from $S1 and $(received_count "$LAB_H1" "$G1" "$S2") from $S2 after joining $G1" || return 1
-  first=$(received "$LAB_H1" "$G1" | head -n 1)
-  TIMINGS+=("join to first forwarded packet (h1, $G1): $(ms_between "$(joined_at "$LAB_H1" "$G1")" "$first") ms")
-  say "h1 joined $G1; first datagram $(ms_between "$(joined_at "$LAB_H1" "$G1")" "$first") ms later; from both sources: $(received_count "$LAB_H1" "$G1" "$S1") / $(received_count "$LAB_H1" "$G1" "$S2")"
-  within "$(joined_at "$LAB_H1" "$G1")" "$first" 0 1 || fail "h1's first datagram came $(ms_between "$(joined_at "$LAB_H1" "$G1")" "$first") ms after the join (want under 1 s)" || return 1
+  flow_recv_start "$LAB_H1" "$G1" "$P1" || return 1
+  lab_wait_for 5 flow_has_received "$LAB_H1" "$G1" 20 "$S1" && lab_wait_for 3 flow_has_received "$LAB_H1" "$G1" 20 "$S2" ||
+    fail "h1 received $(flow_received_count "$LAB_H1" "$G1" "$S1") datagrams from $S1 and $(flow_received_count "$LAB_H1" "$G1" "$S2") from $S2 after joining $G1" || return 1
+  first=$(flow_received "$LAB_H1" "$G1" | head -n 1)
+  TIMINGS+=("join to first forwarded packet (h1, $G1): $(ms_between "$(flow_joined_at "$LAB_H1" "$G1")" "$first") ms")
+  say "h1 joined $G1; first datagram $(ms_between "$(flow_joined_at "$LAB_H1" "$G1")" "$first") ms later; from both sources: $(flow_received_count "$LAB_H1" "$G1" "$S1") / $(flow_received_count "$LAB_H1" "$G1" "$S2")"
+  within "$(flow_joined_at "$LAB_H1" "$G1")" "$first" 0 1 || fail "h1's first datagram came $(ms_between "$(flow_joined_at "$LAB_H1" "$G1")" "$first") ms after the join (want under 1 s)" || return 1
   for link in dn2 dn3; do
-    stats=$(wire "$link" "$G1" | times_stats 0 "$(now_s)")
+    stats=$(flow_wire "$link" "$G1" | times_stats 0 "$(now_s)")
     [[ ${stats%% *} -eq 0 ]] || fail "$link (no listener) got ${stats%% *} packets of $G1" || return 1
   done
-  [[ $(wire_count dn1 "$G1" '' 0) -gt 0 ]] || fail "the dn1 capture saw no packet of $G1 although h1's socket got some" || return 1
+  [[ $(flow_wire_count dn1 "$G1" '' 0) -gt 0 ]] || fail "the dn1 capture saw no packet of $G1 although h1's socket got some" || return 1
   say "kernel entry (*,$G1): Iif and Oifs $(lab_mfc "$G1"); MIFs $(t_mif_table)"
   mfc_is "$G1" :: up0 dn1 || fail "(*,$G1) should have parent up0 and output up0 + dn1: $(mfc_text "$G1")" || return 1
 }
 
 late_join() {
   need_setup || return 1
-  [[ -n $SEND_PID ]] || fail "no traffic (the previous check failed)" || return 1
+  [[ -n $FLOW_SEND_PID ]] || fail "no traffic (the previous check failed)" || return 1
   local first
-  start_recv "$LAB_H2" "$G1" "$P1" || return 1
-  lab_wait_for 3 has_received "$LAB_H2" "$G1" 10 || fail "h2 received $(received_count "$LAB_H2" "$G1") datagrams within 3 s of joining $G1" || return 1
-  first=$(received "$LAB_H2" "$G1" | head -n 1)
-  TIMINGS+=("late join to first packet (h2, $G1, traffic flowing): $(ms_between "$(joined_at "$LAB_H2" "$G1")" "$first") ms")
-  say "h2 joined $G1 while traffic flows: first datagram $(ms_between "$(joined_at "$LAB_H2" "$G1")" "$first") ms later"
-  within "$(joined_at "$LAB_H2" "$G1")" "$first" 0 1 || fail "h2's first datagram came $(ms_between "$(joined_at "$LAB_H2" "$G1")" "$first") ms after its join (want under 1 s)" || return 1
+  flow_recv_start "$LAB_H2" "$G1" "$P1" || return 1
+  lab_wait_for 3 flow_has_received "$LAB_H2" "$G1" 10 || fail "h2 received $(flow_received_count "$LAB_H2" "$G1") datagrams within 3 s of joining $G1" || return 1
+  first=$(flow_received "$LAB_H2" "$G1" | head -n 1)
+  TIMINGS+=("late join to first packet (h2, $G1, traffic flowing): $(ms_between "$(flow_joined_at "$LAB_H2" "$G1")" "$first") ms")
+  say "h2 joined $G1 while traffic flows: first datagram $(ms_between "$(flow_joined_at "$LAB_H2" "$G1")" "$first") ms later"
+  within "$(flow_joined_at "$LAB_H2" "$G1")" "$first" 0 1 || fail "h2's first datagram came $(ms_between "$(flow_joined_at "$LAB_H2" "$G1")" "$first") ms after its join (want under 1 s)" || return 1
   mfc_is "$G1" :: up0 dn1 dn2 || fail "(*,$G1) should output to up0 + dn1 + dn2: $(mfc_text "$G1")" || return 1
-  [[ $(wire_count dn3 "$G1" '' 0) -eq 0 ]] || fail "dn3 (no listener) got $G1" || return 1
+  [[ $(flow_wire_count dn3 "$G1" '' 0) -eq 0 ]] || fail "dn3 (no listener) got $G1" || return 1
 }
 
 leave_one() {
   need_setup || return 1
-  [[ -n $SEND_PID ]] || fail "no traffic (an earlier check failed)" || return 1
+  [[ -n $FLOW_SEND_PID ]] || fail "no traffic (an earlier check failed)" || return 1
   local last stats
-  stop_recv "$LAB_H1" "$G1"
+  flow_recv_stop "$LAB_H1" "$G1"
   lab_wait_for 8 stopped dn1 "$G1" 1.5 || fail "dn1 still gets $G1 8 s after h1 left" || return 1
   check_specific_queries dn1 "$G1" "${HOST_LL[dn1]}" "3/$G1/0" 2 || return 1
-  last=$(wire dn1 "$G1" | tail -n 1)
+  last=$(flow_wire dn1 "$G1" | tail -n 1)
   TIMINGS+=("leave to last packet (h1 leaves $G1, h2 stays): $(ms_between "$LEAVE_AT" "$last") ms")
   say "h1 left $G1: its link got the last packet $(ms_between "$LEAVE_AT" "$last") ms after the leave report"
   within "$LEAVE_AT" "$last" 0.9 4 || fail "dn1 got its last $G1 packet $(ms_between "$LEAVE_AT" "$last") ms after the leave (want 0.9 s to 4 s)" || return 1
-  lab_wait_for 3 has_received "$LAB_H2" "$G1" "$(($(received_count "$LAB_H2" "$G1") + 50))" || fail "h2 stopped receiving when h1 left" || return 1
-  stats=$(received "$LAB_H2" "$G1" | times_stats "$LEAVE_AT" "$(now_s)")
+  lab_wait_for 3 flow_has_received "$LAB_H2" "$G1" "$(($(flow_received_count "$LAB_H2" "$G1") + 50))" || fail "h2 stopped receiving when h1 left" || return 1
+  stats=$(flow_received "$LAB_H2" "$G1" | times_stats "$LEAVE_AT" "$(now_s)")
   [[ $(awk '{ print ($4 < 0.5) }' <<<"$stats") == 1 ]] || fail "h2's datagrams paused for ${stats##* } s around h1's leave" || return 1
   mfc_is "$G1" :: up0 dn2 || fail "(*,$G1) should output to up0 + dn2 after h1 left: $(mfc_text "$G1")" || return 1
 }
 
 leave_last() {
   need_setup || return 1
-  [[ -n $SEND_PID ]] || fail "no traffic (an earlier check failed)" || return 1
+  [[ -n $FLOW_SEND_PID ]] || fail "no traffic (an earlier check failed)" || return 1
   local t_left last t0 link n
-  stop_recv "$LAB_H2" "$G1"
+  flow_recv_stop "$LAB_H2" "$G1"
   t_left=$(left_at "$LAB_H2" "$G1")
   lab_wait_for 8 forwards_to_no_link "$G1" || fail "8 s after the last listener left, the kernel still forwards $G1: $(mfc_text "$G1")" || return 1
   lab_wait_for 5 stopped dn2 "$G1" 1 || fail "dn2 still gets $G1 after the last listener left" || return 1
-  last=$(wire dn2 "$G1" | tail -n 1)
+  last=$(flow_wire dn2 "$G1" | tail -n 1)
   say "h2 (the last listener) left $G1: dn2 got the last packet $(ms_between "$t_left" "$last") ms later; entries now: $(mfc_text "$G1")"
   within "$t_left" "$last" 0.9 4 || fail "dn2 got its last $G1 packet $(ms_between "$t_left" "$last") ms after the leave (want 0.9 s to 4 s)" || return 1
   # A window of 1.5 s in which the traffic still reaches up0 and no downstream link gets any.
   t0=$(now_s)
-  n=$(($(wire up0 "$G1" | wc -l) + 150))
+  n=$(($(flow_wire up0 "$G1" | wc -l) + 150))
   lab_wait_for 5 flowing "$G1" '' "$n" || fail "the traffic stopped reaching up0: the window proves nothing" || return 1
   for link in "${LINKS[@]}"; do
-    [[ $(wire_count "$link" "$G1" '' "$t0") -eq 0 ]] || fail "$link got $(wire_count "$link" "$G1" '' "$t0") packets of $G1 after the last listener left" || return 1
+    [[ $(flow_wire_count "$link" "$G1" '' "$t0") -eq 0 ]] || fail "$link got $(flow_wire_count "$link" "$G1" '' "$t0") packets of $G1 after the last listener left" || return 1
   done
   mfc_is "$G1" :: || fail "(*,$G1) still forwards downstream: $(mfc_text "$G1")" || return 1
-  stop_send
+  flow_send_stop
 }
 
 two_hosts_one_link() {
   need_setup || return 1
   local t_leave q answer stats gap
-  start_send "$S1,$G2,$P2"
-  wait_flowing "$G2" "$S1" || return 1
-  start_recv "$LAB_H1" "$G2" "$P2" && start_recv h1b "$G2" "$P2" || return 1
-  lab_wait_for 5 has_received "$LAB_H1" "$G2" 20 && lab_wait_for 5 has_received h1b "$G2" 20 ||
-    fail "h1 / h1b received $(received_count "$LAB_H1" "$G2") / $(received_count h1b "$G2") datagrams of $G2" || return 1
-  stop_recv "$LAB_H1" "$G2"
+  flow_send_start "$S1,$G2,$P2"
+  flow_wait_more up0 "$G2" 100 "$S1" || return 1
+  flow_recv_start "$LAB_H1" "$G2" "$P2" && flow_recv_start h1b "$G2" "$P2" || return 1
+  lab_wait_for 5 flow_has_received "$LAB_H1" "$G2" 20 && lab_wait_for 5 flow_has_received h1b "$G2" 20 ||
+    fail "h1 / h1b received $(flow_received_count "$LAB_H1" "$G2") / $(flow_received_count h1b "$G2") datagrams of $G2" || return 1
+  flow_recv_stop "$LAB_H1" "$G2"
   t_leave=$(left_at "$LAB_H1" "$G2")
   # Watch for longer than the group membership interval.
   watch_until "$t_leave" $((GMI + 2))
@@ -370,15 +317,15 @@ two_hosts_one_link() {
   answer=$(mld dn1 | grep " src=${HOST_LL[h1b]} " | grep -E " recs=([^ ]*,)?2/$G2/0" | awk -v t="${q%% *}" '$1 >= t && $1 <= t + 1.2' | head -n 1)
   [[ -n $answer ]] || fail "h1b did not answer the group-specific query at ${q%% *} with a MODE_IS_EXCLUDE record for $G2 within its 1 s" || return 1
   say "h1 left $G2; the router asked at ${q%% *}; h1b answered $(ms_between "${q%% *}" "${answer%% *}") ms later: ${answer#* }"
-  stats=$(received h1b "$G2" | times_stats "$t_leave" "$(now_s)")
+  stats=$(flow_received h1b "$G2" | times_stats "$t_leave" "$(now_s)")
   gap=${stats##* }
   say "h1b over the $((GMI + 2)) s after h1's leave: ${stats%% *} datagrams, longest pause ${gap} s"
   awk -v g="$gap" 'BEGIN { exit !(g < 0.5) }' || fail "h1b's datagrams paused for $gap s after h1 left" || return 1
-  stats=$(wire dn1 "$G2" | times_stats "$t_leave" "$(now_s)")
+  stats=$(flow_wire dn1 "$G2" | times_stats "$t_leave" "$(now_s)")
   awk -v g="${stats##* }" 'BEGIN { exit !(g < 0.5) }' || fail "dn1's packets of $G2 paused for ${stats##* } s after h1 left" || return 1
   mfc_is "$G2" :: up0 dn1 || fail "(*,$G2) should still output to up0 + dn1 after GMI: $(mfc_text "$G2")" || return 1
-  stop_recv h1b "$G2"
-  stop_send
+  flow_recv_stop h1b "$G2"
+  flow_send_stop
 }
 
 # The last general query on LINK after time T: its decoded line.
@@ -390,15 +337,15 @@ mldv1_host() {
   local before report t_report q q1 t_done last
   before=$(mld dn3 | grep " src=${RT_LL[dn3]} " | grep " type=130 .* group=:: " | tail -n 1)
   [[ $(field len <<<"$before") == 28 ]] || fail "before the MLDv1 host joins, dn3's general query is not the 28-byte form: ${before:-none seen}" || return 1
-  start_send "$S1,$G3,$P3"
-  wait_flowing "$G3" "$S1" || return 1
-  start_recv h3 "$G3" "$P3" || return 1
-  lab_wait_for 5 has_received h3 "$G3" 20 || fail "the MLDv1 host h3 received $(received_count h3 "$G3") datagrams after joining $G3" || return 1
+  flow_send_start "$S1,$G3,$P3"
+  flow_wait_more up0 "$G3" 100 "$S1" || return 1
+  flow_recv_start h3 "$G3" "$P3" || return 1
+  lab_wait_for 5 flow_has_received h3 "$G3" 20 || fail "the MLDv1 host h3 received $(flow_received_count h3 "$G3") datagrams after joining $G3" || return 1
   lab_wait_for 2 has_v1_report dn3 "${HOST_LL[dn3]}" "$G3"
   report=$(mld dn3 | grep " src=${HOST_LL[dn3]} " | grep " type=131 .* group=$G3$" | head -n 1)
   [[ -n $report ]] || fail "no MLDv1 report of h3 for $G3 on dn3" || return 1
   t_report=${report%% *}
-  say "h3 (MLDv1) joined $G3: ${report#* }; first datagram $(ms_between "$(joined_at h3 "$G3")" "$(received h3 "$G3" | head -n 1)") ms after the join"
+  say "h3 (MLDv1) joined $G3: ${report#* }; first datagram $(ms_between "$(flow_joined_at h3 "$G3")" "$(flow_received h3 "$G3" | head -n 1)") ms after the join"
   mfc_is "$G3" :: up0 dn3 || fail "(*,$G3) should output to up0 + dn3: $(mfc_text "$G3")" || return 1
   lab_wait_for 7 has_general_query_after dn3 "$t_report" || fail "no general query on dn3 within 7 s of the MLDv1 report" || return 1
   q=$(general_query_after dn3 "$t_report")
@@ -410,39 +357,39 @@ mldv1_host() {
   [[ $(field len <<<"$q") == 28 && $(field v <<<"$q") == 2 && $(field dst <<<"$q") == ff02::1 ]] ||
     fail "dn3's general query after the MLDv1 report is not the 28-byte MLDv2 form: $q" || return 1
   [[ $(field len <<<"$q1") == 28 ]] || fail "dn1's general query changed form: ${q1:-none seen}" || return 1
-  stop_recv h3 "$G3"
+  flow_recv_stop h3 "$G3"
   lab_wait_for 8 stopped dn3 "$G3" 1.5 || fail "dn3 still gets $G3 8 s after the MLDv1 host left" || return 1
   check_specific_queries dn3 "$G3" "${HOST_LL[dn3]}" type=132 2 || return 1
   t_done=$LEAVE_AT
-  last=$(wire dn3 "$G3" | tail -n 1)
+  last=$(flow_wire dn3 "$G3" | tail -n 1)
   say "h3 sent its Done: dn3 got the last packet $(ms_between "$t_done" "$last") ms later"
   within "$t_done" "$last" 0.9 4 || fail "dn3 got its last $G3 packet $(ms_between "$t_done" "$last") ms after the Done (want 0.9 s to 4 s)" || return 1
   mfc_is "$G3" :: || fail "(*,$G3) still forwards to a downstream link: $(mfc_text "$G3")" || return 1
-  stop_send
+  flow_send_stop
 }
 
 source_specific_join() {
   need_setup || return 1
   local report first link
-  start_send "$S1,$G4,$P4" "$S2,$G4,$P4"
-  wait_flowing "$G4" "$S1" "$S2" || return 1
-  start_recv "$LAB_H2" "$G4" "$P4" "$S1" || return 1
-  lab_wait_for 5 has_received "$LAB_H2" "$G4" 20 "$S1" || fail "h2 received $(received_count "$LAB_H2" "$G4" "$S1") datagrams from $S1 after joining ($S1, $G4)" || return 1
-  first=$(received "$LAB_H2" "$G4" "$S1" | head -n 1)
+  flow_send_start "$S1,$G4,$P4" "$S2,$G4,$P4"
+  flow_wait_more up0 "$G4" 100 "$S1" "$S2" || return 1
+  flow_recv_start "$LAB_H2" "$G4" "$P4" --source "$S1" || return 1
+  lab_wait_for 5 flow_has_received "$LAB_H2" "$G4" 20 "$S1" || fail "h2 received $(flow_received_count "$LAB_H2" "$G4" "$S1") datagrams from $S1 after joining ($S1, $G4)" || return 1
+  first=$(flow_received "$LAB_H2" "$G4" "$S1" | head -n 1)
   lab_wait_for 2 has_report_for dn2 "${HOST_LL[dn2]}" "$G4"
   report=$(mld dn2 | grep " src=${HOST_LL[dn2]} " | grep " type=143 " | grep -F "/$G4/" | head -n 1)
   say "h2 joined ($S1, $G4): ${report#* }"
   grep -Eq "recs=([^ ]*,)?[135]/$G4/1/$S1(,| |$)" <<<"$report" ||
     fail "h2's report is no INCLUDE-type record for $G4 with source $S1: ${report:-none seen}" || return 1
-  TIMINGS+=("source-specific join to first packet (h2, $S1 -> $G4): $(ms_between "$(joined_at "$LAB_H2" "$G4")" "$first") ms")
-  within "$(joined_at "$LAB_H2" "$G4")" "$first" 0 1 || fail "the first datagram from $S1 came $(ms_between "$(joined_at "$LAB_H2" "$G4")" "$first") ms after the join (want under 1 s)" || return 1
+  TIMINGS+=("source-specific join to first packet (h2, $S1 -> $G4): $(ms_between "$(flow_joined_at "$LAB_H2" "$G4")" "$first") ms")
+  within "$(flow_joined_at "$LAB_H2" "$G4")" "$first" 0 1 || fail "the first datagram from $S1 came $(ms_between "$(flow_joined_at "$LAB_H2" "$G4")" "$first") ms after the join (want under 1 s)" || return 1
   # Another 1.5 s of both flows.
-  lab_wait_for 5 has_received "$LAB_H2" "$G4" "$(($(received_count "$LAB_H2" "$G4" "$S1") + 150))" "$S1" ||
+  lab_wait_for 5 flow_has_received "$LAB_H2" "$G4" "$(($(flow_received_count "$LAB_H2" "$G4" "$S1") + 150))" "$S1" ||
     fail "h2 stopped receiving $S1" || return 1
-  say "dn2 got $(wire_count dn2 "$G4" "$S1" 0) packets from $S1 and $(wire_count dn2 "$G4" "$S2" 0) from $S2; up0 got $(wire_count up0 "$G4" "$S2" 0) from $S2"
-  [[ $(wire_count dn2 "$G4" "$S2" 0) -eq 0 ]] || fail "dn2 got $(wire_count dn2 "$G4" "$S2" 0) packets from $S2, which h2 did not ask for" || return 1
+  say "dn2 got $(flow_wire_count dn2 "$G4" "$S1" 0) packets from $S1 and $(flow_wire_count dn2 "$G4" "$S2" 0) from $S2; up0 got $(flow_wire_count up0 "$G4" "$S2" 0) from $S2"
+  [[ $(flow_wire_count dn2 "$G4" "$S2" 0) -eq 0 ]] || fail "dn2 got $(flow_wire_count dn2 "$G4" "$S2" 0) packets from $S2, which h2 did not ask for" || return 1
   for link in dn1 dn3; do
-    [[ $(wire_count "$link" "$G4" '' 0) -eq 0 ]] || fail "$link (no listener) got $G4" || return 1
+    [[ $(flow_wire_count "$link" "$G4" '' 0) -eq 0 ]] || fail "$link (no listener) got $G4" || return 1
   done
   say "kernel entries of $G4: $(mfc_text "$G4")"
   [[ -z $(lab_mfc "$G4") ]] || fail "a (*,$G4) entry exists for a source-specific listener: $(mfc_text "$G4")" || return 1
@@ -451,29 +398,29 @@ source_specific_join() {
   ! lab_mfc_oifs "$G4" "$S1" | tr ' ' '\n' | grep -qvx -e "$(lab_mif_index up0)" -e "$(lab_mif_index dn2)" ||
     fail "($S1, $G4) outputs to links without listener: $(mfc_text "$G4")" || return 1
   mfc_is "$G4" "$S2" || fail "($S2, $G4) forwards downstream: $(mfc_text "$G4")" || return 1
-  stop_recv "$LAB_H2" "$G4"
-  stop_send
+  flow_recv_stop "$LAB_H2" "$G4"
+  flow_send_stop
 }
 
 link_deleted() {
   need_setup || return 1
   local bytes_before t_del stats extra
-  start_send "$S1,$G5,$P5"
-  wait_flowing "$G5" "$S1" || return 1
-  start_recv h3 "$G5" "$P5" && start_recv "$LAB_H2" "$G5" "$P5" || return 1
-  lab_wait_for 5 has_received h3 "$G5" 20 && lab_wait_for 5 has_received "$LAB_H2" "$G5" 20 ||
-    fail "h3 / h2 received $(received_count h3 "$G5") / $(received_count "$LAB_H2" "$G5") datagrams of $G5" || return 1
+  flow_send_start "$S1,$G5,$P5"
+  flow_wait_more up0 "$G5" 100 "$S1" || return 1
+  flow_recv_start h3 "$G5" "$P5" && flow_recv_start "$LAB_H2" "$G5" "$P5" || return 1
+  lab_wait_for 5 flow_has_received h3 "$G5" 20 && lab_wait_for 5 flow_has_received "$LAB_H2" "$G5" 20 ||
+    fail "h3 / h2 received $(flow_received_count h3 "$G5") / $(flow_received_count "$LAB_H2" "$G5") datagrams of $G5" || return 1
   mfc_is "$G5" :: up0 dn2 dn3 || fail "(*,$G5) should output to up0 + dn2 + dn3: $(mfc_text "$G5")" || return 1
   # Messages may lack a final newline (some start with one instead): compare bytes, not lines.
   bytes_before=$(stat -c %s "$LOG")
   FREED_MIF=$(lab_mif_index dn3)
   t_del=$(now_s)
   lab_del_downstream dn3 h3 || fail "could not delete dn3" || return 1
-  RECV_PID[h3/$G5]='' # gone with its namespace
+  unset "FLOW_RECV_PID[h3/$G5]" # gone with its namespace
   say "dn3 (MIF $FREED_MIF) deleted while $G5 flows to h3 and h2"
   watch_until "$t_del" 3
   t_daemon_alive || fail "the daemon ended after dn3 was deleted" || return 1
-  stats=$(received "$LAB_H2" "$G5" | times_stats "$t_del" "$(now_s)")
+  stats=$(flow_received "$LAB_H2" "$G5" | times_stats "$t_del" "$(now_s)")
   say "h2 over the 3 s after the deletion: ${stats%% *} datagrams, longest pause ${stats##* } s"
   awk -v g="${stats##* }" 'BEGIN { exit !(g < 0.5) }' || fail "h2's datagrams paused for ${stats##* } s when dn3 was deleted" || return 1
   extra=$(tail -c +"$((bytes_before + 1))" "$LOG" | grep -v -e '^$' -e '^MLDRT: Setsockopt error on MRT_DEL_VIF: ' -e '^MLDV2: Fatal- Couldnt send ' | head -n 3)
@@ -486,26 +433,25 @@ link_deleted() {
 # link that gets the freed MIF index shows whether it did: it must get nothing of the group.
 deleted_links_listeners_released() {
   need_setup || return 1
-  [[ -n $SEND_PID && -n $FREED_MIF ]] || fail "no traffic or no deleted link (the previous check failed)" || return 1
+  [[ -n $FLOW_SEND_PID && -n $FREED_MIF ]] || fail "no traffic or no deleted link (the previous check failed)" || return 1
   local t0 n got
   lab_add_downstream dn4 h4 || fail "could not add dn4" || return 1
-  lab_capture_lines h4 eth0 "$T_WORK/udp-dn4.txt" udp || fail "no capture on dn4" || return 1
-  CAPTURES+=("$LAB_CAPTURE_PID")
+  flow_wire_start dn4 h4 eth0 || fail "no capture on dn4" || return 1
   lab_wait_for 30 lab_has_mif dn4 || fail "dn4 did not become a MIF within 30 s; MIFs [$(t_mif_table)]" || return 1
   got=$(lab_mif_index dn4)
   [[ $got == "$FREED_MIF" ]] || fail "dn4 got MIF $got, not the freed $FREED_MIF: the check cannot be made" || return 1
   say "dn4 (no listener) got the freed MIF $got; (*,$G5): $(mfc_text "$G5")"
   t0=$(now_s)
-  n=$(($(wire up0 "$G5" | wc -l) + 150))
+  n=$(($(flow_wire up0 "$G5" | wc -l) + 150))
   lab_wait_for 5 flowing "$G5" '' "$n" || fail "the traffic stopped reaching up0" || return 1
-  [[ $(wire_count dn4 "$G5" '' 0) -eq 0 ]] || fail "dn4, without listeners, got $(wire_count dn4 "$G5" '' 0) packets of $G5 through the deleted link's MIF" || return 1
+  [[ $(flow_wire_count dn4 "$G5" '' 0) -eq 0 ]] || fail "dn4, without listeners, got $(flow_wire_count dn4 "$G5" '' 0) packets of $G5 through the deleted link's MIF" || return 1
   mfc_is "$G5" :: up0 dn2 || fail "(*,$G5) should output to up0 + dn2 only: $(mfc_text "$G5"); MIFs [$(t_mif_table)]" || return 1
   # The last listener leaves: no mark of the deleted link may keep the entry.
-  stop_recv "$LAB_H2" "$G5"
+  flow_recv_stop "$LAB_H2" "$G5"
   lab_wait_for 8 mfc_gone "$G5" || fail "(*,$G5) stays after its last listener left: $(mfc_text "$G5")" || return 1
-  [[ $(wire_count dn4 "$G5" '' 0) -eq 0 ]] || fail "dn4 got $(wire_count dn4 "$G5" '' 0) packets of $G5" || return 1
+  [[ $(flow_wire_count dn4 "$G5" '' 0) -eq 0 ]] || fail "dn4 got $(flow_wire_count dn4 "$G5" '' 0) packets of $G5" || return 1
   say "h2 left: (*,$G5) is gone"
-  stop_send
+  flow_send_stop
 }
 mfc_gone() { [[ -z $(lab_mfc "$1") ]]; }
 
@@ -522,9 +468,7 @@ check link_with_listener_deleted_while_traffic_flows link_deleted
 check deleted_links_listeners_leave_the_group_entry deleted_links_listeners_released
 
 for t in "${TIMINGS[@]}"; do say "timing: $t"; done
-stop_send
-for key in "${!RECV_PID[@]}"; do t_stop "${RECV_PID[$key]}"; done
-lab_capture_stop "${CAPTURES[@]}"
+flow_stop_all
 if t_daemon_alive; then
   lab_stop_daemon TERM 10 || say "the daemon did not end on SIGTERM"
   say "daemon ended with status ${LAB_DAEMON_STATUS:-?}"

@@ -15,20 +15,6 @@ CLIENTS=$LAB_ROOT/tests/lab/control_clients.py
 G=ff0e::1:201 PORT=5201
 SETUP_OK=0 SEND_PID='' RECV_PID=''
 
-# status_json FILE: the daemon's status as JSON, asked in the router's namespace with the
-# daemon binary itself; the time it took in ms on standard output.
-status_json() {
-  local start
-  start=$(lab_now_us)
-  lab_exec "$LAB_RT" "$LAB_DAEMON" status --json -s "$LAB_CONTROL_SOCKET" >"$1" 2>"$1.err" || return 1
-  elapsed_ms "$start"
-}
-
-# json_query FILE EXPR: EXPR evaluated in Python with the status as `s`, printed.
-json_query() {
-  "$LAB_PYTHON" -c 'import json, sys; s = json.load(open(sys.argv[1])); print(eval(sys.argv[2]))' "$1" "$2"
-}
-
 setup() {
   t_need_daemon || return 1
   lab_up || fail "the lab could not be built" || return 1

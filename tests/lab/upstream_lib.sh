@@ -259,3 +259,12 @@ up_count_records() {
 
 # up_has_records N TYPE GROUP SOURCES SINCE_US: at least N such records.
 up_has_records() { [[ $(up_count_records "$2" "$3" "$4" "$5") -ge $1 ]]; }
+
+# up_group_records GROUP SINCE_US: the daemon's records for GROUP on up0 at or after SINCE_US,
+# "TIME TYPE SOURCES" lines (SOURCES comma-separated, "-" for none).
+up_group_records() {
+  up_daemon_reports | awk -v g="$1" -v t="$2" '$1 >= t {
+      for (i = 8; i <= NF; i++)
+        if (split($i, f, "/") == 3 && f[2] == g) print $1, f[1], (f[3] == "" ? "-" : f[3])
+    }'
+}
