@@ -3,7 +3,7 @@
 #
 #   cmake -S . -B build-musl -DCMAKE_TOOLCHAIN_FILE=cmake/x86_64-linux-musl.cmake -DMLD_TESTS=OFF
 #
-# Debian packages: musl-dev (headers, crt files, libc, and the specs file of musl-gcc), musl (the
+# Debian packages: musl-dev (headers, crt files, libc, and musl-gcc's option file), musl (the
 # loader /lib/ld-musl-x86_64.so.1), g++ and linux-libc-dev. Debian has no C++ standard library
 # built for musl (musl-gcc is C only). The daemon needs none at run time: it is built
 # without exceptions and RTTI, uses only the C library through the C++ headers <cstring>,
@@ -33,14 +33,14 @@ foreach(dir linux:/usr/include/linux asm:/usr/include/x86_64-linux-gnu/asm
   endif()
 endforeach()
 
-# The specs file puts musl's headers and crt files in place of glibc's. libstdc++'s headers come
-# first (-nostdinc of the specs drops them otherwise); musl-libstdcxx.h answers their glibc
+# musl-gcc's option file puts musl's headers and crt files in place of glibc's. libstdc++'s
+# headers come first (its -nostdinc drops them otherwise); musl-libstdcxx.h answers their glibc
 # version test.
 set(CMAKE_CXX_FLAGS_INIT "-specs=${MLD_MUSL_SPECS} \
 -isystem /usr/include/c++/${MLD_GCC_VERSION} \
 -isystem /usr/include/x86_64-linux-gnu/c++/${MLD_GCC_VERSION} \
 -idirafter ${MLD_MUSL_KERNEL_HEADERS} -include ${CMAKE_CURRENT_LIST_DIR}/musl-libstdcxx.h")
-# (CMake passes the compile flags, with the specs, to the link as well.)
+# (CMake passes the compile flags, the option file among them, to the link as well.)
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-nodefaultlibs")
 set(CMAKE_CXX_STANDARD_LIBRARIES "-lc -lgcc")
 
