@@ -4,7 +4,7 @@
 // tests' fake (GNU ld --wrap at the system-call boundary), so what is measured is the daemon's
 // own work, the fake's bookkeeping of each setsockopt and sendmsg included.
 //
-// The forwarding database holds at most MLDRT_MAX_GROUPS (16384) group addresses. The rows
+// The forwarding database holds at most kMaxGroups (16384) group addresses. The rows
 // of 100k therefore spread the listener state over 8 downstream links that each join the
 // same 12,500 groups: 100,000 (link, group) records, the number the per-link walks see, over
 // 12,500 forwarding entries.
@@ -24,6 +24,8 @@
 #include "iface/netlink.h"
 #include "mld/mld.h"
 
+using namespace mldproxy;
+
 namespace {
 
 constexpr uint32_t kLinkCapacity = 12500;  // groups per link in the rows beyond the limit
@@ -38,7 +40,7 @@ void router_up(uint32_t downstream_links) {
     router.query_response_interval = 10000;
     router.last_listener_query_interval = 1;
     router.last_listener_query_count = 2;
-    router.upstream = fake::add_link("up0", 2, 0);
+    router.upstream = fake::make_link("up0", 2, 0);
     for (uint32_t i = 0; i < downstream_links; i++) {
         char name[8] = "dn";
         name[2] = static_cast<char>('1' + i);
@@ -49,9 +51,9 @@ void router_up(uint32_t downstream_links) {
 
 void router_down() {
     router.active = 0;
-    mldrt_cleanup_interfaces(&router);
-    mldrt_uninit(&router);
-    mldrt_sysif_reset();
+    delete_all_links(&router);
+    shut_down(&router);
+    system_link_reset();
     fake::reset();
 }
 
@@ -70,21 +72,21 @@ void group_addr(uint32_t i, bool ssm, uint8_t* out) {
 // source kSource when `ssm`, as many records as a 1500-byte report takes.
 std::vector<std::vector<uint8_t>> make_reports(uint32_t groups, uint8_t type, bool ssm) {
     uint32_t per_report = ssm ? kMtuRecords / 2 : kMtuRecords;
-    uint32_t rec_len = MLDRT_MCAST_REC_HDR_LEN + (ssm ? MLDRT_ADDR_LEN : 0);
+    uint32_t rec_len = kMcastRecHdrLen + (ssm ? kAddrLen : 0);
     std::vector<std::vector<uint8_t>> reports;
     for (uint32_t first = 0; first < groups; first += per_report) {
         uint32_t n = groups - first < per_report ? groups - first : per_report;
-        std::vector<uint8_t> msg(MLDRT_REPORT_HDR_LEN + n * rec_len, 0);
-        msg[0] = MLDRT_TYPE_V2_REPORT;
+        std::vector<uint8_t> msg(kReportHdrLen + n * rec_len, 0);
+        msg[0] = kTypeV2Report;
         msg[6] = static_cast<uint8_t>(n >> 8);
         msg[7] = static_cast<uint8_t>(n);
         for (uint32_t k = 0; k < n; k++) {
-            uint8_t* rec = msg.data() + MLDRT_REPORT_HDR_LEN + k * rec_len;
+            uint8_t* rec = msg.data() + kReportHdrLen + k * rec_len;
             rec[0] = type;
             rec[3] = ssm ? 1 : 0;
             group_addr(first + k, ssm, rec + 4);
             if (ssm) {
-                std::memcpy(rec + MLDRT_MCAST_REC_HDR_LEN, kSource, 16);
+                std::memcpy(rec + kMcastRecHdrLen, kSource, 16);
             }
         }
         reports.push_back(std::move(msg));
@@ -94,14 +96,14 @@ std::vector<std::vector<uint8_t>> make_reports(uint32_t groups, uint8_t type, bo
 
 // Hands every report to every downstream link as the receive path would.
 void deliver(const std::vector<std::vector<uint8_t>>& reports) {
-    for (mldrt_interface* ifp = router.interfaces; ifp; ifp = ifp->next) {
+    for (Link* ifp = router.interfaces; ifp; ifp = ifp->next) {
         if (ifp == router.upstream) {
             continue;
         }
         for (const auto& msg : reports) {
             std::memset(router.buf, 0, router.buf_size);
             std::memcpy(router.buf, msg.data(), msg.size());
-            mldrt_handle_mld_message(&router, ifp, router.buf, kHost, static_cast<int>(msg.size()));
+            handle_mld_message(&router, ifp, router.buf, kHost, static_cast<int>(msg.size()));
         }
     }
 }
@@ -144,7 +146,7 @@ void run_reports(benchmark::State& state, uint8_t type, bool ssm, uint8_t before
         state.ResumeTiming();
         deliver(reports);
         state.PauseTiming();
-        in_db = mldrt_mfdb_count();
+        in_db = forwarding_entry_count();
         router_down();
         state.ResumeTiming();
     }
@@ -152,22 +154,22 @@ void run_reports(benchmark::State& state, uint8_t type, bool ssm, uint8_t before
 }
 
 void BM_ReportAsmJoin(benchmark::State& state) {
-    run_reports(state, MLDRT_REC_CHANGE_TO_EXCLUDE, false, 0);
+    run_reports(state, RecordType::ChangeToExclude, false, 0);
 }
 
 void BM_ReportSsmJoin(benchmark::State& state) {
-    run_reports(state, MLDRT_REC_ALLOW_NEW_SOURCES, true, 0);
+    run_reports(state, RecordType::AllowNewSources, true, 0);
 }
 
 void BM_ReportAsmLeave(benchmark::State& state) {
-    run_reports(state, MLDRT_REC_CHANGE_TO_INCLUDE, false, MLDRT_REC_CHANGE_TO_EXCLUDE);
+    run_reports(state, RecordType::ChangeToInclude, false, RecordType::ChangeToExclude);
 }
 
 // The tick with every group joined and reported: what an idle router does each second.
 void BM_Tick(benchmark::State& state) {
     layout l = layout_of(state.range(0));
     router_up(l.links);
-    auto refresh = make_reports(l.groups, MLDRT_REC_MODE_IS_EXCLUDE, false);
+    auto refresh = make_reports(l.groups, RecordType::ModeIsExclude, false);
     deliver(refresh);
     for (int i = 0; i < 3; i++) {  // the first report and its retransmission go out
         fake::run_second();
@@ -185,7 +187,7 @@ void BM_Tick(benchmark::State& state) {
             state.ResumeTiming();
         }
     }
-    set_counters(state, l, mldrt_mfdb_count());
+    set_counters(state, l, forwarding_entry_count());
     router_down();
 }
 

@@ -6,23 +6,27 @@
 #include <cstdint>
 #include <cstring>
 
-// :: — also the source that stands for "every source" in the forwarding database.
-inline constexpr uint8_t MLDRT_ADDR_ANY[16] = {};
-inline constexpr uint8_t MLDRT_ADDR_ALL_NODES[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0,
-                                                     0,    0,    0, 0, 0, 0, 0, 0x01};
-inline constexpr uint8_t MLDRT_ADDR_ALL_ROUTERS[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0,
-                                                       0,    0,    0, 0, 0, 0, 0, 0x02};
-inline constexpr uint8_t MLDRT_ADDR_ALL_MLDV2_ROUTERS[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0,
-                                                             0,    0,    0, 0, 0, 0, 0, 0x16};
+namespace mldproxy {
 
-inline bool mldrt_is_any_addr(const uint8_t* addr) {
-    return std::memcmp(addr, MLDRT_ADDR_ANY, 16) == 0;
+// :: — also the source that stands for "every source" in the forwarding database.
+inline constexpr uint8_t kAddrAny[16] = {};
+inline constexpr uint8_t kAddrAllNodes[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0,
+                                              0,    0,    0, 0, 0, 0, 0, 0x01};
+inline constexpr uint8_t kAddrAllRouters[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0,
+                                                0,    0,    0, 0, 0, 0, 0, 0x02};
+inline constexpr uint8_t kAddrAllMldv2Routers[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0,
+                                                     0,    0,    0, 0, 0, 0, 0, 0x16};
+
+inline bool is_unspecified(const uint8_t* addr) {
+    return std::memcmp(addr, kAddrAny, 16) == 0;
 }
 
 // Scope of a multicast address (RFC 4291 section 2.7): the low four bits of its second byte.
 // Scopes 0 (reserved), 1 (interface-local) and 2 (link-local) never leave their link.
-inline bool mldrt_is_link_scope_group(const uint8_t* grp) {
+inline bool is_link_scope_group(const uint8_t* grp) {
     return (grp[1] & 0x0f) <= 2;
 }
+
+}  // namespace mldproxy
 
 #endif

@@ -5,23 +5,25 @@
 
 #include <cstdint>
 
-inline uint16_t mldrt_get_be16(const uint8_t* p) {
+namespace mldproxy {
+
+inline uint16_t get_be16(const uint8_t* p) {
     return static_cast<uint16_t>((p[0] << 8) | p[1]);
 }
 
-inline void mldrt_put_be16(uint8_t* p, uint16_t v) {
+inline void put_be16(uint8_t* p, uint16_t v) {
     p[0] = static_cast<uint8_t>(v >> 8);
     p[1] = static_cast<uint8_t>(v);
 }
 
-inline uint32_t mldrt_get_be32(const uint8_t* p) {
+inline uint32_t get_be32(const uint8_t* p) {
     return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
            (static_cast<uint32_t>(p[2]) << 8) | p[3];
 }
 
 // What is left of a received message: every read first asks whether the bytes are there, and
 // the cursor only ever shrinks, so nothing beyond what arrived is ever read.
-struct mldrt_cursor {
+struct Cursor {
     const uint8_t* p;
     uint32_t left;
 
@@ -38,11 +40,13 @@ struct mldrt_cursor {
     }
 };
 
-inline void mldrt_put_be32(uint8_t* p, uint32_t v) {
+inline void put_be32(uint8_t* p, uint32_t v) {
     p[0] = static_cast<uint8_t>(v >> 24);
     p[1] = static_cast<uint8_t>(v >> 16);
     p[2] = static_cast<uint8_t>(v >> 8);
     p[3] = static_cast<uint8_t>(v);
 }
+
+}  // namespace mldproxy
 
 #endif

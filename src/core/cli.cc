@@ -10,6 +10,8 @@
 #include "core/config.h"
 #include "core/control.h"
 
+namespace mldproxy {
+
 #ifndef MLD_VERSION
 #define MLD_VERSION "unknown"
 #endif
@@ -20,8 +22,8 @@ bool is(const char* word, const char* what) {
     return std::strcmp(word, what) == 0;
 }
 
-mldrt_options bad(mldrt_options o, const char* word) {
-    o.command = mldrt_command::bad;
+Options bad(Options o, const char* word) {
+    o.command = Command::bad;
     o.bad_word = word;
     return o;
 }
@@ -46,26 +48,25 @@ int connect_to(const char* path) {
 
 }  // namespace
 
-mldrt_options mldrt_parse_options(int argc, const char* const* argv) {
-    mldrt_options o{
-        mldrt_command::run, MLDRT_CONFIG_PATH, MLDRT_DEFAULT_SOCKET, false, false, nullptr};
+Options parse_options(int argc, const char* const* argv) {
+    Options o{Command::run, kConfigPath, kDefaultSocket, false, false, nullptr};
     int i = 1;
     if (i < argc && is(argv[i], "status")) {
-        o.command = mldrt_command::status;
+        o.command = Command::status;
         i++;
     }
     // Help and version win wherever they stand, so that asking for help never starts the proxy.
     for (int j = 1; j < argc; j++) {
         if (is(argv[j], "--help") || is(argv[j], "-h")) {
-            o.command = mldrt_command::help;
+            o.command = Command::help;
             return o;
         }
         if (is(argv[j], "--version")) {
-            o.command = mldrt_command::version;
+            o.command = Command::version;
             return o;
         }
     }
-    bool proxy = o.command == mldrt_command::run;
+    bool proxy = o.command == Command::run;
     for (; i < argc; i++) {
         const char* w = argv[i];
         bool takes_value = is(w, "-s") || (is(w, "-f") && proxy);
@@ -74,10 +75,10 @@ mldrt_options mldrt_parse_options(int argc, const char* const* argv) {
         }
         if (takes_value) {
             (is(w, "-s") ? o.socket_path : o.config_path) = argv[++i];
-        } else if (is(w, "--json") && o.command == mldrt_command::status) {
+        } else if (is(w, "--json") && o.command == Command::status) {
             o.json = true;
         } else if (is(w, "-t") && proxy) {
-            o.command = mldrt_command::check;
+            o.command = Command::check;
         } else if (is(w, "--syslog") && proxy) {
             o.syslog = true;
         } else {
@@ -87,7 +88,7 @@ mldrt_options mldrt_parse_options(int argc, const char* const* argv) {
     return o;
 }
 
-void mldrt_print_usage(FILE* out) {
+void print_usage(FILE* out) {
     fprintf(out,
             "usage: mldproxyd [-f FILE] [-s SOCKET] [--syslog]\n"
             "       mldproxyd -t [-f FILE]\n"
@@ -100,14 +101,14 @@ void mldrt_print_usage(FILE* out) {
             "  -t         check the configuration file and exit: 0 good, 1 bad\n"
             "  --syslog   messages to syslog (facility daemon) instead of standard output\n"
             "  --json     status as one JSON object\n",
-            MLDRT_CONFIG_PATH, MLDRT_DEFAULT_SOCKET);
+            kConfigPath, kDefaultSocket);
 }
 
-void mldrt_print_version(FILE* out) {
+void print_version(FILE* out) {
     fprintf(out, "mldproxyd %s\n", MLD_VERSION);
 }
 
-int mldrt_run_status_client(const mldrt_options& o) {
+int run_status_client(const Options& o) {
     int fd = connect_to(o.socket_path);
     if (fd < 0) {
         fprintf(stderr, "mldproxyd: can't connect to %s: %s (is the daemon running?)\n",
@@ -128,3 +129,5 @@ int mldrt_run_status_client(const mldrt_options& o) {
     close(fd);
     return 0;
 }
+
+}  // namespace mldproxy

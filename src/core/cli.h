@@ -9,10 +9,12 @@
 
 #include <cstdio>
 
-enum class mldrt_command { run, check, status, help, version, bad };
+namespace mldproxy {
 
-struct mldrt_options {
-    mldrt_command command;
+enum class Command { run, check, status, help, version, bad };
+
+struct Options {
+    Command command;
     const char* config_path;  // -f; /etc/mld/mld.conf by default
     const char* socket_path;  // -s; /run/mldproxyd.sock by default
     bool json;                // status --json
@@ -21,13 +23,15 @@ struct mldrt_options {
 };
 
 // Exit status of a command line that could not be understood (usage printed).
-constexpr int MLDRT_EXIT_USAGE = 2;
+constexpr int kExitUsage = 2;
 
-mldrt_options mldrt_parse_options(int argc, const char* const* argv);
-void mldrt_print_usage(FILE* out);
-void mldrt_print_version(FILE* out);
+Options parse_options(int argc, const char* const* argv);
+void print_usage(FILE* out);
+void print_version(FILE* out);
 // Connects to the daemon, prints its answer on standard output; the exit status: 0, or 1 when
 // no daemon answered (with a message on standard error).
-int mldrt_run_status_client(const mldrt_options& o);
+int run_status_client(const Options& o);
+
+}  // namespace mldproxy
 
 #endif

@@ -5,13 +5,17 @@
 
 #include <cstdint>
 
-constexpr uint64_t MLDRT_NEVER = UINT64_MAX;  // a deadline that is not set
+namespace mldproxy {
 
-uint64_t mldrt_now_ms();
+constexpr uint64_t kNever = UINT64_MAX;  // a deadline that is not set
+
+uint64_t now_ms();
 
 // The earlier of two deadlines.
-inline uint64_t mldrt_earlier(uint64_t a, uint64_t b) {
+inline uint64_t earlier(uint64_t a, uint64_t b) {
     return a < b ? a : b;
 }
+
+}  // namespace mldproxy
 
 #endif

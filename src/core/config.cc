@@ -6,25 +6,27 @@
 #include "core/log.h"
 #include "core/router.h"
 
+namespace mldproxy {
+
 namespace {
 
-struct mldrt_confopt {
+struct ConfigOption {
     const char* keyword;
     int id;
 };
 
 // Row 0 is an empty keyword that no token can equal; the last row ends the table.
-const mldrt_confopt mldrt_confopts[] = {
-    {"", MLDRT_OPT_EMPTY},
-    {"UPSTREAM_IFNAME", MLDRT_OPT_UPSTREAM_IFNAME},
-    {"ROBUSTNESS_VARIABLE", MLDRT_OPT_ROBUSTNESS_VARIABLE},
-    {"QUERY_INTERVAL", MLDRT_OPT_QUERY_INTERVAL},
-    {"QUERY_RESPONSE_INTERVAL", MLDRT_OPT_QUERY_RESPONSE_INTERVAL},
-    {"LAST_LISTENER_QUERY_INTERVAL", MLDRT_OPT_LAST_LISTENER_QUERY_INTERVAL},
-    {"LAST_LISTENER_QUERY_COUNT", MLDRT_OPT_LAST_LISTENER_QUERY_COUNT},
-    {"VERBOSE", MLDRT_OPT_VERBOSE},
-    {"DOWNSTREAM_IFNAME", MLDRT_OPT_DOWNSTREAM_IFNAME},
-    {nullptr, MLDRT_OPT_NONE},
+const ConfigOption ConfigOptions[] = {
+    {"", kOptEmpty},
+    {"UPSTREAM_IFNAME", kOptUpstreamIfname},
+    {"ROBUSTNESS_VARIABLE", kOptRobustnessVariable},
+    {"QUERY_INTERVAL", kOptQueryInterval},
+    {"QUERY_RESPONSE_INTERVAL", kOptQueryResponseInterval},
+    {"LAST_LISTENER_QUERY_INTERVAL", kOptLastListenerQueryInterval},
+    {"LAST_LISTENER_QUERY_COUNT", kOptLastListenerQueryCount},
+    {"VERBOSE", kOptVerbose},
+    {"DOWNSTREAM_IFNAME", kOptDownstreamIfname},
+    {nullptr, kOptNone},
 };
 
 const char* const kSeparators = " \t\r\n";
@@ -38,14 +40,14 @@ struct number_rule {
 };
 number_rule rule_of(int id) {
     switch (id) {
-        case MLDRT_OPT_ROBUSTNESS_VARIABLE:
-        case MLDRT_OPT_LAST_LISTENER_QUERY_COUNT:
+        case kOptRobustnessVariable:
+        case kOptLastListenerQueryCount:
             return {1, 7};  // a query's QRV field holds 3 bits (section 5.1.8)
-        case MLDRT_OPT_QUERY_INTERVAL:
+        case kOptQueryInterval:
             return {1, 31744};  // the largest QQIC, in seconds (section 5.1.9)
-        case MLDRT_OPT_QUERY_RESPONSE_INTERVAL:
+        case kOptQueryResponseInterval:
             return {1, 8387584};  // the largest Maximum Response Code, in ms (section 5.1.3)
-        case MLDRT_OPT_LAST_LISTENER_QUERY_INTERVAL:
+        case kOptLastListenerQueryInterval:
             // Specific queries carry it in ms without the floating form: 32767 ms at most.
             // 0 is taken as 1 s.
             return {0, 32};
@@ -58,19 +60,19 @@ number_rule rule_of(int id) {
 // count defaults to the robustness).
 struct default_value {
     int id;
-    uint32_t mldrt_router::*field;
+    uint32_t Router::*field;
     uint32_t value;
     const char* unit;
 };
 const default_value kDefaults[] = {
-    {MLDRT_OPT_ROBUSTNESS_VARIABLE, &mldrt_router::robustness, 2, ""},
-    {MLDRT_OPT_QUERY_INTERVAL, &mldrt_router::query_interval, 125, " s"},
-    {MLDRT_OPT_QUERY_RESPONSE_INTERVAL, &mldrt_router::query_response_interval, 10000, " ms"},
-    {MLDRT_OPT_LAST_LISTENER_QUERY_INTERVAL, &mldrt_router::last_listener_query_interval, 1, " s"},
+    {kOptRobustnessVariable, &Router::robustness, 2, ""},
+    {kOptQueryInterval, &Router::query_interval, 125, " s"},
+    {kOptQueryResponseInterval, &Router::query_response_interval, 10000, " ms"},
+    {kOptLastListenerQueryInterval, &Router::last_listener_query_interval, 1, " s"},
 };
 
 struct reader {
-    mldrt_router* r;
+    Router* r;
     const char* path;
     uint32_t line;   // 1 for the first line
     char* save;      // strtok_r's position in the line
@@ -85,7 +87,7 @@ char* next_token(reader* rd) {
 
 // The word is cut at 64 characters: enough for any keyword, number or interface name.
 void complain(reader* rd, const char* what, const char* word) {
-    mldrt_print("MLDRT: %s:%u: %s \"%.64s\"\n", rd->path, rd->line, what, word);
+    print_message("MLDRT: %s:%u: %s \"%.64s\"\n", rd->path, rd->line, what, word);
     rd->bad = true;
 }
 
@@ -148,7 +150,7 @@ bool name_fits(reader* rd, const char* name) {
 }
 
 void add_downstream(reader* rd, const char* name) {
-    mldrt_router* r = rd->r;
+    Router* r = rd->r;
     if (!name_fits(rd, name)) {
         return;
     }
@@ -157,11 +159,11 @@ void add_downstream(reader* rd, const char* name) {
             return;
         }
     }
-    if (r->downstream_count == MLDRT_MAX_DOWNSTREAM) {
+    if (r->downstream_count == kMaxDownstream) {
         complain(rd, "more than 31 downstream links", name);
         return;
     }
-    mldrt_copy_ifname(r->downstream_ifnames[r->downstream_count++], name);
+    copy_ifname(r->downstream_ifnames[r->downstream_count++], name);
 }
 
 bool is_comment(const char* token) {
@@ -170,9 +172,9 @@ bool is_comment(const char* token) {
 
 // One line's keyword and its values; false when the robustness check stops the reading.
 bool apply_option(reader* rd, int id, const char* keyword) {
-    mldrt_router* r = rd->r;
+    Router* r = rd->r;
     const char* value = next_token(rd);
-    if (id == MLDRT_OPT_LAST_LISTENER_QUERY_COUNT) {
+    if (id == kOptLastListenerQueryCount) {
         // Without a value the count is left to its default, the robustness.
         if (value && !is_comment(value)) {
             take_number(rd, id, value, &r->last_listener_query_count);
@@ -182,46 +184,46 @@ bool apply_option(reader* rd, int id, const char* keyword) {
         if (!value || is_comment(value)) {
             return true;
         }
-        id = MLDRT_OPT_VERBOSE;
+        id = kOptVerbose;
     }
     if (!value || is_comment(value)) {
         complain(rd, "no value for", keyword);
         return true;
     }
     switch (id) {
-        case MLDRT_OPT_UPSTREAM_IFNAME:
+        case kOptUpstreamIfname:
             // A name too long is kept cut to 16 characters, as older routers did, and named.
             name_fits(rd, value);
-            mldrt_copy_ifname(r->upstream_ifname, value);
+            copy_ifname(r->upstream_ifname, value);
             rd->upstream_named = true;
             return true;
-        case MLDRT_OPT_DOWNSTREAM_IFNAME:
+        case kOptDownstreamIfname:
             add_downstream(rd, value);
             return true;
-        case MLDRT_OPT_ROBUSTNESS_VARIABLE: {
+        case kOptRobustnessVariable: {
             uint32_t v = 0;
             number n = read_number(value, rule_of(id), &v);
             if (n == number::not_a_number || v == 0) {
                 // A robustness of 0 (or none readable) ends the reading at once, as it always
                 // has; the line is named as well.
-                mldrt_print("\nMLDRT: Robustness must be greater than %d\n", 1);
+                print_message("\nMLDRT: Robustness must be greater than %d\n", 1);
                 complain_about_number(rd, n, id, value);
                 return false;
             }
             take_number(rd, id, value, &r->robustness);
             return true;
         }
-        case MLDRT_OPT_QUERY_INTERVAL:
+        case kOptQueryInterval:
             take_number(rd, id, value, &r->query_interval);
             return true;
-        case MLDRT_OPT_QUERY_RESPONSE_INTERVAL:
+        case kOptQueryResponseInterval:
             take_number(rd, id, value, &r->query_response_interval);
             return true;
-        case MLDRT_OPT_LAST_LISTENER_QUERY_INTERVAL:
+        case kOptLastListenerQueryInterval:
             take_number(rd, id, value, &r->last_listener_query_interval);
             return true;
         default:
-            take_number(rd, MLDRT_OPT_VERBOSE, value, &r->verbose);
+            take_number(rd, kOptVerbose, value, &r->verbose);
             return true;
     }
 }
@@ -229,40 +231,40 @@ bool apply_option(reader* rd, int id, const char* keyword) {
 // Every key the file left out takes its default, with a line naming it. A last listener query
 // interval of 0 would leave every left group waiting for ever, so it is taken as 1 s too.
 void take_defaults(reader* rd) {
-    mldrt_router* r = rd->r;
+    Router* r = rd->r;
     for (const default_value& d : kDefaults) {
         if (!(rd->given & (1u << d.id))) {
             r->*d.field = d.value;
-            mldrt_print("MLDRT: %s not set, using the RFC 3810 default %u%s\n",
-                        mldrt_confopts[d.id].keyword, d.value, d.unit);
+            print_message("MLDRT: %s not set, using the RFC 3810 default %u%s\n",
+                          ConfigOptions[d.id].keyword, d.value, d.unit);
         }
     }
     if (r->last_listener_query_interval == 0) {
         r->last_listener_query_interval = 1;
-        mldrt_print("MLDRT: LAST_LISTENER_QUERY_INTERVAL 0 taken as the RFC 3810 default 1 s\n");
+        print_message("MLDRT: LAST_LISTENER_QUERY_INTERVAL 0 taken as the RFC 3810 default 1 s\n");
     }
-    if (!(rd->given & (1u << MLDRT_OPT_LAST_LISTENER_QUERY_COUNT))) {
+    if (!(rd->given & (1u << kOptLastListenerQueryCount))) {
         r->last_listener_query_count = r->robustness;
-        mldrt_print("MLDRT: LAST_LISTENER_QUERY_COUNT not set, using the robustness %u\n",
-                    r->robustness);
+        print_message("MLDRT: LAST_LISTENER_QUERY_COUNT not set, using the robustness %u\n",
+                      r->robustness);
     }
 }
 
 }  // namespace
 
-int mldrt_get_option(const char* token) {
+int get_option(const char* token) {
     if (!token) {
-        return MLDRT_OPT_NONE;
+        return kOptNone;
     }
-    for (const mldrt_confopt* opt = mldrt_confopts; opt->keyword; opt++) {
+    for (const ConfigOption* opt = ConfigOptions; opt->keyword; opt++) {
         if (std::strcmp(opt->keyword, token) == 0) {
             return opt->id;
         }
     }
-    return MLDRT_OPT_NONE;
+    return kOptNone;
 }
 
-mldrt_config_result mldrt_read_config(mldrt_router* r, FILE* fp, const char* path) {
+ConfigResult read_config(Router* r, FILE* fp, const char* path) {
     reader rd{r, path, 1, nullptr, 0, false, false};
     char* line = reinterpret_cast<char*>(r->buf);
     bool in_long_line = false;  // the rest of a line already named as too long
@@ -275,52 +277,54 @@ mldrt_config_result mldrt_read_config(mldrt_router* r, FILE* fp, const char* pat
         if (!skip && !whole) {
             complain(&rd, "line longer than the buffer", keyword ? keyword : "");
         } else if (keyword && !is_comment(keyword)) {
-            int id = mldrt_get_option(keyword);
-            if (id < MLDRT_OPT_UPSTREAM_IFNAME || id > MLDRT_OPT_DOWNSTREAM_IFNAME) {
+            int id = get_option(keyword);
+            if (id < kOptUpstreamIfname || id > kOptDownstreamIfname) {
                 complain(&rd, "unknown keyword", keyword);
             } else if (!apply_option(&rd, id, keyword)) {
-                return MLDRT_CONFIG_BAD_ROBUSTNESS;
+                return ConfigResult::BadRobustness;
             }
         }
         rd.line += whole ? 1u : 0u;
     }
     if (!rd.upstream_named) {
-        return MLDRT_CONFIG_NO_UPSTREAM;
+        return ConfigResult::NoUpstream;
     }
     if (rd.bad) {
-        return MLDRT_CONFIG_BAD_LINES;
+        return ConfigResult::BadLines;
     }
     take_defaults(&rd);
-    return MLDRT_CONFIG_OK;
+    return ConfigResult::Ok;
 }
 
-int mldrt_get_config(mldrt_router* r, const char* path) {
+int get_config(Router* r, const char* path) {
     FILE* fp = fopen(path, "r");
     if (!fp) {
-        mldrt_print("\nMLDRT: Can't open file %s: fopen: %s\n", path, strerror(errno));
+        print_message("\nMLDRT: Can't open file %s: fopen: %s\n", path, strerror(errno));
         return -1;
     }
-    mldrt_config_result result = mldrt_read_config(r, fp, path);
-    if (result == MLDRT_CONFIG_BAD_ROBUSTNESS) {
+    ConfigResult result = read_config(r, fp, path);
+    if (result == ConfigResult::BadRobustness) {
         // The file stays open on this path, as deployed routers have always done: the process
         // ends right after this failure anyway.
         return -1;
     }
     fclose(fp);
-    if (result == MLDRT_CONFIG_NO_UPSTREAM) {
-        mldrt_print("MLDRT: Upstream interface not specified\n");
+    if (result == ConfigResult::NoUpstream) {
+        print_message("MLDRT: Upstream interface not specified\n");
     }
-    return result == MLDRT_CONFIG_OK ? 0 : -1;
+    return result == ConfigResult::Ok ? 0 : -1;
 }
 
-bool mldrt_is_chosen_link(const mldrt_router* r, const char* name) {
-    if (r->downstream_count == 0 || std::strncmp(name, r->upstream_ifname, MLDRT_IFNAME_LEN) == 0) {
+bool is_chosen_link(const Router* r, const char* name) {
+    if (r->downstream_count == 0 || std::strncmp(name, r->upstream_ifname, kIfnameLen) == 0) {
         return true;
     }
     for (uint32_t i = 0; i < r->downstream_count; i++) {
-        if (std::strncmp(name, r->downstream_ifnames[i], MLDRT_IFNAME_LEN) == 0) {
+        if (std::strncmp(name, r->downstream_ifnames[i], kIfnameLen) == 0) {
             return true;
         }
     }
     return false;
 }
+
+}  // namespace mldproxy

@@ -14,6 +14,8 @@
 #include "core/log.h"
 #include "core/status.h"
 
+namespace mldproxy {
+
 namespace {
 
 constexpr uint32_t kMaxRequest = 64;   // "status json\n" and room to spare
@@ -27,13 +29,13 @@ struct client {
     uint64_t deadline;
     uint32_t in_len;
     char in[kMaxRequest];
-    mldrt_text out;
+    Text out;
     uint32_t sent;
 };
 
 }  // namespace
 
-struct mldrt_control {
+struct Control {
     int fd;
     sockaddr_un addr;
     client clients[kMaxClients];
@@ -43,7 +45,7 @@ namespace {
 
 void drop(client* c) {
     close(c->fd);
-    mldrt_text_free(&c->out);
+    text_free(&c->out);
     *c = client{};
     c->fd = -1;
 }
@@ -52,7 +54,7 @@ bool fill_address(sockaddr_un* addr, const char* path) {
     *addr = sockaddr_un{};
     addr->sun_family = AF_UNIX;
     if (strlen(path) >= sizeof addr->sun_path) {
-        mldrt_print("MLDRT: Control socket path too long: %s\n", path);
+        print_message("MLDRT: Control socket path too long: %s\n", path);
         return false;
     }
     std::memcpy(addr->sun_path, path, strlen(path) + 1);
@@ -71,7 +73,7 @@ bool answered(const sockaddr_un* addr) {
 }
 
 bool fail(const char* call, const char* path, int fd) {
-    mldrt_print("MLDRT: Can't %s control socket %s: %s\n", call, path, strerror(errno));
+    print_message("MLDRT: Can't %s control socket %s: %s\n", call, path, strerror(errno));
     if (fd >= 0) {
         close(fd);
     }
@@ -88,7 +90,7 @@ bool bind_private(int fd, const sockaddr_un* addr) {
 
 // A free slot, else the one of the client that has waited longest without sending a request:
 // silent connections cannot lock out a client that asks at once.
-client* free_slot(mldrt_control* ctl) {
+client* free_slot(Control* ctl) {
     client* oldest = nullptr;
     for (client& c : ctl->clients) {
         if (c.fd < 0) {
@@ -106,7 +108,7 @@ client* free_slot(mldrt_control* ctl) {
 
 // At most as many connections a pass as there are slots, after the clients already connected
 // were read: a burst of connections cannot push out a client before its request was looked at.
-void accept_clients(mldrt_control* ctl, uint64_t now) {
+void accept_clients(Control* ctl, uint64_t now) {
     for (int i = 0; i < kMaxClients; i++) {
         int fd = accept4(ctl->fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
@@ -122,15 +124,15 @@ void accept_clients(mldrt_control* ctl, uint64_t now) {
     }
 }
 
-void start_reply(mldrt_router* r, client* c, const char* request, uint64_t now) {
-    mldrt_control_answer(r, request, &c->out);
+void start_reply(Router* r, client* c, const char* request, uint64_t now) {
+    control_answer(r, request, &c->out);
     c->deadline = now + kReplyMs;
     if (c->out.len == 0) {
         drop(c);  // out of memory: nothing to say
     }
 }
 
-void read_request(mldrt_router* r, client* c, uint64_t now) {
+void read_request(Router* r, client* c, uint64_t now) {
     ssize_t n = recv(c->fd, c->in + c->in_len, kMaxRequest - c->in_len, MSG_DONTWAIT);
     if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
         drop(c);
@@ -170,20 +172,20 @@ void write_reply(client* c) {
 
 }  // namespace
 
-void mldrt_control_answer(mldrt_router* r, const char* request, mldrt_text* reply) {
+void control_answer(Router* r, const char* request, Text* reply) {
     if (!request) {
-        mldrt_text_add(reply, "error: request too long\n");
+        text_add(reply, "error: request too long\n");
     } else if (std::strcmp(request, "status") == 0 || std::strcmp(request, "status json") == 0) {
-        mldrt_render_status(r, request[6] != '\0', reply);
+        render_status(r, request[6] != '\0', reply);
     } else {
-        mldrt_text_add(reply, "error: unknown request (try \"status\" or \"status json\")\n");
+        text_add(reply, "error: unknown request (try \"status\" or \"status json\")\n");
     }
 }
 
-bool mldrt_control_open(mldrt_router* r, const char* path) {
-    auto* ctl = static_cast<mldrt_control*>(calloc(1, sizeof(mldrt_control)));
+bool control_open(Router* r, const char* path) {
+    auto* ctl = static_cast<Control*>(calloc(1, sizeof(Control)));
     if (!ctl) {
-        mldrt_print("MLDRT: Control socket allocation failed\n");
+        print_message("MLDRT: Control socket allocation failed\n");
         return false;
     }
     ctl->fd = -1;
@@ -195,7 +197,7 @@ bool mldrt_control_open(mldrt_router* r, const char* path) {
         return false;
     }
     if (answered(&ctl->addr)) {
-        mldrt_print("MLDRT: Another mldproxyd answers on %s\n", path);
+        print_message("MLDRT: Another mldproxyd answers on %s\n", path);
         return false;
     }
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -218,8 +220,8 @@ bool mldrt_control_open(mldrt_router* r, const char* path) {
     return true;
 }
 
-void mldrt_control_close(mldrt_router* r) {
-    mldrt_control* ctl = r->control;
+void control_close(Router* r) {
+    Control* ctl = r->control;
     if (!ctl) {
         return;
     }
@@ -236,8 +238,8 @@ void mldrt_control_close(mldrt_router* r) {
     r->control = nullptr;
 }
 
-int mldrt_control_watch(const mldrt_router* r, fd_set* readable, fd_set* writable, int maxfd) {
-    const mldrt_control* ctl = r->control;
+int control_watch(const Router* r, fd_set* readable, fd_set* writable, int maxfd) {
+    const Control* ctl = r->control;
     if (!ctl || ctl->fd < 0) {
         return maxfd;
     }
@@ -252,12 +254,12 @@ int mldrt_control_watch(const mldrt_router* r, fd_set* readable, fd_set* writabl
     return maxfd;
 }
 
-void mldrt_control_serve(mldrt_router* r, const fd_set* readable, const fd_set* writable) {
-    mldrt_control* ctl = r->control;
+void control_serve(Router* r, const fd_set* readable, const fd_set* writable) {
+    Control* ctl = r->control;
     if (!ctl || ctl->fd < 0) {
         return;
     }
-    uint64_t now = mldrt_now_ms();
+    uint64_t now = now_ms();
     for (client& c : ctl->clients) {
         if (c.fd >= 0 && c.out.len == 0 && FD_ISSET(c.fd, readable)) {
             read_request(r, &c, now);
@@ -273,12 +275,14 @@ void mldrt_control_serve(mldrt_router* r, const fd_set* readable, const fd_set* 
     }
 }
 
-uint64_t mldrt_control_deadline(const mldrt_router* r) {
-    uint64_t due = MLDRT_NEVER;
+uint64_t control_deadline(const Router* r) {
+    uint64_t due = kNever;
     if (r->control) {
         for (const client& c : r->control->clients) {
-            due = c.fd >= 0 ? mldrt_earlier(due, c.deadline) : due;
+            due = c.fd >= 0 ? earlier(due, c.deadline) : due;
         }
     }
     return due;
 }
+
+}  // namespace mldproxy

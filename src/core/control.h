@@ -14,22 +14,26 @@
 #include "core/router.h"
 #include "core/text.h"
 
-constexpr const char* MLDRT_DEFAULT_SOCKET = "/run/mldproxyd.sock";
+namespace mldproxy {
+
+constexpr const char* kDefaultSocket = "/run/mldproxyd.sock";
 
 // Opens the socket at `path`, replacing a stale one a crashed daemon left; refuses (false,
 // after a message) when another daemon answers there or a system call fails.
-bool mldrt_control_open(mldrt_router* r, const char* path);
+bool control_open(Router* r, const char* path);
 // Closes every connection and the socket, and removes the socket's file.
-void mldrt_control_close(mldrt_router* r);
+void control_close(Router* r);
 
 // Adds the control descriptors to the sets of the loop's wait; returns the new highest one.
-int mldrt_control_watch(const mldrt_router* r, fd_set* readable, fd_set* writable, int maxfd);
+int control_watch(const Router* r, fd_set* readable, fd_set* writable, int maxfd);
 // Accepts, reads, answers and closes as the sets allow, and drops clients past their deadline.
-void mldrt_control_serve(mldrt_router* r, const fd_set* readable, const fd_set* writable);
-// The earliest client deadline (MLDRT_NEVER when no client is connected).
-uint64_t mldrt_control_deadline(const mldrt_router* r);
+void control_serve(Router* r, const fd_set* readable, const fd_set* writable);
+// The earliest client deadline (kNever when no client is connected).
+uint64_t control_deadline(const Router* r);
 
 // The reply to one request line (without its newline): the status, or an error line.
-void mldrt_control_answer(mldrt_router* r, const char* request, mldrt_text* reply);
+void control_answer(Router* r, const char* request, Text* reply);
+
+}  // namespace mldproxy
 
 #endif

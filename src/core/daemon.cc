@@ -18,6 +18,8 @@
 #include "iface/netlink.h"
 #include "kernel/mroute.h"
 
+namespace mldproxy {
+
 namespace {
 
 bool g_thread_joinable = false;
@@ -25,12 +27,12 @@ bool g_thread_joinable = false;
 uint8_t* allocate(uint32_t size, const char* failure) {
     auto* p = static_cast<uint8_t*>(calloc(1, size));
     if (!p) {
-        mldrt_print("%s\n", failure);
+        print_message("%s\n", failure);
     }
     return p;
 }
 
-bool allocate_buffers(mldrt_router* r) {
+bool allocate_buffers(Router* r) {
     r->buf = allocate(r->buf_size, "MLDRT: Router buffer allocation failed");
     if (!r->buf) {
         return false;
@@ -46,7 +48,7 @@ bool allocate_buffers(mldrt_router* r) {
 bool set_router_option(int sock, int level, int name, int value, const char* failure) {
     int rc = setsockopt(sock, level, name, &value, sizeof value);
     if (rc < 0) {
-        mldrt_print_failure(failure, "setsockopt");
+        print_failure(failure, "setsockopt");
         return false;
     }
     return true;
@@ -66,10 +68,10 @@ void enlarge_receive_queue(int sock) {
     }
 }
 
-bool open_router_socket(mldrt_router* r) {
-    r->router_sock = socket(AF_INET6, SOCK_RAW, MLDRT_PROTO_ICMPV6);
+bool open_router_socket(Router* r) {
+    r->router_sock = socket(AF_INET6, SOCK_RAW, kProtoIcmpv6);
     if (r->router_sock < 0) {
-        mldrt_print_failure("MLDRT: Can't open router socket", "socket");
+        print_failure("MLDRT: Can't open router socket", "socket");
         return false;
     }
     int s = r->router_sock;
@@ -83,59 +85,59 @@ bool open_router_socket(mldrt_router* r) {
                            "MLDRT: Can't setsockopt for IPV6_MULTICAST_LOOP")) {
         return false;
     }
-    if (mldrt_set_mld_icmp_filter(s) < 0) {
-        mldrt_print_failure("MLDRT: Can't setsockopt for ICMP6_FILTER", "setsockopt");
+    if (set_mld_icmp_filter(s) < 0) {
+        print_failure("MLDRT: Can't setsockopt for ICMP6_FILTER", "setsockopt");
         return false;
     }
     enlarge_receive_queue(s);
     return true;
 }
 
-int create_input_thread(mldrt_router* r) {
+int create_input_thread(Router* r) {
     g_input_thread_done = 0;
     r->input_thread = pthread_t{};
-    int error = pthread_create(&r->input_thread, nullptr, mldrt_input_thread, r);
+    int error = pthread_create(&r->input_thread, nullptr, input_thread, r);
     if (error != 0) {
         r->running = 0;
-        mldrt_print("MLDRT: Can't start input thread: pthread_create: %s\n", strerror(error));
+        print_message("MLDRT: Can't start input thread: pthread_create: %s\n", strerror(error));
         return -1;
     }
     g_thread_joinable = true;
     return 0;
 }
 
-void join_input_thread(mldrt_router* r) {
+void join_input_thread(Router* r) {
     pthread_join(r->input_thread, nullptr);
     g_thread_joinable = false;
 }
 
 }  // namespace
 
-int mldv2_init(mldrt_router* r, const char* config_path, const char* control_path) {
-    mldrt_router_zero(r);
-    r->buf_size = MLDRT_BUF_SIZE;
-    r->scratch_size = MLDRT_SCRATCH_SIZE;
-    r->nl_buf_size = MLDRT_NL_BUF_SIZE;
-    if (!allocate_buffers(r) || mldrt_get_config(r, config_path) == -1 ||
-        !mldrt_control_open(r, control_path) || !open_router_socket(r) ||
-        mldrt_k_init(r->router_sock) == -1) {
+int mldv2_init(Router* r, const char* config_path, const char* control_path) {
+    reset_router(r);
+    r->buf_size = kBufSize;
+    r->scratch_size = kScratchSize;
+    r->nl_buf_size = kNlBufSize;
+    if (!allocate_buffers(r) || get_config(r, config_path) == -1 ||
+        !control_open(r, control_path) || !open_router_socket(r) ||
+        kernel_start_routing(r->router_sock) == -1) {
         return -1;
     }
-    if (mldrt_start_netlink(r) == -1) {
-        mldrt_print("MLDRT: Can't get interface info\n");  // the failed call is named above
+    if (start_netlink(r) == -1) {
+        print_message("MLDRT: Can't get interface info\n");  // the failed call is named above
         return -1;
     }
     return 0;
 }
 
-int mldrt_start_threads(mldrt_router* r) {
+int start_threads(Router* r) {
     // Both flags are stored before the thread exists, so it never races with these writes.
     r->running = 1;
     r->active = r->upstream ? 1 : 0;
     return create_input_thread(r);
 }
 
-void mldrt_stop_threads(mldrt_router* r) {
+void stop_threads(Router* r) {
     g_stop_requested = 1;
     r->active = 0;
     r->running = 0;
@@ -144,56 +146,56 @@ void mldrt_stop_threads(mldrt_router* r) {
     }
 }
 
-void mldrt_cleanup_interfaces(mldrt_router* r) {
-    mldrt_interface* next = nullptr;
-    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = next) {
+void delete_all_links(Router* r) {
+    Link* next = nullptr;
+    for (Link* ifp = r->interfaces; ifp; ifp = next) {
         next = ifp->next;
         if (ifp->is_upstream || ifp == r->upstream) {
             r->upstream = nullptr;  // never left pointing at a freed record
         }
-        mldrt_release_interface_groups(r, ifp);
-        mldrt_delete_k_vif(r->router_sock, ifp);
-        mldrt_delete_interface(ifp);
+        release_link_groups(r, ifp);
+        kernel_delete_mif(r->router_sock, ifp);
+        delete_link(ifp);
     }
 }
 
-int mldrt_check_config(const char* path) {
-    mldrt_router r;  // a record of its own: nothing of the running daemon's is touched
-    mldrt_router_zero(&r);
-    r.buf_size = MLDRT_BUF_SIZE;
+int check_config(const char* path) {
+    Router r;  // a record of its own: nothing of the running daemon's is touched
+    reset_router(&r);
+    r.buf_size = kBufSize;
     r.buf = allocate(r.buf_size, "MLDRT: Router buffer allocation failed");
-    bool good = r.buf && mldrt_get_config(&r, path) == 0;
+    bool good = r.buf && get_config(&r, path) == 0;
     if (good) {
-        mldrt_print("MLDRT: Configuration file %s is good\n", path);
+        print_message("MLDRT: Configuration file %s is good\n", path);
     }
     free(r.buf);
     return good ? 0 : 1;
 }
 
-void mldrt_uninit(mldrt_router* r) {
-    mldrt_control_close(r);
+void shut_down(Router* r) {
+    control_close(r);
     if (r->router_sock > 0) {
-        mldrt_k_stop(r->router_sock);
+        kernel_stop_routing(r->router_sock);
         close(r->router_sock);
     }
     if (r->netlink_sock > 0) {
         close(r->netlink_sock);
     }
-    mldrt_free_mfdb(r);
+    free_forwarding_entries(r);
     free(r->buf);
     free(r->scratch);
     free(r->nl_buf);
-    mldrt_router_zero(r);
+    reset_router(r);
 }
 
 namespace {
 
 void shut_down() {
-    mldrt_stop_threads(&router);
-    mldrt_cleanup_memberships(&router);
-    mldrt_cleanup_interfaces(&router);
-    mldrt_uninit(&router);
-    mldrt_sysif_reset();
+    stop_threads(&router);
+    final_membership_pass(&router);
+    delete_all_links(&router);
+    shut_down(&router);
+    system_link_reset();
 }
 
 }  // namespace
@@ -203,12 +205,12 @@ void mldv2_done() {
     exit(0);
 }
 
-void mldrt_fail_start() {
+void fail_start() {
     shut_down();
     exit(1);
 }
 
-void mldrt_daemon_signals(sigset_t* set) {
+void daemon_signals(sigset_t* set) {
     sigemptyset(set);
     static const int kSignals[] = {SIGUSR1, SIGKILL, SIGABRT, SIGTERM, SIGHUP, SIGUSR2};
     for (int sig : kSignals) {
@@ -216,7 +218,7 @@ void mldrt_daemon_signals(sigset_t* set) {
     }
 }
 
-void mldrt_main_wait(mldrt_router* r, const sigset_t* signals) {
+void main_wait(Router* r, const sigset_t* signals) {
     const timespec step{0, 200 * 1000 * 1000};
     for (;;) {
         int sig = sigtimedwait(signals, nullptr, &step);
@@ -232,3 +234,5 @@ void mldrt_main_wait(mldrt_router* r, const sigset_t* signals) {
         }
     }
 }
+
+}  // namespace mldproxy

@@ -11,6 +11,8 @@
 
 #include "core/clock.h"
 
+namespace mldproxy {
+
 namespace {
 
 constexpr uint64_t kIntervalMs = 1000;
@@ -100,13 +102,14 @@ int print_with_count(const char* text, uint32_t held) {
         return static_cast<int>(len);
     }
     bool newline = len > 0 && text[len - 1] == '\n';
-    return mldrt_print("%.*s (%u more like this in the last second)%s",
-                       static_cast<int>(newline ? len - 1 : len), text, held, newline ? "\n" : "");
+    return print_message("%.*s (%u more like this in the last second)%s",
+                         static_cast<int>(newline ? len - 1 : len), text, held,
+                         newline ? "\n" : "");
 }
 
 // Prints `text` unless a message of the same `key` was printed less than a second ago.
 int print_keyed(const char* key, const char* text, int len) {
-    uint64_t now = mldrt_now_ms();
+    uint64_t now = now_ms();
     seen* s = slot_of(key);
     if (s->last_ms != 0 && now - s->last_ms < kIntervalMs) {
         s->held++;
@@ -120,7 +123,7 @@ int print_keyed(const char* key, const char* text, int len) {
 
 }  // namespace
 
-void mldrt_log_use_syslog(bool on) {
+void log_use_syslog(bool on) {
     if (on) {
         openlog("mldproxyd", LOG_PID, LOG_DAEMON);
     } else {
@@ -130,7 +133,7 @@ void mldrt_log_use_syslog(bool on) {
     g_syslog.on = on;
 }
 
-int mldrt_print(const char* fmt, ...) {
+int print_message(const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
     int len = vemit(fmt, ap);
@@ -138,16 +141,16 @@ int mldrt_print(const char* fmt, ...) {
     return len;
 }
 
-void mldrt_print_failure(const char* text, const char* call) {
+void print_failure(const char* text, const char* call) {
     const char* error = strerror(errno);  // read before anything else can change errno
-    mldrt_print("%s: %s: %s\n", text, call, error);
+    print_message("%s: %s: %s\n", text, call, error);
 }
 
-void mldrt_print_text(const char* text, size_t len) {
+void print_text(const char* text, size_t len) {
     emit(text, len);
 }
 
-int mldrt_log(const char* fmt, ...) {
+int log_message(const char* fmt, ...) {
     char text[256];
     va_list ap;
     va_start(ap, fmt);
@@ -156,16 +159,18 @@ int mldrt_log(const char* fmt, ...) {
     return print_keyed(fmt, text, len);
 }
 
-int mldrt_log_puts(const char* text) {
+int log_line(const char* text) {
     char line[256];
     int len = snprintf(line, sizeof line, "%s\n", text);
     return print_keyed(text, line, len);
 }
 
-int mldrt_log_str(const char* text) {
+int log_text(const char* text) {
     return print_keyed(text, text, static_cast<int>(strlen(text)));
 }
 
-void mldrt_log_reset() {
+void log_reset() {
     std::memset(g_seen, 0, sizeof g_seen);
 }
+
+}  // namespace mldproxy

@@ -1,12 +1,12 @@
 // Where the daemon's messages go, and how often a LAN host can make it repeat one.
 //
-// Every message goes through mldrt_print (or the mldrt_log family below): to standard output,
+// Every message goes through print_message (or the log_message family below): to standard output,
 // or with --syslog to syslog (facility daemon, ident mldproxyd), one syslog record per line.
 //
-// Messages caused by what arrives from a link come through mldrt_log*: a LAN host can make the
+// Messages caused by what arrives from a link come through log_message*: a LAN host can make the
 // daemon repeat one of them as fast as it sends, so each message text is printed at most once a
 // second; the next one printed after others were held back says how many: "... (N more like
-// this in the last second)". Start-up, configuration and shutdown messages use mldrt_print and
+// this in the last second)". Start-up, configuration and shutdown messages use print_message and
 // are never held back.
 #ifndef MLDPROXYD_CORE_LOG_H
 #define MLDPROXYD_CORE_LOG_H
@@ -14,25 +14,29 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace mldproxy {
+
 // From now on messages go to syslog (true) or to standard output (false, the default).
-void mldrt_log_use_syslog(bool on);
+void log_use_syslog(bool on);
 
 // printf of `fmt` to wherever messages go; returns the text's length.
-int mldrt_print(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+int print_message(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 // A failed system call: "`text`: `call`: strerror(errno)" and a newline.
-void mldrt_print_failure(const char* text, const char* call);
+void print_failure(const char* text, const char* call);
 // `len` bytes of text as they are (a long text such as the status, in one piece).
-void mldrt_print_text(const char* text, size_t len);
+void print_text(const char* text, size_t len);
 
 // printf of `fmt`, unless a message of the same format was printed less than a second ago.
 // Returns the text's length either way, as printf would, so callers that pass it on keep doing so.
-int mldrt_log(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-// puts of `text` (the text and a newline), held back like mldrt_log.
-int mldrt_log_puts(const char* text);
-// `text` as it is (no newline added), held back like mldrt_log.
-int mldrt_log_str(const char* text);
+int log_message(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// puts of `text` (the text and a newline), held back like log_message.
+int log_line(const char* text);
+// `text` as it is (no newline added), held back like log_message.
+int log_text(const char* text);
 
 // Forgets every format seen (a fresh router).
-void mldrt_log_reset();
+void log_reset();
+
+}  // namespace mldproxy
 
 #endif

@@ -14,6 +14,7 @@
 #include "core/router.h"
 #include "iface/netlink.h"
 
+namespace mldproxy {
 namespace {
 
 // Descriptors 0 to 2 must be taken before any socket is opened: a socket given descriptor 0
@@ -29,48 +30,49 @@ void occupy_standard_descriptors() {
 }
 
 // The command lines that do not run the proxy: help, version, status, a bad one.
-int run_other_command(const mldrt_options& o) {
+int run_other_command(const Options& o) {
     switch (o.command) {
-        case mldrt_command::help:
-            mldrt_print_usage(stdout);
+        case Command::help:
+            print_usage(stdout);
             return 0;
-        case mldrt_command::version:
-            mldrt_print_version(stdout);
+        case Command::version:
+            print_version(stdout);
             return 0;
-        case mldrt_command::status:
-            return mldrt_run_status_client(o);
+        case Command::status:
+            return run_status_client(o);
         default:
             fprintf(stderr, "mldproxyd: unexpected \"%s\"\n", o.bad_word);
-            mldrt_print_usage(stderr);
-            return MLDRT_EXIT_USAGE;
+            print_usage(stderr);
+            return kExitUsage;
     }
 }
 
 }  // namespace
+}  // namespace mldproxy
 
 int main(int argc, char** argv) {
+    using namespace mldproxy;
     // Blocked before any thread exists, so every thread inherits the mask and only main's
     // sigtimedwait ever takes these signals.
     sigset_t signals;
-    mldrt_daemon_signals(&signals);
+    daemon_signals(&signals);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    mldrt_options o = mldrt_parse_options(argc, argv);
+    Options o = parse_options(argc, argv);
     setvbuf(stdout, nullptr, _IONBF, 0);
-    if (o.command == mldrt_command::check) {
-        return mldrt_check_config(o.config_path);
+    if (o.command == Command::check) {
+        return check_config(o.config_path);
     }
-    if (o.command != mldrt_command::run) {
+    if (o.command != Command::run) {
         return run_other_command(o);
     }
     occupy_standard_descriptors();
     if (o.syslog) {
-        mldrt_log_use_syslog(true);
+        log_use_syslog(true);
     }
 
-    mldrt_sysif_reset();
-    if (mldv2_init(&router, o.config_path, o.socket_path) == -1 ||
-        mldrt_start_threads(&router) == -1) {
-        mldrt_fail_start();
+    system_link_reset();
+    if (mldv2_init(&router, o.config_path, o.socket_path) == -1 || start_threads(&router) == -1) {
+        fail_start();
     }
-    mldrt_main_wait(&router, &signals);
+    main_wait(&router, &signals);
 }

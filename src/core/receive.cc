@@ -14,6 +14,8 @@
 #include "kernel/upcall.h"
 #include "mld/mld.h"
 
+namespace mldproxy {
+
 namespace {
 
 constexpr size_t kControlLen = 128;
@@ -53,24 +55,24 @@ bool find_pktinfo(msghdr* msg, in6_pktinfo* info) {
 // A kernel upcall (a whole mrt6msg, Linux may add more) starts with a zero byte and names its
 // MIF in host order at bytes 2 and 3; only those for the upstream MIF are upcalls to us. A
 // shorter datagram is no upcall, and its bytes beyond what arrived are never looked at.
-bool is_upstream_upcall(const mldrt_router* r, const uint8_t* buf, ssize_t len) {
-    if (len < static_cast<ssize_t>(sizeof(mldrt_mrt6msg))) {
+bool is_upstream_upcall(const Router* r, const uint8_t* buf, ssize_t len) {
+    if (len < static_cast<ssize_t>(sizeof(Mrt6Msg))) {
         return false;
     }
     uint16_t mif;
-    std::memcpy(&mif, buf + offsetof(mldrt_mrt6msg, im6_mif), sizeof mif);
+    std::memcpy(&mif, buf + offsetof(Mrt6Msg, im6_mif), sizeof mif);
     return buf[0] == 0 && mif == r->upstream->mifi;
 }
 
 }  // namespace
 
-bool mldrt_handle_input(mldrt_router* r, int proto) {
+bool handle_input(Router* r, int proto) {
     if (!r->upstream) {
         return false;
     }
     receive_frame f;
     prepare(&f, r->buf, r->buf_size);
-    if (proto != MLDRT_PROTO_ICMPV6) {
+    if (proto != kProtoIcmpv6) {
         return false;
     }
     ssize_t n = recvmsg(r->router_sock, &f.msg, MSG_DONTWAIT);
@@ -82,31 +84,33 @@ bool mldrt_handle_input(mldrt_router* r, int proto) {
     }
     in6_pktinfo info;
     if (!find_pktinfo(&f.msg, &info)) {
-        mldrt_print("MLDRT: Could not get receive interface info index was %d\n", 0);
+        print_message("MLDRT: Could not get receive interface info index was %d\n", 0);
         return true;
     }
     if (is_upstream_upcall(r, r->buf, n)) {
-        mldrt_handle_mrt6_msg(r, r->buf, static_cast<int>(n));
+        handle_upcall(r, r->buf, static_cast<int>(n));
         return true;
     }
-    mldrt_interface* ifp = mldrt_lookup_interface_index(r, info.ipi6_ifindex);
+    Link* ifp = find_link_by_index(r, info.ipi6_ifindex);
     if (!ifp) {
         r->counters.not_ours++;  // a link the daemon does not serve
         return true;
     }
     char text[INET6_ADDRSTRLEN];
     if (!inet_ntop(AF_INET6, &f.from.sin6_addr, text, sizeof text)) {
-        mldrt_print("mld_rcv : Problem with sender address resolution\n");
+        print_message("mld_rcv : Problem with sender address resolution\n");
         return true;
     }
     uint8_t src[16];
     std::memcpy(src, &f.from.sin6_addr, 16);
-    mldrt_handle_mld_message(r, ifp, r->buf, src, static_cast<int>(n));
+    handle_mld_message(r, ifp, r->buf, src, static_cast<int>(n));
     return true;
 }
 
-int mldrt_handle_other_pkts(mldrt_router* r, mldrt_interface* ifp) {
+int handle_other_message(Router* r, Link* ifp) {
     receive_frame f;
     prepare(&f, r->buf, r->buf_size);
     return static_cast<int>(recvmsg(ifp->sock, &f.msg, MSG_DONTWAIT));
 }
+
+}  // namespace mldproxy

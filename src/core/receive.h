@@ -5,12 +5,16 @@
 
 #include "core/router.h"
 
-struct mldrt_interface;
+namespace mldproxy {
+
+struct Link;
 
 // Reads one datagram from the router socket; only `proto` 58 (ICMPv6) is handled. True when a
 // datagram was taken from the socket, whatever became of it; false when none was waiting.
-bool mldrt_handle_input(mldrt_router* r, int proto);
+bool handle_input(Router* r, int proto);
 // Reads one datagram from the interface's socket and drops it; returns the read's result.
-int mldrt_handle_other_pkts(mldrt_router* r, mldrt_interface* ifp);
+int handle_other_message(Router* r, Link* ifp);
+
+}  // namespace mldproxy
 
 #endif

@@ -2,10 +2,12 @@
 
 #include <cstring>
 
-mldrt_router router;
+namespace mldproxy {
+
+Router router;
 std::atomic<int> g_stop_requested{0};
 
-void mldrt_router_zero(mldrt_router* r) {
+void reset_router(Router* r) {
     r->active = 0;
     r->running = 0;
     r->input_thread = pthread_t{};
@@ -34,6 +36,8 @@ void mldrt_router_zero(mldrt_router* r) {
     std::memset(r->downstream_ifnames, 0, sizeof r->downstream_ifnames);
     r->downstream_count = 0;
     std::memset(r->group_text, 0, sizeof r->group_text);
-    r->counters = mldrt_counters{};
+    r->counters = RouterCounters{};
     r->control = nullptr;
 }
+
+}  // namespace mldproxy

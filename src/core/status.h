@@ -8,6 +8,10 @@
 #include "core/router.h"
 #include "core/text.h"
 
-void mldrt_render_status(mldrt_router* r, bool json, mldrt_text* out);
+namespace mldproxy {
+
+void render_status(Router* r, bool json, Text* out);
+
+}  // namespace mldproxy
 
 #endif

@@ -6,9 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 
+namespace mldproxy {
+
 namespace {
 
-bool reserve(mldrt_text* t, uint32_t more) {
+bool reserve(Text* t, uint32_t more) {
     if (t->failed) {
         return false;
     }
@@ -32,7 +34,7 @@ bool reserve(mldrt_text* t, uint32_t more) {
 
 }  // namespace
 
-void mldrt_text_add(mldrt_text* t, const char* fmt, ...) {
+void text_add(Text* t, const char* fmt, ...) {
     // Written straight into the room left; only a text that does not fit is written again.
     for (int attempt = 0; attempt < 2 && !t->failed; attempt++) {
         uint32_t room = t->cap - t->len;
@@ -51,15 +53,17 @@ void mldrt_text_add(mldrt_text* t, const char* fmt, ...) {
     }
 }
 
-const char* mldrt_addr_text(const uint8_t* addr, char* buf) {
-    static_assert(MLDRT_ADDR_TEXT >= INET6_ADDRSTRLEN, "room for any address");
-    if (!inet_ntop(AF_INET6, addr, buf, MLDRT_ADDR_TEXT)) {
+const char* address_text(const uint8_t* addr, char* buf) {
+    static_assert(kAddrText >= INET6_ADDRSTRLEN, "room for any address");
+    if (!inet_ntop(AF_INET6, addr, buf, kAddrText)) {
         buf[0] = '\0';
     }
     return buf;
 }
 
-void mldrt_text_free(mldrt_text* t) {
+void text_free(Text* t) {
     free(t->data);
-    *t = mldrt_text{};
+    *t = Text{};
 }
+
+}  // namespace mldproxy

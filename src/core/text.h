@@ -5,19 +5,23 @@
 
 #include <cstdint>
 
-struct mldrt_text {
+namespace mldproxy {
+
+struct Text {
     char* data;  // terminated while len > 0
     uint32_t len;
     uint32_t cap;
     bool failed;  // an append did not fit in memory: the text is cut there
 };
 
-void mldrt_text_add(mldrt_text* t, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+void text_add(Text* t, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 // Room for the longest IPv6 address text and its terminator.
-constexpr uint32_t MLDRT_ADDR_TEXT = 46;
-// The 16 bytes as IPv6 address text in `buf` (MLDRT_ADDR_TEXT bytes); returns `buf`.
-const char* mldrt_addr_text(const uint8_t* addr, char* buf);
+constexpr uint32_t kAddrText = 46;
+// The 16 bytes as IPv6 address text in `buf` (kAddrText bytes); returns `buf`.
+const char* address_text(const uint8_t* addr, char* buf);
 // Frees the buffer and empties the text.
-void mldrt_text_free(mldrt_text* t);
+void text_free(Text* t);
+
+}  // namespace mldproxy
 
 #endif

@@ -5,7 +5,7 @@
 // finds exactly the record a walk of the list would.
 //
 // An indexed record type T has `grp_addr[16]`, `T* hnext`, `T** hpprev` and
-// `mldrt_addr_index<T>* hindex` (null while the record is in no index).
+// `AddressIndex<T>* hindex` (null while the record is in no index).
 #ifndef MLDPROXYD_DB_ADDR_INDEX_H
 #define MLDPROXYD_DB_ADDR_INDEX_H
 
@@ -13,17 +13,19 @@
 #include <cstdlib>
 #include <cstring>
 
+namespace mldproxy {
+
 template <typename T>
-struct mldrt_addr_index {
+struct AddressIndex {
     T** buckets;
     uint32_t size;  // a power of two; 0 while nothing is indexed
     uint32_t count;
 };
 
-constexpr uint32_t MLDRT_INDEX_FIRST_SIZE = 16;
+constexpr uint32_t kIndexFirstSize = 16;
 
 // FNV-1a over the 16 address bytes.
-inline uint32_t mldrt_addr_hash(const uint8_t* addr) {
+inline uint32_t address_hash(const uint8_t* addr) {
     uint32_t h = 2166136261u;
     for (int i = 0; i < 16; i++) {
         h = (h ^ addr[i]) * 16777619u;
@@ -31,7 +33,7 @@ inline uint32_t mldrt_addr_hash(const uint8_t* addr) {
     return h;
 }
 
-namespace mldrt_index_detail {
+namespace index_detail {
 
 template <typename T>
 void link_bucket(T** bucket, T* rec) {
@@ -46,8 +48,8 @@ void link_bucket(T** bucket, T* rec) {
 // Doubles the bucket array (or makes the first one); false when memory ran out, the old array
 // then stays in use.
 template <typename T>
-bool grow(mldrt_addr_index<T>* ix) {
-    uint32_t size = ix->size ? ix->size * 2 : MLDRT_INDEX_FIRST_SIZE;
+bool grow(AddressIndex<T>* ix) {
+    uint32_t size = ix->size ? ix->size * 2 : kIndexFirstSize;
     auto** buckets = static_cast<T**>(calloc(size, sizeof(T*)));
     if (!buckets) {
         return false;
@@ -56,7 +58,7 @@ bool grow(mldrt_addr_index<T>* ix) {
         T* next = nullptr;
         for (T* rec = ix->buckets[i]; rec; rec = next) {
             next = rec->hnext;
-            link_bucket(&buckets[mldrt_addr_hash(rec->grp_addr) & (size - 1)], rec);
+            link_bucket(&buckets[address_hash(rec->grp_addr) & (size - 1)], rec);
         }
     }
     free(ix->buckets);
@@ -65,14 +67,14 @@ bool grow(mldrt_addr_index<T>* ix) {
     return true;
 }
 
-}  // namespace mldrt_index_detail
+}  // namespace index_detail
 
 template <typename T>
-T* mldrt_index_find(const mldrt_addr_index<T>* ix, const uint8_t* addr) {
+T* index_find(const AddressIndex<T>* ix, const uint8_t* addr) {
     if (ix->size == 0) {
         return nullptr;
     }
-    for (T* rec = ix->buckets[mldrt_addr_hash(addr) & (ix->size - 1)]; rec; rec = rec->hnext) {
+    for (T* rec = ix->buckets[address_hash(addr) & (ix->size - 1)]; rec; rec = rec->hnext) {
         if (std::memcmp(rec->grp_addr, addr, 16) == 0) {
             return rec;
         }
@@ -83,19 +85,18 @@ T* mldrt_index_find(const mldrt_addr_index<T>* ix, const uint8_t* addr) {
 // False only when the index had no buckets and none could be allocated: the caller then
 // treats the record as not created, so list and index never disagree.
 template <typename T>
-bool mldrt_index_insert(mldrt_addr_index<T>* ix, T* rec) {
-    if (ix->count >= ix->size && !mldrt_index_detail::grow(ix) && ix->size == 0) {
+bool index_insert(AddressIndex<T>* ix, T* rec) {
+    if (ix->count >= ix->size && !index_detail::grow(ix) && ix->size == 0) {
         return false;
     }
-    mldrt_index_detail::link_bucket(&ix->buckets[mldrt_addr_hash(rec->grp_addr) & (ix->size - 1)],
-                                    rec);
+    index_detail::link_bucket(&ix->buckets[address_hash(rec->grp_addr) & (ix->size - 1)], rec);
     rec->hindex = ix;
     ix->count++;
     return true;
 }
 
 template <typename T>
-void mldrt_index_free(mldrt_addr_index<T>* ix) {
+void index_free(AddressIndex<T>* ix) {
     free(ix->buckets);
     ix->buckets = nullptr;
     ix->size = 0;
@@ -105,8 +106,8 @@ void mldrt_index_free(mldrt_addr_index<T>* ix) {
 // Takes the record out of its index; the last one out frees the buckets, so an idle router
 // holds none and nothing is left when the lists are emptied.
 template <typename T>
-void mldrt_index_remove(T* rec) {
-    mldrt_addr_index<T>* ix = rec->hindex;
+void index_remove(T* rec) {
+    AddressIndex<T>* ix = rec->hindex;
     if (!ix) {
         return;
     }
@@ -118,8 +119,10 @@ void mldrt_index_remove(T* rec) {
     rec->hpprev = nullptr;
     rec->hindex = nullptr;
     if (--ix->count == 0) {
-        mldrt_index_free(ix);
+        index_free(ix);
     }
 }
+
+}  // namespace mldproxy
 
 #endif

@@ -1,5 +1,5 @@
 // Set operations between source lists and the sources of a received record. Each result is
-// written whole into the caller's mldrt_src_result, so no operation sees what an earlier one
+// written whole into the caller's SourceSet, so no operation sees what an earlier one
 // left behind.
 #include <cstdio>
 #include <cstring>
@@ -7,6 +7,8 @@
 #include "core/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
+
+namespace mldproxy {
 
 namespace {
 
@@ -21,7 +23,7 @@ bool in_record(const uint8_t* rec_srcs, uint32_t nsrc, const uint8_t* addr) {
     return false;
 }
 
-bool in_result(const mldrt_src_result* result, const uint8_t* addr) {
+bool in_result(const SourceSet* result, const uint8_t* addr) {
     for (uint32_t i = 0; i < result->n; i++) {
         if (ipv6_addr_equal(result->entries[i].src_addr, addr)) {
             return true;
@@ -32,12 +34,12 @@ bool in_result(const mldrt_src_result* result, const uint8_t* addr) {
 
 // Appends an entry and links it behind the one before; false when the result is full, after
 // the limit's line. Every field is written, so nothing of an earlier result shows through.
-bool put_result(mldrt_src_result* result, const uint8_t* addr, int32_t timer) {
-    if (result->n == MLDRT_MAX_SOURCES) {
-        mldrt_report_limit(MLDRT_LIMIT_SOURCES);
+bool put_result(SourceSet* result, const uint8_t* addr, int32_t timer) {
+    if (result->n == kMaxSources) {
+        report_limit(Limit::Sources);
         return false;
     }
-    mldrt_src* e = &result->entries[result->n];
+    Source* e = &result->entries[result->n];
     std::memset(e, 0, sizeof *e);
     std::memcpy(e->src_addr, addr, kAddrLen);
     e->timer = timer;
@@ -50,23 +52,23 @@ bool put_result(mldrt_src_result* result, const uint8_t* addr, int32_t timer) {
 
 }  // namespace
 
-uint32_t mldrt_subtract_srclists(mldrt_src_result* result, const mldrt_src* a, const mldrt_src* b) {
+uint32_t subtract_lists(SourceSet* result, const Source* a, const Source* b) {
     result->n = 0;
     for (; a; a = a->next) {
-        if (!mldrt_srclist_has(b, a->src_addr) && !put_result(result, a->src_addr, a->timer)) {
+        if (!list_has(b, a->src_addr) && !put_result(result, a->src_addr, a->timer)) {
             break;
         }
     }
     return result->n;
 }
 
-uint32_t mldrt_subtract_srclist_and_rcvd_record(mldrt_src_result* result, const mldrt_src* list,
-                                                const uint8_t* rec_srcs, uint32_t nsrc, int mode) {
+uint32_t subtract_record(SourceSet* result, const Source* list, const uint8_t* rec_srcs,
+                         uint32_t nsrc, int mode) {
     result->n = 0;
     if (mode == 0) {
         for (uint32_t i = 0; i < nsrc; i++) {
             const uint8_t* addr = rec_srcs + kAddrLen * i;
-            if (!mldrt_srclist_has(list, addr) && !put_result(result, addr, 0)) {
+            if (!list_has(list, addr) && !put_result(result, addr, 0)) {
                 break;
             }
         }
@@ -81,12 +83,12 @@ uint32_t mldrt_subtract_srclist_and_rcvd_record(mldrt_src_result* result, const 
         }
         return result->n;
     }
-    mldrt_log("\n FATAL: Invalid mode type passed\n");
+    log_message("\n FATAL: Invalid mode type passed\n");
     return 0;
 }
 
-uint32_t mldrt_intersect_srclist_with_rcvd_record(mldrt_src_result* result, const mldrt_src* list,
-                                                  const uint8_t* rec_srcs, uint32_t nsrc) {
+uint32_t intersect_with_record(SourceSet* result, const Source* list, const uint8_t* rec_srcs,
+                               uint32_t nsrc) {
     result->n = 0;
     for (; list; list = list->next) {
         if (in_record(rec_srcs, nsrc, list->src_addr) &&
@@ -97,10 +99,10 @@ uint32_t mldrt_intersect_srclist_with_rcvd_record(mldrt_src_result* result, cons
     return result->n;
 }
 
-uint32_t mldrt_union_srclists(mldrt_src_result* result, const mldrt_src* a, const mldrt_src* b) {
+uint32_t unite_lists(SourceSet* result, const Source* a, const Source* b) {
     result->n = 0;
     for (int pass = 0; pass < 2; pass++) {
-        for (const mldrt_src* s = pass == 0 ? a : b; s; s = s->next) {
+        for (const Source* s = pass == 0 ? a : b; s; s = s->next) {
             if (!in_result(result, s->src_addr) && !put_result(result, s->src_addr, s->timer)) {
                 return result->n;
             }
@@ -109,57 +111,58 @@ uint32_t mldrt_union_srclists(mldrt_src_result* result, const mldrt_src* a, cons
     return result->n;
 }
 
-int mldrt_intersect_srclists(mldrt_src** a, const mldrt_src* b) {
+int intersect_in_place(Source** a, const Source* b) {
     int kept = 0;
-    mldrt_src* next = nullptr;
-    for (mldrt_src* s = *a; s; s = next) {
+    Source* next = nullptr;
+    for (Source* s = *a; s; s = next) {
         next = s->next;
-        if (mldrt_srclist_has(b, s->src_addr)) {
+        if (list_has(b, s->src_addr)) {
             kept++;
         } else {
-            mldrt_remove_entry_from_srclist(a, s->src_addr);
+            remove_from_list(a, s->src_addr);
         }
     }
     return kept;
 }
 
-int mldrt_intersect_grp_srclist_with_rcvd_record(mldrt_router* r, mldrt_group* g, uint32_t ltype,
-                                                 const uint8_t* rec_srcs, uint32_t nsrc,
-                                                 mldrt_interface* ifp) {
-    if (ltype > MLDRT_L_EXC) {
-        mldrt_log("\n Invalid List Type\n");
+int intersect_group_list_with_record(Router* r, Group* g, ListKind kind, const uint8_t* rec_srcs,
+                                     uint32_t nsrc, Link* ifp) {
+    if (kind > ListKind::Excluded) {
+        log_message("\n Invalid List Type\n");
         return -1;
     }
-    mldrt_src* next = nullptr;
-    for (mldrt_src* s = *mldrt_select_srclist(g, g->mfdb, ltype); s; s = next) {
+    Source* next = nullptr;
+    for (Source* s = *select_list(g, g->mfdb, kind); s; s = next) {
         next = s->next;
         if (in_record(rec_srcs, nsrc, s->src_addr)) {
             continue;
         }
         uint8_t addr[16];
         std::memcpy(addr, s->src_addr, sizeof addr);  // the entry is freed by the removal
-        if (mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, ltype, addr, ifp) != 0) {
-            mldrt_log("\n Removal of entry failed\n");
+        if (remove_from_group_list(r, g, g->mfdb, kind, addr, ifp) != 0) {
+            log_message("\n Removal of entry failed\n");
             return -1;
         }
     }
     return 0;
 }
 
-int mldrt_empty_grp_srclist(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype,
-                            mldrt_interface* ifp) {
-    if (ltype == MLDRT_L_SRSP || ltype == MLDRT_L_NON_SRSP || ltype > MLDRT_L_SCR_BLOCK) {
-        mldrt_log("\n FATAL: Req for deleteing unknown list type in the group\n");
+int empty_group_list(Router* r, Group* g, ForwardingEntry* e, ListKind kind, Link* ifp) {
+    if (kind == ListKind::QuerySuppressed || kind == ListKind::QueryNotSuppressed ||
+        kind > ListKind::Block) {
+        log_message("\n FATAL: Req for deleteing unknown list type in the group\n");
         return 0;
     }
-    mldrt_src** list = ltype <= MLDRT_L_EXC ? mldrt_select_srclist(g, g->mfdb, ltype)
-                                            : mldrt_select_srclist(g, e, ltype);
-    mldrt_src* next = nullptr;
-    for (mldrt_src* s = list ? *list : nullptr; s; s = next) {
+    Source** list =
+        kind <= ListKind::Excluded ? select_list(g, g->mfdb, kind) : select_list(g, e, kind);
+    Source* next = nullptr;
+    for (Source* s = list ? *list : nullptr; s; s = next) {
         next = s->next;
         uint8_t addr[16];
         std::memcpy(addr, s->src_addr, sizeof addr);
-        mldrt_remove_entry_from_grp_srclist(r, g, e, ltype, addr, ifp);
+        remove_from_group_list(r, g, e, kind, addr, ifp);
     }
     return 0;
 }
+
+}  // namespace mldproxy

@@ -4,12 +4,14 @@
 #ifndef MLDPROXYD_DB_FIFO_H
 #define MLDPROXYD_DB_FIFO_H
 
+namespace mldproxy {
+
 template <typename T, T* T::*Next, T** T::*Pprev>
-class mldrt_fifo {
+class Fifo {
   public:
-    mldrt_fifo() = default;
-    mldrt_fifo(const mldrt_fifo&) = delete;  // the tail points into the object itself
-    mldrt_fifo& operator=(const mldrt_fifo&) = delete;
+    Fifo() = default;
+    Fifo(const Fifo&) = delete;  // the tail points into the object itself
+    Fifo& operator=(const Fifo&) = delete;
 
     static bool queued(const T* rec) { return rec->*Pprev != nullptr; }
     T* front() const { return head_; }
@@ -57,5 +59,7 @@ class mldrt_fifo {
     T* head_ = nullptr;
     T** tail_ = &head_;
 };
+
+}  // namespace mldproxy
 
 #endif

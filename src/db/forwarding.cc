@@ -12,10 +12,12 @@
 #include "iface/interface.h"
 #include "kernel/mroute.h"
 
+namespace mldproxy {
+
 namespace {
 
-bool has_marks(const mldrt_fwinfo* fw) {
-    for (uint32_t i = 0; i < MLDRT_MAXMIF_MARKS; i++) {
+bool has_marks(const ForwardingRecord* fw) {
+    for (uint32_t i = 0; i < kMifMarks; i++) {
         if (fw->mif_member[i]) {
             return true;
         }
@@ -23,75 +25,72 @@ bool has_marks(const mldrt_fwinfo* fw) {
     return false;
 }
 
-void write_source_entry(mldrt_router* r, mldrt_mfdb_entry* e, const uint8_t* src) {
-    uint8_t oifs[MLDRT_MAXMIF_MARKS] = {};
-    mldrt_generate_membership_info(e, src, oifs);
-    mldrt_add_k_mfc(r, e->grp_addr, src, oifs);
+void write_source_entry(Router* r, ForwardingEntry* e, const uint8_t* src) {
+    uint8_t oifs[kMifMarks] = {};
+    outgoing_mifs(e, src, oifs);
+    kernel_add_mfc(r, e->grp_addr, src, oifs);
 }
 
-void write_any_source_entry(mldrt_router* r, mldrt_mfdb_entry* e) {
-    for (const mldrt_fwinfo* fw = e->fwinfo_list; fw; fw = fw->next) {
-        if (mldrt_is_any_addr(fw->src_addr)) {
-            mldrt_add_k_mfc(r, e->grp_addr, MLDRT_ADDR_ANY, fw->mif_member);
+void write_any_source_entry(Router* r, ForwardingEntry* e) {
+    for (const ForwardingRecord* fw = e->fwinfo_list; fw; fw = fw->next) {
+        if (is_unspecified(fw->src_addr)) {
+            kernel_add_mfc(r, e->grp_addr, kAddrAny, fw->mif_member);
             return;
         }
     }
 }
 
 // Every (S,G) entry carries the (*,G) MIFs, so a change of those rewrites them all.
-void write_source_entries(mldrt_router* r, mldrt_mfdb_entry* e) {
-    for (const mldrt_fwinfo* fw = e->fwinfo_list; fw; fw = fw->next) {
-        if (!mldrt_is_any_addr(fw->src_addr)) {
+void write_source_entries(Router* r, ForwardingEntry* e) {
+    for (const ForwardingRecord* fw = e->fwinfo_list; fw; fw = fw->next) {
+        if (!is_unspecified(fw->src_addr)) {
             write_source_entry(r, e, fw->src_addr);
         }
     }
 }
 
-int add_forwarding(mldrt_router* r, mldrt_group* g, const uint8_t* src, mldrt_interface* ifp,
-                   uint8_t mark) {
-    mldrt_fwinfo* fw = mldrt_add_fwinfo_to_fdb(g, src);
+int add_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_t mark) {
+    ForwardingRecord* fw = add_forwarding_record(g, src);
     if (!fw) {
-        mldrt_log_puts("MLDRT: Couldnt add src info to MDB");
+        log_line("MLDRT: Couldnt add src info to MDB");
         return -1;
     }
-    if (ifp->mifi >= MLDRT_MAXMIF_MARKS || fw->mif_member[ifp->mifi] == mark) {
+    if (ifp->mifi >= kMifMarks || fw->mif_member[ifp->mifi] == mark) {
         return 0;  // already marked so there
     }
     fw->mif_member[ifp->mifi] = mark;
-    mldrt_sync_kernel_forwarding(r, g->mfdb, src, false);
+    sync_kernel_forwarding(r, g->mfdb, src, false);
     return 0;
 }
 
 // Clears the link's mark of `src` when it is `mark`: a source moved between the wanted and the
 // excluded list has taken the other mark already, whichever list it was added to first.
-int remove_forwarding(mldrt_router* r, mldrt_group* g, const uint8_t* src, mldrt_interface* ifp,
-                      uint8_t mark) {
-    mldrt_fwinfo* fw = mldrt_lookup_fwinfo_in_fdb(g, src);
-    if (!fw || (ifp->mifi < MLDRT_MAXMIF_MARKS && fw->mif_member[ifp->mifi] != mark)) {
+int remove_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_t mark) {
+    ForwardingRecord* fw = find_forwarding_record(g, src);
+    if (!fw || (ifp->mifi < kMifMarks && fw->mif_member[ifp->mifi] != mark)) {
         return 0;
     }
-    if (ifp->mifi < MLDRT_MAXMIF_MARKS) {
+    if (ifp->mifi < kMifMarks) {
         fw->mif_member[ifp->mifi] = 0;
     }
     bool gone = !has_marks(fw);
     if (gone) {
-        mldrt_delete_fwinfo_from_fdb(g, src);
+        delete_forwarding_record(g, src);
     }
-    if (mldrt_is_any_addr(src)) {
+    if (is_unspecified(src)) {
         r->del_mifi = ifp->mifi;
     }
-    mldrt_sync_kernel_forwarding(r, g->mfdb, src, gone);
+    sync_kernel_forwarding(r, g->mfdb, src, gone);
     return 0;
 }
 
 }  // namespace
 
-void mldrt_sync_kernel_forwarding(mldrt_router* r, mldrt_mfdb_entry* e, const uint8_t* src,
-                                  bool record_gone) {
-    if (!mldrt_is_any_addr(src)) {
+void sync_kernel_forwarding(Router* r, ForwardingEntry* e, const uint8_t* src, bool record_gone) {
+    if (!is_unspecified(src)) {
         // Without its own record the source is forwarded by the (*,G) entry, if any.
         if (record_gone) {
-            mldrt_delete_k_mfc(r, e->grp_addr, src);
+            kernel_delete_mfc(r, e->grp_addr, src);
         } else {
             write_source_entry(r, e, src);
         }
@@ -100,65 +99,66 @@ void mldrt_sync_kernel_forwarding(mldrt_router* r, mldrt_mfdb_entry* e, const ui
     if (record_gone) {
         // Deleted even while no upstream is known: a kernel entry left behind would forward
         // to whatever link takes its MIF later.
-        mldrt_delete_k_mfc(r, e->grp_addr, MLDRT_ADDR_ANY);
+        kernel_delete_mfc(r, e->grp_addr, kAddrAny);
     } else {
         write_any_source_entry(r, e);
     }
     write_source_entries(r, e);
 }
 
-int mldrt_add_entry_to_grp_srclist(mldrt_router* r, mldrt_group* g, uint32_t ltype,
-                                   const uint8_t* src, int32_t timer, mldrt_interface* ifp) {
-    if (ltype > MLDRT_L_EXC) {
-        mldrt_log("\n Invalid list type\n");
+int add_to_group_list(Router* r, Group* g, ListKind kind, const uint8_t* src, int32_t timer,
+                      Link* ifp) {
+    if (kind > ListKind::Excluded) {
+        log_message("\n Invalid list type\n");
         return 0;
     }
     // :: is the forwarding database's whole-group mark: a record naming it as a source names
     // no host that could send, and must not turn into a (*,G) entry.
-    if (mldrt_is_any_addr(src)) {
+    if (is_unspecified(src)) {
         return 0;
     }
-    mldrt_src* s = mldrt_add_src_to_group(g, g->mfdb, ltype, src);
+    Source* s = add_source_to_group(g, g->mfdb, kind, src);
     if (!s) {
-        mldrt_log_puts("MLDRT: Couldnt add src to grp include list");
+        log_line("MLDRT: Couldnt add src to grp include list");
         return -1;
     }
     s->timer = timer;  // a report refreshes the timer of a source it names again
-    return add_forwarding(r, g, src, ifp,
-                          ltype == MLDRT_L_EXC ? MLDRT_MARK_EXCLUDED : MLDRT_MARK_WANTED);
+    return add_forwarding(r, g, src, ifp, kind == ListKind::Excluded ? kMarkExcluded : kMarkWanted);
 }
 
-int mldrt_remove_entry_from_grp_srclist(mldrt_router* r, mldrt_group* g, mldrt_mfdb_entry* e,
-                                        uint32_t ltype, const uint8_t* src, mldrt_interface* ifp) {
-    if (ltype > MLDRT_L_SCR_BLOCK) {
-        mldrt_log("\n Invalid ltype\n");
+int remove_from_group_list(Router* r, Group* g, ForwardingEntry* e, ListKind kind,
+                           const uint8_t* src, Link* ifp) {
+    if (kind > ListKind::Block) {
+        log_message("\n Invalid ltype\n");
         return 0;
     }
-    if (ltype >= MLDRT_L_EXC) {
-        if (mldrt_del_src_from_group(g, e, ltype, src) != 0) {
-            mldrt_log("\n FATAL Error - Cannot del src from group exclude list\n");
+    if (kind >= ListKind::Excluded) {
+        if (remove_source_from_group(g, e, kind, src) != 0) {
+            log_message("\n FATAL Error - Cannot del src from group exclude list\n");
             return -1;
         }
-        return ltype == MLDRT_L_EXC ? remove_forwarding(r, g, src, ifp, MLDRT_MARK_EXCLUDED) : 0;
+        return kind == ListKind::Excluded ? remove_forwarding(r, g, src, ifp, kMarkExcluded) : 0;
     }
-    if (mldrt_del_src_from_group(g, g->mfdb, ltype, src) != 0) {
-        mldrt_log("\n FATAL Error - Cannot del src from group include list\n");
+    if (remove_source_from_group(g, g->mfdb, kind, src) != 0) {
+        log_message("\n FATAL Error - Cannot del src from group include list\n");
         return -1;
     }
-    return remove_forwarding(r, g, src, ifp, MLDRT_MARK_WANTED);
+    return remove_forwarding(r, g, src, ifp, kMarkWanted);
 }
 
-void mldrt_forward_whole_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
-    add_forwarding(r, g, MLDRT_ADDR_ANY, ifp, MLDRT_MARK_WANTED);
+void forward_whole_group(Router* r, Group* g, Link* ifp) {
+    add_forwarding(r, g, kAddrAny, ifp, kMarkWanted);
 }
 
-void mldrt_withdraw_whole_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
-    remove_forwarding(r, g, MLDRT_ADDR_ANY, ifp, MLDRT_MARK_WANTED);
+void withdraw_whole_group(Router* r, Group* g, Link* ifp) {
+    remove_forwarding(r, g, kAddrAny, ifp, kMarkWanted);
 }
 
-void mldrt_rewrite_kernel_forwarding(mldrt_router* r) {
-    for (mldrt_mfdb_entry* e = r->mfdb_list; e; e = e->next) {
+void rewrite_kernel_forwarding(Router* r) {
+    for (ForwardingEntry* e = r->mfdb_list; e; e = e->next) {
         write_any_source_entry(r, e);
         write_source_entries(r, e);
     }
 }
+
+}  // namespace mldproxy

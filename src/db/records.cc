@@ -7,13 +7,15 @@
 #include "db/db.h"
 #include "iface/interface.h"
 
+namespace mldproxy {
+
 namespace {
 
 template <typename T>
 T* allocate_record(const uint8_t* addr, const char* failure) {
     auto* rec = static_cast<T*>(calloc(1, sizeof(T)));
     if (!rec) {
-        mldrt_log_puts(failure);
+        log_line(failure);
         return nullptr;
     }
     std::memcpy(rec, addr, 16);  // every record begins with its address
@@ -40,7 +42,7 @@ void unlink(T* rec) {
     }
 }
 
-uint32_t count_srcs(const mldrt_src* list) {
+uint32_t count_srcs(const Source* list) {
     uint32_t n = 0;
     for (; list; list = list->next) {
         n++;
@@ -48,7 +50,7 @@ uint32_t count_srcs(const mldrt_src* list) {
     return n;
 }
 
-uint32_t count_members(const mldrt_member* m) {
+uint32_t count_members(const Host* m) {
     uint32_t n = 0;
     for (; m; m = m->next) {
         n++;
@@ -56,7 +58,7 @@ uint32_t count_members(const mldrt_member* m) {
     return n;
 }
 
-mldrt_src** host_state_list(mldrt_hs_state* hs) {
+Source** host_state_list(HostState* hs) {
     return hs ? &hs->list : nullptr;
 }
 
@@ -73,43 +75,43 @@ struct limit_report {
     uint32_t refusals;
 };
 limit_report g_limit_reports[] = {
-    {"groups", "request not handled", MLDRT_MAX_GROUPS, false, 0, 0},
+    {"groups", "request not handled", kMaxGroups, false, 0, 0},
     // A host beyond the member limit is still served: only its address is not kept.
-    {"members per group", "host served but not recorded", MLDRT_MAX_MEMBERS, false, 0, 0},
-    {"sources per list", "request not handled", MLDRT_MAX_SOURCES, false, 0, 0},
+    {"members per group", "host served but not recorded", kMaxHosts, false, 0, 0},
+    {"sources per list", "request not handled", kMaxSources, false, 0, 0},
 };
 
 }  // namespace
 
-uint32_t mldrt_limit_refusals(mldrt_limit limit) {
-    return g_limit_reports[limit].refusals;
+uint32_t limit_refusals(Limit limit) {
+    return g_limit_reports[static_cast<int>(limit)].refusals;
 }
 
-void mldrt_limit_reset() {
+void limit_reset() {
     for (limit_report& rep : g_limit_reports) {
         rep.reported = false;
         rep.refusals = 0;
     }
 }
 
-void mldrt_report_limit(mldrt_limit limit) {
-    limit_report& rep = g_limit_reports[limit];
+void report_limit(Limit limit) {
+    limit_report& rep = g_limit_reports[static_cast<int>(limit)];
     rep.refusals++;
     time_t now = time(nullptr);
-    if (rep.reported && now - rep.last < MLDRT_LIMIT_REPORT_SECONDS) {
+    if (rep.reported && now - rep.last < kLimitReportSeconds) {
         return;
     }
     rep.reported = true;
     rep.last = now;
-    mldrt_print("MLDRT: Limit of %u %s reached, %s\n", rep.value, rep.what, rep.outcome);
+    print_message("MLDRT: Limit of %u %s reached, %s\n", rep.value, rep.what, rep.outcome);
 }
 
-mldrt_group* mldrt_lookup_group(mldrt_interface* ifp, const uint8_t* grp) {
-    return mldrt_index_find(&ifp->group_index, grp);
+Group* find_group(Link* ifp, const uint8_t* grp) {
+    return index_find(&ifp->group_index, grp);
 }
 
-mldrt_member* mldrt_lookup_member(mldrt_group* g, const uint8_t* host) {
-    for (mldrt_member* m = g->member_list; m; m = m->next) {
+Host* find_host(Group* g, const uint8_t* host) {
+    for (Host* m = g->member_list; m; m = m->next) {
         if (ipv6_addr_equal(m->member_addr, host)) {
             return m;
         }
@@ -117,7 +119,7 @@ mldrt_member* mldrt_lookup_member(mldrt_group* g, const uint8_t* host) {
     return nullptr;
 }
 
-mldrt_src* mldrt_lookup_src_in_grplist(mldrt_src* list, const uint8_t* src) {
+Source* find_source(Source* list, const uint8_t* src) {
     for (; list; list = list->next) {
         if (ipv6_addr_equal(list->src_addr, src)) {
             return list;
@@ -126,7 +128,7 @@ mldrt_src* mldrt_lookup_src_in_grplist(mldrt_src* list, const uint8_t* src) {
     return nullptr;
 }
 
-bool mldrt_srclist_has(const mldrt_src* list, const uint8_t* src) {
+bool list_has(const Source* list, const uint8_t* src) {
     for (; list; list = list->next) {
         if (ipv6_addr_equal(list->src_addr, src)) {
             return true;
@@ -135,32 +137,32 @@ bool mldrt_srclist_has(const mldrt_src* list, const uint8_t* src) {
     return false;
 }
 
-mldrt_group* mldrt_create_group(const uint8_t* grp) {
-    return allocate_record<mldrt_group>(grp, "MLDRT: Creating group failed");
+Group* create_group(const uint8_t* grp) {
+    return allocate_record<Group>(grp, "MLDRT: Creating group failed");
 }
 
-mldrt_member* mldrt_create_member(const uint8_t* host) {
-    return allocate_record<mldrt_member>(host, "MLDRT: Creating member failed");
+Host* create_host(const uint8_t* host) {
+    return allocate_record<Host>(host, "MLDRT: Creating member failed");
 }
 
-mldrt_src* mldrt_create_src_for_grp(const uint8_t* src) {
-    return allocate_record<mldrt_src>(src, "MLDRT: Src create failed");
+Source* create_source(const uint8_t* src) {
+    return allocate_record<Source>(src, "MLDRT: Src create failed");
 }
 
-mldrt_group* mldrt_add_group(mldrt_router* r, mldrt_interface* ifp, const uint8_t* grp) {
-    mldrt_group* g = mldrt_lookup_group(ifp, grp);
+Group* add_group(Router* r, Link* ifp, const uint8_t* grp) {
+    Group* g = find_group(ifp, grp);
     if (g) {
         return g;
     }
     // A group needs a forwarding entry: refuse it here when there is no room for one.
-    if (mldrt_mfdb_count() >= MLDRT_MAX_GROUPS && !mldrt_lookup_mfdb_entry(r, grp)) {
-        mldrt_report_limit(MLDRT_LIMIT_GROUPS);
+    if (forwarding_entry_count() >= kMaxGroups && !find_forwarding_entry(r, grp)) {
+        report_limit(Limit::Groups);
         return nullptr;
     }
-    g = mldrt_create_group(grp);
-    if (g && !mldrt_index_insert(&ifp->group_index, g)) {
+    g = create_group(grp);
+    if (g && !index_insert(&ifp->group_index, g)) {
         free(g);
-        mldrt_log_puts("MLDRT: Creating group failed");
+        log_line("MLDRT: Creating group failed");
         return nullptr;
     }
     if (g) {
@@ -169,56 +171,56 @@ mldrt_group* mldrt_add_group(mldrt_router* r, mldrt_interface* ifp, const uint8_
     return g;
 }
 
-bool mldrt_members_full(const mldrt_group* g) {
-    return count_members(g->member_list) >= MLDRT_MAX_MEMBERS;
+bool hosts_full(const Group* g) {
+    return count_members(g->member_list) >= kMaxHosts;
 }
 
-mldrt_member* mldrt_add_member(mldrt_group* g, const uint8_t* host) {
-    mldrt_member* m = mldrt_lookup_member(g, host);
+Host* add_host(Group* g, const uint8_t* host) {
+    Host* m = find_host(g, host);
     if (m) {
         return m;
     }
-    if (mldrt_members_full(g)) {
-        mldrt_report_limit(MLDRT_LIMIT_MEMBERS);
+    if (hosts_full(g)) {
+        report_limit(Limit::Hosts);
         return nullptr;
     }
-    m = mldrt_create_member(host);
+    m = create_host(host);
     if (m) {
         push_head(&g->member_list, m);
     }
     return m;
 }
 
-mldrt_src** mldrt_select_srclist(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype) {
-    if ((ltype <= MLDRT_L_NON_SRSP && !g) ||
-        (ltype >= MLDRT_L_OLD_HS && ltype <= MLDRT_L_SCR_BLOCK && !e)) {
+Source** select_list(Group* g, ForwardingEntry* e, ListKind kind) {
+    if ((kind <= ListKind::QueryNotSuppressed && !g) ||
+        (kind >= ListKind::OldHostState && kind <= ListKind::Block && !e)) {
         return nullptr;
     }
-    switch (ltype) {
-        case MLDRT_L_INCLUDE:
+    switch (kind) {
+        case ListKind::Include:
             return &g->include_list;
-        case MLDRT_L_REQ:
+        case ListKind::Requested:
             return &g->req_list;
-        case MLDRT_L_EXC:
+        case ListKind::Excluded:
             return &g->exc_list;
-        case MLDRT_L_SRSP:
+        case ListKind::QuerySuppressed:
             return &g->srsp_list;
-        case MLDRT_L_NON_SRSP:
+        case ListKind::QueryNotSuppressed:
             return &g->non_srsp_list;
-        case MLDRT_L_OLD_HS:
+        case ListKind::OldHostState:
             return host_state_list(e->old_host_state);
-        case MLDRT_L_NEW_HS:
+        case ListKind::NewHostState:
             return host_state_list(e->new_host_state);
-        case MLDRT_L_SCR_TO_EX:
+        case ListKind::ChangeToExclude:
             return &e->scr_to_ex_list;
-        case MLDRT_L_SCR_TO_IN:
+        case ListKind::ChangeToInclude:
             return &e->scr_to_in_list;
-        case MLDRT_L_SCR_ALLOW:
+        case ListKind::Allow:
             return &e->scr_allow_list;
-        case MLDRT_L_SCR_BLOCK:
+        case ListKind::Block:
             return &e->scr_block_list;
         default:
-            mldrt_log("\n Fatal:: Unknow list type\n");
+            log_message("\n Fatal:: Unknow list type\n");
             return nullptr;
     }
 }
@@ -227,43 +229,42 @@ namespace {
 
 // The INCLUDE, requested and excluded lists make a link's listener state, which the upstream
 // host state is merged from; the query retransmission lists do not.
-void note_listener_change(const mldrt_group* g, uint32_t ltype) {
-    if (g && ltype <= MLDRT_L_EXC) {
-        mldrt_mark_changed(g->mfdb);
+void note_listener_change(const Group* g, ListKind kind) {
+    if (g && kind <= ListKind::Excluded) {
+        mark_changed(g->mfdb);
     }
 }
 
 }  // namespace
 
-mldrt_src* mldrt_add_src_to_group(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype,
-                                  const uint8_t* src) {
-    mldrt_src** list = mldrt_select_srclist(g, e, ltype);
+Source* add_source_to_group(Group* g, ForwardingEntry* e, ListKind kind, const uint8_t* src) {
+    Source** list = select_list(g, e, kind);
     if (!list) {
         return nullptr;
     }
-    mldrt_src* s = mldrt_lookup_src_in_grplist(*list, src);
+    Source* s = find_source(*list, src);
     if (s) {
         return s;
     }
     // Group lists come from hosts' reports and are bounded; host-state lists are merged from
     // them and therefore bounded already.
-    if (ltype <= MLDRT_L_NON_SRSP && count_srcs(*list) >= MLDRT_MAX_SOURCES) {
-        mldrt_report_limit(MLDRT_LIMIT_SOURCES);
+    if (kind <= ListKind::QueryNotSuppressed && count_srcs(*list) >= kMaxSources) {
+        report_limit(Limit::Sources);
         return nullptr;
     }
-    s = mldrt_create_src_for_grp(src);
+    s = create_source(src);
     if (s) {
         s->next = *list;
         *list = s;
-        note_listener_change(g, ltype);
+        note_listener_change(g, kind);
     }
     return s;
 }
 
-void mldrt_remove_entry_from_srclist(mldrt_src** list, const uint8_t* src) {
-    for (mldrt_src** link = list; *link; link = &(*link)->next) {
+void remove_from_list(Source** list, const uint8_t* src) {
+    for (Source** link = list; *link; link = &(*link)->next) {
         if (ipv6_addr_equal((*link)->src_addr, src)) {
-            mldrt_src* gone = *link;
+            Source* gone = *link;
             *link = gone->next;
             free(gone);
             return;
@@ -271,32 +272,33 @@ void mldrt_remove_entry_from_srclist(mldrt_src** list, const uint8_t* src) {
     }
 }
 
-int mldrt_del_src_from_group(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype,
-                             const uint8_t* src) {
-    mldrt_src** list = mldrt_select_srclist(g, e, ltype);
+int remove_source_from_group(Group* g, ForwardingEntry* e, ListKind kind, const uint8_t* src) {
+    Source** list = select_list(g, e, kind);
     if (!list) {
         return -1;
     }
-    mldrt_remove_entry_from_srclist(list, src);
-    note_listener_change(g, ltype);
+    remove_from_list(list, src);
+    note_listener_change(g, kind);
     return 0;
 }
 
-void mldrt_delete_group(mldrt_group* g) {
-    mldrt_index_remove(g);
+void delete_group(Group* g) {
+    index_remove(g);
     unlink(g);
     free(g);
 }
 
-void mldrt_delete_member(mldrt_member* m) {
+void delete_host(Host* m) {
     unlink(m);
     free(m);
 }
 
-void mldrt_free_srclist(mldrt_src** list) {
+void free_srclist(Source** list) {
     while (*list) {
-        mldrt_src* next = (*list)->next;
+        Source* next = (*list)->next;
         free(*list);
         *list = next;
     }
 }
+
+}  // namespace mldproxy

@@ -10,23 +10,24 @@
 #include "mld/mld.h"
 #include "proxy/proxy.h"
 
+namespace mldproxy {
+
 namespace {
 
-uint32_t gmi(const mldrt_router* r) {
+uint32_t gmi(const Router* r) {
     return r->robustness * r->query_interval + r->query_response_interval / 1000u;
 }
 
-void send_group_query(mldrt_router* r, mldrt_interface* ifp, const mldrt_group* g,
-                      const mldrt_src* srcs, uint32_t count) {
-    mldrt_query_params q{};
+void send_group_query(Router* r, Link* ifp, const Group* g, const Source* srcs, uint32_t count) {
+    QueryParams q{};
     std::memcpy(q.group, g->grp_addr, 16);
     std::memcpy(q.dst, g->grp_addr, 16);
     q.sources = srcs;
     q.src_count = count;
-    mldrt_send_query(r, ifp, &q);
+    send_query(r, ifp, &q);
 }
 
-void retransmit_group_query(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+void retransmit_group_query(Router* r, Link* ifp, Group* g) {
     if (g->grp_rtx_count <= 0 || --g->grp_rtx_timer != 0) {
         return;
     }
@@ -36,21 +37,21 @@ void retransmit_group_query(mldrt_router* r, mldrt_interface* ifp, mldrt_group* 
 }
 
 // Each retransmission asks for the sources whose counts remain (RFC 3810 section 7.6.3.2).
-void retransmit_source_queries(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+void retransmit_source_queries(Router* r, Link* ifp, Group* g) {
     if (g->src_rtx_count <= 0 || --g->src_rtx_timer != 0) {
         return;
     }
-    mldrt_send_source_queries(r, ifp, g);
+    send_source_queries(r, ifp, g);
     if (--g->src_rtx_count != 0) {
         g->src_rtx_timer = static_cast<int32_t>(r->last_listener_query_interval);
     }
-    mldrt_clean_grp_rtx_lists(g);
+    age_retransmission_lists(g);
 }
 
 // INCLUDE mode: sources age and leave with their forwarding.
-void age_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
-    mldrt_src* next = nullptr;
-    for (mldrt_src* s = g->include_list; s; s = next) {
+void age_include(Router* r, Link* ifp, Group* g) {
+    Source* next = nullptr;
+    for (Source* s = g->include_list; s; s = next) {
         next = s->next;
         if (s->timer >= 2) {
             s->timer--;
@@ -58,32 +59,31 @@ void age_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
         }
         uint8_t addr[16];
         std::memcpy(addr, s->src_addr, sizeof addr);
-        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, addr, ifp);
+        remove_from_group_list(r, g, g->mfdb, ListKind::Include, addr, ifp);
     }
 }
 
 // Filter timer expiry (RFC 3810 section 7.5): back to INCLUDE with the requested sources,
 // each restarted at GMI; the link no longer takes every source of the group.
-void expire_filter(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
-    mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, ifp);
-    for (mldrt_src* s = g->req_list; s; s = s->next) {
-        mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_INCLUDE, s->src_addr,
-                                       static_cast<int32_t>(gmi(r)), ifp);
+void expire_filter(Router* r, Link* ifp, Group* g) {
+    empty_group_list(r, g, g->mfdb, ListKind::Excluded, ifp);
+    for (Source* s = g->req_list; s; s = s->next) {
+        add_to_group_list(r, g, ListKind::Include, s->src_addr, static_cast<int32_t>(gmi(r)), ifp);
     }
-    mldrt_free_srclist(&g->req_list);
-    mldrt_withdraw_whole_group(r, g, ifp);
-    g->fmode = MLDRT_INCLUDE;
+    free_srclist(&g->req_list);
+    withdraw_whole_group(r, g, ifp);
+    g->filter_mode = FilterMode::Include;
     if (g->mfdb) {
         g->mfdb->exclude_count--;
     }
-    mldrt_mark_changed(g->mfdb);
+    mark_changed(g->mfdb);
 }
 
 // EXCLUDE mode, filter timer running: requested sources that run out become excluded.
-void age_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
-    g->ftimer--;
-    mldrt_src* next = nullptr;
-    for (mldrt_src* s = g->req_list; s; s = next) {
+void age_exclude(Router* r, Link* ifp, Group* g) {
+    g->filter_timer--;
+    Source* next = nullptr;
+    for (Source* s = g->req_list; s; s = next) {
         next = s->next;
         if (s->timer >= 2) {
             s->timer--;
@@ -91,20 +91,20 @@ void age_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
         }
         uint8_t addr[16];
         std::memcpy(addr, s->src_addr, sizeof addr);
-        mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_EXC, addr, s->timer, ifp);
-        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, addr, ifp);
+        add_to_group_list(r, g, ListKind::Excluded, addr, s->timer, ifp);
+        remove_from_group_list(r, g, g->mfdb, ListKind::Requested, addr, ifp);
     }
 }
 
 // One second of the group's source, filter and compatibility timers.
-void age_group(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+void age_group(Router* r, Link* ifp, Group* g) {
     if (g->v1_host_timer > 0) {
         g->v1_host_timer--;
     }
-    if (g->fmode == MLDRT_INCLUDE) {
+    if (g->filter_mode == FilterMode::Include) {
         age_include(r, ifp, g);
-    } else if (g->fmode == MLDRT_EXCLUDE) {
-        if (g->ftimer < 2) {
+    } else if (g->filter_mode == FilterMode::Exclude) {
+        if (g->filter_timer < 2) {
             expire_filter(r, ifp, g);
         } else {
             age_exclude(r, ifp, g);
@@ -112,42 +112,42 @@ void age_group(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
     }
 }
 
-bool removable(const mldrt_group* g) {
-    return g->fmode == MLDRT_INCLUDE && !g->include_list && g->grp_rtx_count <= 0 &&
+bool removable(const Group* g) {
+    return g->filter_mode == FilterMode::Include && !g->include_list && g->grp_rtx_count <= 0 &&
            g->src_rtx_count <= 0;
 }
 
 // One tick of one group: its query retransmissions, then its timers.
-void tick_group(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
+void tick_group(Router* r, Link* ifp, Group* g) {
     // A group that was left empty with its last query sent a tick ago can go: its entry is
     // looked at again for that. The tick between gives hosts time to answer that query.
     if (removable(g)) {
-        mldrt_mark_changed(g->mfdb);
+        mark_changed(g->mfdb);
     }
     retransmit_group_query(r, ifp, g);
     retransmit_source_queries(r, ifp, g);
     age_group(r, ifp, g);
 }
 
-void free_group(mldrt_group* g) {
+void free_group(Group* g) {
     while (g->member_list) {
-        mldrt_delete_member(g->member_list);
+        delete_host(g->member_list);
     }
-    mldrt_free_srclist(&g->include_list);
-    mldrt_free_srclist(&g->req_list);
-    mldrt_free_srclist(&g->exc_list);
-    mldrt_free_srclist(&g->srsp_list);
-    mldrt_free_srclist(&g->non_srsp_list);
+    free_srclist(&g->include_list);
+    free_srclist(&g->req_list);
+    free_srclist(&g->exc_list);
+    free_srclist(&g->srsp_list);
+    free_srclist(&g->non_srsp_list);
     g->mfdb = nullptr;
-    mldrt_delete_group(g);
+    delete_group(g);
 }
 
 // Removes the removable groups mapped to `e`; true while any mapped group remains. A link
 // has at most one group of the entry's address, found through its index.
-bool release_unused_groups(mldrt_router* r, mldrt_mfdb_entry* e) {
+bool release_unused_groups(Router* r, ForwardingEntry* e) {
     bool in_use = false;
-    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
-        mldrt_group* g = mldrt_lookup_group(ifp, e->grp_addr);
+    for (Link* ifp = r->interfaces; ifp; ifp = ifp->next) {
+        Group* g = find_group(ifp, e->grp_addr);
         if (!g || g->mfdb != e) {
             continue;
         }
@@ -160,75 +160,77 @@ bool release_unused_groups(mldrt_router* r, mldrt_mfdb_entry* e) {
     return in_use;
 }
 
-void release_group(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
+void release_group(Router* r, Group* g, Link* ifp) {
     while (g->include_list) {
         uint8_t addr[16];
         std::memcpy(addr, g->include_list->src_addr, sizeof addr);
-        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, addr, ifp);
+        remove_from_group_list(r, g, g->mfdb, ListKind::Include, addr, ifp);
     }
     while (g->req_list) {
         uint8_t addr[16];
         std::memcpy(addr, g->req_list->src_addr, sizeof addr);
-        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, addr, ifp);
+        remove_from_group_list(r, g, g->mfdb, ListKind::Requested, addr, ifp);
     }
-    mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, ifp);
-    if (g->fmode == MLDRT_EXCLUDE) {
-        mldrt_withdraw_whole_group(r, g, ifp);
+    empty_group_list(r, g, g->mfdb, ListKind::Excluded, ifp);
+    if (g->filter_mode == FilterMode::Exclude) {
+        withdraw_whole_group(r, g, ifp);
         if (g->mfdb && g->mfdb->exclude_count > 0) {
             g->mfdb->exclude_count--;
         }
     }
-    mldrt_mark_changed(g->mfdb);
+    mark_changed(g->mfdb);
     free_group(g);
 }
 
 }  // namespace
 
-void mldrt_clean_grp_rtx_lists(mldrt_group* g) {
-    static const uint32_t kLists[2] = {MLDRT_L_SRSP, MLDRT_L_NON_SRSP};
-    for (uint32_t ltype : kLists) {
-        mldrt_src* next = nullptr;
-        for (mldrt_src* s = *mldrt_select_srclist(g, g->mfdb, ltype); s; s = next) {
+void age_retransmission_lists(Group* g) {
+    static const ListKind kLists[2] = {ListKind::QuerySuppressed, ListKind::QueryNotSuppressed};
+    for (ListKind kind : kLists) {
+        Source* next = nullptr;
+        for (Source* s = *select_list(g, g->mfdb, kind); s; s = next) {
             next = s->next;
             if (--s->rtx_count == 0) {
                 uint8_t addr[16];
                 std::memcpy(addr, s->src_addr, sizeof addr);
-                mldrt_del_src_from_group(g, g->mfdb, ltype, addr);
+                remove_source_from_group(g, g->mfdb, kind, addr);
             }
         }
     }
 }
 
-void mldrt_update_memberships(mldrt_router* r, mldrt_interface* ifp, int flag) {
+void age_link_groups(Router* r, Link* ifp, int flag) {
     (void)flag;
-    mldrt_group* next = nullptr;
-    for (mldrt_group* g = ifp->groups; g; g = next) {
+    Group* next = nullptr;
+    for (Group* g = ifp->groups; g; g = next) {
         next = g->next;
         tick_group(r, ifp, g);
     }
 }
 
-void mldrt_cleanup_memberships(mldrt_router* r) {
-    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
-        mldrt_update_memberships(r, ifp, 1);
+void final_membership_pass(Router* r) {
+    for (Link* ifp = r->interfaces; ifp; ifp = ifp->next) {
+        age_link_groups(r, ifp, 1);
     }
-    mldrt_report_changes(r);
+    report_changes(r);
 }
 
-bool mldrt_remove_if_unused(mldrt_router* r, mldrt_mfdb_entry* e) {
+bool remove_if_unused(Router* r, ForwardingEntry* e) {
     // Upstream reports still under way: nothing is removed until they are sent.
-    if (mldrt_pending_host_state_update(e) || e->fwinfo_list || release_unused_groups(r, e)) {
+    if (state_change_pending(e) || e->fwinfo_list || release_unused_groups(r, e)) {
         return false;
     }
-    mldrt_delete_k_membership();  // the upstream leave
-    mldrt_delete_mfdb_entry(r, e);
+    kernel_leave_all_routers();  // the upstream leave
+    delete_forwarding_entry(r, e);
     return true;
 }
 
 // The groups' changes reach the upstream through the changed list, which the event loop merges
 // after this batch of netlink messages; the entries stay until that report has gone.
-void mldrt_release_interface_groups(mldrt_router* r, mldrt_interface* ifp) {
+void release_link_groups(Router* r, Link* ifp) {
     while (ifp->groups) {
         release_group(r, ifp->groups, ifp);
     }
 }
+
+}  // namespace mldproxy

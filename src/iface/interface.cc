@@ -17,6 +17,8 @@
 #include "core/log.h"
 #include "mld/mld.h"
 
+namespace mldproxy {
+
 namespace {
 
 // IPV6_CHECKSUM lives at the raw-socket level on Linux (EINVAL at IPPROTO_IPV6).
@@ -37,51 +39,50 @@ int join_group(int sock, const uint8_t* group, uint32_t ifindex) {
 
 // The per-interface socket options, in the order routers have always set them; false after
 // the failing option's message.
-bool set_interface_options(mldrt_interface* ifp) {
+bool set_interface_options(Link* ifp) {
     int s = ifp->sock;
     if (set_int_option(s, SOL_SOCKET, SO_REUSEADDR, 1) < 0) {
-        mldrt_print_failure("MLDRT: SetSockOpt failed for SO_REUSEADDR", "setsockopt");
+        print_failure("MLDRT: SetSockOpt failed for SO_REUSEADDR", "setsockopt");
         return false;
     }
     if (set_int_option(s, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 1) < 0) {
-        mldrt_print_failure("MLDRT: SetSockOpt failed for IPV6_MULTICAST_HOPS", "setsockopt");
+        print_failure("MLDRT: SetSockOpt failed for IPV6_MULTICAST_HOPS", "setsockopt");
         return false;
     }
     if (set_int_option(s, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, 0) < 0) {
-        mldrt_print_failure("MLDRT: SetSockOpt failed for IPV6_MULTICAST_LOOP", "setsockopt");
+        print_failure("MLDRT: SetSockOpt failed for IPV6_MULTICAST_LOOP", "setsockopt");
         return false;
     }
     int rc = set_int_option(s, IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(ifp->ifindex));
     if (rc < 0) {
-        mldrt_print_failure("MLDRT: SetSockOpt failed for IP_MULTICAST_IF", "setsockopt");
+        print_failure("MLDRT: SetSockOpt failed for IP_MULTICAST_IF", "setsockopt");
         return false;
     }
-    if (join_group(s, MLDRT_ADDR_ALL_ROUTERS, ifp->ifindex) < 0) {
-        mldrt_print_failure("MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP1", "setsockopt");
+    if (join_group(s, kAddrAllRouters, ifp->ifindex) < 0) {
+        print_failure("MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP1", "setsockopt");
         return false;
     }
-    if (join_group(s, MLDRT_ADDR_ALL_MLDV2_ROUTERS, ifp->ifindex) < 0) {
-        mldrt_print_failure("MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP2", "setsockopt");
+    if (join_group(s, kAddrAllMldv2Routers, ifp->ifindex) < 0) {
+        print_failure("MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP2", "setsockopt");
         return false;
     }
     if (set_int_option(s, kSolRaw, IPV6_CHECKSUM, kIcmp6ChecksumOffset) < 0) {
-        mldrt_print_failure("MLDRT: SetSockOpt failed for IPV6_CHECKSUM", "setsockopt");
+        print_failure("MLDRT: SetSockOpt failed for IPV6_CHECKSUM", "setsockopt");
         return false;
     }
     if (set_int_option(s, IPPROTO_IPV6, IPV6_RECVPKTINFO, 1) < 0) {
-        mldrt_print_failure("MLDRT: SetSockOpt failed for IPV6_RECVPKTINFO", "setsockopt");
+        print_failure("MLDRT: SetSockOpt failed for IPV6_RECVPKTINFO", "setsockopt");
         return false;
     }
-    if (mldrt_set_mld_icmp_filter(s) < 0) {
-        mldrt_print_failure("MLDRT: SetSockOpt failed for ICMP Filter", "setsockopt");
+    if (set_mld_icmp_filter(s) < 0) {
+        print_failure("MLDRT: SetSockOpt failed for ICMP Filter", "setsockopt");
         return false;
     }
     return true;
 }
 
-void fill_record(mldrt_router* r, mldrt_interface* ifp, const mldrt_interface_desc* desc,
-                 uint16_t mifi) {
-    mldrt_copy_ifname(ifp->name, desc->name);
+void fill_record(Router* r, Link* ifp, const LinkDesc* desc, uint16_t mifi) {
+    copy_ifname(ifp->name, desc->name);
     if (std::strcmp(ifp->name, r->upstream_ifname) == 0) {
         ifp->is_upstream = 1;
         ifp->querier = 0;
@@ -99,8 +100,8 @@ void fill_record(mldrt_router* r, mldrt_interface* ifp, const mldrt_interface_de
     ifp->startup_query_count = r->robustness - 1;  // wraps for robustness 0, as deployed
 }
 
-void release_record(mldrt_interface* ifp) {
-    mldrt_index_free(&ifp->group_index);  // empty by now: groups are released first
+void release_record(Link* ifp) {
+    index_free(&ifp->group_index);  // empty by now: groups are released first
     if (ifp->sock > 0) {
         close(ifp->sock);
     }
@@ -110,13 +111,13 @@ void release_record(mldrt_interface* ifp) {
 
 }  // namespace
 
-int mldrt_set_mld_icmp_filter(int sock) {
+int set_mld_icmp_filter(int sock) {
     icmp6_filter filter;
     ICMP6_FILTER_SETBLOCKALL(&filter);
-    ICMP6_FILTER_SETPASS(MLDRT_TYPE_QUERY, &filter);
-    ICMP6_FILTER_SETPASS(MLDRT_TYPE_V1_REPORT, &filter);
-    ICMP6_FILTER_SETPASS(MLDRT_TYPE_V1_DONE, &filter);
-    ICMP6_FILTER_SETPASS(MLDRT_TYPE_V2_REPORT, &filter);
+    ICMP6_FILTER_SETPASS(kTypeQuery, &filter);
+    ICMP6_FILTER_SETPASS(kTypeV1Report, &filter);
+    ICMP6_FILTER_SETPASS(kTypeV1Done, &filter);
+    ICMP6_FILTER_SETPASS(kTypeV2Report, &filter);
     return setsockopt(sock, IPPROTO_ICMPV6, ICMP6_FILTER, &filter, sizeof filter);
 }
 
@@ -136,11 +137,9 @@ int get_interface_mtu(const char* name) {
     return rc < 0 ? -1 : ifr.ifr_mtu;
 }
 
-bool mldrt_set_interface_mtu(mldrt_interface* ifp, uint32_t mtu) {
+bool set_link_mtu(Link* ifp, uint32_t mtu) {
     // IPv6 links carry at least 1280 bytes, and no message needs more than a packet holds.
-    uint32_t size = mtu < MLDRT_MIN_IF_BUF_SIZE   ? MLDRT_MIN_IF_BUF_SIZE
-                    : mtu > MLDRT_MAX_IF_BUF_SIZE ? MLDRT_MAX_IF_BUF_SIZE
-                                                  : mtu;
+    uint32_t size = mtu < kMinIfBufSize ? kMinIfBufSize : mtu > kMaxIfBufSize ? kMaxIfBufSize : mtu;
     if (ifp->buf && size == ifp->buf_size) {
         return true;
     }
@@ -154,27 +153,25 @@ bool mldrt_set_interface_mtu(mldrt_interface* ifp, uint32_t mtu) {
     return true;
 }
 
-mldrt_interface* mldrt_create_interface(mldrt_router* r, const mldrt_interface_desc* desc,
-                                        uint16_t mifi) {
-    auto* ifp = static_cast<mldrt_interface*>(calloc(1, sizeof(mldrt_interface)));
+Link* create_link(Router* r, const LinkDesc* desc, uint16_t mifi) {
+    auto* ifp = static_cast<Link*>(calloc(1, sizeof(Link)));
     if (!ifp) {
-        mldrt_print("MLDRT: Router interface allocation failed\n");
+        print_message("MLDRT: Router interface allocation failed\n");
         return nullptr;
     }
     int mtu = get_interface_mtu(desc->name);
-    if (!mldrt_set_interface_mtu(
-            ifp, mtu > 0 ? static_cast<uint32_t>(mtu) : MLDRT_DEFAULT_IF_BUF_SIZE)) {
+    if (!set_link_mtu(ifp, mtu > 0 ? static_cast<uint32_t>(mtu) : kDefaultIfBufSize)) {
         free(ifp);
-        mldrt_print("MLDRT: Interface buffer allocation failed\n");
+        print_message("MLDRT: Interface buffer allocation failed\n");
         return nullptr;
     }
-    ifp->sock = socket(AF_INET6, SOCK_RAW, MLDRT_PROTO_ICMPV6);
+    ifp->sock = socket(AF_INET6, SOCK_RAW, kProtoIcmpv6);
     // A descriptor that select() cannot watch is as useless as none at all.
     if (ifp->sock < 0 || ifp->sock >= FD_SETSIZE) {
         if (ifp->sock < 0) {
-            mldrt_print_failure("MLDRT: Cant open interface socket", "socket");
+            print_failure("MLDRT: Cant open interface socket", "socket");
         } else {
-            mldrt_print("MLDRT: Cant open interface socket\n");
+            print_message("MLDRT: Cant open interface socket\n");
         }
         release_record(ifp);
         return nullptr;
@@ -189,13 +186,12 @@ mldrt_interface* mldrt_create_interface(mldrt_router* r, const mldrt_interface_d
     return ifp;
 }
 
-mldrt_interface* mld_add_interface(mldrt_router* r, const mldrt_interface_desc* desc,
-                                   uint16_t mifi) {
-    mldrt_interface* ifp = mldrt_lookup_interface_name(r, desc->name);
+Link* add_link(Router* r, const LinkDesc* desc, uint16_t mifi) {
+    Link* ifp = find_link_by_name(r, desc->name);
     if (ifp) {
         return ifp;
     }
-    ifp = mldrt_create_interface(r, desc, mifi);
+    ifp = create_link(r, desc, mifi);
     if (!ifp) {
         return nullptr;
     }
@@ -209,7 +205,7 @@ mldrt_interface* mld_add_interface(mldrt_router* r, const mldrt_interface_desc* 
     return ifp;
 }
 
-void mldrt_delete_interface(mldrt_interface* ifp) {
+void delete_link(Link* ifp) {
     if (ifp->pprev) {
         *ifp->pprev = ifp->next;
     }
@@ -219,17 +215,17 @@ void mldrt_delete_interface(mldrt_interface* ifp) {
     release_record(ifp);
 }
 
-mldrt_interface* mldrt_lookup_interface_name(mldrt_router* r, const char* name) {
-    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
-        if (std::strncmp(ifp->name, name, MLDRT_IFNAME_LEN) == 0) {
+Link* find_link_by_name(Router* r, const char* name) {
+    for (Link* ifp = r->interfaces; ifp; ifp = ifp->next) {
+        if (std::strncmp(ifp->name, name, kIfnameLen) == 0) {
             return ifp;
         }
     }
     return nullptr;
 }
 
-mldrt_interface* mldrt_lookup_interface_index(mldrt_router* r, uint32_t ifindex) {
-    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
+Link* find_link_by_index(Router* r, uint32_t ifindex) {
+    for (Link* ifp = r->interfaces; ifp; ifp = ifp->next) {
         if (ifp->ifindex == ifindex) {
             return ifp;
         }
@@ -237,8 +233,8 @@ mldrt_interface* mldrt_lookup_interface_index(mldrt_router* r, uint32_t ifindex)
     return nullptr;
 }
 
-mldrt_interface* mldrt_lookup_interface_addr(mldrt_router* r, const uint8_t* addr) {
-    for (mldrt_interface* ifp = r->interfaces; ifp; ifp = ifp->next) {
+Link* find_link_by_address(Router* r, const uint8_t* addr) {
+    for (Link* ifp = r->interfaces; ifp; ifp = ifp->next) {
         if (ipv6_addr_equal(ifp->addr, addr)) {
             return ifp;
         }
@@ -246,9 +242,9 @@ mldrt_interface* mldrt_lookup_interface_addr(mldrt_router* r, const uint8_t* add
     return nullptr;
 }
 
-uint16_t mldrt_get_new_vifi(mldrt_router* r) {
+uint16_t free_mif_index(Router* r) {
     for (uint32_t candidate = 0;; candidate++) {
-        mldrt_interface* ifp = r->interfaces;
+        Link* ifp = r->interfaces;
         while (ifp && ifp->mifi != candidate) {
             ifp = ifp->next;
         }
@@ -257,3 +253,5 @@ uint16_t mldrt_get_new_vifi(mldrt_router* r) {
         }
     }
 }
+
+}  // namespace mldproxy

@@ -18,6 +18,8 @@
 #include "kernel/mroute.h"
 #include "proxy/proxy.h"
 
+namespace mldproxy {
+
 namespace {
 
 constexpr uint32_t kNlHdrLen = 16;
@@ -55,7 +57,7 @@ uint32_t rta_payload_len(const rtattr* rta) {
     return rta_header(rta).rta_len - kRtaHdrLen;
 }
 
-void request_dump(mldrt_router* r, int type) {
+void request_dump(Router* r, int type) {
     if (scan_available_interfaces(&r->netlink_sock, type) == 0) {
         g_dump = type == RTM_GETLINK ? dump::links : dump::addresses;
     }
@@ -63,7 +65,7 @@ void request_dump(mldrt_router* r, int type) {
 
 // Links first, then their addresses: a link's record is made once its link-local address is
 // known. A dump asked for while another ran (after lost notifications) starts afterwards.
-void end_of_dump(mldrt_router* r) {
+void end_of_dump(Router* r) {
     dump ended = g_dump;
     g_dump = dump::none;
     if (ended == dump::links) {
@@ -76,7 +78,7 @@ void end_of_dump(mldrt_router* r) {
 
 // The socket's queue overflowed and notifications were lost: the kernel's whole picture is
 // asked for again, so no link or address change is missed for good.
-void resynchronise(mldrt_router* r) {
+void resynchronise(Router* r) {
     if (g_dump == dump::none) {
         request_dump(r, RTM_GETLINK);
     } else {
@@ -84,12 +86,12 @@ void resynchronise(mldrt_router* r) {
     }
 }
 
-bool has_address(const mldrt_sysif* entry) {
+bool has_address(const SystemLink* entry) {
     static const uint8_t none[16] = {};
     return std::memcmp(entry->addr, none, sizeof none) != 0;
 }
 
-void copy_link_name(mldrt_sysif* entry, const rtattr* attr) {
+void copy_link_name(SystemLink* entry, const rtattr* attr) {
     uint32_t n = rta_payload_len(attr);
     if (n > sizeof entry->name - 1) {
         n = sizeof entry->name - 1;
@@ -102,7 +104,7 @@ bool is_link_local(const uint8_t* addr) {
     return addr[0] == 0xfe && (addr[1] & 0xc0) == 0x80;
 }
 
-void handle_one_message(mldrt_router* r, const nlmsghdr* hdr, const uint8_t* msg) {
+void handle_one_message(Router* r, const nlmsghdr* hdr, const uint8_t* msg) {
     uint16_t type = hdr->nlmsg_type;
     if (type == RTM_NEWLINK || type == RTM_DELLINK || type == RTM_NEWADDR || type == RTM_DELADDR) {
         r->counters.netlink_events++;
@@ -123,7 +125,7 @@ void handle_one_message(mldrt_router* r, const nlmsghdr* hdr, const uint8_t* msg
 
 }  // namespace
 
-int mldrt_start_netlink(mldrt_router* r) {
+int start_netlink(Router* r) {
     g_dump = dump::none;
     g_dump_again = false;
     request_dump(r, RTM_GETLINK);
@@ -134,15 +136,15 @@ int scan_available_interfaces(int32_t* sockp, int type) {
     if (type == RTM_GETLINK && *sockp <= 0) {
         int s = socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
         if (s < 0) {
-            mldrt_print_failure("MLDRT: Can't open bcast socket", "socket");
+            print_failure("MLDRT: Can't open bcast socket", "socket");
             return -1;
         }
         sockaddr_nl local{};
         local.nl_family = AF_NETLINK;
-        local.nl_groups = MLDRT_NL_GROUPS;
+        local.nl_groups = kNlGroups;
         int rc = bind(s, reinterpret_cast<sockaddr*>(&local), sizeof local);
         if (rc < 0) {
-            mldrt_print_failure("MLDRT: Can't bind bcast socket", "bind");
+            print_failure("MLDRT: Can't bind bcast socket", "bind");
             close(s);
             return -1;
         }
@@ -162,7 +164,7 @@ int scan_available_interfaces(int32_t* sockp, int type) {
     return 0;
 }
 
-bool mldrt_handle_interface(mldrt_router* r) {
+bool handle_link(Router* r) {
     ssize_t n = recv(r->netlink_sock, r->nl_buf, r->nl_buf_size, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (n < 0) {
         if (errno != ENOBUFS) {
@@ -214,7 +216,7 @@ void parse_rtatable(const rtattr** tb, int max, const rtattr* rta, uint32_t len)
     }
 }
 
-void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, mldrt_router* r) {
+void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, Router* r) {
     if (len < kNlHdrLen + kIfInfoLen) {
         return;
     }
@@ -224,9 +226,9 @@ void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, mldrt_
     const auto* attrs = reinterpret_cast<const rtattr*>(msg + kNlHdrLen + kIfInfoLen);
     parse_rtatable(tb, kMaxLinkAttr, attrs, len - kNlHdrLen - kIfInfoLen);
     bool usable = (ifi.ifi_flags & IFF_MULTICAST) && !(ifi.ifi_flags & IFF_LOOPBACK);
-    mldrt_sysif* entry = nullptr;
+    SystemLink* entry = nullptr;
     if (tb[IFLA_IFNAME] && tb[IFLA_MTU] && usable) {
-        entry = mldrt_sysif_get(static_cast<uint32_t>(ifi.ifi_index));
+        entry = system_link_get(static_cast<uint32_t>(ifi.ifi_index));
     }
     if (!entry) {
         return;
@@ -237,7 +239,7 @@ void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, mldrt_
     uint8_t addr[16];
     std::memcpy(addr, entry->addr, sizeof addr);
     std::memset(entry, 0, sizeof *entry);
-    entry->state = MLDRT_SYSIF_FILLED;
+    entry->state = kSysifFilled;
     entry->ifindex = ifindex;
     entry->named_left_alone = named_left_alone;
     std::memcpy(entry->addr, addr, sizeof addr);
@@ -245,17 +247,17 @@ void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, mldrt_
     if (rta_payload_len(tb[IFLA_MTU]) == sizeof entry->mtu) {
         std::memcpy(&entry->mtu, rta_payload(tb[IFLA_MTU]), sizeof entry->mtu);
     }
-    entry->event = is_new ? MLDRT_SYSIF_NEWLINK : MLDRT_SYSIF_DELLINK;
+    entry->event = is_new ? kSysifNewlink : kSysifDellink;
     entry->up = (ifi.ifi_flags & IFF_UP) ? 1 : 0;
     if (!is_new) {
-        mldrt_handle_sysif(r, entry);
-        mldrt_sysif_remove(ifindex);
+        apply_system_link(r, entry);
+        system_link_remove(ifindex);
     } else if (has_address(entry)) {
-        mldrt_handle_sysif(r, entry);
+        apply_system_link(r, entry);
     }
 }
 
-void handle_intf_addr_event(int, const uint8_t* msg, uint32_t len, mldrt_router* r) {
+void handle_intf_addr_event(int, const uint8_t* msg, uint32_t len, Router* r) {
     if (len < kNlHdrLen + kIfAddrLen) {
         return;
     }
@@ -270,44 +272,44 @@ void handle_intf_addr_event(int, const uint8_t* msg, uint32_t len, mldrt_router*
     const rtattr* attr = tb[IFA_LOCAL] ? tb[IFA_LOCAL] : tb[IFA_ADDRESS];
     // New and deleted addresses are handled alike: either way the entry learns the address.
     if (attr && rta_payload_len(attr) == 16 && is_link_local(rta_payload(attr))) {
-        mldrt_sysif* entry = mldrt_sysif_find(ifa.ifa_index);
-        if (entry && entry->state == MLDRT_SYSIF_FILLED) {
+        SystemLink* entry = system_link_find(ifa.ifa_index);
+        if (entry && entry->state == kSysifFilled) {
             std::memcpy(entry->addr, rta_payload(attr), 16);
-            mldrt_handle_sysif(r, entry);
+            apply_system_link(r, entry);
         }
     }
 }
 
-void mldrt_handle_sysif(mldrt_router* r, mldrt_sysif* entry) {
-    if (entry->state != MLDRT_SYSIF_FILLED) {
+void apply_system_link(Router* r, SystemLink* entry) {
+    if (entry->state != kSysifFilled) {
         return;
     }
     // With DOWNSTREAM_IFNAME lines, a link they do not name gets no record, MIF or query: a
     // container's veth, a guest bridge or a PPP carrier is no place for the proxy's traffic.
-    if (!mldrt_is_chosen_link(r, entry->name)) {
+    if (!is_chosen_link(r, entry->name)) {
         // A chosen link renamed to a name not chosen is no downstream any more.
-        if (mldrt_lookup_interface_index(r, entry->ifindex)) {
-            mldrt_handle_interface_down(r, entry);
+        if (find_link_by_index(r, entry->ifindex)) {
+            handle_link_down(r, entry);
         }
         if (!entry->named_left_alone) {
-            mldrt_print("MLDRT: Link %s is not a DOWNSTREAM_IFNAME, left alone\n", entry->name);
+            print_message("MLDRT: Link %s is not a DOWNSTREAM_IFNAME, left alone\n", entry->name);
             entry->named_left_alone = 1;
         }
         return;
     }
     uint8_t ev = entry->event;
-    if (ev & MLDRT_SYSIF_EV_RESTART) {
-        mldrt_handle_interface_down(r, entry);
-        mldrt_handle_interface_up(r, entry);
-    } else if (ev & MLDRT_SYSIF_EV_UP) {
-        mldrt_handle_interface_up(r, entry);
-    } else if (ev & MLDRT_SYSIF_EV_DOWN) {
-        mldrt_handle_interface_down(r, entry);
-    } else if (ev & MLDRT_SYSIF_EV_BY_FLAG) {
+    if (ev & kSysifEvRestart) {
+        handle_link_down(r, entry);
+        handle_link_up(r, entry);
+    } else if (ev & kSysifEvUp) {
+        handle_link_up(r, entry);
+    } else if (ev & kSysifEvDown) {
+        handle_link_down(r, entry);
+    } else if (ev & kSysifEvByFlag) {
         if (entry->up) {
-            mldrt_handle_interface_up(r, entry);
+            handle_link_up(r, entry);
         } else {
-            mldrt_handle_interface_down(r, entry);
+            handle_link_down(r, entry);
         }
     }
 }
@@ -317,68 +319,70 @@ namespace {
 // A link already known by its index: a new name or MTU is taken into its record, so that a
 // renamed link keeps its MIF and its groups, and messages always fit the link. A name that
 // changes the link's role (to or from the upstream's) makes it a new link.
-bool refresh_known_link(mldrt_router* r, const mldrt_sysif* entry) {
-    mldrt_interface* ifp = mldrt_lookup_interface_index(r, entry->ifindex);
+bool refresh_known_link(Router* r, const SystemLink* entry) {
+    Link* ifp = find_link_by_index(r, entry->ifindex);
     if (!ifp) {
         return false;
     }
     bool upstream_name = std::strcmp(entry->name, r->upstream_ifname) == 0;
     if ((ifp->is_upstream == 1) != upstream_name) {
-        mldrt_handle_interface_down(r, entry);
+        handle_link_down(r, entry);
         return false;
     }
-    mldrt_copy_ifname(ifp->name, entry->name);
+    copy_ifname(ifp->name, entry->name);
     if (entry->mtu != 0) {
-        mldrt_set_interface_mtu(ifp, entry->mtu);
+        set_link_mtu(ifp, entry->mtu);
     }
     return true;
 }
 
 }  // namespace
 
-void mldrt_handle_interface_up(mldrt_router* r, const mldrt_sysif* entry) {
+void handle_link_up(Router* r, const SystemLink* entry) {
     if (refresh_known_link(r, entry)) {
         return;
     }
-    mldrt_interface_desc desc{};
-    mldrt_copy_ifname(desc.name, entry->name);
+    LinkDesc desc{};
+    copy_ifname(desc.name, entry->name);
     std::memcpy(desc.addr, entry->addr, 16);
     desc.ifindex = entry->ifindex;
-    mldrt_interface* ifp = mld_add_interface(r, &desc, mldrt_get_new_vifi(r));
+    Link* ifp = add_link(r, &desc, free_mif_index(r));
     if (!ifp) {
         return;
     }
-    if (mldrt_add_k_vif(r->router_sock, ifp) == -1) {
-        mldrt_delete_interface(ifp);
+    if (kernel_add_mif(r->router_sock, ifp) == -1) {
+        delete_link(ifp);
         return;
     }
     if (ifp->is_upstream) {
         r->upstream = ifp;
         r->active = 1;
         // Every querier sends a general query at once.
-        uint64_t now = mldrt_now_ms();
-        for (mldrt_interface* it = r->interfaces; it; it = it->next) {
+        uint64_t now = now_ms();
+        for (Link* it = r->interfaces; it; it = it->next) {
             it->query_due_ms = now;
         }
-        mldrt_rewrite_kernel_forwarding(r);
+        rewrite_kernel_forwarding(r);
         // The new upstream hears the whole state in the merge after this netlink batch.
-        mldrt_restart_host_state(r);
+        restart_host_state(r);
     }
 }
 
-void mldrt_handle_interface_down(mldrt_router* r, const mldrt_sysif* entry) {
-    mldrt_interface* ifp = mldrt_lookup_interface_index(r, entry->ifindex);
+void handle_link_down(Router* r, const SystemLink* entry) {
+    Link* ifp = find_link_by_index(r, entry->ifindex);
     if (!ifp) {
         return;
     }
     if (ifp->is_upstream) {
         r->active = 0;
-        mldrt_cleanup_memberships(r);
+        final_membership_pass(r);
         r->upstream = nullptr;
     } else {
-        mldrt_update_memberships(r, ifp, 1);
+        age_link_groups(r, ifp, 1);
     }
-    mldrt_release_interface_groups(r, ifp);
-    mldrt_delete_k_vif(r->router_sock, ifp);
-    mldrt_delete_interface(ifp);
+    release_link_groups(r, ifp);
+    kernel_delete_mif(r->router_sock, ifp);
+    delete_link(ifp);
 }
+
+}  // namespace mldproxy

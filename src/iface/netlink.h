@@ -10,10 +10,12 @@
 
 struct rtattr;
 
+namespace mldproxy {
+
 // What the kernel told us about one system interface.
-struct mldrt_sysif {
-    uint8_t state;             // MLDRT_SYSIF_FILLED once a link message filled it
-    uint8_t event;             // bits MLDRT_SYSIF_EV_*
+struct SystemLink {
+    uint8_t state;             // kSysifFilled once a link message filled it
+    uint8_t event;             // bits kSysifEv*
     uint8_t up;                // IFF_UP of the last link message
     uint8_t named_left_alone;  // its log line saying it is no downstream was printed
     uint32_t ifindex;
@@ -22,49 +24,51 @@ struct mldrt_sysif {
     uint32_t mtu;      // IFLA_MTU of the last link message
 };
 
-constexpr uint8_t MLDRT_SYSIF_FILLED = 2;
-constexpr uint8_t MLDRT_SYSIF_EV_UP = 1;
-constexpr uint8_t MLDRT_SYSIF_EV_BY_FLAG = 2;
-constexpr uint8_t MLDRT_SYSIF_EV_RESTART = 4;
-constexpr uint8_t MLDRT_SYSIF_EV_DOWN = 8;
-constexpr uint8_t MLDRT_SYSIF_NEWLINK = MLDRT_SYSIF_EV_UP | MLDRT_SYSIF_EV_BY_FLAG;    // 3
-constexpr uint8_t MLDRT_SYSIF_DELLINK = MLDRT_SYSIF_EV_DOWN | MLDRT_SYSIF_EV_BY_FLAG;  // 10
+constexpr uint8_t kSysifFilled = 2;
+constexpr uint8_t kSysifEvUp = 1;
+constexpr uint8_t kSysifEvByFlag = 2;
+constexpr uint8_t kSysifEvRestart = 4;
+constexpr uint8_t kSysifEvDown = 8;
+constexpr uint8_t kSysifNewlink = kSysifEvUp | kSysifEvByFlag;    // 3
+constexpr uint8_t kSysifDellink = kSysifEvDown | kSysifEvByFlag;  // 10
 
 // System interfaces by kernel index. Any index is accepted (kernel indexes grow without bound
 // as links come and go), so the table is a small growing array searched by index.
-struct mldrt_sysif_table {
-    mldrt_sysif* entries;
+struct SystemLinkTable {
+    SystemLink* entries;
     uint32_t count;
     uint32_t capacity;
 };
-extern mldrt_sysif_table g_sysIfInfo;
+extern SystemLinkTable g_sysIfInfo;
 
-constexpr uint32_t MLDRT_MAX_SYSIF = 4096;
+constexpr uint32_t kMaxSysif = 4096;
 
-void mldrt_sysif_reset();  // empties the table and frees its memory
-mldrt_sysif* mldrt_sysif_find(uint32_t ifindex);
-mldrt_sysif* mldrt_sysif_get(uint32_t ifindex);  // find or add a zeroed entry; nullptr if full
-void mldrt_sysif_remove(uint32_t ifindex);
+void system_link_reset();  // empties the table and frees its memory
+SystemLink* system_link_find(uint32_t ifindex);
+SystemLink* system_link_get(uint32_t ifindex);  // find or add a zeroed entry; nullptr if full
+void system_link_remove(uint32_t ifindex);
 
-constexpr uint32_t MLDRT_NL_GROUPS = 0x101;  // RTMGRP_LINK | RTMGRP_IPV6_IFADDR
+constexpr uint32_t kNlGroups = 0x101;  // RTMGRP_LINK | RTMGRP_IPV6_IFADDR
 
 // Opens and binds the netlink socket into *sockp (for a link dump, when none is open) and sends a
 // dump request of `type` (RTM_GETLINK or RTM_GETADDR).
 int scan_available_interfaces(int32_t* sockp, int type);
 // Starts the start-up dumps: links, then (when the link dump ends) their addresses. 0 or -1.
-int mldrt_start_netlink(mldrt_router* r);
+int start_netlink(Router* r);
 // Reads and handles one batch from the netlink socket, at once: links come and go, and records,
 // MIFs and sockets with them, before the caller waits again. A dump's end asks for the next
 // dump; lost notifications (ENOBUFS) ask for both dumps again. False when nothing was waiting.
-bool mldrt_handle_interface(mldrt_router* r);
+bool handle_link(Router* r);
 
-void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, mldrt_router* r);
-void handle_intf_addr_event(int is_new, const uint8_t* msg, uint32_t len, mldrt_router* r);
+void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, Router* r);
+void handle_intf_addr_event(int is_new, const uint8_t* msg, uint32_t len, Router* r);
 // Standard rtattr walk over `len` bytes at `rta`, keeping types up to `max` in tb[0..max].
 void parse_rtatable(const rtattr** tb, int max, const rtattr* rta, uint32_t len);
 
-void mldrt_handle_sysif(mldrt_router* r, mldrt_sysif* entry);
-void mldrt_handle_interface_up(mldrt_router* r, const mldrt_sysif* entry);
-void mldrt_handle_interface_down(mldrt_router* r, const mldrt_sysif* entry);
+void apply_system_link(Router* r, SystemLink* entry);
+void handle_link_up(Router* r, const SystemLink* entry);
+void handle_link_down(Router* r, const SystemLink* entry);
+
+}  // namespace mldproxy
 
 #endif

@@ -3,14 +3,16 @@
 
 #include "iface/netlink.h"
 
-mldrt_sysif_table g_sysIfInfo;
+namespace mldproxy {
 
-void mldrt_sysif_reset() {
+SystemLinkTable g_sysIfInfo;
+
+void system_link_reset() {
     free(g_sysIfInfo.entries);
-    g_sysIfInfo = mldrt_sysif_table{};
+    g_sysIfInfo = SystemLinkTable{};
 }
 
-mldrt_sysif* mldrt_sysif_find(uint32_t ifindex) {
+SystemLink* system_link_find(uint32_t ifindex) {
     for (uint32_t i = 0; i < g_sysIfInfo.count; i++) {
         if (g_sysIfInfo.entries[i].ifindex == ifindex) {
             return &g_sysIfInfo.entries[i];
@@ -19,22 +21,22 @@ mldrt_sysif* mldrt_sysif_find(uint32_t ifindex) {
     return nullptr;
 }
 
-mldrt_sysif* mldrt_sysif_get(uint32_t ifindex) {
-    mldrt_sysif* entry = mldrt_sysif_find(ifindex);
+SystemLink* system_link_get(uint32_t ifindex) {
+    SystemLink* entry = system_link_find(ifindex);
     if (entry) {
         return entry;
     }
-    mldrt_sysif_table& t = g_sysIfInfo;
+    SystemLinkTable& t = g_sysIfInfo;
     if (t.count == t.capacity) {
         uint32_t capacity = t.capacity ? 2 * t.capacity : 8;
-        if (capacity > MLDRT_MAX_SYSIF) {
+        if (capacity > kMaxSysif) {
             return nullptr;
         }
-        void* grown = realloc(t.entries, capacity * sizeof(mldrt_sysif));
+        void* grown = realloc(t.entries, capacity * sizeof(SystemLink));
         if (!grown) {
             return nullptr;
         }
-        t.entries = static_cast<mldrt_sysif*>(grown);
+        t.entries = static_cast<SystemLink*>(grown);
         t.capacity = capacity;
     }
     entry = &t.entries[t.count++];
@@ -43,9 +45,11 @@ mldrt_sysif* mldrt_sysif_get(uint32_t ifindex) {
     return entry;
 }
 
-void mldrt_sysif_remove(uint32_t ifindex) {
-    mldrt_sysif* entry = mldrt_sysif_find(ifindex);
+void system_link_remove(uint32_t ifindex) {
+    SystemLink* entry = system_link_find(ifindex);
     if (entry) {
         *entry = g_sysIfInfo.entries[--g_sysIfInfo.count];
     }
 }
+
+}  // namespace mldproxy

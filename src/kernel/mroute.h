@@ -10,9 +10,11 @@
 
 #include "core/router.h"
 
-struct mldrt_interface;
+namespace mldproxy {
 
-constexpr int MLDRT_K_LEVEL = 41;  // IPPROTO_IPV6
+struct Link;
+
+constexpr int kKLevel = 41;  // IPPROTO_IPV6
 constexpr int MRT6_INIT_OPT = 200;
 constexpr int MRT6_DONE_OPT = 201;
 constexpr int MRT6_ADD_MIF_OPT = 202;
@@ -21,30 +23,30 @@ constexpr int MRT6_ADD_MFC_OPT = 204;
 constexpr int MRT6_DEL_MFC_OPT = 205;
 constexpr int MRT6MSG_NOCACHE_TYPE = 1;
 
-constexpr uint32_t MLDRT_MAXMIFS = 32;  // the kernel's MIF table; one ifset word
-constexpr uint32_t MLDRT_MAX_PIFI = 0xffff;
+constexpr uint32_t kMaxmifs = 32;  // the kernel's MIF table; one ifset word
+constexpr uint32_t kMaxPifi = 0xffff;
 
 // Linux <linux/mroute6.h> layouts, written out so that the sizes are checked here.
-struct mldrt_mif6ctl {
+struct Mif6Ctl {
     uint16_t mif6c_mifi;
     uint8_t mif6c_flags;
     uint8_t vifc_threshold;
     uint16_t mif6c_pifi;
     uint32_t vifc_rate_limit;
 };
-static_assert(sizeof(mldrt_mif6ctl) == 12, "mif6ctl is 12 bytes");
+static_assert(sizeof(Mif6Ctl) == 12, "mif6ctl is 12 bytes");
 
-struct mldrt_mf6cctl {
+struct Mf6cCtl {
     sockaddr_in6 mf6cc_origin;
     sockaddr_in6 mf6cc_mcastgrp;
     uint16_t mf6cc_parent;
     uint32_t mf6cc_ifset[8];
 };
 static_assert(sizeof(sockaddr_in6) == 28, "sockaddr_in6 is 28 bytes");
-static_assert(sizeof(mldrt_mf6cctl) == 92, "mf6cctl is 92 bytes");
+static_assert(sizeof(Mf6cCtl) == 92, "mf6cctl is 92 bytes");
 
 // An upcall as the kernel queues it on the router socket (im6_mif is in host order).
-struct mldrt_mrt6msg {
+struct Mrt6Msg {
     uint8_t im6_mbz;
     uint8_t im6_msgtype;
     uint16_t im6_mif;
@@ -52,37 +54,39 @@ struct mldrt_mrt6msg {
     uint8_t im6_src[16];
     uint8_t im6_dst[16];
 };
-static_assert(sizeof(mldrt_mrt6msg) == 40, "mrt6msg is 40 bytes");
+static_assert(sizeof(Mrt6Msg) == 40, "mrt6msg is 40 bytes");
 
-int mldrt_k_init(int sock);
-int mldrt_k_stop(int sock);
-int mldrt_add_k_vif(int sock, const mldrt_interface* ifp);
-int mldrt_delete_k_vif(int sock, const mldrt_interface* ifp);
+int kernel_start_routing(int sock);
+int kernel_stop_routing(int sock);
+int kernel_add_mif(int sock, const Link* ifp);
+int kernel_delete_mif(int sock, const Link* ifp);
 
 // First ifset word for a 32-byte output-interface array (byte i non-zero: forward on MIF i).
-uint32_t mldrt_k_ifset_word(const uint8_t* oifs);
+uint32_t ifset_word(const uint8_t* oifs);
 
 // Installs or replaces (source, group). A source of :: is the group's any-source entry: a real
 // (*,G) entry whose set also holds the upstream MIF, because Linux forwards with a (*,G) entry
 // only packets that arrive on a MIF of its set. Skipped silently while no upstream is known.
-int mldrt_add_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source,
-                    const uint8_t* oifs);
+int kernel_add_mfc(Router* r, const uint8_t* group, const uint8_t* source, const uint8_t* oifs);
 // Removes (source, group); silent for a specific source, which may never have been installed.
-int mldrt_delete_k_mfc(mldrt_router* r, const uint8_t* group, const uint8_t* source);
+int kernel_delete_mfc(Router* r, const uint8_t* group, const uint8_t* source);
 
 // What the kernel counted for one forwarding entry (SIOCGETSGCNT_IN6).
-struct mldrt_sg_counts {
+struct SourceGroupCounts {
     unsigned long packets;
     unsigned long bytes;
     unsigned long wrong_if;  // arrivals on a MIF other than the entry's parent
 };
 // The counts of (source, group), source :: for the (*,G) entry; false when the kernel has no
 // such entry.
-bool mldrt_k_sg_counts(int sock, const uint8_t* group, const uint8_t* source, mldrt_sg_counts* out);
+bool kernel_sg_counts(int sock, const uint8_t* group, const uint8_t* source,
+                      SourceGroupCounts* out);
 
 // Hooks where joining and leaving groups on the links would go; the proxy never joins, so they
 // do nothing.
-int mldrt_add_k_membership();
-int mldrt_delete_k_membership();
+int kernel_join_all_routers();
+int kernel_leave_all_routers();
+
+}  // namespace mldproxy
 
 #endif

@@ -7,15 +7,17 @@
 #include "iface/interface.h"
 #include "kernel/mroute.h"
 
+namespace mldproxy {
+
 namespace {
 
 // The interface whose database is printed on every upcall, as routers built on this daemon
 // have always shown it.
 const char* const kCacheLookupInterface = "eth1";
 
-bool has_any_source_record(const mldrt_mfdb_entry* e) {
-    for (const mldrt_fwinfo* fw = e->fwinfo_list; fw; fw = fw->next) {
-        if (ipv6_addr_equal(fw->src_addr, MLDRT_ADDR_ANY)) {
+bool has_any_source_record(const ForwardingEntry* e) {
+    for (const ForwardingRecord* fw = e->fwinfo_list; fw; fw = fw->next) {
+        if (ipv6_addr_equal(fw->src_addr, kAddrAny)) {
             return true;
         }
     }
@@ -23,7 +25,7 @@ bool has_any_source_record(const mldrt_mfdb_entry* e) {
 }
 
 bool any_set(const uint8_t* oifs) {
-    for (uint32_t i = 0; i < MLDRT_MAXMIF_MARKS; i++) {
+    for (uint32_t i = 0; i < kMifMarks; i++) {
         if (oifs[i]) {
             return true;
         }
@@ -33,25 +35,25 @@ bool any_set(const uint8_t* oifs) {
 
 }  // namespace
 
-void mldrt_handle_mrt6_msg(mldrt_router* r, const uint8_t* msg, int len) {
-    if (len < static_cast<int>(sizeof(mldrt_mrt6msg))) {
+void handle_upcall(Router* r, const uint8_t* msg, int len) {
+    if (len < static_cast<int>(sizeof(Mrt6Msg))) {
         return;
     }
-    mldrt_mrt6msg m;
+    Mrt6Msg m;
     std::memcpy(&m, msg, sizeof m);
-    mldrt_interface* eth1 = mldrt_lookup_interface_name(r, kCacheLookupInterface);
+    Link* eth1 = find_link_by_name(r, kCacheLookupInterface);
     if (m.im6_dst[0] != 0xff) {
         return;
     }
     if (eth1) {
-        mldrt_dump_interface_info(r, eth1, "CACHE LOOKUP");
+        dump_link(r, eth1, "CACHE LOOKUP");
     }
     if (m.im6_msgtype != MRT6MSG_NOCACHE_TYPE) {
         return;
     }
-    mldrt_mfdb_entry* e = mldrt_lookup_mfdb_entry(r, m.im6_dst);
+    ForwardingEntry* e = find_forwarding_entry(r, m.im6_dst);
     if (!e || !e->fwinfo_list) {
-        mldrt_delete_k_mfc(r, m.im6_dst, m.im6_src);
+        kernel_delete_mfc(r, m.im6_dst, m.im6_src);
         return;
     }
     e->upcall_mark = 0;
@@ -61,11 +63,13 @@ void mldrt_handle_mrt6_msg(mldrt_router* r, const uint8_t* msg, int len) {
     if (has_any_source_record(e)) {
         return;
     }
-    uint8_t oifs[MLDRT_MAXMIF_MARKS] = {};
-    mldrt_generate_membership_info(e, m.im6_src, oifs);
+    uint8_t oifs[kMifMarks] = {};
+    outgoing_mifs(e, m.im6_src, oifs);
     if (any_set(oifs)) {
-        mldrt_add_k_mfc(r, m.im6_dst, m.im6_src, oifs);
+        kernel_add_mfc(r, m.im6_dst, m.im6_src, oifs);
     } else {
-        mldrt_delete_k_mfc(r, m.im6_dst, m.im6_src);
+        kernel_delete_mfc(r, m.im6_dst, m.im6_src);
     }
 }
+
+}  // namespace mldproxy

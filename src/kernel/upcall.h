@@ -6,7 +6,11 @@
 
 #include "core/router.h"
 
+namespace mldproxy {
+
 // `msg` holds `len` bytes read from the router socket that begin like an mrt6msg.
-void mldrt_handle_mrt6_msg(mldrt_router* r, const uint8_t* msg, int len);
+void handle_upcall(Router* r, const uint8_t* msg, int len);
+
+}  // namespace mldproxy
 
 #endif

@@ -9,94 +9,96 @@
 #include "mld/mld.h"
 #include "mld/record_ops.h"
 
+namespace mldproxy {
+
 namespace {
 
 // INCLUDE (A) + IS_EX(B) -> EXCLUDE(A*B, B-A), filter timer GMI. The mode comes first, so
 // that the excluded sources are held back from a (*,G) entry that already lists the link.
-void isex_on_include(mldrt_router* r, mldrt_group* g, const uint8_t* rec, mldrt_interface* ifp) {
-    const uint8_t* b = mldrt_rec_srcs(rec);
-    uint32_t nb = mldrt_rec_nsrc(rec);
-    mldrt_src_result both, added, gone;
-    mldrt_intersect_srclist_with_rcvd_record(&both, g->include_list, b, nb);
-    mldrt_subtract_srclist_and_rcvd_record(&added, g->include_list, b, nb, 0);
-    mldrt_subtract_srclist_and_rcvd_record(&gone, g->include_list, b, nb, 1);
-    if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, ifp) != 0) {
-        mldrt_log("\n Couldnt empty include list\n");
+void isex_on_include(Router* r, Group* g, const uint8_t* rec, Link* ifp) {
+    const uint8_t* b = record_sources(rec);
+    uint32_t nb = record_source_count(rec);
+    SourceSet both, added, gone;
+    intersect_with_record(&both, g->include_list, b, nb);
+    subtract_record(&added, g->include_list, b, nb, 0);
+    subtract_record(&gone, g->include_list, b, nb, 1);
+    if (empty_group_list(r, g, g->mfdb, ListKind::Include, ifp) != 0) {
+        log_message("\n Couldnt empty include list\n");
         return;
     }
-    mldrt_enter_exclude(r, g, ifp);
-    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &both, ifp);
-    mldrt_add_result_timer(r, g, MLDRT_L_EXC, &added, 0, ifp);
-    mldrt_set_req_timers(g, &added, 0);
-    mldrt_remove_from_req_and_exc(r, g, &gone, ifp);
+    enter_exclude(r, g, ifp);
+    add_set_sources(r, g, ListKind::Requested, &both, ifp);
+    add_set_with_timer(r, g, ListKind::Excluded, &added, 0, ifp);
+    set_requested_timers(g, &added, 0);
+    remove_from_requested_and_excluded(r, g, &gone, ifp);
 }
 
 // EXCLUDE (X, Y) + IS_EX(B), B non-empty -> EXCLUDE(B-Y, Y*B), B-X-Y at GMI, filter timer
 // GMI; the sources of X*B keep their timers.
-void isex_on_exclude(mldrt_router* r, mldrt_group* g, const uint8_t* rec, mldrt_interface* ifp) {
-    const uint8_t* b = mldrt_rec_srcs(rec);
-    uint32_t nb = mldrt_rec_nsrc(rec);
-    int32_t gmi = static_cast<int32_t>(mldrt_gmi(r));
-    mldrt_src_result wanted, fresh, dropped, unexcluded;
-    mldrt_subtract_srclist_and_rcvd_record(&wanted, g->exc_list, b, nb, 0);
-    mldrt_take_req_timers(g, &wanted);
-    mldrt_subtract_srclists(&fresh, mldrt_result_list(&wanted), g->req_list);
-    mldrt_subtract_srclist_and_rcvd_record(&dropped, g->req_list, b, nb, 1);
-    if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, ifp) != 0) {
-        mldrt_log("\n Couldnt rmpty req list\n");
+void isex_on_exclude(Router* r, Group* g, const uint8_t* rec, Link* ifp) {
+    const uint8_t* b = record_sources(rec);
+    uint32_t nb = record_source_count(rec);
+    int32_t gmi = static_cast<int32_t>(group_membership_interval(r));
+    SourceSet wanted, fresh, dropped, unexcluded;
+    subtract_record(&wanted, g->exc_list, b, nb, 0);
+    take_requested_timers(g, &wanted);
+    subtract_lists(&fresh, set_list(&wanted), g->req_list);
+    subtract_record(&dropped, g->req_list, b, nb, 1);
+    if (empty_group_list(r, g, g->mfdb, ListKind::Requested, ifp) != 0) {
+        log_message("\n Couldnt rmpty req list\n");
         return;
     }
-    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &wanted, ifp);
-    mldrt_subtract_srclist_and_rcvd_record(&unexcluded, g->exc_list, b, nb, 1);
-    mldrt_intersect_grp_srclist_with_rcvd_record(r, g, MLDRT_L_EXC, b, nb, ifp);
-    mldrt_set_req_timers(g, &fresh, gmi);
-    mldrt_remove_from_req_and_exc(r, g, &dropped, ifp);
-    mldrt_remove_from_req_and_exc(r, g, &unexcluded, ifp);
-    g->ftimer = gmi;
+    add_set_sources(r, g, ListKind::Requested, &wanted, ifp);
+    subtract_record(&unexcluded, g->exc_list, b, nb, 1);
+    intersect_group_list_with_record(r, g, ListKind::Excluded, b, nb, ifp);
+    set_requested_timers(g, &fresh, gmi);
+    remove_from_requested_and_excluded(r, g, &dropped, ifp);
+    remove_from_requested_and_excluded(r, g, &unexcluded, ifp);
+    g->filter_timer = gmi;
 }
 
 // EXCLUDE + IS_EX{} -> EXCLUDE({}, {}), filter timer GMI: every source wanted.
-void isex_all_on_exclude(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
-    if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, ifp) != 0) {
-        mldrt_log("\n Couldnt empty req list\n");
+void isex_all_on_exclude(Router* r, Group* g, Link* ifp) {
+    if (empty_group_list(r, g, g->mfdb, ListKind::Requested, ifp) != 0) {
+        log_message("\n Couldnt empty req list\n");
         return;
     }
-    if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, ifp) != 0) {
-        mldrt_log("\n Couldnt empty exc list\n");
+    if (empty_group_list(r, g, g->mfdb, ListKind::Excluded, ifp) != 0) {
+        log_message("\n Couldnt empty exc list\n");
         return;
     }
-    g->ftimer = static_cast<int32_t>(mldrt_gmi(r));
+    g->filter_timer = static_cast<int32_t>(group_membership_interval(r));
 }
 
 }  // namespace
 
-int mldrt_handle_v2_isin_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                const uint8_t* rec) {
-    mldrt_group* g = mldrt_join_group(r, ifp, src, mldrt_rec_group(rec), false);
-    if (!g || g->fmode > MLDRT_EXCLUDE) {
+int handle_is_include_record(Router* r, Link* ifp, const uint8_t* src, const uint8_t* rec) {
+    Group* g = join_group(r, ifp, src, record_group(rec), false);
+    if (!g || g->filter_mode > FilterMode::Exclude) {
         return 0;
     }
-    uint32_t nb = mldrt_rec_nsrc(rec);
+    uint32_t nb = record_source_count(rec);
     if (nb == 0) {
-        mldrt_log("\n FATAL Error - IS_IN record recieved with empty source list\n");
+        log_message("\n FATAL Error - IS_IN record recieved with empty source list\n");
         return 0;
     }
-    mldrt_want_record_srcs(r, g, rec, ifp);
+    want_record_sources(r, g, rec, ifp);
     return 0;
 }
 
-int mldrt_handle_v2_isex_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                const uint8_t* rec) {
-    mldrt_group* g = mldrt_join_group(r, ifp, src, mldrt_rec_group(rec), false);
-    if (!g || g->fmode > MLDRT_EXCLUDE) {
+int handle_is_exclude_record(Router* r, Link* ifp, const uint8_t* src, const uint8_t* rec) {
+    Group* g = join_group(r, ifp, src, record_group(rec), false);
+    if (!g || g->filter_mode > FilterMode::Exclude) {
         return 0;
     }
-    if (g->fmode == MLDRT_INCLUDE) {
+    if (g->filter_mode == FilterMode::Include) {
         isex_on_include(r, g, rec, ifp);
-    } else if (mldrt_rec_nsrc(rec) > 0) {
+    } else if (record_source_count(rec) > 0) {
         isex_on_exclude(r, g, rec, ifp);
     } else {
         isex_all_on_exclude(r, g, ifp);
     }
     return 0;
 }
+
+}  // namespace mldproxy

@@ -10,139 +10,141 @@
 #include "mld/mld.h"
 #include "mld/record_ops.h"
 
+namespace mldproxy {
+
 namespace {
 
 // INCLUDE (A) + TO_IN(B) -> INCLUDE(A+B), Q(G, A-B).
-void toin_on_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* rec) {
-    mldrt_src_result left;
-    mldrt_subtract_srclist_and_rcvd_record(&left, g->include_list, mldrt_rec_srcs(rec),
-                                           mldrt_rec_nsrc(rec), 1);
-    mldrt_add_record_srcs(r, g, MLDRT_L_INCLUDE, rec, static_cast<int32_t>(mldrt_gmi(r)), ifp);
-    mldrt_query_result(r, ifp, g, &left);
+void toin_on_include(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
+    SourceSet left;
+    subtract_record(&left, g->include_list, record_sources(rec), record_source_count(rec), 1);
+    add_record_sources(r, g, ListKind::Include, rec,
+                       static_cast<int32_t>(group_membership_interval(r)), ifp);
+    query_result(r, ifp, g, &left);
 }
 
 // EXCLUDE (X, Y) + TO_IN(B) -> EXCLUDE(X+B, Y-B), Q(G, X-B), Q(G).
-void toin_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* rec) {
-    const uint8_t* b = mldrt_rec_srcs(rec);
-    uint32_t nb = mldrt_rec_nsrc(rec);
-    mldrt_src_result left;
-    mldrt_subtract_srclist_and_rcvd_record(&left, g->req_list, b, nb, 1);
-    mldrt_add_record_srcs(r, g, MLDRT_L_REQ, rec, static_cast<int32_t>(mldrt_gmi(r)), ifp);
+void toin_on_exclude(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
+    const uint8_t* b = record_sources(rec);
+    uint32_t nb = record_source_count(rec);
+    SourceSet left;
+    subtract_record(&left, g->req_list, b, nb, 1);
+    add_record_sources(r, g, ListKind::Requested, rec,
+                       static_cast<int32_t>(group_membership_interval(r)), ifp);
     for (uint32_t i = 0; i < nb; i++) {
-        if (mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, b + MLDRT_ADDR_LEN * i,
-                                                ifp) != 0) {
-            mldrt_log("\n Deletion Failed in exclude list\n");
+        if (remove_from_group_list(r, g, g->mfdb, ListKind::Excluded, b + kAddrLen * i, ifp) != 0) {
+            log_message("\n Deletion Failed in exclude list\n");
             return;
         }
     }
-    mldrt_query_result(r, ifp, g, &left);
-    mldrt_update_fsm_and_send_query(r, ifp, g, g->grp_addr, nullptr, 0);
+    query_result(r, ifp, g, &left);
+    lower_timers_and_query(r, ifp, g, g->grp_addr, nullptr, 0);
 }
 
 // INCLUDE (A) + TO_EX(B), B non-empty -> EXCLUDE(A*B, B-A), filter timer GMI. RFC 3810 also
 // asks Q(G, A*B) here; the routers this one replaces send none (their query looked for A*B in
 // the include list they had just emptied), and neither does this one.
-void toex_on_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* rec) {
-    const uint8_t* b = mldrt_rec_srcs(rec);
-    uint32_t nb = mldrt_rec_nsrc(rec);
-    mldrt_src_result both, added, gone;
-    mldrt_intersect_srclist_with_rcvd_record(&both, g->include_list, b, nb);
-    mldrt_subtract_srclist_and_rcvd_record(&added, g->include_list, b, nb, 0);
-    mldrt_subtract_srclist_and_rcvd_record(&gone, g->include_list, b, nb, 1);
-    if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, ifp) != 0) {
-        mldrt_log("\n Couldnt empty include list\n");
+void toex_on_include(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
+    const uint8_t* b = record_sources(rec);
+    uint32_t nb = record_source_count(rec);
+    SourceSet both, added, gone;
+    intersect_with_record(&both, g->include_list, b, nb);
+    subtract_record(&added, g->include_list, b, nb, 0);
+    subtract_record(&gone, g->include_list, b, nb, 1);
+    if (empty_group_list(r, g, g->mfdb, ListKind::Include, ifp) != 0) {
+        log_message("\n Couldnt empty include list\n");
         return;
     }
-    mldrt_enter_exclude(r, g, ifp);
-    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &both, ifp);
-    mldrt_add_result_timer(r, g, MLDRT_L_EXC, &added, 0, ifp);
-    mldrt_set_req_timers(g, &added, 0);
-    mldrt_remove_from_req_and_exc(r, g, &gone, ifp);
+    enter_exclude(r, g, ifp);
+    add_set_sources(r, g, ListKind::Requested, &both, ifp);
+    add_set_with_timer(r, g, ListKind::Excluded, &added, 0, ifp);
+    set_requested_timers(g, &added, 0);
+    remove_from_requested_and_excluded(r, g, &gone, ifp);
 }
 
 // EXCLUDE (X, Y) + TO_EX(B), B non-empty -> EXCLUDE(B-Y, Y*B), Q(G, B-Y), B-X-Y at the filter
 // timer, filter timer GMI; the sources of X*B keep their timers.
-void toex_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* rec) {
-    const uint8_t* b = mldrt_rec_srcs(rec);
-    uint32_t nb = mldrt_rec_nsrc(rec);
-    mldrt_src_result wanted, fresh, dropped, unexcluded;
-    mldrt_subtract_srclist_and_rcvd_record(&wanted, g->exc_list, b, nb, 0);
-    mldrt_take_req_timers(g, &wanted);
-    mldrt_subtract_srclists(&fresh, mldrt_result_list(&wanted), g->req_list);
-    mldrt_subtract_srclist_and_rcvd_record(&dropped, g->req_list, b, nb, 1);
-    if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, ifp) != 0) {
-        mldrt_log("\n Couldnt empty req list\n");
+void toex_on_exclude(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
+    const uint8_t* b = record_sources(rec);
+    uint32_t nb = record_source_count(rec);
+    SourceSet wanted, fresh, dropped, unexcluded;
+    subtract_record(&wanted, g->exc_list, b, nb, 0);
+    take_requested_timers(g, &wanted);
+    subtract_lists(&fresh, set_list(&wanted), g->req_list);
+    subtract_record(&dropped, g->req_list, b, nb, 1);
+    if (empty_group_list(r, g, g->mfdb, ListKind::Requested, ifp) != 0) {
+        log_message("\n Couldnt empty req list\n");
         return;
     }
-    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &wanted, ifp);
-    mldrt_query_result(r, ifp, g, &wanted);
-    mldrt_subtract_srclist_and_rcvd_record(&unexcluded, g->exc_list, b, nb, 1);
-    mldrt_intersect_grp_srclist_with_rcvd_record(r, g, MLDRT_L_EXC, b, nb, ifp);
-    mldrt_remove_from_req_and_exc(r, g, &unexcluded, ifp);
-    mldrt_remove_from_req_and_exc(r, g, &dropped, ifp);
-    mldrt_set_req_timers(g, &fresh, g->ftimer);
-    g->ftimer = static_cast<int32_t>(mldrt_gmi(r));
+    add_set_sources(r, g, ListKind::Requested, &wanted, ifp);
+    query_result(r, ifp, g, &wanted);
+    subtract_record(&unexcluded, g->exc_list, b, nb, 1);
+    intersect_group_list_with_record(r, g, ListKind::Excluded, b, nb, ifp);
+    remove_from_requested_and_excluded(r, g, &unexcluded, ifp);
+    remove_from_requested_and_excluded(r, g, &dropped, ifp);
+    set_requested_timers(g, &fresh, g->filter_timer);
+    g->filter_timer = static_cast<int32_t>(group_membership_interval(r));
 }
 
 // Either mode + TO_EX{} -> EXCLUDE({}, {}), filter timer GMI, no query: every source wanted.
-void toex_all(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g) {
-    if (g->fmode == MLDRT_INCLUDE) {
-        if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_INCLUDE, ifp) != 0) {
-            mldrt_log("\n Couldnt empty include list\n");
+void toex_all(Router* r, Link* ifp, Group* g) {
+    if (g->filter_mode == FilterMode::Include) {
+        if (empty_group_list(r, g, g->mfdb, ListKind::Include, ifp) != 0) {
+            log_message("\n Couldnt empty include list\n");
             return;
         }
-        mldrt_enter_exclude(r, g, ifp);
+        enter_exclude(r, g, ifp);
         return;
     }
-    if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, ifp) != 0) {
-        mldrt_log("\n Couldnt empty include list\n");
+    if (empty_group_list(r, g, g->mfdb, ListKind::Requested, ifp) != 0) {
+        log_message("\n Couldnt empty include list\n");
         return;
     }
-    if (mldrt_empty_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, ifp) != 0) {
-        mldrt_log("\n Couldnt empty EXCLUDE list\n");
+    if (empty_group_list(r, g, g->mfdb, ListKind::Excluded, ifp) != 0) {
+        log_message("\n Couldnt empty EXCLUDE list\n");
         return;
     }
-    g->ftimer = static_cast<int32_t>(mldrt_gmi(r));
+    g->filter_timer = static_cast<int32_t>(group_membership_interval(r));
 }
 
 }  // namespace
 
-int mldrt_handle_v2_toin_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                const uint8_t* rec) {
+int handle_to_include_record(Router* r, Link* ifp, const uint8_t* src, const uint8_t* rec) {
     // A leave creates nothing, and only a host that may be listening may announce it: a
     // recorded member, or any host while the member list is full.
-    mldrt_group* g = mldrt_lookup_group(ifp, mldrt_rec_group(rec));
-    mldrt_member* m = g ? mldrt_lookup_member(g, src) : nullptr;
-    if (!g || (!m && !mldrt_members_full(g))) {
+    Group* g = find_group(ifp, record_group(rec));
+    Host* m = g ? find_host(g, src) : nullptr;
+    if (!g || (!m && !hosts_full(g))) {
         return 0;
     }
-    if (g->fmode == MLDRT_INCLUDE) {
+    if (g->filter_mode == FilterMode::Include) {
         toin_on_include(r, ifp, g, rec);
-    } else if (g->fmode == MLDRT_EXCLUDE) {
+    } else if (g->filter_mode == FilterMode::Exclude) {
         toin_on_exclude(r, ifp, g, rec);
     }
     // TO_IN{} is the host's leave: it is no longer a member, and its place can go to a host
     // that the limit kept off the list.
-    if (m && mldrt_rec_nsrc(rec) == 0) {
-        mldrt_delete_member(m);
+    if (m && record_source_count(rec) == 0) {
+        delete_host(m);
     }
     return 0;
 }
 
-int mldrt_handle_v2_toex_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                const uint8_t* rec) {
-    mldrt_group* g = mldrt_join_group(r, ifp, src, mldrt_rec_group(rec), true);
-    if (!g || g->fmode > MLDRT_EXCLUDE) {
+int handle_to_exclude_record(Router* r, Link* ifp, const uint8_t* src, const uint8_t* rec) {
+    Group* g = join_group(r, ifp, src, record_group(rec), true);
+    if (!g || g->filter_mode > FilterMode::Exclude) {
         return 0;
     }
     // With an MLDv1 host present the group's sources cannot be filtered: TO_EX{S} counts as
     // TO_EX{} (RFC 3810 section 8.3.2).
-    if (mldrt_rec_nsrc(rec) == 0 || g->v1_host_timer > 0) {
+    if (record_source_count(rec) == 0 || g->v1_host_timer > 0) {
         toex_all(r, ifp, g);
-    } else if (g->fmode == MLDRT_INCLUDE) {
+    } else if (g->filter_mode == FilterMode::Include) {
         toex_on_include(r, ifp, g, rec);
     } else {
         toex_on_exclude(r, ifp, g, rec);
     }
     return 0;
 }
+
+}  // namespace mldproxy

@@ -4,6 +4,8 @@
 #include "db/db.h"
 #include "mld/mld.h"
 
+namespace mldproxy {
+
 namespace {
 
 constexpr uint32_t kMrcFloatFrom = 32768;
@@ -13,7 +15,7 @@ constexpr uint32_t kMaxExponent = 7;
 }  // namespace
 
 // RFC 3810 section 5.1.3: 1 | exp (3 bits) | mant (12 bits), value = (mant | 0x1000) << (exp+3).
-uint16_t mldrt_encode_mrc(uint32_t ms) {
+uint16_t encode_max_response_code(uint32_t ms) {
     if (ms < kMrcFloatFrom) {
         return static_cast<uint16_t>(ms);
     }
@@ -27,7 +29,7 @@ uint16_t mldrt_encode_mrc(uint32_t ms) {
 }
 
 // RFC 3810 section 5.1.9: 1 | exp (3 bits) | mant (4 bits), value = (mant | 0x10) << (exp+3).
-uint8_t mldrt_encode_qqic(uint32_t seconds) {
+uint8_t encode_query_interval_code(uint32_t seconds) {
     if (seconds < kQqicFloatFrom) {
         return static_cast<uint8_t>(seconds);
     }
@@ -40,35 +42,34 @@ uint8_t mldrt_encode_qqic(uint32_t seconds) {
     return static_cast<uint8_t>(seconds);
 }
 
-uint8_t mldrt_encode_qrv(uint32_t robustness) {
+uint8_t encode_robustness(uint32_t robustness) {
     return robustness < 8 ? static_cast<uint8_t>(robustness) : 0;
 }
 
-uint32_t mldrt_encode_report_mcast_rec(uint8_t* buf, const uint8_t* group, uint8_t rec_type) {
-    buf[0] = rec_type;
+uint32_t encode_bare_record(uint8_t* buf, const uint8_t* group, RecordType rec_type) {
+    buf[0] = static_cast<uint8_t>(rec_type);
     buf[1] = 0;
-    mldrt_put_be16(buf + 2, 0);
-    std::memcpy(buf + 4, group, MLDRT_ADDR_LEN);
-    return MLDRT_MCAST_REC_HDR_LEN;
+    put_be16(buf + 2, 0);
+    std::memcpy(buf + 4, group, kAddrLen);
+    return kMcastRecHdrLen;
 }
 
-uint32_t mldrt_append_src_to_mcast_rec(uint8_t* rec, const uint8_t* src) {
-    uint16_t n = mldrt_get_be16(rec + 2);
-    std::memcpy(rec + MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * n, src, MLDRT_ADDR_LEN);
-    mldrt_put_be16(rec + 2, static_cast<uint16_t>(n + 1));
-    return MLDRT_ADDR_LEN;
+uint32_t append_record_source(uint8_t* rec, const uint8_t* src) {
+    uint16_t n = get_be16(rec + 2);
+    std::memcpy(rec + kMcastRecHdrLen + kAddrLen * n, src, kAddrLen);
+    put_be16(rec + 2, static_cast<uint16_t>(n + 1));
+    return kAddrLen;
 }
 
-uint32_t mldrt_build_mcast_record(uint8_t* buf, const uint8_t* group, uint8_t rec_type,
-                                  const mldrt_src* list) {
-    uint32_t len = mldrt_encode_report_mcast_rec(buf, group, rec_type);
-    for (const mldrt_src* s = list; s; s = s->next) {
-        len += mldrt_append_src_to_mcast_rec(buf, s->src_addr);
+uint32_t build_record(uint8_t* buf, const uint8_t* group, RecordType rec_type, const Source* list) {
+    uint32_t len = encode_bare_record(buf, group, rec_type);
+    for (const Source* s = list; s; s = s->next) {
+        len += append_record_source(buf, s->src_addr);
     }
     return len;
 }
 
-uint32_t mldrt_srclist_len(const mldrt_src* list) {
+uint32_t list_length(const Source* list) {
     uint32_t n = 0;
     for (; list; list = list->next) {
         n++;
@@ -76,9 +77,8 @@ uint32_t mldrt_srclist_len(const mldrt_src* list) {
     return n;
 }
 
-uint8_t mldrt_get_rectype_from_group_mode(uint32_t mode) {
-    if (mode == 0) {
-        return MLDRT_REC_MODE_IS_INCLUDE;
-    }
-    return mode == 1 ? MLDRT_REC_MODE_IS_EXCLUDE : 0;
+RecordType current_state_record_type(FilterMode mode) {
+    return mode == FilterMode::Exclude ? RecordType::ModeIsExclude : RecordType::ModeIsInclude;
 }
+
+}  // namespace mldproxy

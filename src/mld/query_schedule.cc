@@ -10,82 +10,84 @@
 #include "mld/handlers.h"
 #include "mld/mld.h"
 
+namespace mldproxy {
+
 namespace {
 
-uint32_t llqt(const mldrt_router* r) {
+uint32_t llqt(const Router* r) {
     return r->last_listener_query_count * r->last_listener_query_interval;
 }
 
-void send_specific_query(mldrt_router* r, mldrt_interface* ifp, const uint8_t* grp,
-                         const mldrt_src* srcs, uint32_t count) {
-    mldrt_query_params q{};
+void send_specific_query(Router* r, Link* ifp, const uint8_t* grp, const Source* srcs,
+                         uint32_t count) {
+    QueryParams q{};
     std::memcpy(q.group, grp, 16);
     std::memcpy(q.dst, grp, 16);
     q.sources = srcs;
     q.src_count = count;
-    mldrt_send_query(r, ifp, &q);
+    send_query(r, ifp, &q);
 }
 
 // The filter timer is set to LLQT, not only lowered: as deployed, unlike RFC 3810. A leave
 // heard while the group's query is still being retransmitted (a host repeating its leave)
 // changes nothing: the timer was set and the queries are under way.
-int group_specific(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* grp) {
+int group_specific(Router* r, Link* ifp, Group* g, const uint8_t* grp) {
     if (g->grp_rtx_count > 0) {
         return 0;
     }
-    g->ftimer = static_cast<int32_t>(llqt(r));
+    g->filter_timer = static_cast<int32_t>(llqt(r));
     g->grp_rtx_count = static_cast<int32_t>(r->last_listener_query_count - 1);
     g->grp_rtx_timer = static_cast<int32_t>(r->last_listener_query_interval);
     send_specific_query(r, ifp, grp, nullptr, 0);
     return 0;
 }
 
-// Puts one queried source on the retransmission list `ltype` with the retransmissions still
+// Puts one queried source on the retransmission list `kind` with the retransmissions still
 // due after the query about to go out; false after the message.
-bool schedule_source(mldrt_router* r, mldrt_group* g, const uint8_t* addr, uint32_t ltype) {
-    mldrt_src* e = mldrt_add_src_to_group(g, g->mfdb, ltype, addr);
+bool schedule_source(Router* r, Group* g, const uint8_t* addr, ListKind kind) {
+    Source* e = add_source_to_group(g, g->mfdb, kind, addr);
     if (!e) {
-        mldrt_log(ltype == MLDRT_L_SRSP ? "\n FATAL: couldnt allocate entry in SRSP list\n"
-                                        : "\n FATAL: couldnt allocate entry in non-SRSP list\n");
+        log_message(kind == ListKind::QuerySuppressed
+                        ? "\n FATAL: couldnt allocate entry in SRSP list\n"
+                        : "\n FATAL: couldnt allocate entry in non-SRSP list\n");
         return false;
     }
     e->rtx_count = static_cast<uint16_t>(r->last_listener_query_count - 1);
     return true;
 }
 
-bool being_queried(const mldrt_group* g, const uint8_t* addr) {
-    return mldrt_srclist_has(g->srsp_list, addr) || mldrt_srclist_has(g->non_srsp_list, addr);
+bool being_queried(const Group* g, const uint8_t* addr) {
+    return list_has(g->srsp_list, addr) || list_has(g->non_srsp_list, addr);
 }
 
 }  // namespace
 
-void mldrt_send_source_queries(mldrt_router* r, mldrt_interface* ifp, const mldrt_group* g) {
+void send_source_queries(Router* r, Link* ifp, const Group* g) {
     if (g->srsp_list) {
-        send_specific_query(r, ifp, g->grp_addr, g->srsp_list, mldrt_srclist_len(g->srsp_list));
+        send_specific_query(r, ifp, g->grp_addr, g->srsp_list, list_length(g->srsp_list));
     }
     if (g->non_srsp_list) {
-        send_specific_query(r, ifp, g->grp_addr, g->non_srsp_list,
-                            mldrt_srclist_len(g->non_srsp_list));
+        send_specific_query(r, ifp, g->grp_addr, g->non_srsp_list, list_length(g->non_srsp_list));
     }
 }
 
-int mldrt_update_fsm_and_send_query(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g,
-                                    const uint8_t* grp, const mldrt_src* srcs, uint32_t count) {
+int lower_timers_and_query(Router* r, Link* ifp, Group* g, const uint8_t* grp, const Source* srcs,
+                           uint32_t count) {
     if (!srcs || count == 0) {
         return group_specific(r, ifp, g, grp);
     }
-    mldrt_src* searched;
-    if (g->fmode == MLDRT_EXCLUDE) {
+    Source* searched;
+    if (g->filter_mode == FilterMode::Exclude) {
         searched = g->req_list;
-    } else if (g->fmode == MLDRT_INCLUDE) {
+    } else if (g->filter_mode == FilterMode::Include) {
         searched = g->include_list;
     } else {
-        mldrt_log("\n FATAL:: Unknown Group Mode\n");
+        log_message("\n FATAL:: Unknown Group Mode\n");
         return -1;
     }
     bool scheduled = false;
-    for (const mldrt_src* s = srcs; s; s = s->next) {
-        mldrt_src* found = mldrt_lookup_src_in_grplist(searched, s->src_addr);
+    for (const Source* s = srcs; s; s = s->next) {
+        Source* found = find_source(searched, s->src_addr);
         // A source already being asked about (a host repeats its leave before the router
         // repeats its query) keeps its timer and its retransmissions (RFC 3810 section
         // 7.6.3.2): it is neither lowered nor counted again.
@@ -97,7 +99,8 @@ int mldrt_update_fsm_and_send_query(mldrt_router* r, mldrt_interface* ifp, mldrt
         if (lowered) {
             found->timer = static_cast<int32_t>(llqt(r));
         }
-        if (!schedule_source(r, g, s->src_addr, lowered ? MLDRT_L_SRSP : MLDRT_L_NON_SRSP)) {
+        if (!schedule_source(r, g, s->src_addr,
+                             lowered ? ListKind::QuerySuppressed : ListKind::QueryNotSuppressed)) {
             return -1;
         }
         scheduled = true;
@@ -105,14 +108,16 @@ int mldrt_update_fsm_and_send_query(mldrt_router* r, mldrt_interface* ifp, mldrt
     if (scheduled) {
         // Every source still to be asked about goes into the query, with the count of what the
         // lists hold when it leaves.
-        mldrt_send_source_queries(r, ifp, g);
+        send_source_queries(r, ifp, g);
         g->src_rtx_count = static_cast<int32_t>(r->last_listener_query_count - 1);
         g->src_rtx_timer = static_cast<int32_t>(r->last_listener_query_interval);
     }
     if (g->src_rtx_count <= 0) {
         // One query and no retransmission: nothing is left to ask about later.
-        mldrt_free_srclist(&g->srsp_list);
-        mldrt_free_srclist(&g->non_srsp_list);
+        free_srclist(&g->srsp_list);
+        free_srclist(&g->non_srsp_list);
     }
     return 0;
 }
+
+}  // namespace mldproxy

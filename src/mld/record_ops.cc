@@ -4,83 +4,83 @@
 #include "mld/handlers.h"
 #include "mld/mld.h"
 
-void mldrt_add_record_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype, const uint8_t* rec,
-                           int32_t timer, mldrt_interface* ifp) {
-    const uint8_t* srcs = mldrt_rec_srcs(rec);
-    for (uint32_t i = 0; i < mldrt_rec_nsrc(rec); i++) {
-        mldrt_add_entry_to_grp_srclist(r, g, ltype, srcs + MLDRT_ADDR_LEN * i, timer, ifp);
+namespace mldproxy {
+
+void add_record_sources(Router* r, Group* g, ListKind kind, const uint8_t* rec, int32_t timer,
+                        Link* ifp) {
+    const uint8_t* srcs = record_sources(rec);
+    for (uint32_t i = 0; i < record_source_count(rec); i++) {
+        add_to_group_list(r, g, kind, srcs + kAddrLen * i, timer, ifp);
     }
 }
 
-void mldrt_want_record_srcs(mldrt_router* r, mldrt_group* g, const uint8_t* rec,
-                            mldrt_interface* ifp) {
-    int32_t gmi = static_cast<int32_t>(mldrt_gmi(r));
-    const uint8_t* srcs = mldrt_rec_srcs(rec);
-    for (uint32_t i = 0; i < mldrt_rec_nsrc(rec); i++) {
-        const uint8_t* s = srcs + MLDRT_ADDR_LEN * i;
-        if (g->fmode == MLDRT_INCLUDE) {
-            mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_INCLUDE, s, gmi, ifp);
+void want_record_sources(Router* r, Group* g, const uint8_t* rec, Link* ifp) {
+    int32_t gmi = static_cast<int32_t>(group_membership_interval(r));
+    const uint8_t* srcs = record_sources(rec);
+    for (uint32_t i = 0; i < record_source_count(rec); i++) {
+        const uint8_t* s = srcs + kAddrLen * i;
+        if (g->filter_mode == FilterMode::Include) {
+            add_to_group_list(r, g, ListKind::Include, s, gmi, ifp);
         } else {
             // Wanted before it is no longer excluded: its (S,G) entry is rewritten, not dropped.
-            mldrt_add_entry_to_grp_srclist(r, g, MLDRT_L_REQ, s, gmi, ifp);
-            mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, s, ifp);
+            add_to_group_list(r, g, ListKind::Requested, s, gmi, ifp);
+            remove_from_group_list(r, g, g->mfdb, ListKind::Excluded, s, ifp);
         }
     }
 }
 
-void mldrt_add_result_srcs(mldrt_router* r, mldrt_group* g, uint32_t ltype,
-                           const mldrt_src_result* res, mldrt_interface* ifp) {
+void add_set_sources(Router* r, Group* g, ListKind kind, const SourceSet* res, Link* ifp) {
     for (uint32_t i = 0; i < res->n; i++) {
-        const mldrt_src& s = res->entries[i];
-        mldrt_add_entry_to_grp_srclist(r, g, ltype, s.src_addr, s.timer, ifp);
+        const Source& s = res->entries[i];
+        add_to_group_list(r, g, kind, s.src_addr, s.timer, ifp);
     }
 }
 
-void mldrt_add_result_timer(mldrt_router* r, mldrt_group* g, uint32_t ltype,
-                            const mldrt_src_result* res, int32_t timer, mldrt_interface* ifp) {
+void add_set_with_timer(Router* r, Group* g, ListKind kind, const SourceSet* res, int32_t timer,
+                        Link* ifp) {
     for (uint32_t i = 0; i < res->n; i++) {
-        mldrt_add_entry_to_grp_srclist(r, g, ltype, res->entries[i].src_addr, timer, ifp);
+        add_to_group_list(r, g, kind, res->entries[i].src_addr, timer, ifp);
     }
 }
 
-void mldrt_set_req_timers(mldrt_group* g, const mldrt_src_result* res, int32_t timer) {
+void set_requested_timers(Group* g, const SourceSet* res, int32_t timer) {
     for (uint32_t i = 0; i < res->n; i++) {
-        mldrt_src* s = mldrt_lookup_src_in_grplist(g->req_list, res->entries[i].src_addr);
+        Source* s = find_source(g->req_list, res->entries[i].src_addr);
         if (s) {
             s->timer = timer;
         }
     }
 }
 
-void mldrt_take_req_timers(const mldrt_group* g, mldrt_src_result* res) {
+void take_requested_timers(const Group* g, SourceSet* res) {
     for (uint32_t i = 0; i < res->n; i++) {
-        const mldrt_src* s = mldrt_lookup_src_in_grplist(g->req_list, res->entries[i].src_addr);
+        const Source* s = find_source(g->req_list, res->entries[i].src_addr);
         if (s) {
             res->entries[i].timer = s->timer;
         }
     }
 }
 
-void mldrt_remove_from_req_and_exc(mldrt_router* r, mldrt_group* g, const mldrt_src_result* res,
-                                   mldrt_interface* ifp) {
+void remove_from_requested_and_excluded(Router* r, Group* g, const SourceSet* res, Link* ifp) {
     for (uint32_t i = 0; i < res->n; i++) {
         const uint8_t* addr = res->entries[i].src_addr;
-        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_REQ, addr, ifp);
-        mldrt_remove_entry_from_grp_srclist(r, g, g->mfdb, MLDRT_L_EXC, addr, ifp);
+        remove_from_group_list(r, g, g->mfdb, ListKind::Requested, addr, ifp);
+        remove_from_group_list(r, g, g->mfdb, ListKind::Excluded, addr, ifp);
     }
 }
 
-void mldrt_query_result(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g,
-                        const mldrt_src_result* res) {
+void query_result(Router* r, Link* ifp, Group* g, const SourceSet* res) {
     if (res->n > 0) {
-        mldrt_update_fsm_and_send_query(r, ifp, g, g->grp_addr, res->entries, res->n);
+        lower_timers_and_query(r, ifp, g, g->grp_addr, res->entries, res->n);
     }
 }
 
-void mldrt_enter_exclude(mldrt_router* r, mldrt_group* g, mldrt_interface* ifp) {
-    g->fmode = MLDRT_EXCLUDE;
+void enter_exclude(Router* r, Group* g, Link* ifp) {
+    g->filter_mode = FilterMode::Exclude;
     g->mfdb->exclude_count++;
-    mldrt_mark_changed(g->mfdb);
-    g->ftimer = static_cast<int32_t>(mldrt_gmi(r));
-    mldrt_forward_whole_group(r, g, ifp);
+    mark_changed(g->mfdb);
+    g->filter_timer = static_cast<int32_t>(group_membership_interval(r));
+    forward_whole_group(r, g, ifp);
 }
+
+}  // namespace mldproxy

@@ -13,6 +13,8 @@
 #include "iface/interface.h"
 #include "mld/mld.h"
 
+namespace mldproxy {
+
 namespace {
 
 constexpr uint64_t kMinQueryGapMs = 100;
@@ -31,7 +33,7 @@ void add_cmsg(msghdr* msg, cmsghdr* c, int type, const void* data, size_t len) {
 
 // One message from the interface buffer. A zero source lets the kernel choose one (reports);
 // queries name the interface's own link-local address.
-ssize_t send_on(mldrt_interface* ifp, const uint8_t* dst, const uint8_t* src, uint32_t len) {
+ssize_t send_on(Link* ifp, const uint8_t* dst, const uint8_t* src, uint32_t len) {
     sockaddr_in6 to{};
     to.sin6_family = AF_INET6;
     std::memcpy(&to.sin6_addr, dst, 16);
@@ -55,64 +57,63 @@ ssize_t send_on(mldrt_interface* ifp, const uint8_t* dst, const uint8_t* src, ui
     add_cmsg(&msg, c, IPV6_HOPOPTS, kRouterAlertHopOpts, sizeof kRouterAlertHopOpts);
     ssize_t rc = sendmsg(ifp->sock, &msg, MSG_DONTROUTE);
     if (rc > 0) {
-        mldrt_link_counters& c = ifp->counters;
-        (ifp->buf[0] == MLDRT_TYPE_QUERY ? c.queries_out : c.reports_out)++;
+        LinkCounters& c = ifp->counters;
+        (ifp->buf[0] == kTypeQuery ? c.queries_out : c.reports_out)++;
     }
     return rc;
 }
 
 int query_sent(ssize_t rc) {
     if (rc < 0) {
-        return mldrt_log("MLDV2: Fatal- Couldnt send query: sendmsg: %s\n", strerror(errno));
+        return log_message("MLDV2: Fatal- Couldnt send query: sendmsg: %s\n", strerror(errno));
     }
     if (rc == 0) {
-        return mldrt_log("MLDV2: Fatal- Couldnt send query %d\n", static_cast<int>(rc));
+        return log_message("MLDV2: Fatal- Couldnt send query %d\n", static_cast<int>(rc));
     }
     return static_cast<int>(rc);
 }
 
 int report_sent(ssize_t rc) {
     if (rc < 0) {
-        return mldrt_log("MLDV2: Fatal- Couldnt send report: sendmsg: %s\n", strerror(errno));
+        return log_message("MLDV2: Fatal- Couldnt send report: sendmsg: %s\n", strerror(errno));
     }
     if (rc == 0) {
-        return mldrt_log("MLDV2: Fatal- Couldnt send report %d\n", static_cast<int>(rc));
+        return log_message("MLDV2: Fatal- Couldnt send report %d\n", static_cast<int>(rc));
     }
     return static_cast<int>(rc);
 }
 
 // Header of a query with `n` sources; the sources follow at byte 28.
-void write_query_header(mldrt_router* r, mldrt_interface* ifp, const mldrt_query_params* q,
-                        uint32_t n) {
+void write_query_header(Router* r, Link* ifp, const QueryParams* q, uint32_t n) {
     uint8_t* b = ifp->buf;
-    std::memset(b, 0, MLDRT_QUERY_V2_HDR_LEN);
-    b[0] = MLDRT_TYPE_QUERY;
+    std::memset(b, 0, kQueryV2HdrLen);
+    b[0] = kTypeQuery;
     // Specific queries carry the last listener query interval, cut to 16 bits without the
     // floating form, as deployed routers have always sent it.
-    uint16_t mrc = mldrt_is_any_addr(q->group)
-                       ? mldrt_encode_mrc(r->query_response_interval)
+    uint16_t mrc = is_unspecified(q->group)
+                       ? encode_max_response_code(r->query_response_interval)
                        : static_cast<uint16_t>(r->last_listener_query_interval * 1000u);
-    mldrt_put_be16(b + 4, mrc);
+    put_be16(b + 4, mrc);
     std::memcpy(b + 8, q->group, 16);
-    b[24] = static_cast<uint8_t>(((q->s_flag & 1) ? MLDRT_QUERY_S_FLAG : 0) |
-                                 mldrt_encode_qrv(r->robustness));
-    b[25] = mldrt_encode_qqic(r->query_interval);
-    mldrt_put_be16(b + 26, static_cast<uint16_t>(n));
+    b[24] = static_cast<uint8_t>(((q->s_flag & 1) ? kQuerySFlag : 0) |
+                                 encode_robustness(r->robustness));
+    b[25] = encode_query_interval_code(r->query_interval);
+    put_be16(b + 26, static_cast<uint16_t>(n));
 }
 
 // MLDv2 query; a source list too long for one message goes out over several.
-int send_v2_query(mldrt_router* r, mldrt_interface* ifp, const mldrt_query_params* q) {
-    uint32_t per_msg = (mldrt_max_mld_len(ifp) - MLDRT_QUERY_V2_HDR_LEN) / MLDRT_ADDR_LEN;
-    const mldrt_src* s = q->sources;
+int send_v2_query(Router* r, Link* ifp, const QueryParams* q) {
+    uint32_t per_msg = (max_message_length(ifp) - kQueryV2HdrLen) / kAddrLen;
+    const Source* s = q->sources;
     uint32_t left = q->src_count;
     int result = 0;
     do {
         uint32_t n = left < per_msg ? left : per_msg;
         write_query_header(r, ifp, q, n);
         for (uint32_t i = 0; i < n; i++, s = s->next) {
-            std::memcpy(ifp->buf + MLDRT_QUERY_V2_HDR_LEN + MLDRT_ADDR_LEN * i, s->src_addr, 16);
+            std::memcpy(ifp->buf + kQueryV2HdrLen + kAddrLen * i, s->src_addr, 16);
         }
-        uint32_t len = MLDRT_QUERY_V2_HDR_LEN + MLDRT_ADDR_LEN * n;
+        uint32_t len = kQueryV2HdrLen + kAddrLen * n;
         result = query_sent(send_on(ifp, q->dst, ifp->addr, len));
         left -= n;
     } while (left > 0);
@@ -121,30 +122,27 @@ int send_v2_query(mldrt_router* r, mldrt_interface* ifp, const mldrt_query_param
 
 // Length of the record at `rec` within `left` bytes; its source count is cut to what is there.
 uint32_t record_len(const uint8_t* rec, uint32_t left, uint32_t* nsrc) {
-    uint32_t n = mldrt_get_be16(rec + 2);
-    uint32_t room = (left - MLDRT_MCAST_REC_HDR_LEN) / MLDRT_ADDR_LEN;
+    uint32_t n = get_be16(rec + 2);
+    uint32_t room = (left - kMcastRecHdrLen) / kAddrLen;
     *nsrc = n < room ? n : room;
-    return MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * *nsrc;
+    return kMcastRecHdrLen + kAddrLen * *nsrc;
 }
 
 // A record too large for one report (RFC 3810 section 5.2.15): its sources are spread over as
 // many records as needed, one report each; for an EXCLUDE-type record only the first sources
 // that fit are sent, because a split would exclude too little in every piece.
-int send_split_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst, const uint8_t* rec,
-                      uint32_t nsrc) {
-    uint8_t* piece = ifp->buf + MLDRT_REPORT_HDR_LEN;
-    uint32_t per_msg =
-        (mldrt_max_mld_len(ifp) - MLDRT_REPORT_HDR_LEN - MLDRT_MCAST_REC_HDR_LEN) / MLDRT_ADDR_LEN;
-    bool exclude = rec[0] == MLDRT_REC_MODE_IS_EXCLUDE || rec[0] == MLDRT_REC_CHANGE_TO_EXCLUDE;
+int send_split_record(Router* r, Link* ifp, const uint8_t* dst, const uint8_t* rec, uint32_t nsrc) {
+    uint8_t* piece = ifp->buf + kReportHdrLen;
+    uint32_t per_msg = (max_message_length(ifp) - kReportHdrLen - kMcastRecHdrLen) / kAddrLen;
+    bool exclude = rec[0] == static_cast<uint8_t>(RecordType::ModeIsExclude) ||
+                   rec[0] == static_cast<uint8_t>(RecordType::ChangeToExclude);
     int result = 0;
     for (uint32_t done = 0; done < nsrc; done += per_msg) {
         uint32_t n = nsrc - done < per_msg ? nsrc - done : per_msg;
-        std::memcpy(piece, rec, MLDRT_MCAST_REC_HDR_LEN);
-        mldrt_put_be16(piece + 2, static_cast<uint16_t>(n));
-        std::memcpy(piece + MLDRT_MCAST_REC_HDR_LEN,
-                    rec + MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * done, MLDRT_ADDR_LEN * n);
-        result = mldrt_send_mld_report(r, ifp, dst, piece, 1,
-                                       MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * n);
+        std::memcpy(piece, rec, kMcastRecHdrLen);
+        put_be16(piece + 2, static_cast<uint16_t>(n));
+        std::memcpy(piece + kMcastRecHdrLen, rec + kMcastRecHdrLen + kAddrLen * done, kAddrLen * n);
+        result = send_mld_report(r, ifp, dst, piece, 1, kMcastRecHdrLen + kAddrLen * n);
         if (exclude) {
             break;
         }
@@ -153,16 +151,16 @@ int send_split_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
 }
 
 // MLDv2: whole records packed into as few reports as fit the link.
-int send_v2_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
-                   const uint8_t* records, uint32_t nrec, uint32_t len) {
-    uint32_t room = mldrt_max_mld_len(ifp) - MLDRT_REPORT_HDR_LEN;
+int send_v2_report(Router* r, Link* ifp, const uint8_t* dst, const uint8_t* records, uint32_t nrec,
+                   uint32_t len) {
+    uint32_t room = max_message_length(ifp) - kReportHdrLen;
     uint32_t start = 0, off = 0, count = 0;
     int result = 0;
-    for (uint32_t i = 0; i < nrec && off + MLDRT_MCAST_REC_HDR_LEN <= len; i++) {
+    for (uint32_t i = 0; i < nrec && off + kMcastRecHdrLen <= len; i++) {
         uint32_t nsrc;
         uint32_t rec_len = record_len(records + off, len - off, &nsrc);
         if (count > 0 && off + rec_len - start > room) {
-            result = mldrt_send_mld_report(r, ifp, dst, records + start, count, off - start);
+            result = send_mld_report(r, ifp, dst, records + start, count, off - start);
             start = off;
             count = 0;
         }
@@ -175,42 +173,42 @@ int send_v2_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
         off += rec_len;
     }
     if (count > 0 || nrec == 0) {
-        result = mldrt_send_mld_report(r, ifp, dst, records + start, count, off - start);
+        result = send_mld_report(r, ifp, dst, records + start, count, off - start);
     }
     return result;
 }
 
 }  // namespace
 
-uint32_t mldrt_max_mld_len(const mldrt_interface* ifp) {
-    return ifp->buf_size - MLDRT_IP_OVERHEAD;
+uint32_t max_message_length(const Link* ifp) {
+    return ifp->buf_size - kIpOverhead;
 }
 
-int mldrt_send_query(mldrt_router* r, mldrt_interface* ifp, const mldrt_query_params* q) {
+int send_query(Router* r, Link* ifp, const QueryParams* q) {
     if (ifp->mld_version == 2) {
-        uint32_t n = mldrt_srclist_len(q->sources);
+        uint32_t n = list_length(q->sources);
         if (n != q->src_count) {
-            return mldrt_log("\n Cannot send query, numSrc and list inconsistent %d %d\n",
-                             static_cast<int>(n), static_cast<int>(q->src_count));
+            return log_message("\n Cannot send query, numSrc and list inconsistent %d %d\n",
+                               static_cast<int>(n), static_cast<int>(q->src_count));
         }
         return send_v2_query(r, ifp, q);
     }
     write_query_header(r, ifp, q, 0);
-    uint32_t len = MLDRT_QUERY_V1_LEN;
+    uint32_t len = kQueryV1Len;
     if (ifp->mld_version != 1) {
-        mldrt_log_puts("MLDV2: Fatal- Invalid MLDV2 version detected");
+        log_line("MLDV2: Fatal- Invalid MLDV2 version detected");
         len = 0;
     }
     return query_sent(send_on(ifp, q->dst, ifp->addr, len));
 }
 
-uint64_t mldrt_general_query_due(const mldrt_interface* ifp) {
-    return ifp->querier == 1 && ifp->started ? ifp->query_due_ms : MLDRT_NEVER;
+uint64_t general_query_due(const Link* ifp) {
+    return ifp->querier == 1 && ifp->started ? ifp->query_due_ms : kNever;
 }
 
-int mldrt_send_general_query(mldrt_router* r, mldrt_interface* ifp) {
-    uint64_t now = mldrt_now_ms();
-    if (mldrt_general_query_due(ifp) > now) {
+int send_general_query(Router* r, Link* ifp) {
+    uint64_t now = now_ms();
+    if (general_query_due(ifp) > now) {
         return 0;
     }
     // Start-up queries are a Startup Query Interval, a quarter of the Query Interval, apart
@@ -222,55 +220,57 @@ int mldrt_send_general_query(mldrt_router* r, mldrt_interface* ifp) {
         gap_ms = uint64_t{r->query_interval} * 1000u / 4u;
     }
     ifp->query_due_ms = now + (gap_ms > kMinQueryGapMs ? gap_ms : kMinQueryGapMs);
-    mldrt_query_params q{};
-    std::memcpy(q.dst, MLDRT_ADDR_ALL_NODES, 16);
-    return mldrt_send_query(r, ifp, &q);
+    QueryParams q{};
+    std::memcpy(q.dst, kAddrAllNodes, 16);
+    return send_query(r, ifp, &q);
 }
 
-int mldrt_send_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
-                      const uint8_t* records, uint32_t nrec, uint32_t len) {
+int send_report(Router* r, Link* ifp, const uint8_t* dst, const uint8_t* records, uint32_t nrec,
+                uint32_t len) {
     if (ifp->mld_version == 2) {
         return send_v2_report(r, ifp, dst, records, nrec, len);
     }
     if (ifp->mld_version != 1) {
-        return mldrt_send_mld_report(r, ifp, dst, records, nrec, len);
+        return send_mld_report(r, ifp, dst, records, nrec, len);
     }
     // An MLDv1 link hears one report or done per record (RFC 3810 section 8.3.2).
     int result = 0;
     uint32_t off = 0;
-    for (uint32_t i = 0; i < nrec && off + MLDRT_MCAST_REC_HDR_LEN <= len; i++) {
+    for (uint32_t i = 0; i < nrec && off + kMcastRecHdrLen <= len; i++) {
         uint32_t nsrc;
         uint32_t rec_len = record_len(records + off, len - off, &nsrc);
-        result = mldrt_send_mld_report(r, ifp, dst, records + off, 1, rec_len);
+        result = send_mld_report(r, ifp, dst, records + off, 1, rec_len);
         off += rec_len;
     }
     return result;
 }
 
-int mldrt_send_mld_report(mldrt_router* r, mldrt_interface* ifp, const uint8_t* dst,
-                          const uint8_t* records, uint32_t nrec, uint32_t len) {
+int send_mld_report(Router* r, Link* ifp, const uint8_t* dst, const uint8_t* records, uint32_t nrec,
+                    uint32_t len) {
     uint8_t* b = ifp->buf;
-    std::memset(b, 0, MLDRT_REPORT_HDR_LEN);
+    std::memset(b, 0, kReportHdrLen);
     uint8_t to[16];
     std::memcpy(to, dst, 16);
     uint32_t msg_len = 0;
-    if (ifp->mld_version == 1 && len >= MLDRT_MCAST_REC_HDR_LEN) {
+    if (ifp->mld_version == 1 && len >= kMcastRecHdrLen) {
         // An MLDv1 router knows no sources: a group nobody listens to any more gets a done to
         // all routers, whatever record told of the change; a group with listeners a report.
-        bool leave = !mldrt_group_listened(r, records + 4);
-        b[0] = leave ? MLDRT_TYPE_V1_DONE : MLDRT_TYPE_V1_REPORT;
+        bool leave = !group_listened(r, records + 4);
+        b[0] = leave ? kTypeV1Done : kTypeV1Report;
         std::memcpy(b + 8, records + 4, 16);
-        std::memcpy(to, leave ? MLDRT_ADDR_ALL_ROUTERS : records + 4, 16);
-        msg_len = MLDRT_QUERY_V1_LEN;
-    } else if (ifp->mld_version == 2 && MLDRT_REPORT_HDR_LEN + len <= ifp->buf_size) {
-        b[0] = MLDRT_TYPE_V2_REPORT;
-        mldrt_put_be16(b + 6, static_cast<uint16_t>(nrec));
-        std::memmove(b + MLDRT_REPORT_HDR_LEN, records, len);
-        msg_len = MLDRT_REPORT_HDR_LEN + len;
+        std::memcpy(to, leave ? kAddrAllRouters : records + 4, 16);
+        msg_len = kQueryV1Len;
+    } else if (ifp->mld_version == 2 && kReportHdrLen + len <= ifp->buf_size) {
+        b[0] = kTypeV2Report;
+        put_be16(b + 6, static_cast<uint16_t>(nrec));
+        std::memmove(b + kReportHdrLen, records, len);
+        msg_len = kReportHdrLen + len;
     } else {
-        mldrt_log_puts("MLDV2: Fatal- Invalid MLDV2 version detected");
+        log_line("MLDV2: Fatal- Invalid MLDV2 version detected");
     }
     // From the link-local address, as RFC 2710 section 3 and RFC 3810 section 5.2.13 ask: the
     // kernel would pick a global one for a report to a global-scope group.
     return report_sent(send_on(ifp, to, ifp->addr, msg_len));
 }
+
+}  // namespace mldproxy

@@ -10,74 +10,74 @@
 #include "mld/mld.h"
 #include "mld/record_ops.h"
 
+namespace mldproxy {
+
 namespace {
 
 // The common start of ALLOW and BLOCK; nullptr when the record is not to be handled further.
-mldrt_group* join_for_source_change(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                    const uint8_t* rec, const char* zero_sources_message) {
-    mldrt_group* g = mldrt_join_group(r, ifp, src, mldrt_rec_group(rec), true);
+Group* join_for_source_change(Router* r, Link* ifp, const uint8_t* src, const uint8_t* rec,
+                              const char* zero_sources_message) {
+    Group* g = join_group(r, ifp, src, record_group(rec), true);
     if (!g) {
         return nullptr;
     }
-    if (mldrt_rec_nsrc(rec) == 0) {
-        mldrt_log_str(zero_sources_message);
+    if (record_source_count(rec) == 0) {
+        log_text(zero_sources_message);
         return nullptr;
     }
-    if (g->fmode > MLDRT_EXCLUDE) {
-        mldrt_log("\n Fatal: Grp in an unknown filter mode\n");
+    if (g->filter_mode > FilterMode::Exclude) {
+        log_message("\n Fatal: Grp in an unknown filter mode\n");
         return nullptr;
     }
     return g;
 }
 
 // INCLUDE (A) + BLOCK(B): Q(G, A*B).
-void block_on_include(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* rec) {
-    mldrt_src_result both;
-    mldrt_intersect_srclist_with_rcvd_record(&both, g->include_list, mldrt_rec_srcs(rec),
-                                             mldrt_rec_nsrc(rec));
-    mldrt_query_result(r, ifp, g, &both);
+void block_on_include(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
+    SourceSet both;
+    intersect_with_record(&both, g->include_list, record_sources(rec), record_source_count(rec));
+    query_result(r, ifp, g, &both);
 }
 
 // EXCLUDE (X, Y) + BLOCK(B) -> EXCLUDE(X + (B-Y), Y), B-X-Y at the filter timer, Q(G, B-Y);
 // the sources of X*B keep their timers.
-void block_on_exclude(mldrt_router* r, mldrt_interface* ifp, mldrt_group* g, const uint8_t* rec) {
-    mldrt_src_result blocked, fresh;
-    mldrt_subtract_srclist_and_rcvd_record(&blocked, g->exc_list, mldrt_rec_srcs(rec),
-                                           mldrt_rec_nsrc(rec), 0);
-    mldrt_take_req_timers(g, &blocked);
-    mldrt_subtract_srclists(&fresh, mldrt_result_list(&blocked), g->req_list);
-    mldrt_add_result_srcs(r, g, MLDRT_L_REQ, &blocked, ifp);
-    mldrt_set_req_timers(g, &fresh, g->ftimer);
-    mldrt_query_result(r, ifp, g, &blocked);
+void block_on_exclude(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
+    SourceSet blocked, fresh;
+    subtract_record(&blocked, g->exc_list, record_sources(rec), record_source_count(rec), 0);
+    take_requested_timers(g, &blocked);
+    subtract_lists(&fresh, set_list(&blocked), g->req_list);
+    add_set_sources(r, g, ListKind::Requested, &blocked, ifp);
+    set_requested_timers(g, &fresh, g->filter_timer);
+    query_result(r, ifp, g, &blocked);
 }
 
 }  // namespace
 
-int mldrt_handle_v2_allow_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                 const uint8_t* rec) {
-    mldrt_group* g = join_for_source_change(r, ifp, src, rec,
-                                            "\n FATAL: Allow record recievd with ZERO sources\n");
+int handle_allow_record(Router* r, Link* ifp, const uint8_t* src, const uint8_t* rec) {
+    Group* g = join_for_source_change(r, ifp, src, rec,
+                                      "\n FATAL: Allow record recievd with ZERO sources\n");
     if (!g) {
         return 0;
     }
-    mldrt_want_record_srcs(r, g, rec, ifp);
+    want_record_sources(r, g, rec, ifp);
     return 0;
 }
 
-int mldrt_handle_v2_block_record(mldrt_router* r, mldrt_interface* ifp, const uint8_t* src,
-                                 const uint8_t* rec) {
-    mldrt_group* g = join_for_source_change(r, ifp, src, rec,
-                                            "\n FATAL: Block record recievd with ZERO sources\n");
+int handle_block_record(Router* r, Link* ifp, const uint8_t* src, const uint8_t* rec) {
+    Group* g = join_for_source_change(r, ifp, src, rec,
+                                      "\n FATAL: Block record recievd with ZERO sources\n");
     if (!g) {
         return 0;
     }
     if (g->v1_host_timer > 0) {
         return 0;  // an MLDv1 host present still wants every source (RFC 3810 section 8.3.2)
     }
-    if (g->fmode == MLDRT_INCLUDE) {
+    if (g->filter_mode == FilterMode::Include) {
         block_on_include(r, ifp, g, rec);
     } else {
         block_on_exclude(r, ifp, g, rec);
     }
     return 0;
 }
+
+}  // namespace mldproxy

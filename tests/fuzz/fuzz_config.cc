@@ -8,6 +8,8 @@
 #include "core/config.h"
 #include "core/router.h"
 
+using namespace mldproxy;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) {
         return 0;
@@ -19,11 +21,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         free(copy);
         return 0;
     }
-    mldrt_router_zero(&router);
-    router.buf_size = MLDRT_BUF_SIZE;
+    reset_router(&router);
+    router.buf_size = kBufSize;
     router.buf = static_cast<uint8_t*>(calloc(1, router.buf_size));
-    mldrt_read_config(&router, fp, "mld.conf");
-    if (std::strlen(router.upstream_ifname) > MLDRT_IFNAME_LEN) {
+    read_config(&router, fp, "mld.conf");
+    if (std::strlen(router.upstream_ifname) > kIfnameLen) {
         abort();
     }
     fclose(fp);

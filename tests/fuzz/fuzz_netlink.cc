@@ -9,6 +9,8 @@
 #include "fake_kernel.h"
 #include "iface/netlink.h"
 
+using namespace mldproxy;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fake::fresh_router(1);
 
@@ -16,18 +18,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // the dump state). The first byte is left for the corpus; the rest is split into two batches
     // at the second byte, so state carries from one batch to the next.
     if (size < 2) {
-        mldrt_uninit(&router);
+        shut_down(&router);
         return 0;
     }
-    mldrt_start_netlink(&router);
+    start_netlink(&router);
     size_t cut = 2 + (size - 2) * data[1] / 256;
     fake::kernel().netlink_batches.emplace_back(data + 2, data + cut);
     fake::kernel().netlink_batches.emplace_back(data + cut, data + size);
-    mldrt_handle_interface(&router);
-    mldrt_handle_interface(&router);
+    handle_link(&router);
+    handle_link(&router);
 
-    mldrt_cleanup_interfaces(&router);
-    mldrt_uninit(&router);
-    mldrt_sysif_reset();
+    delete_all_links(&router);
+    shut_down(&router);
+    system_link_reset();
     return 0;
 }

@@ -16,6 +16,8 @@
 #include "kernel/upcall.h"
 #include "mld/mld.h"
 
+using namespace mldproxy;
+
 namespace {
 
 void set_up_router() {
@@ -24,9 +26,9 @@ void set_up_router() {
     router.query_response_interval = 1000;
     router.last_listener_query_interval = 1;
     router.last_listener_query_count = 1;
-    router.upstream = fake::add_link("up0", 2, 0);
-    fake::add_link("dn0", 3, 1);
-    fake::add_link("dn1", 4, 2);
+    router.upstream = fake::make_link("up0", 2, 0);
+    fake::make_link("dn0", 3, 1);
+    fake::make_link("dn1", 4, 2);
     router.active = 1;
 }
 
@@ -53,13 +55,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         src[15] = selector;
         if ((selector & 3) == 3) {
-            mldrt_handle_mrt6_msg(&router, msg, static_cast<int>(len));
+            handle_upcall(&router, msg, static_cast<int>(len));
         } else {
-            mldrt_interface* ifp = router.interfaces;
+            Link* ifp = router.interfaces;
             for (int i = 0; i < (selector & 3) && ifp->next; i++) {
                 ifp = ifp->next;
             }
-            mldrt_handle_mld_message(&router, ifp, msg, src, static_cast<int>(len));
+            handle_mld_message(&router, ifp, msg, src, static_cast<int>(len));
         }
         free(msg);
         fake::run_second();
@@ -70,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         fake::run_second();
     }
     router.active = 0;
-    mldrt_cleanup_interfaces(&router);
-    mldrt_uninit(&router);
+    delete_all_links(&router);
+    shut_down(&router);
     return 0;
 }

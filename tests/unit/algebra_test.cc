@@ -5,6 +5,8 @@
 
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 // Source n is 2001:db8::n; n = 0 is the any-source address ::.
@@ -15,10 +17,10 @@ addr6 S(int n) {
 }
 
 // A list in the given order; entry n carries timer base + n.
-mldrt_src* make_list(const std::vector<int>& ns, int32_t base) {
-    mldrt_src* head = nullptr;
+Source* make_list(const std::vector<int>& ns, int32_t base) {
+    Source* head = nullptr;
     for (auto it = ns.rbegin(); it != ns.rend(); ++it) {
-        mldrt_src* s = mldrt_create_src_for_grp(S(*it).data());
+        Source* s = create_source(S(*it).data());
         s->timer = base + *it;
         s->next = head;
         head = s;
@@ -35,7 +37,7 @@ std::vector<uint8_t> record(const std::vector<int>& ns) {
     return r;
 }
 
-std::string order(const mldrt_src* p) {
+std::string order(const Source* p) {
     std::string s;
     for (; p; p = p->next) {
         s += (s.empty() ? "" : " ") + std::to_string(p->src_addr[15]);
@@ -63,31 +65,30 @@ void run(Op op, const std::vector<Row>& rows) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         fake::kernel().clock_seconds += 3600;  // the limit's line is printed once a minute
-        mldrt_src* a = make_list(row.a, 1000);
-        mldrt_src* b = make_list(row.b, 2000);
+        Source* a = make_list(row.a, 1000);
+        Source* b = make_list(row.b, 2000);
         std::vector<uint8_t> rec = record(row.b);
         const uint32_t nrec = static_cast<uint32_t>(row.b.size());
-        auto res = std::make_unique<mldrt_src_result>();
-        res->n = MLDRT_MAX_SOURCES;
-        for (mldrt_src& e : res->entries) {
+        auto res = std::make_unique<SourceSet>();
+        res->n = kMaxSources;
+        for (Source& e : res->entries) {
             std::memset(e.src_addr, 0xee, 16);
             e.rtx_count = 0x7777;
             e.timer = 0x5a5a5a5a;
             e.next = &e;
         }
         capture_stdout();
-        uint32_t n = op == Op::SubtractLists    ? mldrt_subtract_srclists(res.get(), a, b)
-                     : op == Op::SubtractRecord ? mldrt_subtract_srclist_and_rcvd_record(
-                                                      res.get(), a, rec.data(), nrec, row.mode)
-                     : op == Op::IntersectRecord
-                         ? mldrt_intersect_srclist_with_rcvd_record(res.get(), a, rec.data(), nrec)
-                         : mldrt_union_srclists(res.get(), a, b);
+        uint32_t n =
+            op == Op::SubtractLists     ? subtract_lists(res.get(), a, b)
+            : op == Op::SubtractRecord  ? subtract_record(res.get(), a, rec.data(), nrec, row.mode)
+            : op == Op::IntersectRecord ? intersect_with_record(res.get(), a, rec.data(), nrec)
+                                        : unite_lists(res.get(), a, b);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), row.out);
         EXPECT_EQ(n, row.result.size());
         EXPECT_EQ(res->n, row.result.size());
         const bool from_record = op == Op::SubtractRecord && row.mode == 0;
         std::vector<int> got;
-        for (const mldrt_src* p = mldrt_result_list(res.get()); p; p = p->next) {
+        for (const Source* p = set_list(res.get()); p; p = p->next) {
             got.push_back(p->src_addr[15]);
             ASSERT_EQ(std::memcmp(p->src_addr, S(p->src_addr[15]).data(), 16), 0);
             const bool in_a = std::count(row.a.begin(), row.a.end(), p->src_addr[15]) > 0;
@@ -96,8 +97,8 @@ void run(Op op, const std::vector<Row>& rows) {
             EXPECT_EQ(p->rtx_count, 0) << "source " << got.back();
         }
         EXPECT_EQ(got, row.result);
-        mldrt_free_srclist(&a);
-        mldrt_free_srclist(&b);
+        free_srclist(&a);
+        free_srclist(&b);
     }
 }
 
@@ -162,24 +163,24 @@ TEST(AlgebraTest, InPlaceIntersectionKeepsOrder) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        mldrt_src* a = make_list(row.a, 0);
-        mldrt_src* b = make_list(row.b, 0);
-        EXPECT_EQ(mldrt_intersect_srclists(&a, b), row.kept);
+        Source* a = make_list(row.a, 0);
+        Source* b = make_list(row.b, 0);
+        EXPECT_EQ(intersect_in_place(&a, b), row.kept);
         EXPECT_EQ(order(a), row.left);
-        mldrt_free_srclist(&a);
-        mldrt_free_srclist(&b);
+        free_srclist(&a);
+        free_srclist(&b);
     }
 }
 
 class GroupAlgebraTest : public RouterTest {};
 
 TEST_F(GroupAlgebraTest, GroupListOperationsWithdrawForwardingPerEntry) {
-    mldrt_interface* up = add_link("up0", 10, 5);
+    Link* up = make_link("up0", 10, 5);
     router.upstream = up;
-    mldrt_interface* link = add_link("eth1", 11, 1);
+    Link* link = make_link("eth1", 11, 1);
     struct GroupRow {
         const char* name;
-        bool empty;  // mldrt_empty_grp_srclist, else the intersection with a record
+        bool empty;  // empty_group_list, else the intersection with a record
         uint32_t code;
         std::vector<int> list, rec;  // list added in this order, so it reads backwards
         int result;
@@ -205,23 +206,23 @@ TEST_F(GroupAlgebraTest, GroupListOperationsWithdrawForwardingPerEntry) {
         SCOPED_TRACE(row.name);
         addr6 ga = ip6("ff0e::");
         ga[15] = static_cast<uint8_t>(grp++);
-        mldrt_group* g = mldrt_add_group(&router, link, ga.data());
-        mldrt_create_gr_mfd_mapping(&router, g, mldrt_add_mfdb_entry(&router, ga.data()));
+        Group* g = add_group(&router, link, ga.data());
+        map_group_to_entry(&router, g, add_forwarding_entry(&router, ga.data()));
         const uint32_t fill = row.code <= 2 ? row.code : row.code == 11 ? 0 : row.code;
         for (int n : row.list) {
             if (fill <= 2) {
-                mldrt_add_entry_to_grp_srclist(&router, g, fill, S(n).data(), 9, link);
+                add_to_group_list(&router, g, list_kind(fill), S(n).data(), 9, link);
             } else {
-                mldrt_add_src_to_group(g, g->mfdb, fill, S(n).data());
+                add_source_to_group(g, g->mfdb, list_kind(fill), S(n).data());
             }
         }
-        mldrt_src** list = mldrt_select_srclist(g, g->mfdb, fill);
+        Source** list = select_list(g, g->mfdb, list_kind(fill));
         fake::kernel().sockopts.clear();
         std::vector<uint8_t> rec = record(row.rec);
         capture_stdout();
-        int rc = row.empty ? mldrt_empty_grp_srclist(&router, g, g->mfdb, row.code, link)
-                           : mldrt_intersect_grp_srclist_with_rcvd_record(
-                                 &router, g, row.code, rec.data(),
+        int rc = row.empty ? empty_group_list(&router, g, g->mfdb, list_kind(row.code), link)
+                           : intersect_group_list_with_record(
+                                 &router, g, list_kind(row.code), rec.data(),
                                  static_cast<uint32_t>(row.rec.size()), link);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), row.out);
         EXPECT_EQ(rc, row.result);

@@ -6,6 +6,8 @@
 #include "core/daemon.h"
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 class ConfigTest : public RouterTest {
@@ -17,16 +19,16 @@ class ConfigTest : public RouterTest {
         router.last_listener_query_interval = router.last_listener_query_count = 0;
         router.verbose = 0;
         std::memset(router.upstream_ifname, 0, sizeof router.upstream_ifname);
-        router.upstream_ifname[MLDRT_IFNAME_LEN] = 'Z';
+        router.upstream_ifname[kIfnameLen] = 'Z';
         std::memset(router.downstream_ifnames, 0, sizeof router.downstream_ifnames);
         router.downstream_count = 0;
     }
 
-    mldrt_config_result read(std::string text, std::string* out) {
+    ConfigResult read(std::string text, std::string* out) {
         FILE* fp = fmemopen(&text[0], text.size(), "r");
         EXPECT_NE(fp, nullptr);
-        mldrt_config_result result = MLDRT_CONFIG_OK;
-        *out = stdout_of([&] { result = mldrt_read_config(&router, fp, "mld.conf"); });
+        ConfigResult result = ConfigResult::Ok;
+        *out = stdout_of([&] { result = read_config(&router, fp, "mld.conf"); });
         fclose(fp);
         return result;
     }
@@ -37,7 +39,7 @@ struct ConfigRow {
     std::string text;
     const char* ifname;
     uint32_t robustness, qi, qri, llqi, llqc, verbose;
-    mldrt_config_result result;
+    ConfigResult result;
     std::string out;
     std::vector<std::string> downstream = {};
 };
@@ -49,10 +51,10 @@ const std::string kQi = "QUERY_INTERVAL 9\n";
 const std::string kQri = "QUERY_RESPONSE_INTERVAL 1000\n";
 const std::string kLlqi = "LAST_LISTENER_QUERY_INTERVAL 2\n";
 const std::string kLlqc = "LAST_LISTENER_QUERY_COUNT 4\n";
-const mldrt_config_result OK = MLDRT_CONFIG_OK;
-const mldrt_config_result NO_UP = MLDRT_CONFIG_NO_UPSTREAM;
-const mldrt_config_result BAD = MLDRT_CONFIG_BAD_ROBUSTNESS;
-const mldrt_config_result LINES = MLDRT_CONFIG_BAD_LINES;
+const ConfigResult OK = ConfigResult::Ok;
+const ConfigResult NO_UP = ConfigResult::NoUpstream;
+const ConfigResult BAD = ConfigResult::BadRobustness;
+const ConfigResult LINES = ConfigResult::BadLines;
 const std::string kRobustnessMsg = "\nMLDRT: Robustness must be greater than 1\n";
 
 std::string at(int line, const std::string& what) {
@@ -203,14 +205,14 @@ TEST(ConfigOptionTest, ExactKeywordGivesItsIdElseNone) {
         {"VERBOSE", 7},
         {"DOWNSTREAM_IFNAME", 8},
         {"", 0},
-        {nullptr, MLDRT_OPT_NONE},
-        {"verbose", MLDRT_OPT_NONE},
-        {"QUERY_INTERVALS", MLDRT_OPT_NONE},
-        {"QUERY", MLDRT_OPT_NONE},
+        {nullptr, kOptNone},
+        {"verbose", kOptNone},
+        {"QUERY_INTERVALS", kOptNone},
+        {"QUERY", kOptNone},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.first ? row.first : "(no token)");
-        EXPECT_EQ(mldrt_get_option(row.first), row.second);
+        EXPECT_EQ(get_option(row.first), row.second);
     }
 }
 
@@ -229,11 +231,11 @@ TEST_F(ConfigTest, DownstreamNamesChooseTheLinksServed) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.link);
         clear_config();
-        mldrt_copy_ifname(router.upstream_ifname, "up0");
+        copy_ifname(router.upstream_ifname, "up0");
         for (const char* name : row.downstream) {
-            mldrt_copy_ifname(router.downstream_ifnames[router.downstream_count++], name);
+            copy_ifname(router.downstream_ifnames[router.downstream_count++], name);
         }
-        EXPECT_EQ(mldrt_is_chosen_link(&router, row.link), row.chosen);
+        EXPECT_EQ(is_chosen_link(&router, row.link), row.chosen);
     }
 }
 
@@ -269,7 +271,7 @@ TEST(ConfigCheckTest, GoodFileExitsZeroBadOrMissingOne) {
             fclose(fp);
         }
         int rc = 0;
-        EXPECT_EQ(stdout_of([&] { rc = mldrt_check_config(path.c_str()); }), row.out);
+        EXPECT_EQ(stdout_of([&] { rc = check_config(path.c_str()); }), row.out);
         EXPECT_EQ(rc, row.rc);
     }
     unlink(path.c_str());

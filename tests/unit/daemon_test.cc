@@ -2,12 +2,14 @@
 #include "core/daemon.h"
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 class ShutdownTest : public RouterTest {};
 
 std::vector<uint8_t> mif6ctl_bytes(uint16_t mifi, uint16_t pifi) {
-    mldrt_mif6ctl mc{};
+    Mif6Ctl mc{};
     mc.mif6c_mifi = mifi;
     mc.mif6c_pifi = pifi;
     std::vector<uint8_t> v(sizeof mc);
@@ -18,18 +20,18 @@ std::vector<uint8_t> mif6ctl_bytes(uint16_t mifi, uint16_t pifi) {
 // Linux would drop the MIFs and MFCs itself when the socket closes; the order here is what
 // the daemon owes: every MIF deleted, then MRT6_DONE, then the sockets closed.
 TEST_F(ShutdownTest, MifsAreDeletedBeforeMrt6DoneAndTheSocketsCloseLast) {
-    mldrt_interface* eth1 = add_link("eth1", 7, 0);
-    mldrt_interface* eth2 = add_link("up0", 8, 1);
+    Link* eth1 = make_link("eth1", 7, 0);
+    Link* eth2 = make_link("up0", 8, 1);
     router.upstream = eth2;
     const std::string s1 = std::to_string(eth1->sock), s2 = std::to_string(eth2->sock);
     const std::string rs = std::to_string(router.router_sock);
     const std::string ns = std::to_string(router.netlink_sock);
     fake::kernel().log.clear();
     fake::kernel().sockopts.clear();
-    mldrt_cleanup_interfaces(&router);
+    delete_all_links(&router);
     EXPECT_EQ(router.interfaces, nullptr);
     EXPECT_EQ(router.upstream, nullptr);
-    mldrt_uninit(&router);
+    shut_down(&router);
     const std::vector<std::string> want = {
         "setsockopt 41/203", "close " + s2, "setsockopt 41/203", "close " + s1,
         "setsockopt 41/201", "close " + rs, "close " + ns,
@@ -51,7 +53,7 @@ TEST_F(ShutdownTest, MifsAreDeletedBeforeMrt6DoneAndTheSocketsCloseLast) {
 TEST_F(ShutdownTest, DescriptorZeroIsNeverClosed) {
     router.router_sock = 0;
     router.netlink_sock = 0;
-    mldrt_uninit(&router);
+    shut_down(&router);
     EXPECT_TRUE(fake::kernel().closed.empty());
     EXPECT_TRUE(fake::kernel().sockopts.empty());  // no MRT6_DONE on a socket never opened
 }
@@ -61,9 +63,9 @@ using ShutdownDeathTest = ShutdownTest;
 // A signal's end is a clean one (status 0); a start that failed after its message exits 1, so
 // that a service manager sees the failure and may try again.
 TEST_F(ShutdownDeathTest, ExitStatusTellsASignalFromAFailedStart) {
-    add_link("eth1", 7, 0);
+    make_link("eth1", 7, 0);
     EXPECT_EXIT(mldv2_done(), testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(mldrt_fail_start(), testing::ExitedWithCode(1), "");
+    EXPECT_EXIT(fail_start(), testing::ExitedWithCode(1), "");
 }
 
 }  // namespace

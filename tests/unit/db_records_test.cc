@@ -4,6 +4,8 @@
 
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 addr6 G(int n) {
@@ -24,9 +26,9 @@ std::string order(const T* p) {
     std::string s;
     for (; p; p = p->next) {
         const uint8_t* a;
-        if constexpr (std::is_same_v<T, mldrt_member>) {
+        if constexpr (std::is_same_v<T, Host>) {
             a = p->member_addr;
-        } else if constexpr (std::is_same_v<T, mldrt_src>) {
+        } else if constexpr (std::is_same_v<T, Source>) {
             a = p->src_addr;
         } else {
             a = p->grp_addr;
@@ -48,10 +50,10 @@ bool links_ok(T** head) {
 }
 
 // A source list in the given order, built from unlinked entries.
-mldrt_src* make_list(const std::vector<int>& ns) {
-    mldrt_src* head = nullptr;
+Source* make_list(const std::vector<int>& ns) {
+    Source* head = nullptr;
     for (auto it = ns.rbegin(); it != ns.rend(); ++it) {
-        mldrt_src* s = mldrt_create_src_for_grp(S(*it).data());
+        Source* s = create_source(S(*it).data());
         s->next = head;
         head = s;
     }
@@ -62,14 +64,14 @@ class RecordsTest : public RouterTest {
   protected:
     void SetUp() override {
         RouterTest::SetUp();
-        link = add_link("eth1", 11, 1);
+        link = make_link("eth1", 11, 1);
     }
-    mldrt_group* group(int n) {
-        mldrt_group* g = mldrt_add_group(&router, link, G(n).data());
-        mldrt_create_gr_mfd_mapping(&router, g, mldrt_add_mfdb_entry(&router, G(n).data()));
+    Group* group(int n) {
+        Group* g = add_group(&router, link, G(n).data());
+        map_group_to_entry(&router, g, add_forwarding_entry(&router, G(n).data()));
         return g;
     }
-    mldrt_interface* link = nullptr;
+    Link* link = nullptr;
 };
 
 TEST_F(RecordsTest, FindOrAddReturnsExistingRecordUnchangedAndPushesNewAtHead) {
@@ -79,17 +81,17 @@ TEST_F(RecordsTest, FindOrAddReturnsExistingRecordUnchangedAndPushesNewAtHead) {
         std::function<std::string()> walk;
         size_t size;
     };
-    mldrt_group* g = group(100);
+    Group* g = group(100);
     const std::vector<Row> rows = {
-        {"Groups", [&](int n) -> void* { return mldrt_add_group(&router, link, G(n).data()); },
-         [&] { return order(link->groups); }, sizeof(mldrt_group)},
-        {"Members", [&](int n) -> void* { return mldrt_add_member(g, S(n).data()); },
-         [&] { return order(g->member_list); }, sizeof(mldrt_member)},
+        {"Groups", [&](int n) -> void* { return add_group(&router, link, G(n).data()); },
+         [&] { return order(link->groups); }, sizeof(Group)},
+        {"Members", [&](int n) -> void* { return add_host(g, S(n).data()); },
+         [&] { return order(g->member_list); }, sizeof(Host)},
         {"Sources",
-         [&](int n) -> void* { return mldrt_add_src_to_group(g, nullptr, 2, S(n).data()); },
-         [&] { return order(g->exc_list); }, sizeof(mldrt_src)},
-        {"MfdbEntries", [&](int n) -> void* { return mldrt_add_mfdb_entry(&router, G(n).data()); },
-         [&] { return order(router.mfdb_list); }, sizeof(mldrt_mfdb_entry)},
+         [&](int n) -> void* { return add_source_to_group(g, nullptr, list_kind(2), S(n).data()); },
+         [&] { return order(g->exc_list); }, sizeof(Source)},
+        {"MfdbEntries", [&](int n) -> void* { return add_forwarding_entry(&router, G(n).data()); },
+         [&] { return order(router.mfdb_list); }, sizeof(ForwardingEntry)},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -123,12 +125,12 @@ TEST_F(RecordsTest, ListCodesSelectTheirList) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        mldrt_group* g = group(static_cast<int>(row.code) + 1);
-        mldrt_mfdb_entry* e = g->mfdb;
-        e->new_host_state = static_cast<mldrt_hs_state*>(calloc(1, sizeof(mldrt_hs_state)));
+        Group* g = group(static_cast<int>(row.code) + 1);
+        ForwardingEntry* e = g->mfdb;
+        e->new_host_state = static_cast<HostState*>(calloc(1, sizeof(HostState)));
         auto heads = [&] {
-            std::vector<mldrt_src*> h = {g->include_list, g->req_list, g->exc_list, g->srsp_list};
-            for (mldrt_src* l :
+            std::vector<Source*> h = {g->include_list, g->req_list, g->exc_list, g->srsp_list};
+            for (Source* l :
                  {g->non_srsp_list, e->old_host_state->list, e->new_host_state->list,
                   e->scr_to_ex_list, e->scr_to_in_list, e->scr_allow_list, e->scr_block_list}) {
                 h.push_back(l);
@@ -136,11 +138,11 @@ TEST_F(RecordsTest, ListCodesSelectTheirList) {
             return h;
         };
         // Codes 5 to 10 need only the forwarding entry: the host-state code passes no group.
-        mldrt_group* gp = row.code >= 5 && row.code <= 10 ? nullptr : g;
+        Group* gp = row.code >= 5 && row.code <= 10 ? nullptr : g;
         capture_stdout();
-        mldrt_src* s = mldrt_add_src_to_group(gp, e, row.code, S(7).data());
-        std::vector<mldrt_src*> after_add = heads();
-        int del = mldrt_del_src_from_group(gp, e, row.code, S(7).data());
+        Source* s = add_source_to_group(gp, e, list_kind(row.code), S(7).data());
+        std::vector<Source*> after_add = heads();
+        int del = remove_source_from_group(gp, e, list_kind(row.code), S(7).data());
         std::string out = testing::internal::GetCapturedStdout();
         for (uint32_t code = 0; code < after_add.size(); code++) {
             EXPECT_EQ(after_add[code], code == row.code ? s : nullptr) << "list " << code;
@@ -176,10 +178,10 @@ TEST_F(RecordsTest, SourceRemovalTakesFirstMatchOnly) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        mldrt_src* list = make_list(row.list);
-        mldrt_remove_entry_from_srclist(&list, S(row.remove).data());
+        Source* list = make_list(row.list);
+        remove_from_list(&list, S(row.remove).data());
         EXPECT_EQ(order(list), row.expected);
-        mldrt_free_srclist(&list);
+        free_srclist(&list);
     }
 }
 
@@ -197,38 +199,38 @@ TEST_F(RecordsTest, DeleteUnlinksFromHeadMiddleAndTail) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        mldrt_interface* ifp = add_link(row.name, 40, 7);
-        mldrt_group* owner = mldrt_add_group(&router, ifp, G(50).data());
-        mldrt_group* victim = nullptr;
-        mldrt_member* victim_member = nullptr;
+        Link* ifp = make_link(row.name, 40, 7);
+        Group* owner = add_group(&router, ifp, G(50).data());
+        Group* victim = nullptr;
+        Host* victim_member = nullptr;
         for (int n = 1; n <= 3; n++) {
             if (row.members) {
-                mldrt_member* m = mldrt_add_member(owner, S(n).data());
+                Host* m = add_host(owner, S(n).data());
                 victim_member = n == row.victim ? m : victim_member;
             } else {
-                mldrt_group* g = mldrt_add_group(&router, ifp, G(n).data());
+                Group* g = add_group(&router, ifp, G(n).data());
                 victim = n == row.victim ? g : victim;
             }
         }
         if (row.members) {
-            mldrt_delete_member(victim_member);
+            delete_host(victim_member);
             EXPECT_EQ(order(owner->member_list), row.expected);
             EXPECT_TRUE(links_ok(&owner->member_list));
-            mldrt_add_member(owner, S(9).data());
+            add_host(owner, S(9).data());
             EXPECT_EQ(order(owner->member_list), std::string("9 ") + row.expected);
             EXPECT_TRUE(links_ok(&owner->member_list));
         } else {
-            mldrt_delete_group(victim);
+            delete_group(victim);
             EXPECT_EQ(order(ifp->groups), std::string(row.expected) + " 50");
             EXPECT_TRUE(links_ok(&ifp->groups));
-            mldrt_add_group(&router, ifp, G(9).data());
+            add_group(&router, ifp, G(9).data());
             EXPECT_EQ(order(ifp->groups), std::string("9 ") + row.expected + " 50");
             EXPECT_TRUE(links_ok(&ifp->groups));
         }
         if (row.members) {
-            EXPECT_EQ(mldrt_lookup_member(owner, S(row.victim).data()), nullptr);
+            EXPECT_EQ(find_host(owner, S(row.victim).data()), nullptr);
         } else {
-            EXPECT_EQ(mldrt_lookup_group(ifp, G(row.victim).data()), nullptr);
+            EXPECT_EQ(find_group(ifp, G(row.victim).data()), nullptr);
         }
     }
 }
@@ -236,25 +238,25 @@ TEST_F(RecordsTest, DeleteUnlinksFromHeadMiddleAndTail) {
 TEST_F(RecordsTest, MembersAndSourcesBeyond64AreRefusedWithOneLineAMinute) {
     struct Row {
         const char* name;
-        std::function<void*(mldrt_group*, int)> add;
+        std::function<void*(Group*, int)> add;
         const char* line;
     };
     const char* kSources = "MLDRT: Limit of 64 sources per list reached, request not handled\n";
     auto source_row = [&](const char* name, uint32_t code) {
         return Row{name,
-                   [code](mldrt_group* g, int n) -> void* {
+                   [code](Group* g, int n) -> void* {
                        addr6 a = S(0);
                        a[14] = static_cast<uint8_t>(n);  // 300 distinct sources
-                       return mldrt_add_src_to_group(g, g->mfdb, code, a.data());
+                       return add_source_to_group(g, g->mfdb, list_kind(code), a.data());
                    },
                    kSources};
     };
     const std::vector<Row> rows = {
         {"Members",
-         [](mldrt_group* g, int n) -> void* {
+         [](Group* g, int n) -> void* {
              addr6 a = ip6("fe80::");
              a[14] = static_cast<uint8_t>(n);
-             return mldrt_add_member(g, a.data());
+             return add_host(g, a.data());
          },
          "MLDRT: Limit of 64 members per group reached, host served but not recorded\n"},
         source_row("IncludeList", 0),
@@ -267,7 +269,7 @@ TEST_F(RecordsTest, MembersAndSourcesBeyond64AreRefusedWithOneLineAMinute) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         fake::kernel().clock_seconds += 3600;
-        mldrt_group* g = group(n++);
+        Group* g = group(n++);
         capture_stdout();
         for (int i = 1; i <= 64; i++) {
             ASSERT_NE(row.add(g, i), nullptr) << i;
@@ -292,26 +294,26 @@ TEST_F(RecordsTest, The16385thGroupIsRefusedAndNothingElseChanges) {
         a[3] = static_cast<uint8_t>(i);
         return a;
     };
-    for (uint32_t i = 0; i < MLDRT_MAX_GROUPS; i++) {
-        ASSERT_NE(mldrt_add_mfdb_entry(&router, big(i).data()), nullptr) << i;
+    for (uint32_t i = 0; i < kMaxGroups; i++) {
+        ASSERT_NE(add_forwarding_entry(&router, big(i).data()), nullptr) << i;
     }
-    mldrt_group* existing = mldrt_add_group(&router, link, big(5).data());
+    Group* existing = add_group(&router, link, big(5).data());
     ASSERT_NE(existing, nullptr) << "a group whose entry exists needs no new entry";
-    mldrt_mfdb_entry* head = router.mfdb_list;
+    ForwardingEntry* head = router.mfdb_list;
     capture_stdout();
-    EXPECT_EQ(mldrt_add_mfdb_entry(&router, G(1).data()), nullptr);
-    EXPECT_EQ(mldrt_add_group(&router, link, G(1).data()), nullptr);
-    EXPECT_EQ(mldrt_add_mfdb_entry(&router, big(77).data()),
-              mldrt_lookup_mfdb_entry(&router, big(77).data()));
+    EXPECT_EQ(add_forwarding_entry(&router, G(1).data()), nullptr);
+    EXPECT_EQ(add_group(&router, link, G(1).data()), nullptr);
+    EXPECT_EQ(add_forwarding_entry(&router, big(77).data()),
+              find_forwarding_entry(&router, big(77).data()));
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "MLDRT: Limit of 16384 groups reached, request not handled\n");
-    EXPECT_EQ(mldrt_mfdb_count(), MLDRT_MAX_GROUPS);
+    EXPECT_EQ(forwarding_entry_count(), kMaxGroups);
     EXPECT_EQ(router.mfdb_list, head);
     EXPECT_EQ(link->groups, existing);
     EXPECT_EQ(existing->next, nullptr);
-    EXPECT_EQ(mldrt_lookup_mfdb_entry(&router, G(1).data()), nullptr);
-    mldrt_delete_mfdb_entry(&router, mldrt_lookup_mfdb_entry(&router, big(9).data()));
-    EXPECT_NE(mldrt_add_mfdb_entry(&router, G(1).data()), nullptr) << "room again after a delete";
+    EXPECT_EQ(find_forwarding_entry(&router, G(1).data()), nullptr);
+    delete_forwarding_entry(&router, find_forwarding_entry(&router, big(9).data()));
+    EXPECT_NE(add_forwarding_entry(&router, G(1).data()), nullptr) << "room again after a delete";
 }
 
 TEST_F(RecordsTest, MfdbEntriesDeleteFromAnyPositionKeepTheCountAndMapOnce) {
@@ -328,23 +330,23 @@ TEST_F(RecordsTest, MfdbEntriesDeleteFromAnyPositionKeepTheCountAndMapOnce) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         for (int n = 1; n <= 3; n++) {
-            mldrt_add_mfdb_entry(&router, G(n).data());
+            add_forwarding_entry(&router, G(n).data());
         }
-        ASSERT_EQ(mldrt_mfdb_count(), 3u);
+        ASSERT_EQ(forwarding_entry_count(), 3u);
         for (size_t i = 0; i < row.deletions.size(); i++) {
-            mldrt_delete_mfdb_entry(&router,
-                                    mldrt_lookup_mfdb_entry(&router, G(row.deletions[i]).data()));
+            delete_forwarding_entry(&router,
+                                    find_forwarding_entry(&router, G(row.deletions[i]).data()));
             EXPECT_EQ(order(router.mfdb_list), row.after[i]);
             EXPECT_TRUE(links_ok(&router.mfdb_list));
-            EXPECT_EQ(mldrt_mfdb_count(), 2u - i);
-            EXPECT_EQ(mldrt_lookup_mfdb_entry(&router, G(row.deletions[i]).data()), nullptr);
+            EXPECT_EQ(forwarding_entry_count(), 2u - i);
+            EXPECT_EQ(find_forwarding_entry(&router, G(row.deletions[i]).data()), nullptr);
         }
     }
     // A group is mapped to its entry once.
-    mldrt_group* g = mldrt_add_group(&router, link, G(1).data());
-    mldrt_mfdb_entry* first = mldrt_add_mfdb_entry(&router, G(1).data());
-    mldrt_create_gr_mfd_mapping(&router, g, first);
-    mldrt_create_gr_mfd_mapping(&router, g, mldrt_add_mfdb_entry(&router, G(2).data()));
+    Group* g = add_group(&router, link, G(1).data());
+    ForwardingEntry* first = add_forwarding_entry(&router, G(1).data());
+    map_group_to_entry(&router, g, first);
+    map_group_to_entry(&router, g, add_forwarding_entry(&router, G(2).data()));
     EXPECT_EQ(g->mfdb, first);
 }
 
@@ -366,20 +368,20 @@ TEST_F(RecordsTest, FwinfoEmptinessUsesReversedSense) {
     int n = 1;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        mldrt_group* g = mldrt_add_group(&router, link, G(n++).data());
+        Group* g = add_group(&router, link, G(n++).data());
         if (row.mapped) {
-            mldrt_create_gr_mfd_mapping(&router, g, mldrt_add_mfdb_entry(&router, g->grp_addr));
+            map_group_to_entry(&router, g, add_forwarding_entry(&router, g->grp_addr));
         }
         if (row.record) {
-            mldrt_fwinfo* fw = mldrt_add_fwinfo_to_fdb(g, S(1).data());
+            ForwardingRecord* fw = add_forwarding_record(g, S(1).data());
             ASSERT_NE(fw, nullptr);
-            EXPECT_EQ(mldrt_add_fwinfo_to_fdb(g, S(1).data()), fw);
+            EXPECT_EQ(add_forwarding_record(g, S(1).data()), fw);
             if (row.mark >= 0) {
                 fw->mif_member[row.mark] = 1;
             }
         }
-        EXPECT_EQ(mldrt_lookup_fwinfo_in_fdb(g, S(1).data()) != nullptr, row.record);
-        EXPECT_EQ(is_fwinfo_empty_for_grp_src(g, S(1).data()), row.expected);
+        EXPECT_EQ(find_forwarding_record(g, S(1).data()) != nullptr, row.record);
+        EXPECT_EQ(has_forwarding_marks(g, S(1).data()), row.expected);
     }
 }
 
@@ -404,23 +406,23 @@ TEST_F(RecordsTest, MembershipInfoIsSourceAndAnySourceMarksLessExclusions) {
     int n = 1;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        mldrt_group* g = group(n++);
+        Group* g = group(n++);
         const addr6 any{};
         // Another source before and after, so that the walks must pick the right record.
-        mldrt_add_fwinfo_to_fdb(g, S(8).data())->mif_member[7] = 1;
+        add_forwarding_record(g, S(8).data())->mif_member[7] = 1;
         for (int m : row.source_mifs) {
-            mldrt_add_fwinfo_to_fdb(g, S(1).data())->mif_member[m] = 1;
+            add_forwarding_record(g, S(1).data())->mif_member[m] = 1;
         }
         for (int m : row.any_mifs) {
-            mldrt_add_fwinfo_to_fdb(g, any.data())->mif_member[m] = 1;
+            add_forwarding_record(g, any.data())->mif_member[m] = 1;
         }
         for (int m : row.excluded) {
-            mldrt_add_fwinfo_to_fdb(g, S(1).data())->mif_member[m] = MLDRT_MARK_EXCLUDED;
+            add_forwarding_record(g, S(1).data())->mif_member[m] = kMarkExcluded;
         }
-        mldrt_add_fwinfo_to_fdb(g, S(9).data())->mif_member[8] = 1;
+        add_forwarding_record(g, S(9).data())->mif_member[8] = 1;
         uint8_t oifs[32];
         std::memset(oifs, 0xff, sizeof oifs);  // whatever the caller's array held goes
-        mldrt_generate_membership_info(g->mfdb, row.ask_any ? any.data() : S(1).data(), oifs);
+        outgoing_mifs(g->mfdb, row.ask_any ? any.data() : S(1).data(), oifs);
         std::vector<int> got;
         for (int i = 0; i < 32; i++) {
             if (oifs[i]) {
@@ -451,15 +453,14 @@ TEST_F(RecordsTest, AddressIndexesFollowTheirListsThroughGrowthAndRemoval) {
         return v;
     };
     const std::vector<Row> rows = {
-        {"Groups",
-         [&](const addr6& a) -> void* { return mldrt_add_group(&router, link, a.data()); },
-         [&](const addr6& a) -> void* { return mldrt_lookup_group(link, a.data()); },
-         [](void* g) { mldrt_delete_group(static_cast<mldrt_group*>(g)); },
-         [&] { return walk(link->groups); }, [&] { return link->group_index.size; }},
+        {"Groups", [&](const addr6& a) -> void* { return add_group(&router, link, a.data()); },
+         [&](const addr6& a) -> void* { return find_group(link, a.data()); },
+         [](void* g) { delete_group(static_cast<Group*>(g)); }, [&] { return walk(link->groups); },
+         [&] { return link->group_index.size; }},
         {"MfdbEntries",
-         [&](const addr6& a) -> void* { return mldrt_add_mfdb_entry(&router, a.data()); },
-         [&](const addr6& a) -> void* { return mldrt_lookup_mfdb_entry(&router, a.data()); },
-         [&](void* e) { mldrt_delete_mfdb_entry(&router, static_cast<mldrt_mfdb_entry*>(e)); },
+         [&](const addr6& a) -> void* { return add_forwarding_entry(&router, a.data()); },
+         [&](const addr6& a) -> void* { return find_forwarding_entry(&router, a.data()); },
+         [&](void* e) { delete_forwarding_entry(&router, static_cast<ForwardingEntry*>(e)); },
          [&] { return walk(router.mfdb_list); }, [&] { return router.mfdb_index.size; }},
     };
     constexpr int kRecords = 300;  // 16 buckets at first, 512 in the end
@@ -502,29 +503,29 @@ TEST_F(RecordsTest, AddressIndexesFollowTheirListsThroughGrowthAndRemoval) {
 
 TEST_F(RecordsTest, DeletingAnEntryFreesEverythingItHolds) {
     // Under LeakSanitizer a record left behind fails the run.
-    mldrt_mfdb_entry* e = mldrt_create_mfdb_entry(G(1).data());
+    ForwardingEntry* e = create_forwarding_entry(G(1).data());
     ASSERT_NE(e, nullptr);
     ASSERT_NE(e->old_host_state, nullptr);
-    EXPECT_EQ(e->old_host_state->mode, 0u);
-    e->new_host_state = static_cast<mldrt_hs_state*>(calloc(1, sizeof(mldrt_hs_state)));
+    EXPECT_EQ(e->old_host_state->mode, FilterMode::Include);
+    e->new_host_state = static_cast<HostState*>(calloc(1, sizeof(HostState)));
     for (uint32_t code = 5; code <= 10; code++) {
-        ASSERT_NE(mldrt_add_src_to_group(nullptr, e, code, S(1).data()), nullptr);
-        ASSERT_NE(mldrt_add_src_to_group(nullptr, e, code, S(2).data()), nullptr);
+        ASSERT_NE(add_source_to_group(nullptr, e, list_kind(code), S(1).data()), nullptr);
+        ASSERT_NE(add_source_to_group(nullptr, e, list_kind(code), S(2).data()), nullptr);
     }
-    mldrt_group g{};
+    Group g{};
     g.mfdb = e;
-    mldrt_add_fwinfo_to_fdb(&g, S(1).data());
-    mldrt_add_fwinfo_to_fdb(&g, addr6{}.data());
-    const uint32_t count = mldrt_mfdb_count();
-    mldrt_delete_mfdb_entry(&router, e);
-    EXPECT_EQ(mldrt_mfdb_count(), count) << "an unlinked entry was never counted";
+    add_forwarding_record(&g, S(1).data());
+    add_forwarding_record(&g, addr6{}.data());
+    const uint32_t count = forwarding_entry_count();
+    delete_forwarding_entry(&router, e);
+    EXPECT_EQ(forwarding_entry_count(), count) << "an unlinked entry was never counted";
 
-    mldrt_mfdb_entry* linked = mldrt_add_mfdb_entry(&router, G(2).data());
+    ForwardingEntry* linked = add_forwarding_entry(&router, G(2).data());
     g.mfdb = linked;
-    mldrt_add_fwinfo_to_fdb(&g, S(3).data());
-    mldrt_add_src_to_group(nullptr, linked, 9, S(3).data());
-    mldrt_delete_mfdb_entry(&router, linked);
-    EXPECT_EQ(mldrt_mfdb_count(), count);
+    add_forwarding_record(&g, S(3).data());
+    add_source_to_group(nullptr, linked, list_kind(9), S(3).data());
+    delete_forwarding_entry(&router, linked);
+    EXPECT_EQ(forwarding_entry_count(), count);
     EXPECT_EQ(router.mfdb_list, nullptr);
 }
 

@@ -7,6 +7,8 @@
 
 #include "listener_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 using namespace lsn;
@@ -17,10 +19,10 @@ class DispatchTest : public ListenerTest {
     // goes at the offset returned.
     uint32_t report(uint16_t nrec) {
         std::memset(router.buf, 0, router.buf_size);
-        router.buf[0] = MLDRT_TYPE_V2_REPORT;
+        router.buf[0] = kTypeV2Report;
         router.buf[6] = static_cast<uint8_t>(nrec >> 8);
         router.buf[7] = static_cast<uint8_t>(nrec);
-        return MLDRT_REPORT_HDR_LEN;
+        return kReportHdrLen;
     }
     // A record at `off`: type, Aux Data Len, Number of Sources (`claimed`, network order),
     // group, and the sources given. Returns the offset after its sources.
@@ -33,7 +35,7 @@ class DispatchTest : public ListenerTest {
         r[2] = static_cast<uint8_t>(n >> 8);
         r[3] = static_cast<uint8_t>(n);
         std::memcpy(r + 4, g.data(), 16);
-        off += MLDRT_MCAST_REC_HDR_LEN;
+        off += kMcastRecHdrLen;
         for (int s : srcs) {
             EXPECT_LE(off + 16, router.buf_size);
             std::memcpy(router.buf + off, src(s).data(), 16);
@@ -41,16 +43,16 @@ class DispatchTest : public ListenerTest {
         }
         return off;
     }
-    void receive(mldrt_interface* ifp, int len, const addr6& from) {
-        mldrt_handle_mld_message(&router, ifp, router.buf, from.data(), len);
+    void receive(Link* ifp, int len, const addr6& from) {
+        handle_mld_message(&router, ifp, router.buf, from.data(), len);
     }
     void receive(int len = 2048) { receive(eth1, len, host); }
     const addr6 G2 = grp(2), G3 = grp(3), G4 = grp(4);
 };
 
-constexpr uint8_t IS_IN = MLDRT_REC_MODE_IS_INCLUDE;
-constexpr uint8_t TO_EX = MLDRT_REC_CHANGE_TO_EXCLUDE;
-constexpr uint8_t ALLOW = MLDRT_REC_ALLOW_NEW_SOURCES;
+constexpr uint8_t IS_IN = code(RecordType::ModeIsInclude);
+constexpr uint8_t TO_EX = code(RecordType::ChangeToExclude);
+constexpr uint8_t ALLOW = code(RecordType::AllowNewSources);
 
 TEST_F(DispatchTest, OwnTransmissionLoopedBackIsIgnored) {
     put(report(1), TO_EX, G1, {});
@@ -71,13 +73,13 @@ TEST_F(DispatchTest, LinkVersionIsThatOfTheLastQueryHeard) {
         int len;
         int32_t version;
     } const rows[] = {
-        {MLDRT_TYPE_QUERY, 24, 1},
-        {MLDRT_TYPE_QUERY, 25, 2},
-        {MLDRT_TYPE_QUERY, 28, 2},
+        {kTypeQuery, 24, 1},
+        {kTypeQuery, 25, 2},
+        {kTypeQuery, 28, 2},
         // Reports and unknown types leave the version as it was: only queries set it.
-        {MLDRT_TYPE_V1_REPORT, 24, 7},
-        {MLDRT_TYPE_V1_DONE, 24, 7},
-        {MLDRT_TYPE_V2_REPORT, 8, 7},
+        {kTypeV1Report, 24, 7},
+        {kTypeV1Done, 24, 7},
+        {kTypeV2Report, 8, 7},
         {0, 24, 7},
         {200, 28, 7},
     };
@@ -184,7 +186,7 @@ TEST_F(DispatchTest, RecordsAreHandledOnlyWhollyInsideWhatArrived) {
         const std::vector<uint8_t> before(router.buf, router.buf + router.buf_size);
         receive(static_cast<int>(len));
         std::vector<std::string> groups;
-        for (const mldrt_group* g = eth1->groups; g; g = g->next) {
+        for (const Group* g = eth1->groups; g; g = g->next) {
             groups.push_back(ip6_text(g->grp_addr));
         }
         EXPECT_EQ(groups, row.groups);

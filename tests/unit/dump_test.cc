@@ -5,6 +5,8 @@
 
 #include "listener_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 using namespace lsn;
@@ -29,13 +31,13 @@ class DumpTest : public ListenerTest {
         router.active = 0;  // as at shutdown: no last host-state update, no dump
         ListenerTest::TearDown();
     }
-    mldrt_src* add(mldrt_group* g, mldrt_mfdb_entry* e, uint32_t ltype, int n, int32_t timer) {
-        mldrt_src* s = mldrt_add_src_to_group(g, e, ltype, src(n).data());
+    Source* add(Group* g, ForwardingEntry* e, ListKind kind, int n, int32_t timer) {
+        Source* s = add_source_to_group(g, e, kind, src(n).data());
         s->timer = timer;
         return s;
     }
     std::string dump(const char* title) {
-        return stdout_of([&] { mldrt_dump_interface_info(&router, eth1, title); });
+        return stdout_of([&] { dump_link(&router, eth1, title); });
     }
 };
 
@@ -49,25 +51,25 @@ TEST_F(DumpTest, InterfaceWithoutGroups) {
 
 TEST_F(DumpTest, GroupsWithListsAndForwardingRecords) {
     // Created last to first: the list, and the numbering, runs G1, G2, G3.
-    mldrt_group* g3 = mldrt_add_group(&router, eth1, grp(3).data());
-    mldrt_group* g2 = mldrt_add_group(&router, eth1, grp(2).data());
-    mldrt_group* g1 = mldrt_add_group(&router, eth1, G1.data());
-    g1->fmode = MLDRT_EXCLUDE;
-    g1->ftimer = 200;
-    g2->ftimer = -3;
-    mldrt_mfdb_entry* e1 = mldrt_add_mfdb_entry(&router, G1.data());
-    mldrt_mfdb_entry* e2 = mldrt_add_mfdb_entry(&router, grp(2).data());
+    Group* g3 = add_group(&router, eth1, grp(3).data());
+    Group* g2 = add_group(&router, eth1, grp(2).data());
+    Group* g1 = add_group(&router, eth1, G1.data());
+    g1->filter_mode = FilterMode::Exclude;
+    g1->filter_timer = 200;
+    g2->filter_timer = -3;
+    ForwardingEntry* e1 = add_forwarding_entry(&router, G1.data());
+    ForwardingEntry* e2 = add_forwarding_entry(&router, grp(2).data());
     g1->mfdb = e1;
     g2->mfdb = e2;
-    add(g1, e1, MLDRT_L_INCLUDE, 3, 30);
-    add(g1, e1, MLDRT_L_REQ, 1, 100);
-    add(g1, e1, MLDRT_L_REQ, 5, -1);
-    add(g1, e1, MLDRT_L_EXC, 2, 0);
-    mldrt_fwinfo* marked = mldrt_add_fwinfo_to_fdb(g1, src(1).data());
+    add(g1, e1, ListKind::Include, 3, 30);
+    add(g1, e1, ListKind::Requested, 1, 100);
+    add(g1, e1, ListKind::Requested, 5, -1);
+    add(g1, e1, ListKind::Excluded, 2, 0);
+    ForwardingRecord* marked = add_forwarding_record(g1, src(1).data());
     marked->mif_member[3] = 1;
     marked->mif_member[1] = 1;
     marked->mif_member[4] = 2;  // only a mark of exactly 1 is printed
-    mldrt_add_fwinfo_to_fdb(g1, src(4).data());
+    add_forwarding_record(g1, src(4).data());
     const std::string expected =
         "\n<===================CACHE LOOKUP======================>"
         "\n Interface eth1 PhyIdx 11"
@@ -114,19 +116,19 @@ TEST_F(DumpTest, GroupsWithListsAndForwardingRecords) {
 }
 
 TEST_F(DumpTest, HostStateWithOldAndNewStatesAndStateChangeLists) {
-    mldrt_mfdb_entry* e = mldrt_add_mfdb_entry(&router, G1.data());
-    add(nullptr, e, MLDRT_L_OLD_HS, 1, 0);
-    add(nullptr, e, MLDRT_L_OLD_HS, 2, 0);
-    e->new_host_state = static_cast<mldrt_hs_state*>(calloc(1, sizeof(mldrt_hs_state)));
-    e->new_host_state->mode = MLDRT_EXCLUDE;
+    ForwardingEntry* e = add_forwarding_entry(&router, G1.data());
+    add(nullptr, e, ListKind::OldHostState, 1, 0);
+    add(nullptr, e, ListKind::OldHostState, 2, 0);
+    e->new_host_state = static_cast<HostState*>(calloc(1, sizeof(HostState)));
+    e->new_host_state->mode = FilterMode::Exclude;
     e->scr_fmode_rtx_timer = 7;
     e->scr_to_ex_cnt = 1;
     e->scr_allow_cnt = 3;
     e->scr_block_cnt = -1;
-    add(nullptr, e, MLDRT_L_SCR_TO_EX, 6, 1);
-    add(nullptr, e, MLDRT_L_SCR_ALLOW, 3, 2);
-    add(nullptr, e, MLDRT_L_SCR_ALLOW, 4, 2);
-    add(nullptr, e, MLDRT_L_SCR_BLOCK, 5, -1);
+    add(nullptr, e, ListKind::ChangeToExclude, 6, 1);
+    add(nullptr, e, ListKind::Allow, 3, 2);
+    add(nullptr, e, ListKind::Allow, 4, 2);
+    add(nullptr, e, ListKind::Block, 5, -1);
     const std::string tail =
         "\n\n SCR Info"
         "\n scr_fmode_rtx_timer 7, scr_to_ex_cnt 1 scr_to_in_cnt 0 scr_allow_cnt 3 "
@@ -141,11 +143,11 @@ TEST_F(DumpTest, HostStateWithOldAndNewStatesAndStateChangeLists) {
         "\n\n Old State :"
         "\n     MODE    0"
         "\n OldState SrcList :[ 2001:db8::2 time 0 ] [ 2001:db8::1 time 0 ] ";
-    EXPECT_EQ(stdout_of([&] { mldrt_dump_host_states(&router, e); }),
+    EXPECT_EQ(stdout_of([&] { dump_host_states(&router, e); }),
               head + "\n\n New State :\n     MODE    1\n NewState SrcList : NULL " + tail);
     free(e->new_host_state);
     e->new_host_state = nullptr;
-    EXPECT_EQ(stdout_of([&] { mldrt_dump_host_states(&router, e); }),
+    EXPECT_EQ(stdout_of([&] { dump_host_states(&router, e); }),
               head + "\n\n New State : NULL" + tail);
 }
 
@@ -153,7 +155,7 @@ TEST_F(DumpTest, VerboseZeroPrintsNothing) {
     make_group(eth1, G1, exclude({}, {{2, 100}}, 260), host);
     router.verbose = 0;
     EXPECT_EQ(dump("AFTER HANDLING RCVD MSG"), "");
-    EXPECT_EQ(stdout_of([] { mldrt_dump_host_states(&router, router.mfdb_list); }), "");
+    EXPECT_EQ(stdout_of([] { dump_host_states(&router, router.mfdb_list); }), "");
 }
 
 }  // namespace

@@ -11,6 +11,8 @@
 #include "core/config.h"
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 class ExampleConfigTest : public RouterTest {
@@ -24,14 +26,14 @@ class ExampleConfigTest : public RouterTest {
     }
 
     // Reads `text` as the configuration file; the reader's output goes to `out`.
-    mldrt_config_result read(std::string text, std::string* out) {
-        mldrt_config_result result = MLDRT_CONFIG_OK;
+    ConfigResult read(std::string text, std::string* out) {
+        ConfigResult result = ConfigResult::Ok;
         FILE* fp = fmemopen(&text[0], text.size(), "r");
         EXPECT_NE(fp, nullptr);
         if (!fp) {
-            return MLDRT_CONFIG_NO_UPSTREAM;
+            return ConfigResult::NoUpstream;
         }
-        *out = stdout_of([&] { result = mldrt_read_config(&router, fp, "mld.conf"); });
+        *out = stdout_of([&] { result = read_config(&router, fp, "mld.conf"); });
         fclose(fp);
         return result;
     }
@@ -63,10 +65,10 @@ bool is_comment(const std::string& line) {
 TEST_F(ExampleConfigTest, ReaderTakesTheUsualValuesSilently) {
     std::FILE* fp = std::fopen(MLD_EXAMPLE_CONFIG, "r");
     ASSERT_NE(fp, nullptr) << MLD_EXAMPLE_CONFIG;
-    mldrt_config_result result = MLDRT_CONFIG_NO_UPSTREAM;
-    EXPECT_EQ(stdout_of([&] { result = mldrt_read_config(&router, fp, "mld.conf"); }), "");
+    ConfigResult result = ConfigResult::NoUpstream;
+    EXPECT_EQ(stdout_of([&] { result = read_config(&router, fp, "mld.conf"); }), "");
     std::fclose(fp);
-    EXPECT_EQ(result, MLDRT_CONFIG_OK);
+    EXPECT_EQ(result, ConfigResult::Ok);
     EXPECT_STREQ(router.upstream_ifname, "eth0");
     EXPECT_EQ(router.robustness, 2u);
     EXPECT_EQ(router.query_interval, 125u);
@@ -91,9 +93,9 @@ TEST_F(ExampleConfigTest, EveryKeyOnceBelowACommentAndCommentsSetNothing) {
         }
         const std::vector<std::string> words = words_of(lines[i]);
         ASSERT_EQ(words.size(), 2u) << "want exactly a keyword and its value";
-        int id = mldrt_get_option(words[0].c_str());
-        EXPECT_GE(id, MLDRT_OPT_UPSTREAM_IFNAME);
-        EXPECT_LE(id, MLDRT_OPT_VERBOSE);
+        int id = get_option(words[0].c_str());
+        EXPECT_GE(id, kOptUpstreamIfname);
+        EXPECT_LE(id, kOptVerbose);
         EXPECT_TRUE(seen.insert(id).second) << "keyword given twice";
         ASSERT_GT(i, 0u);
         EXPECT_TRUE(is_comment(lines[i - 1])) << "no comment line above the keyword";
@@ -101,7 +103,7 @@ TEST_F(ExampleConfigTest, EveryKeyOnceBelowACommentAndCommentsSetNothing) {
     EXPECT_EQ(seen.size(), 7u) << "every keyword of the reader is in the example";
 
     std::string out;
-    EXPECT_EQ(read(comments, &out), MLDRT_CONFIG_NO_UPSTREAM);
+    EXPECT_EQ(read(comments, &out), ConfigResult::NoUpstream);
     EXPECT_EQ(out, "");
     EXPECT_EQ(router.upstream_ifname[0], '\0');
     EXPECT_EQ(router.robustness, 0u);

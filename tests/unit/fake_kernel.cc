@@ -17,6 +17,8 @@
 #include "iface/interface.h"
 #include "iface/netlink.h"
 
+using namespace mldproxy;
+
 extern "C" {
 int __real_close(int fd);
 ssize_t __real_send(int fd, const void* buf, size_t len, int flags);
@@ -73,16 +75,16 @@ void reset() {
 
 void fresh_router(uint32_t robustness) {
     reset();
-    mldrt_sysif_reset();
-    mldrt_router_zero(&router);
-    mldrt_clear_work_lists();
-    mldrt_limit_reset();
-    mldrt_log_reset();
-    mldrt_log_use_syslog(false);
+    system_link_reset();
+    reset_router(&router);
+    clear_work_lists();
+    limit_reset();
+    log_reset();
+    log_use_syslog(false);
     g_stop_requested = 0;
-    router.buf_size = MLDRT_BUF_SIZE;
-    router.scratch_size = MLDRT_SCRATCH_SIZE;
-    router.nl_buf_size = MLDRT_NL_BUF_SIZE;
+    router.buf_size = kBufSize;
+    router.scratch_size = kScratchSize;
+    router.nl_buf_size = kNlBufSize;
     router.buf = static_cast<uint8_t*>(calloc(1, router.buf_size));
     router.scratch = static_cast<uint8_t*>(calloc(1, router.scratch_size));
     router.nl_buf = static_cast<uint8_t*>(calloc(1, router.nl_buf_size));
@@ -92,14 +94,14 @@ void fresh_router(uint32_t robustness) {
     std::strcpy(router.upstream_ifname, "up0");
 }
 
-mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {
-    mldrt_interface_desc desc{};
-    mldrt_copy_ifname(desc.name, name);
+Link* make_link(const char* name, uint32_t ifindex, uint16_t mifi) {
+    LinkDesc desc{};
+    copy_ifname(desc.name, name);
     desc.addr[0] = 0xfe;
     desc.addr[1] = 0x80;
     desc.addr[15] = static_cast<uint8_t>(ifindex);
     desc.ifindex = ifindex;
-    return mld_add_interface(&router, &desc, mifi);
+    return add_link(&router, &desc, mifi);
 }
 
 uint64_t monotonic_now_ms() {
@@ -109,7 +111,7 @@ uint64_t monotonic_now_ms() {
 void run_second() {
     g_kernel.monotonic_ms += 1000;
     uint64_t next_tick = monotonic_now_ms();
-    mldrt_input_pass(&router, &next_tick);
+    input_pass(&router, &next_tick);
 }
 
 int64_t clock_now() {

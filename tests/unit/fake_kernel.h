@@ -17,7 +17,9 @@
 #include <string>
 #include <vector>
 
-struct mldrt_interface;
+namespace mldproxy {
+struct Link;
+}
 
 namespace fake {
 
@@ -101,7 +103,7 @@ void fresh_router(uint32_t robustness);
 
 // A link of the global router named `name`, link-local address fe80::<ifindex>, registered as
 // MIF `mifi`; null when the daemon refuses it.
-mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi);
+mldproxy::Link* make_link(const char* name, uint32_t ifindex, uint16_t mifi);
 
 // What time() returns now.
 int64_t clock_now();

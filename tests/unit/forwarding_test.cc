@@ -4,6 +4,8 @@
 
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 const addr6 kAny{};
@@ -27,17 +29,17 @@ class ForwardingTest : public RouterTest {
   protected:
     void SetUp() override {
         RouterTest::SetUp();
-        up = add_link("up0", 10, 5);
+        up = make_link("up0", 10, 5);
         router.upstream = up;
-        links[1] = add_link("eth1", 11, 1);
-        links[3] = add_link("eth3", 13, 3);
+        links[1] = make_link("eth1", 11, 1);
+        links[3] = make_link("eth3", 13, 3);
     }
     // Group Gn on the link of MIF `mif`, joined as a report handler joins it.
-    mldrt_group* group(int mif, int n = 1) {
+    Group* group(int mif, int n = 1) {
         addr6 a = ip6("ff0e::");
         a[15] = static_cast<uint8_t>(n);
-        mldrt_group* g = mldrt_add_group(&router, links[mif], a.data());
-        mldrt_create_gr_mfd_mapping(&router, g, mldrt_add_mfdb_entry(&router, a.data()));
+        Group* g = add_group(&router, links[mif], a.data());
+        map_group_to_entry(&router, g, add_forwarding_entry(&router, a.data()));
         return g;
     }
     static addr6 source(const char* text) {
@@ -62,18 +64,17 @@ class ForwardingTest : public RouterTest {
             const bool add = std::string(verb) == "add";
             fake::kernel().sockopts.clear();
             router.del_mifi = 99;
-            mldrt_group* g = group(mif, grp);
+            Group* g = group(mif, grp);
             capture_stdout();
             if (std::string(list) == "any") {
-                (add ? mldrt_forward_whole_group : mldrt_withdraw_whole_group)(&router, g,
-                                                                               links[mif]);
+                (add ? forward_whole_group : withdraw_whole_group)(&router, g, links[mif]);
             } else {
                 const addr6 s = source(src);
-                EXPECT_EQ(add ? mldrt_add_entry_to_grp_srclist(&router, g, code, s.data(), 260,
-                                                               links[mif])
-                              : mldrt_remove_entry_from_grp_srclist(&router, g, g->mfdb, code,
-                                                                    s.data(), links[mif]),
-                          0);
+                EXPECT_EQ(
+                    add ? add_to_group_list(&router, g, list_kind(code), s.data(), 260, links[mif])
+                        : remove_from_group_list(&router, g, g->mfdb, list_kind(code), s.data(),
+                                                 links[mif]),
+                    0);
             }
             EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
             EXPECT_EQ(kernel_calls(), st.kernel);
@@ -86,12 +87,12 @@ class ForwardingTest : public RouterTest {
         }
     }
 
-    mldrt_interface* up = nullptr;
-    mldrt_interface* links[4] = {};
+    Link* up = nullptr;
+    Link* links[4] = {};
 };
 
 TEST_F(ForwardingTest, SourceSpecificEntryFollowsTheMarks) {
-    auto fw = [&](const char* s) { return mldrt_lookup_fwinfo_in_fdb(group(1), source(s).data()); };
+    auto fw = [&](const char* s) { return find_forwarding_record(group(1), source(s).data()); };
     run({
         {"AddOnMif1", "add 1 inc S1", {"add S1 G1 mifs 1"}},
         {"AddOnMif3", "add 3 inc S1", {"add S1 G1 mifs 1,3"}},
@@ -111,7 +112,7 @@ TEST_F(ForwardingTest, SourceSpecificEntryFollowsTheMarks) {
          [&] {
              EXPECT_NE(group(1)->exc_list, nullptr);
              ASSERT_NE(fw("S2"), nullptr);
-             EXPECT_EQ(fw("S2")->mif_member[1], MLDRT_MARK_EXCLUDED);
+             EXPECT_EQ(fw("S2")->mif_member[1], kMarkExcluded);
          }},
         {"RequestedSourceOnMif1", "add 1 req S2", {"add S2 G1 mifs 1"}},
         {"RemoveFromMif1", "del 1 inc S1", {"add S1 G1 mifs 3"}, 99},
@@ -159,7 +160,7 @@ TEST_F(ForwardingTest, AnySourceMarksRewriteStarGAndEverySourceEntryOfTheGroup) 
          "del 1 any",
          {"add S1 G1 mifs 1", "del :: G1"},
          1,
-         [&] { EXPECT_EQ(mldrt_lookup_fwinfo_in_fdb(group(1), kAny.data()), nullptr); }},
+         [&] { EXPECT_EQ(find_forwarding_record(group(1), kAny.data()), nullptr); }},
     });
 }
 
@@ -179,7 +180,7 @@ TEST_F(ForwardingTest, WithoutUpstreamMarksAreKeptAndWrittenWhenItAppears) {
     });
     router.upstream = up;
     fake::kernel().sockopts.clear();
-    mldrt_rewrite_kernel_forwarding(&router);
+    rewrite_kernel_forwarding(&router);
     EXPECT_EQ(kernel_calls(), (std::vector<std::string>{"add :: G1 mifs 3,5", "add S1 G1 mifs 1,3",
                                                         "add S1 G2 mifs 3"}));
 }
@@ -187,18 +188,18 @@ TEST_F(ForwardingTest, WithoutUpstreamMarksAreKeptAndWrittenWhenItAppears) {
 TEST_F(ForwardingTest, InvalidListCodesAndFullListsAreRefused) {
     struct Row {
         const char* name;
-        std::function<int(mldrt_group*, const uint8_t*)> call;
+        std::function<int(Group*, const uint8_t*)> call;
         int result;
         const char* out;
     };
     auto add = [&](uint32_t code) {
-        return [&, code](mldrt_group* g, const uint8_t* s) {
-            return mldrt_add_entry_to_grp_srclist(&router, g, code, s, 5, links[1]);
+        return [&, code](Group* g, const uint8_t* s) {
+            return add_to_group_list(&router, g, list_kind(code), s, 5, links[1]);
         };
     };
     auto remove = [&](uint32_t code) {
-        return [&, code](mldrt_group* g, const uint8_t* s) {
-            return mldrt_remove_entry_from_grp_srclist(&router, g, g->mfdb, code, s, links[1]);
+        return [&, code](Group* g, const uint8_t* s) {
+            return remove_from_group_list(&router, g, g->mfdb, list_kind(code), s, links[1]);
         };
     };
     const std::vector<Row> rows = {
@@ -207,17 +208,17 @@ TEST_F(ForwardingTest, InvalidListCodesAndFullListsAreRefused) {
         {"AddCode11", add(11), 0, "\n Invalid list type\n"},
         {"AddRetransmissionListCode3", add(3), 0, "\n Invalid list type\n"},
         {"DelSrcFromGroupCode11",
-         [](mldrt_group* g, const uint8_t* s) {
-             return mldrt_del_src_from_group(g, g->mfdb, 11, s);
+         [](Group* g, const uint8_t* s) {
+             return remove_source_from_group(g, g->mfdb, list_kind(11), s);
          },
          -1, "\n Fatal:: Unknow list type\n"},
         {"RemoveFromAbsentNewHostState", remove(6), -1,
          "\n FATAL Error - Cannot del src from group exclude list\n"},
         {"SixtyFifthSourceOfAList",
-         [&](mldrt_group* g, const uint8_t*) {
+         [&](Group* g, const uint8_t*) {
              for (int i = 2; i <= 64; i++) {
-                 mldrt_add_src_to_group(g, g->mfdb, 0,
-                                        source(("S" + std::to_string(i)).c_str()).data());
+                 add_source_to_group(g, g->mfdb, list_kind(0),
+                                     source(("S" + std::to_string(i)).c_str()).data());
              }
              return add(0)(g, source("S99").data());
          },
@@ -228,15 +229,15 @@ TEST_F(ForwardingTest, InvalidListCodesAndFullListsAreRefused) {
     const addr6 s1 = source("S1");
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        mldrt_group* g = group(1);
-        mldrt_add_entry_to_grp_srclist(&router, g, 0, s1.data(), 5, links[1]);
+        Group* g = group(1);
+        add_to_group_list(&router, g, list_kind(0), s1.data(), 5, links[1]);
         fake::kernel().sockopts.clear();
         capture_stdout();
         EXPECT_EQ(row.call(g, s1.data()), row.result);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), row.out);
         EXPECT_EQ(mfc_calls(), std::vector<std::string>{});
-        EXPECT_NE(mldrt_lookup_src_in_grplist(g->include_list, s1.data()), nullptr);
-        EXPECT_EQ(is_fwinfo_empty_for_grp_src(g, s1.data()), -1);
+        EXPECT_NE(find_source(g->include_list, s1.data()), nullptr);
+        EXPECT_EQ(has_forwarding_marks(g, s1.data()), -1);
     }
 }
 

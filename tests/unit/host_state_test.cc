@@ -4,17 +4,19 @@
 
 #include "upstream_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 using namespace ups;
 
 // A host-state pair as "EXCLUDE {S1 S3}", sources in list order.
-std::string hs_text(const mldrt_hs_state* hs) {
+std::string hs_text(const HostState* hs) {
     if (!hs) {
         return "none";
     }
     std::string s = mode_text(hs->mode) + " {";
-    for (const mldrt_src* l = hs->list; l; l = l->next) {
+    for (const Source* l = hs->list; l; l = l->next) {
         s += (l == hs->list ? "" : " ") + src_name(l->src_addr);
     }
     return s + "}";
@@ -28,12 +30,12 @@ struct MergeRow {
 
 class HostStateTest : public UpstreamTest {
   protected:
-    mldrt_hs_state* pair(uint32_t mode, const std::vector<int>& srcs) {
-        auto* hs = static_cast<mldrt_hs_state*>(calloc(1, sizeof(mldrt_hs_state)));
+    HostState* pair(FilterMode mode, const std::vector<int>& srcs) {
+        auto* hs = static_cast<HostState*>(calloc(1, sizeof(HostState)));
         hs->mode = mode;
         // Head insertion: the list reads in the reverse order of `srcs`.
         for (int n : srcs) {
-            mldrt_src* s = mldrt_create_src_for_grp(src(n).data());
+            Source* s = create_source(src(n).data());
             s->next = hs->list;
             hs->list = s;
         }
@@ -41,9 +43,9 @@ class HostStateTest : public UpstreamTest {
     }
     // Entry G1 with the given old and new states (the old pair the entry was created with is
     // replaced).
-    mldrt_mfdb_entry* states(mldrt_hs_state* old_hs, mldrt_hs_state* new_hs) {
-        mldrt_mfdb_entry* e = mldrt_add_mfdb_entry(&router, G1.data());
-        mldrt_free_srclist(&e->old_host_state->list);
+    ForwardingEntry* states(HostState* old_hs, HostState* new_hs) {
+        ForwardingEntry* e = add_forwarding_entry(&router, G1.data());
+        free_srclist(&e->old_host_state->list);
         free(e->old_host_state);
         e->old_host_state = old_hs;
         e->new_host_state = new_hs;
@@ -69,29 +71,28 @@ TEST_F(HostStateTest, MergesDownstreamStatesInInterfaceListOrder) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         restart();
-        mldrt_interface* order[3] = {eth3, eth2, eth1};
+        Link* order[3] = {eth3, eth2, eth1};
         uint32_t excludes = 0;
         for (size_t i = 0; i < row.links.size(); i++) {
             make_group(order[i], G1, row.links[i], host);
-            excludes += row.links[i].mode == MLDRT_EXCLUDE ? 1 : 0;
+            excludes += row.links[i].mode == FilterMode::Exclude ? 1 : 0;
         }
         make_group(eth3, G2, inc({9}), host);  // another group on the same link stays apart
-        mldrt_mfdb_entry* e = entry(G1);
+        ForwardingEntry* e = entry(G1);
         ASSERT_EQ(e->exclude_count, excludes);
-        EXPECT_EQ(stdout_of([&] { mldrt_build_host_state(&router, e); }), "");
+        EXPECT_EQ(stdout_of([&] { build_host_state(&router, e); }), "");
         EXPECT_EQ(hs_text(e->new_host_state), row.merged);
         // The entry started as INCLUDE {}: any other result is a change.
-        EXPECT_EQ(mldrt_diff_host_state(&router, e),
-                  std::string(row.merged) == "INCLUDE {}" ? 0 : 1);
-        mldrt_finish_host_state_update(&router, e);
+        EXPECT_EQ(diff_host_state(&router, e), std::string(row.merged) == "INCLUDE {}" ? 0 : 1);
+        finish_host_state_update(&router, e);
     }
 }
 
 struct DiffRow {
     const char* name;
-    uint32_t old_mode;
+    FilterMode old_mode;
     std::vector<int> old_srcs;
-    uint32_t new_mode;
+    FilterMode new_mode;
     std::vector<int> new_srcs;
     int differ;
 };
@@ -103,7 +104,7 @@ std::vector<int> operator+(std::vector<int> a, const std::vector<int>& b) {
 
 // Whole lists are compared, however long a merged list is.
 TEST_F(HostStateTest, ComparesModeAndSourceSetsNotOrder) {
-    const uint32_t IN = MLDRT_INCLUDE, EX = MLDRT_EXCLUDE;
+    const FilterMode IN = FilterMode::Include, EX = FilterMode::Exclude;
     const std::vector<int> eleven = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
     const std::vector<DiffRow> rows = {
         {"SameSourcesInAnotherOrder", IN, {1, 2, 3}, IN, {3, 1, 2}, 0},
@@ -124,9 +125,9 @@ TEST_F(HostStateTest, ComparesModeAndSourceSetsNotOrder) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         restart();
-        mldrt_mfdb_entry* e =
+        ForwardingEntry* e =
             states(pair(row.old_mode, row.old_srcs), pair(row.new_mode, row.new_srcs));
-        EXPECT_EQ(stdout_of([&] { EXPECT_EQ(mldrt_diff_host_state(&router, e), row.differ); }), "");
+        EXPECT_EQ(stdout_of([&] { EXPECT_EQ(diff_host_state(&router, e), row.differ); }), "");
     }
 }
 
@@ -147,28 +148,28 @@ TEST_F(HostStateTest, LinkScopeGroupsAreNeverProxied) {
         {"ff3e:40:2001:db8::1", true},
     };
     for (const ScopeRow& row : rows) {
-        for (uint8_t type : {MLDRT_TYPE_V2_REPORT, MLDRT_TYPE_V1_REPORT}) {
-            SCOPED_TRACE(std::string(row.group) + (type == MLDRT_TYPE_V1_REPORT ? " v1" : " v2"));
+        for (uint8_t type : {kTypeV2Report, kTypeV1Report}) {
+            SCOPED_TRACE(std::string(row.group) + (type == kTypeV1Report ? " v1" : " v2"));
             restart();
             const addr6 g = ip6(row.group);
-            std::vector<uint8_t> msg(MLDRT_QUERY_V1_LEN);
+            std::vector<uint8_t> msg(kQueryV1Len);
             msg[0] = type;
             std::memcpy(&msg[8], g.data(), 16);
-            if (type == MLDRT_TYPE_V2_REPORT) {
-                msg = {MLDRT_TYPE_V2_REPORT,        0, 0, 0, 0, 0, 0, 1,
-                       MLDRT_REC_CHANGE_TO_EXCLUDE, 0, 0, 0};
+            if (type == kTypeV2Report) {
+                msg = {
+                    kTypeV2Report, 0, 0, 0, 0, 0, 0, 1, code(RecordType::ChangeToExclude), 0, 0, 0};
                 msg.insert(msg.end(), g.begin(), g.end());
             }
             std::memset(router.buf, 0, router.buf_size);
             std::memcpy(router.buf, msg.data(), msg.size());
             std::string out = stdout_of([&] {
-                mldrt_handle_mld_message(&router, eth1, router.buf, host.data(),
-                                         static_cast<int>(msg.size()));
+                handle_mld_message(&router, eth1, router.buf, host.data(),
+                                   static_cast<int>(msg.size()));
             });
             EXPECT_EQ(out, "");
             texts sent = tick();
             EXPECT_EQ(group(eth1, g) != nullptr, row.proxied);
-            EXPECT_EQ(mldrt_lookup_mfdb_entry(&router, g.data()) != nullptr, row.proxied);
+            EXPECT_EQ(find_forwarding_entry(&router, g.data()) != nullptr, row.proxied);
             EXPECT_EQ(!mfc_calls().empty(), row.proxied);
             const std::string to_ex = "TO_EX " + grp_name(g.data()) + " {}";
             EXPECT_EQ(sent, row.proxied ? (texts{to_ex, to_ex}) : texts{});
@@ -178,9 +179,9 @@ TEST_F(HostStateTest, LinkScopeGroupsAreNeverProxied) {
 
 TEST_F(HostStateTest, LeftoverNewStateIsReportedAndKept) {
     make_group(eth1, G1, inc({1}), host);
-    mldrt_mfdb_entry* e = states(pair(MLDRT_INCLUDE, {}), pair(MLDRT_EXCLUDE, {5}));
-    mldrt_hs_state* leftover = e->new_host_state;
-    EXPECT_EQ(stdout_of([&] { mldrt_build_host_state(&router, e); }),
+    ForwardingEntry* e = states(pair(FilterMode::Include, {}), pair(FilterMode::Exclude, {5}));
+    HostState* leftover = e->new_host_state;
+    EXPECT_EQ(stdout_of([&] { build_host_state(&router, e); }),
               "\n Some Problem - New State should have been NULL\n");
     EXPECT_EQ(e->new_host_state, leftover);
     EXPECT_EQ(hs_text(e->new_host_state), "EXCLUDE {S5}");

@@ -3,6 +3,8 @@
 
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 class InterfaceTest : public RouterTest {
@@ -10,13 +12,13 @@ class InterfaceTest : public RouterTest {
     // Every interface made by one test, deleted again.
     void delete_all() {
         while (router.interfaces) {
-            mldrt_delete_interface(router.interfaces);
+            delete_link(router.interfaces);
         }
     }
 };
 
-mldrt_interface_desc desc_of(const char* name, uint32_t ifindex, const char* addr = "fe80::1") {
-    mldrt_interface_desc d{};
+LinkDesc desc_of(const char* name, uint32_t ifindex, const char* addr = "fe80::1") {
+    LinkDesc d{};
     std::strncpy(d.name, name, sizeof d.name - 1);
     addr6 a = ip6(addr);
     std::memcpy(d.addr, a.data(), 16);
@@ -56,7 +58,7 @@ TEST_F(InterfaceTest, UpstreamAndDownstreamSocketsGetTheNineOptionsInOrder) {
     for (const auto& [name, ifindex] : {std::pair<const char*, uint32_t>{"eth1", 7}, {"up0", 2}}) {
         SCOPED_TRACE(name);
         fake::kernel().sockopts.clear();
-        mldrt_interface* ifp = add_link(name, ifindex, 0);
+        Link* ifp = make_link(name, ifindex, 0);
         ASSERT_NE(ifp, nullptr);
         const auto& s = fake::kernel().sockets.back();
         EXPECT_EQ(std::vector<int>({s.fd, s.domain, s.type, s.protocol}),
@@ -137,9 +139,9 @@ TEST_F(InterfaceTest, FailedCreationPrintsWhyAndReleasesEverything) {
         k.socket_result = 0;
         k.next_fd = 600 + 10 * static_cast<int>(i);
         rows[i].setup();
-        mldrt_interface_desc d = desc_of("eth1", 7);
-        mldrt_interface* ifp = nullptr;
-        EXPECT_EQ(stdout_of([&] { ifp = mld_add_interface(&router, &d, 0); }), rows[i].out);
+        LinkDesc d = desc_of("eth1", 7);
+        Link* ifp = nullptr;
+        EXPECT_EQ(stdout_of([&] { ifp = add_link(&router, &d, 0); }), rows[i].out);
         EXPECT_EQ(ifp, nullptr);
         EXPECT_EQ(router.interfaces, nullptr);
         for (const auto& s : k.sockets) {
@@ -172,8 +174,8 @@ TEST_F(InterfaceTest, RoleBufferAndCountsFollowNameMtuAndConfiguration) {
         fake::kernel().mtu = row.mtu;
         router.robustness = row.robustness;
         std::memset(router.upstream_addr, 0, 16);
-        mldrt_interface_desc d = desc_of(row.name, 7, "fe80::abcd");
-        mldrt_interface* ifp = mld_add_interface(&router, &d, 4);
+        LinkDesc d = desc_of(row.name, 7, "fe80::abcd");
+        Link* ifp = add_link(&router, &d, 4);
         ASSERT_NE(ifp, nullptr);
         // Role, buffer and counts; a general query due as soon as it starts; defaults as set.
         EXPECT_EQ(
@@ -191,10 +193,10 @@ TEST_F(InterfaceTest, RoleBufferAndCountsFollowNameMtuAndConfiguration) {
 }
 
 TEST_F(InterfaceTest, AddingAKnownNameReturnsTheExistingRecordUnchanged) {
-    mldrt_interface* first = add_link("eth1", 7, 0);
+    Link* first = make_link("eth1", 7, 0);
     size_t sockets = fake::kernel().sockets.size();
-    mldrt_interface_desc d = desc_of("eth1", 9, "fe80::99");
-    EXPECT_EQ(mld_add_interface(&router, &d, 4), first);
+    LinkDesc d = desc_of("eth1", 9, "fe80::99");
+    EXPECT_EQ(add_link(&router, &d, 4), first);
     EXPECT_EQ(fake::kernel().sockets.size(), sockets);
     EXPECT_EQ(first->ifindex, 7u);
     EXPECT_EQ(first->mifi, 0);
@@ -203,22 +205,22 @@ TEST_F(InterfaceTest, AddingAKnownNameReturnsTheExistingRecordUnchanged) {
 }
 
 TEST_F(InterfaceTest, LookupsFindTheRecordByNameIndexOrAddress) {
-    mldrt_interface* a = add_link("eth1", 7, 0);
-    mldrt_interface* b = add_link("eth2", 8, 1);
-    mldrt_interface* c = add_link("eth3", 9, 2);
+    Link* a = make_link("eth1", 7, 0);
+    Link* b = make_link("eth2", 8, 1);
+    Link* c = make_link("eth3", 9, 2);
     EXPECT_EQ(router.interfaces, c);  // new records at the head
-    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth2"), b);
-    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth"), nullptr);
-    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth22"), nullptr);
-    EXPECT_EQ(mldrt_lookup_interface_index(&router, 7), a);
-    EXPECT_EQ(mldrt_lookup_interface_index(&router, 10), nullptr);
-    EXPECT_EQ(mldrt_lookup_interface_addr(&router, ip6("fe80::9").data()), c);
-    EXPECT_EQ(mldrt_lookup_interface_addr(&router, ip6("fe81::9").data()), nullptr);
-    EXPECT_EQ(mldrt_lookup_interface_addr(&router, ip6("fe80::1:9").data()), nullptr);
-    mldrt_delete_interface(b);  // unlinking from the middle keeps both neighbours reachable
+    EXPECT_EQ(find_link_by_name(&router, "eth2"), b);
+    EXPECT_EQ(find_link_by_name(&router, "eth"), nullptr);
+    EXPECT_EQ(find_link_by_name(&router, "eth22"), nullptr);
+    EXPECT_EQ(find_link_by_index(&router, 7), a);
+    EXPECT_EQ(find_link_by_index(&router, 10), nullptr);
+    EXPECT_EQ(find_link_by_address(&router, ip6("fe80::9").data()), c);
+    EXPECT_EQ(find_link_by_address(&router, ip6("fe81::9").data()), nullptr);
+    EXPECT_EQ(find_link_by_address(&router, ip6("fe80::1:9").data()), nullptr);
+    delete_link(b);  // unlinking from the middle keeps both neighbours reachable
     EXPECT_EQ(c->next, a);
     EXPECT_EQ(a->pprev, &c->next);
-    EXPECT_EQ(mldrt_lookup_interface_index(&router, 8), nullptr);
+    EXPECT_EQ(find_link_by_index(&router, 8), nullptr);
 }
 
 TEST_F(InterfaceTest, NewMifIndexIsTheLowestFree) {
@@ -232,19 +234,19 @@ TEST_F(InterfaceTest, NewMifIndexIsTheLowestFree) {
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.taken));
         for (size_t i = 0; i < row.taken.size(); i++) {
-            add_link(("l" + std::to_string(i)).c_str(), 10 + static_cast<uint32_t>(i),
-                     row.taken[i]);
+            make_link(("l" + std::to_string(i)).c_str(), 10 + static_cast<uint32_t>(i),
+                      row.taken[i]);
         }
-        EXPECT_EQ(mldrt_get_new_vifi(&router), row.next);
+        EXPECT_EQ(free_mif_index(&router), row.next);
         delete_all();
     }
-    add_link("a", 2, 0);
-    add_link("b", 3, 1);
-    add_link("c", 4, 2);
-    mldrt_delete_interface(mldrt_lookup_interface_name(&router, "a"));
-    EXPECT_EQ(mldrt_get_new_vifi(&router), 0);
-    EXPECT_EQ(add_link("d", 5, mldrt_get_new_vifi(&router))->mifi, 0);
-    EXPECT_EQ(mldrt_get_new_vifi(&router), 3);
+    make_link("a", 2, 0);
+    make_link("b", 3, 1);
+    make_link("c", 4, 2);
+    delete_link(find_link_by_name(&router, "a"));
+    EXPECT_EQ(free_mif_index(&router), 0);
+    EXPECT_EQ(make_link("d", 5, free_mif_index(&router))->mifi, 0);
+    EXPECT_EQ(free_mif_index(&router), 3);
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include "mld/handlers.h"
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace lsn {
 
 // 2001:db8::n as source n; source 0 is the any-source address ::.
@@ -48,19 +50,20 @@ struct src_timer {
 // A group's listener state on one interface.
 struct group_state {
     bool exists;
-    uint32_t mode;
+    FilterMode mode;
     std::vector<src_timer> inc, req, exc;
-    int32_t ftimer;
+    int32_t filter_timer;
 };
 
 inline group_state no_group() {
-    return {false, MLDRT_INCLUDE, {}, {}, {}, 0};
+    return {false, FilterMode::Include, {}, {}, {}, 0};
 }
-inline group_state include(std::vector<src_timer> inc, int32_t ftimer = 0) {
-    return {true, MLDRT_INCLUDE, std::move(inc), {}, {}, ftimer};
+inline group_state include(std::vector<src_timer> inc, int32_t filter_timer = 0) {
+    return {true, FilterMode::Include, std::move(inc), {}, {}, filter_timer};
 }
-inline group_state exclude(std::vector<src_timer> req, std::vector<src_timer> exc, int32_t ftimer) {
-    return {true, MLDRT_EXCLUDE, {}, std::move(req), std::move(exc), ftimer};
+inline group_state exclude(std::vector<src_timer> req, std::vector<src_timer> exc,
+                           int32_t filter_timer) {
+    return {true, FilterMode::Exclude, {}, std::move(req), std::move(exc), filter_timer};
 }
 
 // A list as "{S1@100 ::@260}", sorted so that only membership and timers count.
@@ -72,7 +75,7 @@ inline std::string list_text(std::vector<std::pair<std::string, int32_t>> items)
     }
     return s + "}";
 }
-inline std::string list_text(const mldrt_src* l) {
+inline std::string list_text(const Source* l) {
     std::vector<std::pair<std::string, int32_t>> items;
     for (; l; l = l->next) {
         items.emplace_back(src_name(l->src_addr), l->timer);
@@ -87,23 +90,23 @@ inline std::string list_text(const std::vector<src_timer>& l) {
     return list_text(items);
 }
 
-inline std::string mode_text(uint32_t mode) {
-    return mode == MLDRT_INCLUDE ? "INCLUDE" : mode == MLDRT_EXCLUDE ? "EXCLUDE" : "mode?";
+inline std::string mode_text(FilterMode mode) {
+    return mode == FilterMode::Include ? "INCLUDE" : "EXCLUDE";
 }
 
-// "EXCLUDE ftimer 260 inc{} req{S1@260} exc{S2@0}", or "no group".
+// "EXCLUDE filter_timer 260 inc{} req{S1@260} exc{S2@0}", or "no group".
 inline std::string describe(const group_state& st) {
     if (!st.exists) {
         return "no group";
     }
-    return mode_text(st.mode) + " ftimer " + std::to_string(st.ftimer) + " inc" +
+    return mode_text(st.mode) + " filter_timer " + std::to_string(st.filter_timer) + " inc" +
            list_text(st.inc) + " req" + list_text(st.req) + " exc" + list_text(st.exc);
 }
-inline std::string describe(const mldrt_group* g) {
+inline std::string describe(const Group* g) {
     if (!g) {
         return "no group";
     }
-    return mode_text(g->fmode) + " ftimer " + std::to_string(g->ftimer) + " inc" +
+    return mode_text(g->filter_mode) + " filter_timer " + std::to_string(g->filter_timer) + " inc" +
            list_text(g->include_list) + " req" + list_text(g->req_list) + " exc" +
            list_text(g->exc_list);
 }
@@ -112,30 +115,29 @@ inline std::string describe(const mldrt_group* g) {
 // sequence, the link's any-source mark in EXCLUDE mode, then every source through the
 // forwarding-aware list operations (so the MIF marks and kernel entries are those of real
 // traffic), then mode and filter timer.
-inline mldrt_group* make_group(mldrt_interface* ifp, const addr6& g, const group_state& st,
-                               const addr6& host) {
+inline Group* make_group(Link* ifp, const addr6& g, const group_state& st, const addr6& host) {
     if (!st.exists) {
         return nullptr;
     }
-    mldrt_group* grp_rec = mldrt_join_group(&router, ifp, host.data(), g.data(), false);
+    Group* grp_rec = join_group(&router, ifp, host.data(), g.data(), false);
     EXPECT_NE(grp_rec, nullptr);
     if (!grp_rec) {
         return nullptr;
     }
-    if (st.mode == MLDRT_EXCLUDE) {
-        mldrt_forward_whole_group(&router, grp_rec, ifp);
+    if (st.mode == FilterMode::Exclude) {
+        forward_whole_group(&router, grp_rec, ifp);
     }
     const std::vector<src_timer>* lists[3] = {&st.inc, &st.req, &st.exc};
-    for (uint32_t ltype = MLDRT_L_INCLUDE; ltype <= MLDRT_L_EXC; ltype++) {
-        for (const auto& s : *lists[ltype]) {
-            EXPECT_EQ(mldrt_add_entry_to_grp_srclist(&router, grp_rec, ltype, src(s.n).data(),
-                                                     s.timer, ifp),
-                      0);
+    const ListKind kinds[3] = {ListKind::Include, ListKind::Requested, ListKind::Excluded};
+    for (int i = 0; i < 3; i++) {
+        ListKind kind = kinds[i];
+        for (const auto& s : *lists[i]) {
+            EXPECT_EQ(add_to_group_list(&router, grp_rec, kind, src(s.n).data(), s.timer, ifp), 0);
         }
     }
-    grp_rec->fmode = st.mode;
-    grp_rec->ftimer = st.ftimer;
-    if (st.mode == MLDRT_EXCLUDE) {
+    grp_rec->filter_mode = st.mode;
+    grp_rec->filter_timer = st.filter_timer;
+    if (st.mode == FilterMode::Exclude) {
         grp_rec->mfdb->exclude_count++;
     }
     return grp_rec;
@@ -144,13 +146,13 @@ inline mldrt_group* make_group(mldrt_interface* ifp, const addr6& g, const group
 // A multicast address record as it arrives and the report walk hands it to a handler: type,
 // Aux Data Len 0, Number of Sources (network order), group, sources.
 inline std::vector<uint8_t> record(uint8_t type, const addr6& g, const std::vector<int>& srcs) {
-    std::vector<uint8_t> r(MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * srcs.size());
+    std::vector<uint8_t> r(kMcastRecHdrLen + kAddrLen * srcs.size());
     r[0] = type;
     r[2] = static_cast<uint8_t>(srcs.size() >> 8);
     r[3] = static_cast<uint8_t>(srcs.size());
     std::memcpy(&r[4], g.data(), 16);
     for (size_t i = 0; i < srcs.size(); i++) {
-        std::memcpy(&r[MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * i], src(srcs[i]).data(), 16);
+        std::memcpy(&r[kMcastRecHdrLen + kAddrLen * i], src(srcs[i]).data(), 16);
     }
     return r;
 }
@@ -178,23 +180,23 @@ inline std::vector<std::string> queries_sent() {
         if (to == " to ff02::16") {
             continue;  // upstream reports, which the timer passes now send at once
         }
-        if (p.size() < MLDRT_QUERY_V1_LEN || p[0] != MLDRT_TYPE_QUERY) {
+        if (p.size() < kQueryV1Len || p[0] != kTypeQuery) {
             out.push_back("not a query of " + std::to_string(p.size()) + " bytes" + to);
             continue;
         }
-        if (p.size() == MLDRT_QUERY_V1_LEN) {
+        if (p.size() == kQueryV1Len) {
             out.push_back("v1 Q(" + ip6_text(&p[8]) + ")" + to);
             continue;
         }
         uint32_t n = (static_cast<uint32_t>(p[26]) << 8) | p[27];
-        if (p.size() != MLDRT_QUERY_V2_HDR_LEN + MLDRT_ADDR_LEN * n) {
+        if (p.size() != kQueryV2HdrLen + kAddrLen * n) {
             out.push_back("query of " + std::to_string(p.size()) + " bytes with N " +
                           std::to_string(n));
             continue;
         }
         std::string s = "Q(" + ip6_text(&p[8]) + " {";
         for (uint32_t i = 0; i < n; i++) {
-            s += (i ? " " : "") + src_name(&p[MLDRT_QUERY_V2_HDR_LEN + MLDRT_ADDR_LEN * i]);
+            s += (i ? " " : "") + src_name(&p[kQueryV2HdrLen + kAddrLen * i]);
         }
         out.push_back(s + "})" + to);
     }
@@ -202,7 +204,7 @@ inline std::vector<std::string> queries_sent() {
 }
 
 // A query retransmission list in its order as "S4/1 S1/1": source and retransmissions due.
-inline std::string rtx_text(const mldrt_src* l) {
+inline std::string rtx_text(const Source* l) {
     std::string s;
     for (; l; l = l->next) {
         s += (s.empty() ? "" : " ") + src_name(l->src_addr) + "/" + std::to_string(l->rtx_count);
@@ -235,18 +237,16 @@ class ListenerTest : public RouterTest {
     void start() {
         router.last_listener_query_interval = 1;
         router.last_listener_query_count = 2;
-        up = add_link("up0", 10, 0);
+        up = make_link("up0", 10, 0);
         router.upstream = up;
         router.active = 1;
-        eth1 = add_link("eth1", 11, 1);
+        eth1 = make_link("eth1", 11, 1);
         forget_kernel_calls();
     }
-    mldrt_group* group(mldrt_interface* ifp, const addr6& g) {
-        return mldrt_lookup_group(ifp, g.data());
-    }
+    Group* group(Link* ifp, const addr6& g) { return find_group(ifp, g.data()); }
 
-    mldrt_interface* up = nullptr;
-    mldrt_interface* eth1 = nullptr;
+    Link* up = nullptr;
+    Link* eth1 = nullptr;
     const addr6 host = ip6("fe80::100:1");       // the member that reports
     const addr6 stranger = ip6("fe80::100:99");  // a host that never reported
     const addr6 G1 = grp(1);

@@ -4,6 +4,8 @@
 #include "core/log.h"
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 class LogTest : public RouterTest {};
@@ -38,7 +40,7 @@ TEST_F(LogTest, EachTextAtMostOnceASecondWithTheCountOfTheHeldBack) {
         fake::kernel().monotonic_ms = start + step.at_ms;
         int n = 0;
         testing::internal::CaptureStdout();  // not stdout_of: it forgets what was held back
-        n = mldrt_log(step.fmt, 1, 2);
+        n = log_message(step.fmt, 1, 2);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), step.printed);
         EXPECT_GT(n, 0);  // the text's length, printed or not
     }
@@ -48,18 +50,18 @@ TEST_F(LogTest, EachTextAtMostOnceASecondWithTheCountOfTheHeldBack) {
 // syslog gets each line once it is whole, blank lines none, an overlong line in parts.
 TEST_F(LogTest, SyslogGetsOneRecordPerLine) {
     testing::internal::CaptureStdout();
-    mldrt_log_use_syslog(true);
-    mldrt_print("\n Couldnt empty include list\n");
-    mldrt_print("\n \tMFD %d", 7);
-    mldrt_print(" NULL");
-    mldrt_print("\n\n");
-    mldrt_print("MLDRT: %s\n", std::string(500, 'x').c_str());
-    mldrt_log("MLDV2: Fatal- Couldnt send query: sendmsg: %s\n", "No buffer space available");
-    mldrt_log("MLDV2: Fatal- Couldnt send query: sendmsg: %s\n", "No buffer space available");
+    log_use_syslog(true);
+    print_message("\n Couldnt empty include list\n");
+    print_message("\n \tMFD %d", 7);
+    print_message(" NULL");
+    print_message("\n\n");
+    print_message("MLDRT: %s\n", std::string(500, 'x').c_str());
+    log_message("MLDV2: Fatal- Couldnt send query: sendmsg: %s\n", "No buffer space available");
+    log_message("MLDV2: Fatal- Couldnt send query: sendmsg: %s\n", "No buffer space available");
     fake::kernel().monotonic_ms += 1000;
-    mldrt_log("MLDV2: Fatal- Couldnt send query: sendmsg: %s\n", "No buffer space available");
-    mldrt_print("the last piece stays until its newline");
-    mldrt_log_use_syslog(false);
+    log_message("MLDV2: Fatal- Couldnt send query: sendmsg: %s\n", "No buffer space available");
+    print_message("the last piece stays until its newline");
+    log_use_syslog(false);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     const std::string text = "MLDRT: " + std::string(500, 'x');
     EXPECT_EQ(fake::kernel().syslog,

@@ -4,6 +4,8 @@
 
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 class FormatTest : public RouterTest {
@@ -11,19 +13,19 @@ class FormatTest : public RouterTest {
     // Bytes 4-5, 24 and 25 of a general query sent on an MLDv2 link.
     bytes query_fields() {
         if (!ifp) {
-            ifp = add_link("eth2", 20, 2);
+            ifp = make_link("eth2", 20, 2);
         }
         fake::kernel().sent_msgs.clear();
-        mldrt_query_params q{};
+        QueryParams q{};
         q.dst[0] = 0xff;
-        mldrt_send_query(&router, ifp, &q);
+        send_query(&router, ifp, &q);
         if (fake::kernel().sent_msgs.size() != 1) {
             return {};
         }
         const auto& p = fake::kernel().sent_msgs[0].payload;
         return {p[4], p[5], p[24], p[25]};
     }
-    mldrt_interface* ifp = nullptr;
+    Link* ifp = nullptr;
 };
 
 // Each row sets one configured value and expects bytes 4, 5, 24 and 25 of the query; the MRC
@@ -72,9 +74,9 @@ TEST_F(FormatTest, MrcFloatingFrom32768MsQqicFrom128QrvOnlyBelow8) {
         *row.field = row.value;
         EXPECT_EQ(query_fields(), row.fields);
         if (row.field == mrt) {
-            EXPECT_EQ(mldrt_encode_mrc(row.value), (row.fields[0] << 8) | row.fields[1]);
+            EXPECT_EQ(encode_max_response_code(row.value), (row.fields[0] << 8) | row.fields[1]);
         } else if (row.field == qi) {
-            EXPECT_EQ(mldrt_encode_qqic(row.value), row.fields[3]);
+            EXPECT_EQ(encode_query_interval_code(row.value), row.fields[3]);
         }
     }
 }
@@ -86,7 +88,7 @@ TEST(RecordFormatTest, RecordHeaderAndSourcesInNetworkOrder) {
     for (const auto& [type, nsrc] :
          std::vector<std::pair<uint8_t, int>>{{4, 0}, {5, 3}, {1, 300}}) {
         SCOPED_TRACE(nsrc);
-        std::vector<mldrt_src> srcs(static_cast<size_t>(nsrc));
+        std::vector<Source> srcs(static_cast<size_t>(nsrc));
         // Sized from the start: growing a 4-byte vector by the group makes gcc -O3 see a copy
         // out of bounds that is not there (-Warray-bounds).
         bytes expected(20 + 16 * static_cast<size_t>(nsrc));
@@ -102,20 +104,19 @@ TEST(RecordFormatTest, RecordHeaderAndSourcesInNetworkOrder) {
             std::copy(srcs[i].src_addr, srcs[i].src_addr + 16, expected.begin() + 20 + 16 * i);
         }
         bytes buf(5000, 0xaa);
-        const mldrt_src* first = srcs.empty() ? nullptr : &srcs[0];
-        const uint32_t len = mldrt_build_mcast_record(buf.data(), grp.data(), type, first);
+        const Source* first = srcs.empty() ? nullptr : &srcs[0];
+        const uint32_t len =
+            build_record(buf.data(), grp.data(), static_cast<RecordType>(type), first);
         EXPECT_EQ(len, 20u + 16u * nsrc);
         EXPECT_EQ(bytes(buf.begin(), buf.begin() + len), expected);
         EXPECT_EQ(buf[len], 0xaa) << "nothing written past the record";
-        EXPECT_EQ(mldrt_srclist_len(first), static_cast<uint32_t>(nsrc));
+        EXPECT_EQ(list_length(first), static_cast<uint32_t>(nsrc));
     }
 }
 
 TEST(RecordFormatTest, RecordTypeFromFilterMode) {
-    for (const auto& [mode, type] :
-         std::vector<std::pair<uint32_t, uint8_t>>{{0, 1}, {1, 2}, {2, 0}, {0xffffffffu, 0}}) {
-        EXPECT_EQ(mldrt_get_rectype_from_group_mode(mode), type) << mode;
-    }
+    EXPECT_EQ(current_state_record_type(FilterMode::Include), RecordType::ModeIsInclude);
+    EXPECT_EQ(current_state_record_type(FilterMode::Exclude), RecordType::ModeIsExclude);
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 std::vector<uint8_t> hex(const std::string& text) {
@@ -63,15 +65,15 @@ addr6 src(int grp, int i) {
 
 class SendTest : public RouterTest {
   protected:
-    mldrt_interface* link(int mtu = 1500, int version = 2) {
+    Link* link(int mtu = 1500, int version = 2) {
         fake::kernel().mtu = mtu;
-        mldrt_interface* ifp = add_link("eth1", 11, 1);
+        Link* ifp = make_link("eth1", 11, 1);
         ifp->mld_version = version;
         return ifp;
     }
     // Checks what every message shares and returns the payloads with their destinations.
     // Queries, reports and dones all leave from the link's own (link-local) address.
-    std::vector<std::pair<std::string, std::vector<uint8_t>>> sent(mldrt_interface* ifp) {
+    std::vector<std::pair<std::string, std::vector<uint8_t>>> sent(Link* ifp) {
         std::vector<std::pair<std::string, std::vector<uint8_t>>> out;
         const std::string own = ip6_text(ifp->addr);
         for (const auto& m : fake::kernel().sent_msgs) {
@@ -124,18 +126,18 @@ TEST_F(SendTest, QueriesCarryHeaderFieldsAndSources) {
         {"ListShorterThanCount", 2, 1, "ff0e::1", 2, 3, 0, "",
          "\n Cannot send query, numSrc and list inconsistent 2 3\n"},
     };
-    mldrt_interface* ifp = link();
+    Link* ifp = link();
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         ifp->mld_version = row.version;
         router.last_listener_query_interval = row.llqi;
         fake::kernel().sent_msgs.clear();
-        std::vector<mldrt_src> srcs(static_cast<size_t>(row.nsrc) + 1);
+        std::vector<Source> srcs(static_cast<size_t>(row.nsrc) + 1);
         for (int i = 0; i < row.nsrc; i++) {
             std::memcpy(srcs[i].src_addr, src(1, i).data(), 16);
             srcs[i].next = i + 1 < row.nsrc ? &srcs[i + 1] : nullptr;
         }
-        mldrt_query_params q{};
+        QueryParams q{};
         std::memcpy(q.group, ip6(row.group).data(), 16);
         std::memcpy(q.dst,
                     (std::string(row.group) == "::" ? ip6("ff02::1") : ip6(row.group)).data(), 16);
@@ -143,7 +145,7 @@ TEST_F(SendTest, QueriesCarryHeaderFieldsAndSources) {
         q.src_count = static_cast<uint32_t>(row.count);
         q.s_flag = row.s_flag;
         capture_stdout();
-        mldrt_send_query(&router, ifp, &q);
+        send_query(&router, ifp, &q);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), row.out);
         auto msgs = sent(ifp);
         ASSERT_EQ(msgs.size(), row.payload.empty() ? 0u : 1u);
@@ -155,18 +157,18 @@ TEST_F(SendTest, QueriesCarryHeaderFieldsAndSources) {
 }
 
 TEST_F(SendTest, LongSourceListGoesOutAsSeveralQueries) {
-    mldrt_interface* ifp = link(1280);
-    std::vector<mldrt_src> srcs(100);
+    Link* ifp = link(1280);
+    std::vector<Source> srcs(100);
     for (int i = 0; i < 100; i++) {
         std::memcpy(srcs[i].src_addr, src(1, i).data(), 16);
         srcs[i].next = i + 1 < 100 ? &srcs[i + 1] : nullptr;
     }
-    mldrt_query_params q{};
+    QueryParams q{};
     std::memcpy(q.group, ip6("ff0e::1").data(), 16);
     std::memcpy(q.dst, q.group, 16);
     q.sources = &srcs[0];
     q.src_count = 100;
-    mldrt_send_query(&router, ifp, &q);
+    send_query(&router, ifp, &q);
     auto msgs = sent(ifp);
     ASSERT_GE(msgs.size(), 2u);
     size_t next = 0;
@@ -259,23 +261,22 @@ TEST_F(SendTest, ReportsFitTheLinkAndFollowItsVersion) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        mldrt_interface* ifp = link(row.mtu, row.version);
+        Link* ifp = link(row.mtu, row.version);
         for (int n : row.listened) {
             addr6 g = ip6("ff0e::");
             g[15] = static_cast<uint8_t>(n);
-            mldrt_add_mfdb_entry(&router, g.data())->old_host_state->mode = MLDRT_EXCLUDE;
+            add_forwarding_entry(&router, g.data())->old_host_state->mode = FilterMode::Exclude;
         }
         fake::kernel().sent_msgs.clear();
         std::vector<uint8_t> all;
         for (const auto& r : row.records) {
             all.insert(all.end(), r.begin(), r.end());
         }
-        mldrt_send_report(&router, ifp, ip6("ff02::16").data(), all.data(),
-                          static_cast<uint32_t>(row.records.size()),
-                          static_cast<uint32_t>(all.size()));
+        send_report(&router, ifp, ip6("ff02::16").data(), all.data(),
+                    static_cast<uint32_t>(row.records.size()), static_cast<uint32_t>(all.size()));
         EXPECT_EQ(sent(ifp), row.sent);
-        mldrt_delete_interface(ifp);
-        mldrt_free_mfdb(&router);
+        delete_link(ifp);
+        free_forwarding_entries(&router);
     }
 }
 
@@ -299,14 +300,14 @@ TEST_F(SendTest, GeneralQueriesFollowTheStartupThenSteadySchedule) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         router.robustness = row.robustness;
-        mldrt_interface* ifp = link();
+        Link* ifp = link();
         ifp->querier = row.querier;
         ifp->started = row.started;
         fake::kernel().sent_msgs.clear();
         std::vector<uint64_t> at_ms;
         for (uint64_t t = 0; t <= 320000; t += 250) {
             const size_t before = fake::kernel().sent_msgs.size();
-            mldrt_send_general_query(&router, ifp);
+            send_general_query(&router, ifp);
             if (fake::kernel().sent_msgs.size() != before) {
                 at_ms.push_back(t);
             }
@@ -317,7 +318,7 @@ TEST_F(SendTest, GeneralQueriesFollowTheStartupThenSteadySchedule) {
             EXPECT_EQ(dst, "ff02::1");
             EXPECT_EQ(p.size(), 28u);
         }
-        mldrt_delete_interface(ifp);
+        delete_link(ifp);
     }
 }
 

@@ -1,6 +1,8 @@
 
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 class MrouteTest : public RouterTest {
@@ -11,8 +13,8 @@ class MrouteTest : public RouterTest {
         link.mifi = 5;
         link.ifindex = 0x1234;
     }
-    mldrt_interface upstream{};
-    mldrt_interface link{};
+    Link upstream{};
+    Link link{};
 };
 
 // Fields written in host order (the kernel's records are native-endian) at their offsets.
@@ -54,20 +56,20 @@ TEST_F(MrouteTest, EachOperationUsesItsOptionLengthAndFailureMessage) {
         const char* failure;
     };
     const std::vector<Row> rows = {
-        {"init", [&] { return mldrt_k_init(router.router_sock); }, 200, 4,
+        {"init", [&] { return kernel_start_routing(router.router_sock); }, 200, 4,
          "MLDRT: Setsockopt error on MRT6_INIT: setsockopt: Permission denied\n"},
-        {"done", [&] { return mldrt_k_stop(router.router_sock); }, 201, 0,
+        {"done", [&] { return kernel_stop_routing(router.router_sock); }, 201, 0,
          "MLDRT: Setsockopt error on MRT_DONE: setsockopt: Permission denied\n"},
-        {"add MIF", [&] { return mldrt_add_k_vif(router.router_sock, &link); }, 202, 12,
+        {"add MIF", [&] { return kernel_add_mif(router.router_sock, &link); }, 202, 12,
          "MLDRT: Setsockopt error on MRT_ADD_MIF: setsockopt: Permission denied\n"},
-        {"delete MIF", [&] { return mldrt_delete_k_vif(router.router_sock, &link); }, 203, 12,
+        {"delete MIF", [&] { return kernel_delete_mif(router.router_sock, &link); }, 203, 12,
          "MLDRT: Setsockopt error on MRT_DEL_VIF: setsockopt: Permission denied\n"},
-        {"add (S,G)", [&] { return mldrt_add_k_mfc(&router, g.data(), s.data(), oifs.data()); },
-         204, 92, "MLDRT: Setsockopt error on MRT_ADD_MFC: setsockopt: Permission denied\n"},
-        {"delete (::,G)", [&] { return mldrt_delete_k_mfc(&router, g.data(), any.data()); }, 205,
-         92, "MLDRT: Setsockopt error on MRT_DEL_ADD_MFC: setsockopt: Permission denied\n"},
+        {"add (S,G)", [&] { return kernel_add_mfc(&router, g.data(), s.data(), oifs.data()); }, 204,
+         92, "MLDRT: Setsockopt error on MRT_ADD_MFC: setsockopt: Permission denied\n"},
+        {"delete (::,G)", [&] { return kernel_delete_mfc(&router, g.data(), any.data()); }, 205, 92,
+         "MLDRT: Setsockopt error on MRT_DEL_ADD_MFC: setsockopt: Permission denied\n"},
         {"delete (S,G) fails silently",
-         [&] { return mldrt_delete_k_mfc(&router, g.data(), s.data()); }, 205, 92, ""},
+         [&] { return kernel_delete_mfc(&router, g.data(), s.data()); }, 205, 92, ""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -93,8 +95,8 @@ TEST_F(MrouteTest, EachOperationUsesItsOptionLengthAndFailureMessage) {
 }
 
 TEST_F(MrouteTest, MifRecordHoldsMifAndIndexWithZeroFlagsThresholdAndRate) {
-    ASSERT_EQ(mldrt_add_k_vif(router.router_sock, &link), 0);
-    ASSERT_EQ(mldrt_delete_k_vif(router.router_sock, &link), 0);
+    ASSERT_EQ(kernel_add_mif(router.router_sock, &link), 0);
+    ASSERT_EQ(kernel_delete_mif(router.router_sock, &link), 0);
     ASSERT_EQ(fake::kernel().sockopts.size(), 2u);
     EXPECT_EQ(fake::kernel().sockopts[0].value, mif_bytes(5, 0x1234));
     EXPECT_EQ(fake::kernel().sockopts[1].value, mif_bytes(5, 0x1234));
@@ -113,7 +115,7 @@ TEST_F(MrouteTest, MifThatTheKernelCannotHoldIsRefusedWithoutSyscall) {
         link.ifindex = row.ifindex;
         link.mifi = row.mifi;
         int rc = 0;
-        std::string out = stdout_of([&] { rc = mldrt_add_k_vif(router.router_sock, &link); });
+        std::string out = stdout_of([&] { rc = kernel_add_mif(router.router_sock, &link); });
         EXPECT_EQ(rc, row.accepted ? 0 : -1);
         EXPECT_EQ(out, row.accepted ? "" : "MLDRT: Setsockopt error on MRT_ADD_MIF\n");
         EXPECT_EQ(fake::kernel().sockopts.size(), row.accepted ? 1u : 0u);
@@ -132,7 +134,7 @@ TEST_F(MrouteTest, OutputArrayByteSetsItsIfsetBit) {
         {beyond, 0},  // bytes 32..39 name MIFs the kernel cannot have
     };
     for (size_t i = 0; i < rows.size(); i++) {
-        EXPECT_EQ(mldrt_k_ifset_word(rows[i].first.data()), rows[i].second) << "row " << i;
+        EXPECT_EQ(ifset_word(rows[i].first.data()), rows[i].second) << "row " << i;
     }
 }
 
@@ -140,10 +142,10 @@ TEST_F(MrouteTest, ForwardingEntryBytes) {
     const addr6 g = ip6("ff0e::1234"), s = ip6("2001:db8::1"), any{};
     auto oifs = oifs_of({1, 7});
     router.upstream = &upstream;
-    ASSERT_EQ(mldrt_add_k_mfc(&router, g.data(), s.data(), oifs.data()), 0);
-    ASSERT_EQ(mldrt_add_k_mfc(&router, g.data(), any.data(), oifs.data()), 0);
-    ASSERT_EQ(mldrt_delete_k_mfc(&router, g.data(), any.data()), 0);
-    ASSERT_EQ(mldrt_delete_k_mfc(&router, g.data(), s.data()), 0);
+    ASSERT_EQ(kernel_add_mfc(&router, g.data(), s.data(), oifs.data()), 0);
+    ASSERT_EQ(kernel_add_mfc(&router, g.data(), any.data(), oifs.data()), 0);
+    ASSERT_EQ(kernel_delete_mfc(&router, g.data(), any.data()), 0);
+    ASSERT_EQ(kernel_delete_mfc(&router, g.data(), s.data()), 0);
     const auto& calls = fake::kernel().sockopts;
     ASSERT_EQ(calls.size(), 4u);
     // (S,G): parent is the upstream MIF, which is not an output.
@@ -159,7 +161,7 @@ TEST_F(MrouteTest, AddWithoutUpstreamMakesNoCallAndNoMessage) {
     const addr6 g = ip6("ff0e::1"), any{};
     auto oifs = oifs_of({1});
     int rc = 0;
-    EXPECT_EQ(stdout_of([&] { rc = mldrt_add_k_mfc(&router, g.data(), any.data(), oifs.data()); }),
+    EXPECT_EQ(stdout_of([&] { rc = kernel_add_mfc(&router, g.data(), any.data(), oifs.data()); }),
               "");
     EXPECT_EQ(rc, -1);
     EXPECT_TRUE(fake::kernel().sockopts.empty());

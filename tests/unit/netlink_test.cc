@@ -7,6 +7,8 @@
 #include "iface/netlink.h"
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 // Netlink messages are in host byte order; addresses inside them in network order.
@@ -90,7 +92,7 @@ class NetlinkTest : public RouterTest {
         router.nl_buf = static_cast<uint8_t*>(calloc(1, std::max<size_t>(batch.size(), 1)));
         router.nl_buf_size = static_cast<uint32_t>(batch.size());
         fake::kernel().netlink_batches.push_back(batch);
-        EXPECT_TRUE(mldrt_handle_interface(&router));
+        EXPECT_TRUE(handle_link(&router));
     }
     // The type of every dump request sent so far (18 links, 22 addresses).
     static std::vector<int> requests() {
@@ -229,21 +231,21 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         while (router.interfaces) {
-            mldrt_delete_interface(router.interfaces);
+            delete_link(router.interfaces);
         }
-        mldrt_sysif_reset();
+        system_link_reset();
         fake::kernel().sockopts.clear();
         fake::kernel().sockets.clear();
         fake::kernel().closed.clear();
         router.downstream_count = row.downstream ? 1 : 0;
-        mldrt_copy_ifname(router.downstream_ifnames[0], row.downstream ? row.downstream : "");
+        copy_ifname(router.downstream_ifnames[0], row.downstream ? row.downstream : "");
         std::string out = stdout_of([&] {
             for (const auto& b : row.batches) {
                 feed(b);
             }
         });
         EXPECT_EQ(out, row.out);
-        const mldrt_interface* ifp = router.interfaces;
+        const Link* ifp = router.interfaces;
         EXPECT_EQ(ifp ? std::string(ifp->name, strnlen(ifp->name, sizeof ifp->name)) + " " +
                             std::to_string(ifp->ifindex)
                       : "",
@@ -298,29 +300,29 @@ TEST_F(NetlinkTest, DumpsFollowOneAnotherAndLostNotificationsAskForThemAgain) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         fake::kernel().sent.clear();
-        ASSERT_EQ(mldrt_start_netlink(&router), 0);  // also forgets the last row's dump
+        ASSERT_EQ(start_netlink(&router), 0);  // also forgets the last row's dump
         for (const auto& batch : row.batches) {
             if (batch) {
                 feed(*batch);
             } else {
                 fake::kernel().recv_errno = ENOBUFS;
-                EXPECT_TRUE(mldrt_handle_interface(&router));  // more may wait behind the loss
+                EXPECT_TRUE(handle_link(&router));  // more may wait behind the loss
             }
         }
-        EXPECT_FALSE(mldrt_handle_interface(&router));  // nothing left: the loop may wait
+        EXPECT_FALSE(handle_link(&router));  // nothing left: the loop may wait
         EXPECT_EQ(requests(), row.requests);
-        EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth1") != nullptr, row.eth1);
+        EXPECT_EQ(find_link_by_name(&router, "eth1") != nullptr, row.eth1);
         EXPECT_EQ(fake::kernel().recv_flags.back(), MSG_DONTWAIT | MSG_NOSIGNAL);
         while (router.interfaces) {
-            mldrt_delete_interface(router.interfaces);
+            delete_link(router.interfaces);
         }
-        mldrt_sysif_reset();
+        system_link_reset();
     }
 }
 
 TEST_F(NetlinkTest, UpstreamActivatesTheRouterAndDeletedLinksLoseTheirMif) {
     feed(cat({link(RTM_NEWLINK, 7, kUpMc, "eth1"), ll_addr(7)}));
-    mldrt_interface* eth1 = mldrt_lookup_interface_name(&router, "eth1");
+    Link* eth1 = find_link_by_name(&router, "eth1");
     ASSERT_NE(eth1, nullptr);
     int eth1_sock = eth1->sock;
     EXPECT_EQ(router.upstream, nullptr);
@@ -328,7 +330,7 @@ TEST_F(NetlinkTest, UpstreamActivatesTheRouterAndDeletedLinksLoseTheirMif) {
     eth1->started = 1;
     eth1->query_due_ms = fake::monotonic_now_ms() + 60000;
     feed(cat({link(RTM_NEWLINK, 2, kUpMc, "up0"), ll_addr(2, "fe80::2")}));
-    mldrt_interface* up = mldrt_lookup_interface_name(&router, "up0");
+    Link* up = find_link_by_name(&router, "up0");
     ASSERT_NE(up, nullptr);
     EXPECT_EQ(router.upstream, up);
     EXPECT_EQ(router.active, 1);
@@ -337,15 +339,15 @@ TEST_F(NetlinkTest, UpstreamActivatesTheRouterAndDeletedLinksLoseTheirMif) {
     EXPECT_EQ(ip6_text(router.upstream_addr), "fe80::2");
     // A link going administratively down is a new-link message: the record stays.
     feed(link(RTM_NEWLINK, 7, IFF_MULTICAST, "eth1"));
-    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth1"), eth1);
+    EXPECT_EQ(find_link_by_name(&router, "eth1"), eth1);
 
     fake::kernel().sockopts.clear();
     feed(link(RTM_DELLINK, 7, kUpMc, "eth1"));
-    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth1"), nullptr);
+    EXPECT_EQ(find_link_by_name(&router, "eth1"), nullptr);
     EXPECT_EQ(std::count(fake::kernel().closed.begin(), fake::kernel().closed.end(), eth1_sock), 1);
     EXPECT_EQ(router.upstream, up);
     feed(ll_addr(7));  // the table entry went with the link
-    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth1"), nullptr);
+    EXPECT_EQ(find_link_by_name(&router, "eth1"), nullptr);
     feed(link(RTM_DELLINK, 2, kUpMc, "up0"));
     EXPECT_EQ(router.upstream, nullptr);
     EXPECT_EQ(router.active, 0);
@@ -361,7 +363,7 @@ TEST_F(NetlinkTest, UpstreamActivatesTheRouterAndDeletedLinksLoseTheirMif) {
 // MTU resizes the buffer its messages are built in (bounded by what a packet can hold).
 TEST_F(NetlinkTest, RenamedLinkKeepsItsRecordAndFollowsItsMtu) {
     feed(cat({link(RTM_NEWLINK, 7, kUpMc, "eth1"), ll_addr(7)}));
-    mldrt_interface* eth1 = mldrt_lookup_interface_name(&router, "eth1");
+    Link* eth1 = find_link_by_name(&router, "eth1");
     ASSERT_NE(eth1, nullptr);
     const uint16_t mif = eth1->mifi;
     const struct {
@@ -371,16 +373,16 @@ TEST_F(NetlinkTest, RenamedLinkKeepsItsRecordAndFollowsItsMtu) {
     for (const auto& step : steps) {
         SCOPED_TRACE(std::string(step.name) + " " + std::to_string(step.mtu));
         feed(link(RTM_NEWLINK, 7, kUpMc, step.name, true, step.mtu));
-        EXPECT_EQ(mldrt_lookup_interface_index(&router, 7), eth1);
+        EXPECT_EQ(find_link_by_index(&router, 7), eth1);
         EXPECT_STREQ(eth1->name, step.name);
         EXPECT_EQ(eth1->mifi, mif);
         EXPECT_EQ(eth1->buf_size, step.buf_size);
     }
-    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth1"), nullptr);
+    EXPECT_EQ(find_link_by_name(&router, "eth1"), nullptr);
     EXPECT_EQ(router.interfaces->next, nullptr) << "one record";
     // With the downstream links chosen by name, a rename out of the choice lets the link go.
     router.downstream_count = 1;
-    mldrt_copy_ifname(router.downstream_ifnames[0], "lan2");
+    copy_ifname(router.downstream_ifnames[0], "lan2");
     capture_stdout();
     feed(link(RTM_NEWLINK, 7, kUpMc, "guest0"));
     EXPECT_EQ(testing::internal::GetCapturedStdout(),

@@ -5,6 +5,8 @@
 
 #include "upstream_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 using namespace ups;
@@ -16,7 +18,7 @@ const addr6 kAny{};
 struct sent_records {
     texts lines, shapes;
 };
-sent_records records_sent(const mldrt_interface* up) {
+sent_records records_sent(const Link* up) {
     reports_sent(up);
     sent_records out;
     for (const auto& m : fake::kernel().sent_msgs) {
@@ -39,7 +41,7 @@ sent_records records_sent(const mldrt_interface* up) {
 }
 
 // `head` and each source of `l` in list order, the first `max` at most.
-texts lines(const std::string& head, const mldrt_src* l, size_t max = 1000) {
+texts lines(const std::string& head, const Source* l, size_t max = 1000) {
     texts v;
     for (; l && v.size() < max; l = l->next) {
         v.push_back(head + " " + src_name(l->src_addr));
@@ -49,11 +51,11 @@ texts lines(const std::string& head, const mldrt_src* l, size_t max = 1000) {
 
 // An entry whose host state was built elsewhere: `mode` with sources `srcs`, added in order
 // (so the list reads in reverse).
-mldrt_mfdb_entry* host_state(const addr6& g, uint32_t mode, const std::vector<int>& srcs) {
-    mldrt_mfdb_entry* e = mldrt_add_mfdb_entry(&router, g.data());
+ForwardingEntry* host_state(const addr6& g, FilterMode mode, const std::vector<int>& srcs) {
+    ForwardingEntry* e = add_forwarding_entry(&router, g.data());
     e->old_host_state->mode = mode;
     for (int n : srcs) {
-        mldrt_add_src_to_group(nullptr, e, MLDRT_L_OLD_HS, src(n).data());
+        add_source_to_group(nullptr, e, ListKind::OldHostState, src(n).data());
     }
     return e;
 }
@@ -90,10 +92,11 @@ TEST_F(QueryTest, GeneralQueryUpstreamAnswersEveryGroupInOneReport) {
 }
 
 TEST_F(QueryTest, QueryDownstreamChangesNothingButTheLinkVersion) {
-    mldrt_add_src_to_group(group(eth1, G1), nullptr, MLDRT_L_SRSP, src(1).data())->rtx_count = 2;
+    add_source_to_group(group(eth1, G1), nullptr, ListKind::QuerySuppressed, src(1).data())
+        ->rtx_count = 2;
     const std::string before = describe(group(eth1, G1)) + describe(group(eth1, G2));
     eth1->query_due_ms = 17;
-    hear(eth1, v2_query(kAny, {}), MLDRT_QUERY_V1_LEN);
+    hear(eth1, v2_query(kAny, {}), kQueryV1Len);
     EXPECT_EQ(eth1->mld_version, 1);
     EXPECT_EQ(describe(group(eth1, G1)) + describe(group(eth1, G2)), before);
     EXPECT_EQ(eth1->query_due_ms, 17u);
@@ -160,8 +163,8 @@ TEST_F(QueryTest, MLDv1UpstreamAnswersOnlyGroupsWithListeners) {
         SCOPED_TRACE(row.name);
         restart();
         prepare();
-        host_state(G3, MLDRT_INCLUDE, {});
-        host_state(G4, MLDRT_EXCLUDE, {});
+        host_state(G3, FilterMode::Include, {});
+        host_state(G4, FilterMode::Exclude, {});
         EXPECT_EQ(stdout_of([&] { hear(up, row.query, row.len); }), "");
         EXPECT_EQ(reports_sent(up), row.sent);
         EXPECT_EQ(up->mld_version, row.version);
@@ -173,7 +176,7 @@ TEST_F(QueryTest, MLDv1UpstreamAnswersOnlyGroupsWithListeners) {
 // MLDv1 form is dropped as malformed before any field of it is read.
 TEST_F(QueryTest, QueryOf126HeldSourcesIsAnsweredWithAllOfThem) {
     const addr6 G3 = grp(3);
-    host_state(G3, MLDRT_INCLUDE, upto(1, 126));
+    host_state(G3, FilterMode::Include, upto(1, 126));
     struct {
         const char* name;
         int claimed;
@@ -201,16 +204,16 @@ TEST_F(QueryTest, QueryOf126HeldSourcesIsAnsweredWithAllOfThem) {
 // holds at most 75 sources and a report at most 61 records without sources.
 struct SplitRow {
     const char* name;
-    std::vector<std::pair<uint32_t, int>> entries;  // G1, G2, ...: mode and source count
-    texts shapes;                                   // each report as full as fits
+    std::vector<std::pair<FilterMode, int>> entries;  // G1, G2, ...: mode and source count
+    texts shapes;                                     // each report as full as fits
 };
 const std::vector<SplitRow> kSplitRows = {
     {"IncludeState200Sources",
-     {{MLDRT_INCLUDE, 200}},
+     {{FilterMode::Include, 200}},
      {"1 records 75 sources", "1 records 75 sources", "1 records 50 sources"}},
-    {"ExcludeState200Sources", {{MLDRT_EXCLUDE, 200}}, {"1 records 75 sources"}},
+    {"ExcludeState200Sources", {{FilterMode::Exclude, 200}}, {"1 records 75 sources"}},
     {"RecordsOf110Groups",
-     std::vector<std::pair<uint32_t, int>>(110, {MLDRT_INCLUDE, 0}),
+     std::vector<std::pair<FilterMode, int>>(110, {FilterMode::Include, 0}),
      {"61 records 0 sources", "49 records 0 sources"}},
 };
 
@@ -221,7 +224,7 @@ class SplitTest : public RouterTest {
         TearDown();
         SetUp();
         fake::kernel().mtu = 1280;
-        up = add_link("up0", 10, 0);
+        up = make_link("up0", 10, 0);
         router.upstream = up;
         router.active = 1;
         for (size_t i = row.entries.size(); i-- > 0;) {  // head insertion: G1 ends up first
@@ -231,7 +234,7 @@ class SplitTest : public RouterTest {
         forget_kernel_calls();
         hear(up, v2_query(kAny, {}));
     }
-    mldrt_interface* up = nullptr;
+    Link* up = nullptr;
 };
 
 // Every INCLUDE record's sources go out once each; an EXCLUDE record keeps the first sources
@@ -241,10 +244,11 @@ TEST_F(SplitTest, LongAnswersAreSplitToTheLinkMtu) {
         SCOPED_TRACE(row.name);
         answer(row);
         texts expected;
-        for (const mldrt_mfdb_entry* e = router.mfdb_list; e; e = e->next) {
-            const mldrt_hs_state* hs = e->old_host_state;
-            std::string head = (hs->mode ? "IS_EX " : "IS_IN ") + grp_name(e->grp_addr);
-            texts l = lines(head, hs->list, hs->mode ? 75 : 1000);
+        for (const ForwardingEntry* e = router.mfdb_list; e; e = e->next) {
+            const HostState* hs = e->old_host_state;
+            std::string head =
+                (hs->mode == FilterMode::Exclude ? "IS_EX " : "IS_IN ") + grp_name(e->grp_addr);
+            texts l = lines(head, hs->list, hs->mode == FilterMode::Exclude ? 75 : 1000);
             expected.insert(expected.end(), l.begin(), l.end());
             if (!hs->list) {
                 expected.push_back(head);
@@ -258,7 +262,7 @@ TEST_F(SplitTest, LongAnswersAreSplitToTheLinkMtu) {
 TEST_F(SplitTest, UpstreamReportsAreEachAsFullAsTheLinkAllows) {
     std::vector<SplitRow> rows = kSplitRows;
     rows.push_back({"ExcludeRecordAfterAnotherGroup",
-                    {{MLDRT_INCLUDE, 60}, {MLDRT_EXCLUDE, 130}},
+                    {{FilterMode::Include, 60}, {FilterMode::Exclude, 130}},
                     {"1 records 60 sources", "1 records 75 sources"}});
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);

@@ -3,6 +3,8 @@
 
 #include "listener_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 using namespace lsn;
@@ -16,21 +18,21 @@ struct source_chain {
             entries[i].next = i + 1 < ns.size() ? &entries[i + 1] : nullptr;
         }
     }
-    const mldrt_src* head() const { return entries.empty() ? nullptr : entries.data(); }
+    const Source* head() const { return entries.empty() ? nullptr : entries.data(); }
     uint32_t count() const { return static_cast<uint32_t>(entries.size()); }
-    std::vector<mldrt_src> entries;
+    std::vector<Source> entries;
 };
 
 class QueryScheduleTest : public ListenerTest {};
 
 TEST_F(QueryScheduleTest, GroupSpecificQuerySetsFilterTimerToLlqtEvenUpwards) {
-    for (int32_t ftimer : {260, 1}) {
-        SCOPED_TRACE("filter timer before: " + std::to_string(ftimer));
+    for (int32_t filter_timer : {260, 1}) {
+        SCOPED_TRACE("filter timer before: " + std::to_string(filter_timer));
         restart();
-        mldrt_group* g = make_group(eth1, G1, exclude({}, {}, ftimer), host);
+        Group* g = make_group(eth1, G1, exclude({}, {}, filter_timer), host);
         forget_kernel_calls();
-        mldrt_update_fsm_and_send_query(&router, eth1, g, G1.data(), nullptr, 0);
-        EXPECT_EQ(g->ftimer, 2);
+        lower_timers_and_query(&router, eth1, g, G1.data(), nullptr, 0);
+        EXPECT_EQ(g->filter_timer, 2);
         EXPECT_EQ(g->grp_rtx_count, 1);  // LLQC - 1 still to send
         EXPECT_EQ(g->grp_rtx_timer, 1);  // LLQI
         EXPECT_EQ(g->src_rtx_count, 0);
@@ -77,10 +79,10 @@ TEST_F(QueryScheduleTest, SourceSpecificQueryLowersTimersAboveLlqtAndKeepsTheOth
     for (const SourceRow& row : rows) {
         SCOPED_TRACE(row.name);
         restart();
-        mldrt_group* g = make_group(eth1, G1, row.before, host);
+        Group* g = make_group(eth1, G1, row.before, host);
         forget_kernel_calls();
         source_chain chain(row.queried);
-        mldrt_update_fsm_and_send_query(&router, eth1, g, G1.data(), chain.head(), chain.count());
+        lower_timers_and_query(&router, eth1, g, G1.data(), chain.head(), chain.count());
         EXPECT_EQ(describe(g), describe(row.after));
         EXPECT_EQ(rtx_text(g->srsp_list), row.srsp);
         EXPECT_EQ(rtx_text(g->non_srsp_list), row.non_srsp);
@@ -95,16 +97,16 @@ TEST_F(QueryScheduleTest, SourceSpecificQueryLowersTimersAboveLlqtAndKeepsTheOth
 // leaving more sources before the router repeats its query): the new sources are asked with
 // the pending ones, each query's count is its list's length, and nothing is printed.
 TEST_F(QueryScheduleTest, PendingSourcesAreAskedAgainWithTheNewOnesQuietly) {
-    mldrt_group* g = make_group(eth1, G1, include({{1, 260}, {2, 260}, {3, 1}}), host);
+    Group* g = make_group(eth1, G1, include({{1, 260}, {2, 260}, {3, 1}}), host);
     source_chain first({1, 3});
-    mldrt_update_fsm_and_send_query(&router, eth1, g, G1.data(), first.head(), first.count());
+    lower_timers_and_query(&router, eth1, g, G1.data(), first.head(), first.count());
     EXPECT_EQ(queries_sent(), (std::vector<std::string>{query(G1, {1}), query(G1, {3})}));
     forget_kernel_calls();
 
     source_chain second({2});
     EXPECT_EQ(stdout_of([&] {
-                  mldrt_update_fsm_and_send_query(&router, eth1, g, G1.data(), second.head(),
-                                                  second.count());
+                  lower_timers_and_query(&router, eth1, g, G1.data(), second.head(),
+                                         second.count());
               }),
               "");
     EXPECT_EQ(queries_sent(), (std::vector<std::string>{query(G1, {2, 1}), query(G1, {3})}));
@@ -139,48 +141,48 @@ TEST_F(QueryScheduleTest, RepeatedLeavesKeepEachSourcesRetransmissions) {
         SCOPED_TRACE(row.name);
         restart();
         router.last_listener_query_count = row.llqc;
-        mldrt_group* g = make_group(eth1, G1, include({{1, 260}, {2, 260}}), host);
+        Group* g = make_group(eth1, G1, include({{1, 260}, {2, 260}}), host);
         forget_kernel_calls();
         std::string out = stdout_of([&] {
             for (const std::vector<int>& step : row.steps) {
                 source_chain left(step);
                 if (step.empty()) {
-                    mldrt_update_memberships(&router, eth1, 0);
+                    age_link_groups(&router, eth1, 0);
                 } else {
-                    mldrt_update_fsm_and_send_query(&router, eth1, g, G1.data(), left.head(),
-                                                    left.count());
+                    lower_timers_and_query(&router, eth1, g, G1.data(), left.head(), left.count());
                 }
             }
         });
         EXPECT_EQ(out, "");
         EXPECT_EQ(queries_sent(), row.queries);
         ASSERT_EQ(group(eth1, G1), g);
-        const mldrt_src* s1 = mldrt_lookup_src_in_grplist(g->include_list, src(1).data());
+        const Source* s1 = find_source(g->include_list, src(1).data());
         EXPECT_EQ(s1 ? s1->timer : -1, row.s1_timer);
     }
 }
 
 TEST_F(QueryScheduleTest, RefusalsLeaveCountsUnstoredAndSendNothing) {
-    mldrt_group* odd = make_group(eth1, G1, include({{1, 260}}), host);
-    odd->fmode = 7;
+    Group* odd = make_group(eth1, G1, include({{1, 260}}), host);
+    odd->filter_mode = static_cast<FilterMode>(7);
     source_chain one({1});
     capture_stdout();
-    mldrt_update_fsm_and_send_query(&router, eth1, odd, G1.data(), one.head(), one.count());
+    lower_timers_and_query(&router, eth1, odd, G1.data(), one.head(), one.count());
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "\n FATAL:: Unknown Group Mode\n");
     EXPECT_EQ(odd->srsp_list, nullptr);
 
     // A full retransmission list (64 entries) refuses the next source.
     addr6 g2 = grp(2);
-    mldrt_group* full = make_group(eth1, g2, include({{1, 260}}), host);
+    Group* full = make_group(eth1, g2, include({{1, 260}}), host);
     for (int n = 100; n < 164; n++) {
-        mldrt_add_src_to_group(full, full->mfdb, MLDRT_L_SRSP, src(n).data())->rtx_count = 1;
+        add_source_to_group(full, full->mfdb, ListKind::QuerySuppressed, src(n).data())->rtx_count =
+            1;
     }
     capture_stdout();
-    mldrt_update_fsm_and_send_query(&router, eth1, full, g2.data(), one.head(), one.count());
+    lower_timers_and_query(&router, eth1, full, g2.data(), one.head(), one.count());
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "MLDRT: Limit of 64 sources per list reached, request not handled\n"
               "\n FATAL: couldnt allocate entry in SRSP list\n");
-    EXPECT_EQ(mldrt_srclist_len(full->srsp_list), 64u);
+    EXPECT_EQ(list_length(full->srsp_list), 64u);
     EXPECT_EQ(full->src_rtx_count, 0);
     EXPECT_EQ(queries_sent(), std::vector<std::string>{});
 }

@@ -5,6 +5,8 @@
 #include "core/receive.h"
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 class ReceiveTest : public RouterTest {};
@@ -23,8 +25,8 @@ fake::datagram v1_query(bool with_pktinfo, uint32_t ifindex) {
 }
 
 TEST_F(ReceiveTest, RouterSocketDatagramIsReadOnlyWhenItCanBeHandled) {
-    mldrt_interface* up = add_link("up0", 2, 0);
-    mldrt_interface* eth1 = add_link("eth1", 7, 1);
+    Link* up = make_link("up0", 2, 0);
+    Link* eth1 = make_link("eth1", 7, 1);
     const size_t options = fake::kernel().sockopts.size();
     struct Row {
         const char* name;
@@ -54,7 +56,7 @@ TEST_F(ReceiveTest, RouterSocketDatagramIsReadOnlyWhenItCanBeHandled) {
         router.upstream = row.upstream ? up : nullptr;
         router.active = row.active;
         eth1->mld_version = 2;
-        EXPECT_EQ(stdout_of([&] { mldrt_handle_input(&router, row.proto); }), row.out);
+        EXPECT_EQ(stdout_of([&] { handle_input(&router, row.proto); }), row.out);
         EXPECT_EQ(k.recvmsg_flags, std::vector<int>(row.reads, MSG_DONTWAIT));
         EXPECT_EQ(k.datagrams.size(), row.left);
         EXPECT_EQ(eth1->mld_version, row.version);
@@ -64,10 +66,10 @@ TEST_F(ReceiveTest, RouterSocketDatagramIsReadOnlyWhenItCanBeHandled) {
 }
 
 TEST_F(ReceiveTest, InterfaceSocketDatagramIsReadWithoutWaitingAndDropped) {
-    mldrt_interface* eth1 = add_link("eth1", 7, 0);
+    Link* eth1 = make_link("eth1", 7, 0);
     fake::kernel().datagrams.push_back(v1_query(true, 7));
-    EXPECT_EQ(mldrt_handle_other_pkts(&router, eth1), 24);
-    EXPECT_EQ(mldrt_handle_other_pkts(&router, eth1), -1);
+    EXPECT_EQ(handle_other_message(&router, eth1), 24);
+    EXPECT_EQ(handle_other_message(&router, eth1), -1);
     EXPECT_EQ(fake::kernel().recvmsg_flags, (std::vector<int>{MSG_DONTWAIT, MSG_DONTWAIT}));
     EXPECT_EQ(eth1->mld_version, 2);
 }
@@ -75,14 +77,14 @@ TEST_F(ReceiveTest, InterfaceSocketDatagramIsReadWithoutWaitingAndDropped) {
 // A kernel upcall is a whole mrt6msg: a datagram of 39 bytes that starts like one is no upcall
 // (it reaches the MLD handling as an unknown type), whatever the buffer held beyond it.
 TEST_F(ReceiveTest, OnlyAWholeMrt6msgIsAnUpcall) {
-    mldrt_interface* up = add_link("up0", 2, 0);
+    Link* up = make_link("up0", 2, 0);
     router.upstream = up;
     router.active = 1;
     for (size_t len : {40u, 39u}) {
         SCOPED_TRACE(std::to_string(len) + " bytes");
         router.counters = {};
         fake::kernel().sockopts.clear();
-        mldrt_mrt6msg m{};
+        Mrt6Msg m{};
         m.im6_msgtype = MRT6MSG_NOCACHE_TYPE;
         m.im6_mif = up->mifi;
         addr6 g = ip6("ff0e::1:1"), s = ip6("2001:db8::1");
@@ -93,10 +95,10 @@ TEST_F(ReceiveTest, OnlyAWholeMrt6msgIsAnUpcall) {
         d.payload.assign(reinterpret_cast<uint8_t*>(&m), reinterpret_cast<uint8_t*>(&m) + len);
         d.with_pktinfo = true;  // upcalls arrive with PKTINFO index 0
         fake::kernel().datagrams.push_back(d);
-        EXPECT_TRUE(mldrt_handle_input(&router, MLDRT_PROTO_ICMPV6));
+        EXPECT_TRUE(handle_input(&router, kProtoIcmpv6));
         // The whole upcall for a group nobody listens to removes its cache entry; the short
         // one is a message for no link of ours.
-        EXPECT_EQ(fake::sockopts(MLDRT_K_LEVEL, MRT6_DEL_MFC_OPT).size(), len == 40 ? 1u : 0u);
+        EXPECT_EQ(fake::sockopts(kKLevel, MRT6_DEL_MFC_OPT).size(), len == 40 ? 1u : 0u);
         EXPECT_EQ(router.counters.not_ours, len == 40 ? 0u : 1u);
     }
 }

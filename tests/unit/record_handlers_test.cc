@@ -5,6 +5,8 @@
 
 #include "listener_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 using namespace lsn;
@@ -67,7 +69,7 @@ std::vector<T> operator+(std::vector<T> a, const std::vector<T>& b) {
 const std::string kAddStarG = "add :: ff0e::101 parent 0 mifs 0,1";
 
 group_state odd_mode() {
-    return {true, 7, {}, {}, {}, 0};
+    return {true, static_cast<FilterMode>(7), {}, {}, {}, 0};
 }
 
 struct Row {
@@ -82,15 +84,15 @@ struct Row {
     bool from_stranger = false;
 };
 
-using record_handler = int (*)(mldrt_router*, mldrt_interface*, const uint8_t*, const uint8_t*);
+using record_handler = int (*)(Router*, Link*, const uint8_t*, const uint8_t*);
 const record_handler kHandler[7] = {
     nullptr,
-    mldrt_handle_v2_isin_record,
-    mldrt_handle_v2_isex_record,
-    mldrt_handle_v2_toin_record,
-    mldrt_handle_v2_toex_record,
-    mldrt_handle_v2_allow_record,
-    mldrt_handle_v2_block_record,
+    handle_is_include_record,
+    handle_is_exclude_record,
+    handle_to_include_record,
+    handle_to_exclude_record,
+    handle_allow_record,
+    handle_block_record,
 };
 
 class RecordHandlerTest : public ListenerTest {
@@ -105,29 +107,29 @@ class RecordHandlerTest : public ListenerTest {
         capture_stdout();
         kHandler[row.type](&router, eth1, from.data(), rec.data());
         EXPECT_EQ(testing::internal::GetCapturedStdout(), row.output);
-        mldrt_group* g = group(eth1, G1);
+        Group* g = group(eth1, G1);
         EXPECT_EQ(describe(g), describe(row.after));
         if (g) {
             // One interface: the entry counts this group once while it is in EXCLUDE mode.
-            EXPECT_EQ(g->mfdb->exclude_count, row.after.mode == MLDRT_EXCLUDE ? 1u : 0u);
+            EXPECT_EQ(g->mfdb->exclude_count, row.after.mode == FilterMode::Exclude ? 1u : 0u);
             // TO_IN{} is the member's leave; any other record keeps or makes it a member.
-            const bool left =
-                row.type == MLDRT_REC_CHANGE_TO_INCLUDE && row.srcs.empty() && !row.from_stranger;
-            EXPECT_EQ(mldrt_lookup_member(g, host.data()) == nullptr, left);
+            const bool left = row.type == code(RecordType::ChangeToInclude) && row.srcs.empty() &&
+                              !row.from_stranger;
+            EXPECT_EQ(find_host(g, host.data()) == nullptr, left);
         } else {
-            EXPECT_EQ(mldrt_lookup_mfdb_entry(&router, G1.data()), nullptr);
+            EXPECT_EQ(find_forwarding_entry(&router, G1.data()), nullptr);
         }
         EXPECT_EQ(queries_sent(), row.queries);
         EXPECT_EQ(mfc_calls(), row.kernel);
     }
 };
 
-constexpr uint8_t IS_IN = MLDRT_REC_MODE_IS_INCLUDE;
-constexpr uint8_t IS_EX = MLDRT_REC_MODE_IS_EXCLUDE;
-constexpr uint8_t TO_IN = MLDRT_REC_CHANGE_TO_INCLUDE;
-constexpr uint8_t TO_EX = MLDRT_REC_CHANGE_TO_EXCLUDE;
-constexpr uint8_t ALLOW = MLDRT_REC_ALLOW_NEW_SOURCES;
-constexpr uint8_t BLOCK = MLDRT_REC_BLOCK_OLD_SOURCES;
+constexpr uint8_t IS_IN = code(RecordType::ModeIsInclude);
+constexpr uint8_t IS_EX = code(RecordType::ModeIsExclude);
+constexpr uint8_t TO_IN = code(RecordType::ChangeToInclude);
+constexpr uint8_t TO_EX = code(RecordType::ChangeToExclude);
+constexpr uint8_t ALLOW = code(RecordType::AllowNewSources);
+constexpr uint8_t BLOCK = code(RecordType::BlockOldSources);
 
 // Rows: name; state before, record type and sources, state after; queries sent; kernel calls;
 // then, where needed, the printed text and whether the record comes from a host that is not a
@@ -219,7 +221,7 @@ TEST_F(RecordHandlerTest, FilterModeChangeRecordsFollowTheRfc3810Table) {
         {"TO_EX{S2} on EXCLUDE({S1},{}): S2 at the old filter timer, Q(G,B-Y)",
          exclude({{1, 100}}, {}, 200), TO_EX, {2}, exclude({{2, 200}}, {}, 260),
          {query(G1, {2})}, {del_sg(1), add_sg(2)}},
-        {"TO_EX{S1,S2} on EXCLUDE({S1},{}): S1 keeps its timer, lowered by Q(G,B-Y); S2 old ftimer",
+        {"TO_EX{S1,S2} on EXCLUDE({S1},{}): S1 keeps its timer, lowered by Q(G,B-Y); S2 old filter_timer",
          exclude({{1, 100}}, {}, 200), TO_EX, {1, 2}, exclude({{1, 2}, {2, 200}}, {}, 260),
          {query(G1, {1}), query(G1, {2})}, {del_sg(1), add_sg(1), add_sg(2)}},
         {"TO_EX{S2} on EXCLUDE({S1},{S2}): nothing requested, exc Y*B, no query",
@@ -290,15 +292,15 @@ TEST_F(RecordHandlerTest, SourceListChangeRecordsFollowTheRfc3810Table) {
 // another's, neither sends another query nor touches the timer. Nothing is printed.
 TEST_F(RecordHandlerTest, RepeatedAnySourceLeavesQueryTheGroupOnceQuietly) {
     const addr6 other = stranger;
-    mldrt_group* g = make_group(eth1, G1, exclude({}, {}, 260), host);
-    ASSERT_NE(mldrt_add_member(g, other.data()), nullptr);
+    Group* g = make_group(eth1, G1, exclude({}, {}, 260), host);
+    ASSERT_NE(add_host(g, other.data()), nullptr);
     forget_kernel_calls();
     std::vector<uint8_t> leave = record(TO_IN, G1, {});
     std::string out = stdout_of([&] {
-        mldrt_handle_v2_toin_record(&router, eth1, host.data(), leave.data());
-        mldrt_handle_v2_toin_record(&router, eth1, host.data(), leave.data());
-        mldrt_handle_v2_toin_record(&router, eth1, other.data(), leave.data());
-        mldrt_update_memberships(&router, eth1, 0);  // the group query's retransmission
+        handle_to_include_record(&router, eth1, host.data(), leave.data());
+        handle_to_include_record(&router, eth1, host.data(), leave.data());
+        handle_to_include_record(&router, eth1, other.data(), leave.data());
+        age_link_groups(&router, eth1, 0);  // the group query's retransmission
     });
     EXPECT_EQ(out, "");
     EXPECT_EQ(queries_sent(), (std::vector<std::string>{query(G1, {}), query(G1, {})}));
@@ -317,32 +319,32 @@ TEST_F(RecordHandlerTest, HostsBeyondTheMemberLimitAreServedButNotRecorded) {
         return a;
     };
     make_group(eth1, G1, exclude({}, {}, 260), host_n(1));
-    mldrt_group* g = group(eth1, G1);
+    Group* g = group(eth1, G1);
     for (int n = 2; n <= 64; n++) {
-        ASSERT_NE(mldrt_add_member(g, host_n(n).data()), nullptr);
+        ASSERT_NE(add_host(g, host_n(n).data()), nullptr);
     }
     const std::vector<uint8_t> is_ex = record(IS_EX, G1, {});
     const std::vector<uint8_t> leave = record(TO_IN, G1, {});
     const addr6 late = host_n(65);
     std::string out = stdout_of([&] {
-        g->ftimer = 2;  // a last-listener query is under way
-        mldrt_handle_v2_isex_record(&router, eth1, late.data(), is_ex.data());
+        g->filter_timer = 2;  // a last-listener query is under way
+        handle_is_exclude_record(&router, eth1, late.data(), is_ex.data());
     });
     EXPECT_EQ(out, "MLDRT: Limit of 64 members per group reached, host served but not recorded\n");
     EXPECT_EQ(describe(g), describe(exclude({}, {}, 260)));
-    EXPECT_EQ(mldrt_lookup_member(g, late.data()), nullptr);
+    EXPECT_EQ(find_host(g, late.data()), nullptr);
 
     forget_kernel_calls();
-    mldrt_handle_v2_toin_record(&router, eth1, late.data(), leave.data());
+    handle_to_include_record(&router, eth1, late.data(), leave.data());
     EXPECT_EQ(queries_sent(), std::vector<std::string>{query(G1, {})});
-    EXPECT_EQ(g->ftimer, 2);
+    EXPECT_EQ(g->filter_timer, 2);
     // The recorded hosts leave; each leave frees its place, so the 65th is recorded next time.
     for (int n = 1; n <= 64; n++) {
-        mldrt_handle_v2_toin_record(&router, eth1, host_n(n).data(), leave.data());
+        handle_to_include_record(&router, eth1, host_n(n).data(), leave.data());
     }
     EXPECT_EQ(g->member_list, nullptr);
-    mldrt_handle_v2_isex_record(&router, eth1, late.data(), is_ex.data());
-    EXPECT_NE(mldrt_lookup_member(g, late.data()), nullptr);
+    handle_is_exclude_record(&router, eth1, late.data(), is_ex.data());
+    EXPECT_NE(find_host(g, late.data()), nullptr);
 }
 
 // MLDv1 messages reach the MLDv2 handlers as source-less records: a report as TO_EX{} (not
@@ -364,17 +366,16 @@ struct V1Row {
 
 class Mldv1Test : public ListenerTest {
   protected:
-    void receive(mldrt_interface* ifp, uint8_t type, const addr6& g, const addr6& from) {
-        std::memset(router.buf, 0, MLDRT_QUERY_V1_LEN);
+    void receive(Link* ifp, uint8_t type, const addr6& g, const addr6& from) {
+        std::memset(router.buf, 0, kQueryV1Len);
         router.buf[0] = type;
         std::memcpy(router.buf + 8, g.data(), 16);
-        mldrt_handle_mld_message(&router, ifp, router.buf, from.data(),
-                                 static_cast<int>(MLDRT_QUERY_V1_LEN));
+        handle_mld_message(&router, ifp, router.buf, from.data(), static_cast<int>(kQueryV1Len));
     }
 };
 
-constexpr uint8_t REPORT = MLDRT_TYPE_V1_REPORT;
-constexpr uint8_t DONE = MLDRT_TYPE_V1_DONE;
+constexpr uint8_t REPORT = kTypeV1Report;
+constexpr uint8_t DONE = kTypeV1Done;
 
 TEST_F(Mldv1Test, ReportIsChangeToExcludeAndDoneIsChangeToInclude) {
     // clang-format off
@@ -404,7 +405,7 @@ TEST_F(Mldv1Test, ReportIsChangeToExcludeAndDoneIsChangeToInclude) {
             receive(eth1, REPORT, G1, host);
             forget_kernel_calls();
         }
-        mldrt_interface* link = mldrt_lookup_interface_name(&router, row.link);
+        Link* link = find_link_by_name(&router, row.link);
         addr6 g = ip6(row.group);
         receive(link, row.type, g, row.from == kStranger ? stranger : host);
         EXPECT_EQ(link->mld_version, 2) << "a report never changes the link's version";
@@ -423,23 +424,23 @@ TEST_F(Mldv1Test, ReportIsChangeToExcludeAndDoneIsChangeToInclude) {
 TEST_F(Mldv1Test, OneMldv1HostPutsOnlyItsGroupInCompatibilityMode) {
     const addr6 G2 = grp(2);
     receive(eth1, REPORT, G1, host);
-    mldrt_group* g1 = group(eth1, G1);
+    Group* g1 = group(eth1, G1);
     ASSERT_NE(g1, nullptr);
     EXPECT_EQ(g1->v1_host_timer, 260);
-    const std::vector<uint8_t> to_ex_s1 = record(MLDRT_REC_CHANGE_TO_EXCLUDE, G1, {1});
-    const std::vector<uint8_t> block_s2 = record(MLDRT_REC_BLOCK_OLD_SOURCES, G1, {2});
-    const std::vector<uint8_t> g2_to_ex_s1 = record(MLDRT_REC_CHANGE_TO_EXCLUDE, G2, {1});
-    mldrt_handle_v2_toex_record(&router, eth1, stranger.data(), to_ex_s1.data());
-    mldrt_handle_v2_block_record(&router, eth1, stranger.data(), block_s2.data());
-    mldrt_handle_v2_toex_record(&router, eth1, stranger.data(), g2_to_ex_s1.data());
+    const std::vector<uint8_t> to_ex_s1 = record(code(RecordType::ChangeToExclude), G1, {1});
+    const std::vector<uint8_t> block_s2 = record(code(RecordType::BlockOldSources), G1, {2});
+    const std::vector<uint8_t> g2_to_ex_s1 = record(code(RecordType::ChangeToExclude), G2, {1});
+    handle_to_exclude_record(&router, eth1, stranger.data(), to_ex_s1.data());
+    handle_block_record(&router, eth1, stranger.data(), block_s2.data());
+    handle_to_exclude_record(&router, eth1, stranger.data(), g2_to_ex_s1.data());
     EXPECT_EQ(describe(g1), describe(exclude({}, {}, 260)));
     EXPECT_EQ(describe(group(eth1, G2)), describe(exclude({}, {{1, 0}}, 260)));
     EXPECT_EQ(queries_sent(), std::vector<std::string>{});
     EXPECT_EQ(eth1->mld_version, 2);
 
     g1->v1_host_timer = 1;  // the MLDv1 host has not been heard for the timeout
-    mldrt_update_memberships(&router, eth1, 0);
-    mldrt_handle_v2_toex_record(&router, eth1, stranger.data(), to_ex_s1.data());
+    age_link_groups(&router, eth1, 0);
+    handle_to_exclude_record(&router, eth1, stranger.data(), to_ex_s1.data());
     EXPECT_EQ(describe(g1), describe(exclude({{1, 259}}, {}, 260)));  // filtered by the table
     EXPECT_EQ(queries_sent(), std::vector<std::string>{query(G1, {1})});
 }

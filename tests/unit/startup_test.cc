@@ -4,21 +4,23 @@
 #include "core/input_thread.h"
 #include "test_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 class StartupTest : public RouterTest {
   protected:
     // up0 at the tail, then eth1 at the head, as the netlink code would have added them.
     void two_links() {
-        up = add_link("up0", 2, 0);
+        up = make_link("up0", 2, 0);
         router.upstream = up;
         addr6 a = ip6("fe80::aabb:ccdd");
         std::memcpy(router.upstream_addr, a.data(), 16);
-        eth1 = add_link("eth1", 7, 1);
+        eth1 = make_link("eth1", 7, 1);
     }
     // "<type> <group> to <destination>" of every message sent on `ifp`; for a report, the group
     // of its only record.
-    static std::vector<std::string> sent_on(const mldrt_interface* ifp) {
+    static std::vector<std::string> sent_on(const Link* ifp) {
         std::vector<std::string> out;
         for (const auto& m : fake::kernel().sent_msgs) {
             if (m.fd != ifp->sock) {
@@ -36,30 +38,30 @@ class StartupTest : public RouterTest {
         }
         return out;
     }
-    mldrt_interface* up = nullptr;
-    mldrt_interface* eth1 = nullptr;
+    Link* up = nullptr;
+    Link* eth1 = nullptr;
 };
 
 TEST_F(StartupTest, WithoutUpstreamNothingIsStarted) {
-    mldrt_interface* ifp = add_link("eth1", 7, 0);
-    EXPECT_EQ(mldrt_take_startup_actions(&router), 1u);
+    Link* ifp = make_link("eth1", 7, 0);
+    EXPECT_EQ(take_startup_actions(&router), 1u);
     EXPECT_EQ(ifp->started, 0);
     EXPECT_TRUE(fake::kernel().sent_msgs.empty());
 }
 
 TEST_F(StartupTest, UpstreamIsOnlyMarkedAndAStartedDownstreamEndsTheWalk) {
-    up = add_link("up0", 2, 0);
+    up = make_link("up0", 2, 0);
     router.upstream = up;
-    EXPECT_EQ(mldrt_take_startup_actions(&router), 1u);
+    EXPECT_EQ(take_startup_actions(&router), 1u);
     EXPECT_EQ(up->started, 1);
     EXPECT_TRUE(fake::kernel().sent_msgs.empty());
     EXPECT_TRUE(fake::kernel().sleeps.empty());
 
-    mldrt_interface* old_tail = add_link("eth3", 9, 1);
-    mldrt_interface* old = add_link("eth2", 8, 2);
+    Link* old_tail = make_link("eth3", 9, 1);
+    Link* old = make_link("eth2", 8, 2);
     old->started = 1;
-    mldrt_interface* fresh = add_link("eth1", 7, 3);
-    EXPECT_EQ(mldrt_take_startup_actions(&router), 4u);
+    Link* fresh = make_link("eth1", 7, 3);
+    EXPECT_EQ(take_startup_actions(&router), 4u);
     EXPECT_EQ(fresh->started, 1);
     EXPECT_EQ(old_tail->started, 0);  // behind the started one: not visited
     EXPECT_FALSE(sent_on(fresh).empty());
@@ -91,12 +93,12 @@ TEST_F(StartupTest, StartupRoundsAndQueriesLeaveAtTheirDeadlines) {
             }
             fake::kernel().sent_msgs.clear();
         };
-        mldrt_take_startup_actions(&router);
+        take_startup_actions(&router);
         collect();
         uint64_t next_tick = t0 + 100000;  // no membership tick in this window
         for (int ms = 1; ms <= 1500; ms++) {
             fake::kernel().monotonic_ms++;
-            mldrt_input_pass(&router, &next_tick);
+            input_pass(&router, &next_tick);
             collect();
         }
         std::vector<std::string> want;
@@ -120,8 +122,8 @@ TEST_F(StartupTest, StartupRoundsAndQueriesLeaveAtTheirDeadlines) {
         EXPECT_EQ(got, want);
         EXPECT_EQ(eth1->started, 1);
         EXPECT_EQ(up->started, 1);
-        mldrt_delete_interface(eth1);
-        mldrt_delete_interface(up);
+        delete_link(eth1);
+        delete_link(up);
     }
 }
 
@@ -136,12 +138,12 @@ TEST_F(StartupTest, TheWaitEndsAtTheNextDeadline) {
     uint64_t next_tick = t0 + 700;
     auto wait_ms = [&] {
         fake::kernel().select_timeouts.clear();
-        mldrt_input_pass(&router, &next_tick);
+        input_pass(&router, &next_tick);
         const timeval& t = fake::kernel().select_timeouts.at(0);
         return static_cast<uint64_t>(t.tv_sec) * 1000u + static_cast<uint64_t>(t.tv_usec) / 1000u;
     };
     EXPECT_EQ(wait_ms(), 700u);  // nothing started yet: the tick
-    mldrt_take_startup_actions(&router);
+    take_startup_actions(&router);
     EXPECT_EQ(wait_ms(), 500u);  // the second start-up round
     fake::kernel().monotonic_ms += 500;
     EXPECT_EQ(wait_ms(), 0u);    // due now: it leaves in this pass

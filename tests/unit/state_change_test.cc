@@ -6,6 +6,8 @@
 #include "core/addr.h"
 #include "upstream_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 using namespace ups;
@@ -22,7 +24,7 @@ class StateChangeTest : public UpstreamTest {
     }
     // Nothing left to send: the entry holds no pending record, or is gone (a leave).
     void expect_spent() {
-        mldrt_mfdb_entry* e = entry(G1);
+        ForwardingEntry* e = entry(G1);
         if (!e) {
             return;
         }
@@ -30,7 +32,7 @@ class StateChangeTest : public UpstreamTest {
         EXPECT_EQ(e->scr_to_in_list, nullptr);
         EXPECT_EQ(e->scr_allow_list, nullptr);
         EXPECT_EQ(e->scr_block_list, nullptr);
-        EXPECT_EQ(mldrt_pending_host_state_update(e), 0);
+        EXPECT_EQ(state_change_pending(e), 0);
     }
 };
 

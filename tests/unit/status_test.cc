@@ -13,6 +13,8 @@
 #include "core/status.h"
 #include "upstream_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 using namespace ups;
@@ -20,7 +22,7 @@ using namespace ups;
 TEST(CommandLineTest, OptionsAndCommands) {
     struct Row {
         std::vector<const char*> args;
-        mldrt_command command;
+        Command command;
         const char* config;
         const char* socket;
         bool json;
@@ -29,16 +31,16 @@ TEST(CommandLineTest, OptionsAndCommands) {
     };
     const char* conf = "/etc/mld/mld.conf";
     const char* sock = "/run/mldproxyd.sock";
-    const auto run = mldrt_command::run, status = mldrt_command::status, bad = mldrt_command::bad;
-    const auto help = mldrt_command::help, check = mldrt_command::check;
+    const auto run = Command::run, status = Command::status, bad = Command::bad;
+    const auto help = Command::help, check = Command::check;
     const std::vector<Row> rows = {
         {{}, run, conf, sock, false, nullptr},
         {{"-f", "/tmp/a.conf", "-s", "/tmp/s"}, run, "/tmp/a.conf", "/tmp/s", false, nullptr},
         {{"status"}, status, conf, sock, false, nullptr},
         {{"status", "--json", "-s", "/x"}, status, conf, "/x", true, nullptr},
-        {{"--help"}, mldrt_command::help, conf, sock, false, nullptr},
-        {{"-h"}, mldrt_command::help, conf, sock, false, nullptr},
-        {{"--version"}, mldrt_command::version, conf, sock, false, nullptr},
+        {{"--help"}, Command::help, conf, sock, false, nullptr},
+        {{"-h"}, Command::help, conf, sock, false, nullptr},
+        {{"--version"}, Command::version, conf, sock, false, nullptr},
         {{"-f"}, bad, conf, sock, false, "-f"},
         {{"-x"}, bad, conf, sock, false, "-x"},
         {{"--json"}, bad, conf, sock, false, "--json"},         // only for status
@@ -47,7 +49,7 @@ TEST(CommandLineTest, OptionsAndCommands) {
         // Asking for help or the version never starts the proxy, whatever else is given.
         {{"-f", "/etc/good.conf", "--help"}, help, conf, sock, false, nullptr},
         {{"--syslog", "-h"}, help, conf, sock, false, nullptr},
-        {{"-s", "/y", "--version"}, mldrt_command::version, conf, sock, false, nullptr},
+        {{"-s", "/y", "--version"}, Command::version, conf, sock, false, nullptr},
         {{"-t"}, check, conf, sock, false, nullptr},
         {{"-t", "-f", "/tmp/a.conf"}, check, "/tmp/a.conf", sock, false, nullptr},
         {{"-f", "/tmp/a.conf", "-t"}, check, "/tmp/a.conf", sock, false, nullptr},
@@ -61,7 +63,7 @@ TEST(CommandLineTest, OptionsAndCommands) {
         argv.insert(argv.end(), row.args.begin(), row.args.end());
         SCOPED_TRACE(testing::Message() << argv.size() - 1 << " words, first "
                                         << (row.args.empty() ? "-" : row.args[0]));
-        mldrt_options o = mldrt_parse_options(static_cast<int>(argv.size()), argv.data());
+        Options o = parse_options(static_cast<int>(argv.size()), argv.data());
         EXPECT_EQ(o.command, row.command);
         EXPECT_STREQ(o.config_path, row.config);
         EXPECT_STREQ(o.socket_path, row.socket);
@@ -90,10 +92,10 @@ class StatusTest : public UpstreamTest {
         fake::kernel().sg_counts = {true, 7, 700, 1};
     }
     std::string render(bool json) {
-        mldrt_text t{};
-        mldrt_render_status(&router, json, &t);
+        Text t{};
+        render_status(&router, json, &t);
         std::string out(t.data ? t.data : "", t.len);
-        mldrt_text_free(&t);
+        text_free(&t);
         return out;
     }
 };
@@ -196,15 +198,15 @@ TEST_F(StatusTest, ReceivedMessagesAreCountedByKindAndReason) {
         const char* name;
         uint8_t type;
         bool own;
-        mldrt_link_counters link;
-        mldrt_counters router;
+        LinkCounters link;
+        RouterCounters router;
     };
     const std::vector<Row> rows = {
-        {"v2 query", MLDRT_TYPE_QUERY, false, {0, 1, 0, 0}, {}},
-        {"v2 report", MLDRT_TYPE_V2_REPORT, false, {1, 0, 0, 0}, {}},
-        {"v1 report", MLDRT_TYPE_V1_REPORT, false, {1, 0, 0, 0}, {}},
-        {"v1 done", MLDRT_TYPE_V1_DONE, false, {1, 0, 0, 0}, {}},
-        {"our own report", MLDRT_TYPE_V2_REPORT, true, {0, 0, 0, 0}, {0, 1, 0, 0}},
+        {"v2 query", kTypeQuery, false, {0, 1, 0, 0}, {}},
+        {"v2 report", kTypeV2Report, false, {1, 0, 0, 0}, {}},
+        {"v1 report", kTypeV1Report, false, {1, 0, 0, 0}, {}},
+        {"v1 done", kTypeV1Done, false, {1, 0, 0, 0}, {}},
+        {"our own report", kTypeV2Report, true, {0, 0, 0, 0}, {0, 1, 0, 0}},
         {"an echo request", 128, false, {0, 0, 0, 0}, {0, 0, 1, 0}},
     };
     for (const auto& row : rows) {
@@ -215,9 +217,9 @@ TEST_F(StatusTest, ReceivedMessagesAreCountedByKindAndReason) {
         msg[0] = row.type;
         std::memcpy(router.buf, msg.data(), msg.size());
         const addr6 from = row.own ? addr6{} : ip6("fe80::1:1");
-        mldrt_handle_mld_message(&router, eth2, router.buf, row.own ? eth2->addr : from.data(),
-                                 static_cast<int>(msg.size()));
-        const mldrt_link_counters& c = eth2->counters;
+        handle_mld_message(&router, eth2, router.buf, row.own ? eth2->addr : from.data(),
+                           static_cast<int>(msg.size()));
+        const LinkCounters& c = eth2->counters;
         EXPECT_EQ(std::vector<uint32_t>(
                       {c.reports_in, c.queries_in, router.counters.own, router.counters.not_ours}),
                   std::vector<uint32_t>({row.link.reports_in, row.link.queries_in, row.router.own,
@@ -237,7 +239,7 @@ class ControlTest : public StatusTest {
         path = dir + "/ctl.sock";
     }
     void TearDown() override {
-        mldrt_control_close(&router);
+        control_close(&router);
         unlink(path.c_str());
         rmdir(dir.c_str());
         StatusTest::TearDown();
@@ -257,12 +259,12 @@ class ControlTest : public StatusTest {
             fd_set rd, wr;
             FD_ZERO(&rd);
             FD_ZERO(&wr);
-            int maxfd = mldrt_control_watch(&router, &rd, &wr, 0);
+            int maxfd = control_watch(&router, &rd, &wr, 0);
             timeval t{0, 20000};
             if (select(maxfd + 1, &rd, &wr, nullptr, &t) < 0) {
                 break;
             }
-            mldrt_control_serve(&router, &rd, &wr);
+            control_serve(&router, &rd, &wr);
             char buf[4096];
             ssize_t n = 0;
             while ((n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0) {
@@ -279,7 +281,7 @@ class ControlTest : public StatusTest {
 };
 
 TEST_F(ControlTest, RequestsGetTheirAnswerAndEveryConnectionEnds) {
-    ASSERT_TRUE(mldrt_control_open(&router, path.c_str()));
+    ASSERT_TRUE(control_open(&router, path.c_str()));
     struct stat st {};
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
@@ -303,15 +305,15 @@ TEST_F(ControlTest, RequestsGetTheirAnswerAndEveryConnectionEnds) {
 }
 
 TEST_F(ControlTest, ASilentClientIsClosedAtItsDeadline) {
-    ASSERT_TRUE(mldrt_control_open(&router, path.c_str()));
+    ASSERT_TRUE(control_open(&router, path.c_str()));
     int fd = connect_client();
     EXPECT_EQ(reply_of(fd, 5), "");  // accepted, nothing asked: nothing said
-    EXPECT_NE(mldrt_control_deadline(&router), MLDRT_NEVER);
+    EXPECT_NE(control_deadline(&router), kNever);
     fake::kernel().monotonic_ms += 1000;
     fd_set none;
     FD_ZERO(&none);
-    mldrt_control_serve(&router, &none, &none);
-    EXPECT_EQ(mldrt_control_deadline(&router), MLDRT_NEVER);
+    control_serve(&router, &none, &none);
+    EXPECT_EQ(control_deadline(&router), kNever);
 }
 
 TEST_F(ControlTest, AStaleSocketIsReplacedAndALiveOneRefused) {
@@ -321,13 +323,13 @@ TEST_F(ControlTest, AStaleSocketIsReplacedAndALiveOneRefused) {
     std::strcpy(a.sun_path, path.c_str());
     ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
     close(stale);  // bound, never listened: what a crashed daemon leaves
-    EXPECT_EQ(stdout_of([&] { EXPECT_TRUE(mldrt_control_open(&router, path.c_str())); }), "");
+    EXPECT_EQ(stdout_of([&] { EXPECT_TRUE(control_open(&router, path.c_str())); }), "");
 
-    mldrt_router other{};
-    mldrt_router_zero(&other);
-    EXPECT_EQ(stdout_of([&] { EXPECT_FALSE(mldrt_control_open(&other, path.c_str())); }),
+    Router other{};
+    reset_router(&other);
+    EXPECT_EQ(stdout_of([&] { EXPECT_FALSE(control_open(&other, path.c_str())); }),
               "MLDRT: Another mldproxyd answers on " + path + "\n");
-    mldrt_control_close(&other);
+    control_close(&other);
     struct stat st {};
     EXPECT_EQ(stat(path.c_str(), &st), 0);  // the refused one leaves the live socket alone
 }

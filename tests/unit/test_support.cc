@@ -7,6 +7,8 @@
 #include "core/input_thread.h"
 #include "iface/netlink.h"
 
+using namespace mldproxy;
+
 void RouterTest::SetUp() {
     fake::fresh_router(2);
     router.query_interval = 125;
@@ -14,9 +16,9 @@ void RouterTest::SetUp() {
 }
 
 void RouterTest::TearDown() {
-    mldrt_cleanup_interfaces(&router);
-    mldrt_uninit(&router);
-    mldrt_sysif_reset();
+    delete_all_links(&router);
+    shut_down(&router);
+    system_link_reset();
     g_stop_requested = 0;
 }
 
@@ -40,14 +42,14 @@ std::string ip6_text(const uint8_t* addr) {
     return text;
 }
 
-mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi) {
-    mldrt_interface* ifp = fake::add_link(name, ifindex, mifi);
+Link* make_link(const char* name, uint32_t ifindex, uint16_t mifi) {
+    Link* ifp = fake::make_link(name, ifindex, mifi);
     EXPECT_NE(ifp, nullptr) << name;
     return ifp;
 }
 
 void capture_stdout() {
-    mldrt_log_reset();  // every capture sees the messages of its case, none held back by another's
+    log_reset();  // every capture sees the messages of its case, none held back by another's
     testing::internal::CaptureStdout();
 }
 
@@ -67,15 +69,14 @@ bytes mif_bytes(uint16_t mifi, uint16_t pifi) {
 std::vector<std::string> mfc_calls() {
     std::vector<std::string> out;
     for (const auto& c : fake::kernel().sockopts) {
-        if (c.level != MLDRT_K_LEVEL ||
-            (c.name != MRT6_ADD_MFC_OPT && c.name != MRT6_DEL_MFC_OPT)) {
+        if (c.level != kKLevel || (c.name != MRT6_ADD_MFC_OPT && c.name != MRT6_DEL_MFC_OPT)) {
             continue;
         }
-        if (c.value.size() != sizeof(mldrt_mf6cctl)) {
+        if (c.value.size() != sizeof(Mf6cCtl)) {
             out.push_back("size " + std::to_string(c.value.size()));
             continue;
         }
-        mldrt_mf6cctl mc;
+        Mf6cCtl mc;
         std::memcpy(&mc, c.value.data(), sizeof mc);
         std::string s = c.name == MRT6_ADD_MFC_OPT ? "add " : "del ";
         s += ip6_text(reinterpret_cast<const uint8_t*>(&mc.mf6cc_origin.sin6_addr)) + " " +

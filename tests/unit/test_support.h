@@ -16,10 +16,22 @@
 
 #include "core/router.h"
 #include "db/db.h"
+#include "mld/mld.h"
+#include "db/db.h"
 #include "fake_kernel.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"
 #include "mld/mld.h"
+
+using namespace mldproxy;
+
+// The tables below name lists and record types by their codes, as reports and dumps number them.
+constexpr ListKind list_kind(uint32_t code) {
+    return static_cast<ListKind>(code);
+}
+constexpr uint8_t code(RecordType type) {
+    return static_cast<uint8_t>(type);
+}
 
 class RouterTest : public ::testing::Test {
   protected:
@@ -40,7 +52,7 @@ std::string ip6_text(const uint8_t* addr);
 
 // A link on the router's list, as the netlink code would add it: link-local address
 // fe80::<ifindex>, fake socket, buffer sized by fake::kernel().mtu.
-mldrt_interface* add_link(const char* name, uint32_t ifindex, uint16_t mifi);
+Link* make_link(const char* name, uint32_t ifindex, uint16_t mifi);
 
 // Starts capturing standard output, with the once-a-second hold of repeated messages forgotten,
 // so that a case sees every message it causes (tests/unit/log_test.cc tests the hold itself).

@@ -5,6 +5,8 @@
 #include "iface/netlink.h"
 #include "upstream_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 using namespace ups;
@@ -14,20 +16,20 @@ class TimersTest : public UpstreamTest {
     // One second of the event loop: each interface's timer pass, then the upstream work (the
     // changes merged and reported, empty entries removed, retransmissions due).
     void tick() {
-        for (mldrt_interface* ifp = router.interfaces; ifp; ifp = ifp->next) {
-            mldrt_update_memberships(&router, ifp, 0);
+        for (Link* ifp = router.interfaces; ifp; ifp = ifp->next) {
+            age_link_groups(&router, ifp, 0);
         }
-        mldrt_report_changes(&router);
+        report_changes(&router);
         fake::kernel().monotonic_ms += 1000;
-        mldrt_retransmit_due(&router, fake::monotonic_now_ms());
+        retransmit_due(&router, fake::monotonic_now_ms());
     }
-    void add_to(mldrt_group* g, uint32_t ltype, int s, uint16_t rtx) {
-        mldrt_add_src_to_group(g, g->mfdb, ltype, src(s).data())->rtx_count = rtx;
+    void add_to(Group* g, ListKind kind, int s, uint16_t rtx) {
+        add_source_to_group(g, g->mfdb, kind, src(s).data())->rtx_count = rtx;
     }
 };
 
 TEST_F(TimersTest, IncludeSourceWithTimerThreeLeavesAtTheThirdTick) {
-    mldrt_group* g = make_group(eth1, G1, include({{1, 3}, {2, 100}}), host);
+    Group* g = make_group(eth1, G1, include({{1, 3}, {2, 100}}), host);
     forget_kernel_calls();
     tick();
     EXPECT_EQ(describe(g), describe(include({{1, 2}, {2, 99}})));
@@ -76,8 +78,8 @@ TEST_F(TimersTest, FilterTimerExpiryReturnsTheGroupToInclude) {
         make_group(eth1, G1, row.eth1_before, host);
         make_group(eth2, G1, row.eth2_before, host);
         forget_kernel_calls();
-        mldrt_update_memberships(&router, eth1, 0);
-        mldrt_report_changes(&router);  // the loop's merge after the timers: empty entries go
+        age_link_groups(&router, eth1, 0);
+        report_changes(&router);  // the loop's merge after the timers: empty entries go
         EXPECT_EQ(describe(group(eth1, G1)), describe(row.eth1_after));
         EXPECT_EQ(mfc_calls(), row.kernel);
         EXPECT_EQ(router.del_mifi, 1u);
@@ -91,21 +93,21 @@ TEST_F(TimersTest, FilterTimerExpiryReturnsTheGroupToInclude) {
 // A requested source that runs out is excluded (RFC 3810 section 7.3): its entry holds it back
 // from the link while the (*,G) entry goes on listing the link for every other source.
 TEST_F(TimersTest, RequestedSourcesRunningOutMoveToTheExcludedList) {
-    mldrt_group* g = make_group(eth1, G1, exclude({{1, 1}, {2, 5}}, {}, 100), host);
+    Group* g = make_group(eth1, G1, exclude({{1, 1}, {2, 5}}, {}, 100), host);
     forget_kernel_calls();
-    mldrt_update_memberships(&router, eth1, 0);
+    age_link_groups(&router, eth1, 0);
     EXPECT_EQ(describe(g), describe(exclude({{2, 4}}, {{1, 1}}, 99)));
     EXPECT_EQ(mfc_calls(), (texts{"add 2001:db8::1 ff0e::101 parent 0 mifs "}));
 }
 
 TEST_F(TimersTest, QueryRetransmissionsGoOutWhenTheirTimerRunsOut) {
-    mldrt_group* g = make_group(eth1, G1, include({{1, 100}, {2, 100}}), host);
+    Group* g = make_group(eth1, G1, include({{1, 100}, {2, 100}}), host);
     g->grp_rtx_count = 1;
     g->grp_rtx_timer = 1;
     g->src_rtx_count = 2;
     g->src_rtx_timer = 1;
-    add_to(g, MLDRT_L_SRSP, 1, 2);
-    add_to(g, MLDRT_L_NON_SRSP, 2, 1);
+    add_to(g, ListKind::QuerySuppressed, 1, 2);
+    add_to(g, ListKind::QueryNotSuppressed, 2, 1);
     forget_kernel_calls();
 
     tick();
@@ -128,7 +130,7 @@ TEST_F(TimersTest, QueryRetransmissionsGoOutWhenTheirTimerRunsOut) {
 }
 
 TEST_F(TimersTest, GroupOutlivesItsLastSourceUntilItsRetransmissionsAreSent) {
-    mldrt_group* g = make_group(eth1, G1, include({{1, 1}}), host);
+    Group* g = make_group(eth1, G1, include({{1, 1}}), host);
     g->grp_rtx_count = 2;
     g->grp_rtx_timer = 1;
     forget_kernel_calls();
@@ -153,26 +155,26 @@ TEST_F(TimersTest, PendingHostStateReportsKeepOnlyTheirEntry) {
     make_group(eth1, G2, include({}), host);
     make_group(eth1, G1, include({}), host);
     entry(G1)->scr_to_in_cnt = 1;
-    mldrt_report_changes(&router);
+    report_changes(&router);
     EXPECT_NE(group(eth1, G1), nullptr);
     EXPECT_EQ(group(eth1, G2), nullptr);
     EXPECT_EQ(entry(G2), nullptr);
 
     entry(G1)->scr_to_in_cnt = 0;
-    mldrt_report_changes(&router);
+    report_changes(&router);
     EXPECT_NE(entry(G1), nullptr);  // nothing marked it: it is not looked at
-    mldrt_mark_changed(entry(G1));
-    mldrt_report_changes(&router);
+    mark_changed(entry(G1));
+    report_changes(&router);
     EXPECT_EQ(router.mfdb_list, nullptr);
     EXPECT_EQ(eth1->groups, nullptr);
 }
 
 // One more ordinary tick, as at shutdown: nothing expires early.
 TEST_F(TimersTest, CleanupOnFreshTimersRemovesNothing) {
-    mldrt_group* g1 = make_group(eth1, G1, include({{1, 260}}), host);
-    mldrt_group* g2 = make_group(eth1, G2, exclude({}, {{3, 0}}, 260), host);
+    Group* g1 = make_group(eth1, G1, include({{1, 260}}), host);
+    Group* g2 = make_group(eth1, G2, exclude({}, {{3, 0}}, 260), host);
     forget_kernel_calls();
-    mldrt_cleanup_memberships(&router);
+    final_membership_pass(&router);
     EXPECT_EQ(describe(group(eth1, G1)), describe(include({{1, 259}})));
     EXPECT_EQ(describe(group(eth1, G2)), describe(exclude({}, {{3, 0}}, 259)));
     EXPECT_EQ(group(eth1, G1), g1);
@@ -182,16 +184,16 @@ TEST_F(TimersTest, CleanupOnFreshTimersRemovesNothing) {
 }
 
 TEST_F(TimersTest, RetransmissionListsAgeAndLoseSpentEntries) {
-    mldrt_group* g = make_group(eth1, G1, include({}), host);
-    add_to(g, MLDRT_L_SRSP, 2, 1);
-    add_to(g, MLDRT_L_SRSP, 1, 2);
-    add_to(g, MLDRT_L_NON_SRSP, 4, 3);
-    add_to(g, MLDRT_L_NON_SRSP, 3, 1);
+    Group* g = make_group(eth1, G1, include({}), host);
+    add_to(g, ListKind::QuerySuppressed, 2, 1);
+    add_to(g, ListKind::QuerySuppressed, 1, 2);
+    add_to(g, ListKind::QueryNotSuppressed, 4, 3);
+    add_to(g, ListKind::QueryNotSuppressed, 3, 1);
     ASSERT_EQ(rtx_text(g->srsp_list), "S1/2 S2/1");
-    mldrt_clean_grp_rtx_lists(g);
+    age_retransmission_lists(g);
     EXPECT_EQ(rtx_text(g->srsp_list), "S1/1");
     EXPECT_EQ(rtx_text(g->non_srsp_list), "S4/2");
-    mldrt_clean_grp_rtx_lists(g);
+    age_retransmission_lists(g);
     EXPECT_EQ(rtx_text(g->srsp_list), "");
     EXPECT_EQ(rtx_text(g->non_srsp_list), "S4/1");
 }
@@ -205,14 +207,14 @@ TEST_F(TimersTest, ReleasingAnInterfaceWithdrawsOnlyItsForwarding) {
     ASSERT_EQ(entry(G1)->exclude_count, 2u);
     forget_kernel_calls();
 
-    mldrt_release_interface_groups(&router, eth1);
+    release_link_groups(&router, eth1);
     EXPECT_EQ(eth1->groups, nullptr);
     EXPECT_EQ(mfc_calls(),
               (texts{"del 2001:db8::1 ff0e::102", "add :: ff0e::101 parent 0 mifs 0,2"}));
     EXPECT_EQ(entry(G1)->exclude_count, 1u);
     EXPECT_EQ(describe(group(eth2, G1)), describe(exclude({}, {}, 260)));
 
-    mldrt_report_changes(&router);
+    report_changes(&router);
     EXPECT_EQ(entry(G2), nullptr);
     EXPECT_NE(entry(G1), nullptr);
 }
@@ -224,13 +226,13 @@ TEST_F(TimersTest, InterfaceDownReleasesItsGroupsBeforeTheRecordIsFreed) {
     make_group(eth1, G2, include({{1, 260}}), host);
     forget_kernel_calls();
 
-    mldrt_sysif link{};
+    SystemLink link{};
     std::strcpy(link.name, "eth1");
     link.ifindex = 11;
-    mldrt_handle_interface_down(&router, &link);
-    EXPECT_EQ(mldrt_lookup_interface_name(&router, "eth1"), nullptr);
+    handle_link_down(&router, &link);
+    EXPECT_EQ(find_link_by_name(&router, "eth1"), nullptr);
     EXPECT_EQ(mfc_calls(), (texts{"del 2001:db8::1 ff0e::102", "del :: ff0e::101"}));
-    EXPECT_EQ(fake::sockopts(MLDRT_K_LEVEL, MRT6_DEL_MIF_OPT).size(), 1u);
+    EXPECT_EQ(fake::sockopts(kKLevel, MRT6_DEL_MIF_OPT).size(), 1u);
     ASSERT_NE(entry(G1), nullptr);
     EXPECT_EQ(entry(G1)->exclude_count, 0u);
 
@@ -246,13 +248,13 @@ TEST_F(TimersTest, InterfaceDownTellsTheUpstreamBeforeTheEntryGoes) {
     UpstreamTest::tick();  // the upstream is told EXCLUDE{} for G1, twice
     UpstreamTest::tick();
     forget_kernel_calls();
-    mldrt_sysif link{};
+    SystemLink link{};
     std::strcpy(link.name, "eth1");
     link.ifindex = eth1->ifindex;
-    mldrt_handle_interface_down(&router, &link);
+    handle_link_down(&router, &link);
     EXPECT_EQ(UpstreamTest::tick(), (texts{"TO_IN G1 {}", "TO_IN G1 {}"}));
     ASSERT_NE(entry(G1), nullptr);  // kept until the merge after its last copy
-    mldrt_report_changes(&router);
+    report_changes(&router);
     EXPECT_EQ(router.mfdb_list, nullptr);
 }
 

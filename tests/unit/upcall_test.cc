@@ -6,6 +6,8 @@
 #include "core/receive.h"
 #include "listener_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 using namespace lsn;
@@ -16,10 +18,10 @@ class UpcallTest : public RouterTest {
   protected:
     void SetUp() override {
         RouterTest::SetUp();
-        router.upstream = add_link("up0", 10, 2);
+        router.upstream = make_link("up0", 10, 2);
         router.active = 1;
-        eth1 = add_link("eth1", 11, 1);  // the name the upcall handling dumps
-        eth3 = add_link("eth3", 13, 3);
+        eth1 = make_link("eth1", 11, 1);  // the name the upcall handling dumps
+        eth3 = make_link("eth3", 13, 3);
         const addr6 host = ip6("fe80::100:1");
         make_group(eth1, grp(1), include({{1, 260}}), host);
         make_group(eth3, grp(1), include({{1, 260}}), host);
@@ -27,18 +29,18 @@ class UpcallTest : public RouterTest {
         forget_kernel_calls();
     }
     void deliver(uint8_t type, const addr6& s, const addr6& g, size_t extra) {
-        std::vector<uint8_t> m(sizeof(mldrt_mrt6msg) + extra);
+        std::vector<uint8_t> m(sizeof(Mrt6Msg) + extra);
         m[1] = type;
         uint16_t mif = router.upstream->mifi;
-        std::memcpy(&m[offsetof(mldrt_mrt6msg, im6_mif)], &mif, sizeof mif);
-        std::memcpy(&m[offsetof(mldrt_mrt6msg, im6_src)], s.data(), 16);
-        std::memcpy(&m[offsetof(mldrt_mrt6msg, im6_dst)], g.data(), 16);
+        std::memcpy(&m[offsetof(Mrt6Msg, im6_mif)], &mif, sizeof mif);
+        std::memcpy(&m[offsetof(Mrt6Msg, im6_src)], s.data(), 16);
+        std::memcpy(&m[offsetof(Mrt6Msg, im6_dst)], g.data(), 16);
         fake::datagram d{m, {}, 0, true};
         fake::kernel().datagrams.push_back(d);
-        mldrt_handle_input(&router, MLDRT_PROTO_ICMPV6);
+        handle_input(&router, kProtoIcmpv6);
     }
-    mldrt_interface* eth1 = nullptr;
-    mldrt_interface* eth3 = nullptr;
+    Link* eth1 = nullptr;
+    Link* eth3 = nullptr;
 };
 
 struct UpcallRow {
@@ -83,7 +85,7 @@ TEST_F(UpcallTest, CacheMissesInstallWhatTheDatabaseForwards) {
 // group at 36..51, parent MIF (16 bits) at 56, first ifset word at 60.
 TEST_F(UpcallTest, InstalledEntryHasTheKernelLayout) {
     deliver(NOCACHE, src(1), grp(1), 0);
-    std::vector<fake::sockopt_call> adds = fake::sockopts(MLDRT_K_LEVEL, MRT6_ADD_MFC_OPT);
+    std::vector<fake::sockopt_call> adds = fake::sockopts(kKLevel, MRT6_ADD_MFC_OPT);
     ASSERT_EQ(adds.size(), 1u);
     const std::vector<uint8_t>& v = adds[0].value;
     ASSERT_EQ(v.size(), 92u);

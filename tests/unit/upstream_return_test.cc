@@ -2,6 +2,8 @@
 // whole state is reported again, as for a fresh change (RFC 3810 section 6.1).
 #include "upstream_support.h"
 
+using namespace mldproxy;
+
 namespace {
 
 using namespace ups;
@@ -16,8 +18,8 @@ TEST_F(UpstreamReturnTest, GroupsAreReportedAgainOnANewUpstream) {
         tick();
     }
     ASSERT_EQ(tick(), texts{});
-    mldrt_restart_host_state(&router);
-    EXPECT_EQ(mldrt_pending_host_state_update(entry(G1)), 0);
+    restart_host_state(&router);
+    EXPECT_EQ(state_change_pending(entry(G1)), 0);
     EXPECT_EQ(tick(), first);
 }
 

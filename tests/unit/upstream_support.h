@@ -7,6 +7,8 @@
 #include "listener_support.h"
 #include "proxy/proxy.h"
 
+using namespace mldproxy;
+
 namespace ups {
 
 using namespace lsn;
@@ -36,24 +38,23 @@ inline std::vector<mrec> records_of(const std::vector<uint8_t>& p, std::string* 
                                           "TO_EX", "ALLOW", "BLOCK"};
     std::vector<mrec> out;
     *error = "";
-    if (p.size() < MLDRT_REPORT_HDR_LEN || p[0] != MLDRT_TYPE_V2_REPORT || p[1] || p[2] || p[3] ||
-        p[4] || p[5]) {
+    if (p.size() < kReportHdrLen || p[0] != kTypeV2Report || p[1] || p[2] || p[3] || p[4] || p[5]) {
         *error = "bad report header of " + std::to_string(p.size()) + " bytes";
         return out;
     }
-    size_t off = MLDRT_REPORT_HDR_LEN;
+    size_t off = kReportHdrLen;
     for (uint32_t i = 0; i < be16(&p[6]) && error->empty(); i++) {
-        uint32_t n = off + MLDRT_MCAST_REC_HDR_LEN <= p.size() ? be16(&p[off + 2]) : 0;
-        if (off + MLDRT_MCAST_REC_HDR_LEN + MLDRT_ADDR_LEN * n > p.size() || p[off] < 1 ||
-            p[off] > 6 || p[off + 1] != 0) {
+        uint32_t n = off + kMcastRecHdrLen <= p.size() ? be16(&p[off + 2]) : 0;
+        if (off + kMcastRecHdrLen + kAddrLen * n > p.size() || p[off] < 1 || p[off] > 6 ||
+            p[off + 1] != 0) {
             *error = "bad record " + std::to_string(i);
             break;
         }
         out.push_back({std::string(kTypes[p[off]]) + " " + grp_name(&p[off + 4]), {}});
-        off += MLDRT_MCAST_REC_HDR_LEN;
-        for (uint32_t k = 0; k < n; k++, off += MLDRT_ADDR_LEN) {
+        off += kMcastRecHdrLen;
+        for (uint32_t k = 0; k < n; k++, off += kAddrLen) {
             out.back().srcs.emplace_back();
-            std::memcpy(out.back().srcs.back().data(), &p[off], MLDRT_ADDR_LEN);
+            std::memcpy(out.back().srcs.back().data(), &p[off], kAddrLen);
         }
     }
     if (error->empty() && off != p.size()) {
@@ -77,16 +78,16 @@ inline std::string report_text(const std::vector<uint8_t>& p) {
 
 // Every message sent so far on `ifp`: MLDv2 reports to ff02::16 as report_text(), MLDv1 ones
 // as "v1 report G1 to G1" or "v1 done G1 to ff02::2". Each must fit the link unfragmented.
-inline texts reports_sent(const mldrt_interface* ifp) {
+inline texts reports_sent(const Link* ifp) {
     texts out;
     for (const auto& m : fake::kernel().sent_msgs) {
         const std::vector<uint8_t>& p = m.payload;
         std::string to = ip6_text(reinterpret_cast<const uint8_t*>(&m.dst.sin6_addr));
         EXPECT_EQ(m.fd, ifp->sock);
-        EXPECT_LE(p.size(), ifp->buf_size - MLDRT_IP_OVERHEAD);
-        if (p.size() == MLDRT_QUERY_V1_LEN && std::all_of(&p[1], &p[8], [](int b) { return !b; }) &&
-            (p[0] == MLDRT_TYPE_V1_REPORT || p[0] == MLDRT_TYPE_V1_DONE)) {
-            out.push_back(std::string(p[0] == MLDRT_TYPE_V1_REPORT ? "v1 report " : "v1 done ") +
+        EXPECT_LE(p.size(), ifp->buf_size - kIpOverhead);
+        if (p.size() == kQueryV1Len && std::all_of(&p[1], &p[8], [](int b) { return !b; }) &&
+            (p[0] == kTypeV1Report || p[0] == kTypeV1Done)) {
+            out.push_back(std::string(p[0] == kTypeV1Report ? "v1 report " : "v1 done ") +
                           grp_name(&p[8]) + " to " +
                           grp_name(reinterpret_cast<const uint8_t*>(&m.dst.sin6_addr)));
             continue;
@@ -129,24 +130,24 @@ class UpstreamTest : public ListenerTest {
         links();
     }
     void links() {
-        eth2 = add_link("eth2", 12, 2);
-        eth3 = add_link("eth3", 13, 3);
+        eth2 = make_link("eth2", 12, 2);
+        eth3 = make_link("eth3", 13, 3);
         forget_kernel_calls();
     }
-    mldrt_mfdb_entry* entry(const addr6& g) { return mldrt_lookup_mfdb_entry(&router, g.data()); }
+    ForwardingEntry* entry(const addr6& g) { return find_forwarding_entry(&router, g.data()); }
 
     // Gives the group on `ifp` the state `st` through the list operations (creating it if
     // needed), keeping the entry's EXCLUDE count right.
-    void set_state(mldrt_interface* ifp, const addr6& g, const group_state& st) {
-        if (mldrt_group* rec = group(ifp, g)) {
-            for (uint32_t ltype = MLDRT_L_INCLUDE; ltype <= MLDRT_L_EXC; ltype++) {
-                mldrt_empty_grp_srclist(&router, rec, rec->mfdb, ltype, ifp);
+    void set_state(Link* ifp, const addr6& g, const group_state& st) {
+        if (Group* rec = group(ifp, g)) {
+            for (ListKind kind : {ListKind::Include, ListKind::Requested, ListKind::Excluded}) {
+                empty_group_list(&router, rec, rec->mfdb, kind, ifp);
             }
-            if (rec->fmode == MLDRT_EXCLUDE) {
-                mldrt_withdraw_whole_group(&router, rec, ifp);
+            if (rec->filter_mode == FilterMode::Exclude) {
+                withdraw_whole_group(&router, rec, ifp);
                 rec->mfdb->exclude_count--;
             }
-            mldrt_mark_changed(rec->mfdb);  // a mode change alone is a change too
+            mark_changed(rec->mfdb);  // a mode change alone is a change too
         }
         make_group(ifp, g, st, host);  // finds the group again and sets the lists
     }
@@ -155,33 +156,33 @@ class UpstreamTest : public ListenerTest {
     // out at once, then the retransmissions that fall due in the second after; what was sent.
     texts tick() {
         fake::kernel().sent_msgs.clear();
-        mldrt_report_changes(&router);
+        report_changes(&router);
         fake::kernel().monotonic_ms += 1000;
-        mldrt_retransmit_due(&router, fake::monotonic_now_ms());
+        retransmit_due(&router, fake::monotonic_now_ms());
         return reports_sent(up);
     }
 
-    mldrt_interface* eth2 = nullptr;
-    mldrt_interface* eth3 = nullptr;
+    Link* eth2 = nullptr;
+    Link* eth3 = nullptr;
     const addr6 G2 = grp(2);
 };
 
 // `bytes` received on `ifp` from a querier, as the receive path hands them on: at the start
 // of the cleared receive buffer, `len` of them (all when negative) counted as received.
-inline void hear(mldrt_interface* ifp, const std::vector<uint8_t>& bytes, int len = -1) {
+inline void hear(Link* ifp, const std::vector<uint8_t>& bytes, int len = -1) {
     const addr6 querier = ip6("fe80::1:1");
     std::memset(router.buf, 0, router.buf_size);
     std::memcpy(router.buf, bytes.data(), bytes.size());
-    mldrt_handle_mld_message(&router, ifp, router.buf, querier.data(),
-                             len < 0 ? static_cast<int>(bytes.size()) : len);
+    handle_mld_message(&router, ifp, router.buf, querier.data(),
+                       len < 0 ? static_cast<int>(bytes.size()) : len);
 }
 
 // An MLDv2 query for `g` (:: for a general query) listing `srcs`, with Number of Sources
 // `claimed` (the real count when negative).
 inline std::vector<uint8_t> v2_query(const addr6& g, const std::vector<int>& srcs,
                                      int claimed = -1) {
-    std::vector<uint8_t> q(MLDRT_QUERY_V2_HDR_LEN + MLDRT_ADDR_LEN * srcs.size());
-    q[0] = MLDRT_TYPE_QUERY;
+    std::vector<uint8_t> q(kQueryV2HdrLen + kAddrLen * srcs.size());
+    q[0] = kTypeQuery;
     q[4] = 0x27;  // Maximum Response Code 10000
     q[5] = 0x10;
     std::memcpy(&q[8], g.data(), 16);
@@ -191,7 +192,7 @@ inline std::vector<uint8_t> v2_query(const addr6& g, const std::vector<int>& src
     q[26] = static_cast<uint8_t>(n >> 8);
     q[27] = static_cast<uint8_t>(n);
     for (size_t i = 0; i < srcs.size(); i++) {
-        std::memcpy(&q[MLDRT_QUERY_V2_HDR_LEN + MLDRT_ADDR_LEN * i], src(srcs[i]).data(), 16);
+        std::memcpy(&q[kQueryV2HdrLen + kAddrLen * i], src(srcs[i]).data(), 16);
     }
     return q;
 }
