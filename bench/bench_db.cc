@@ -15,9 +15,9 @@
 #include <cstring>
 #include <vector>
 
-#include "core/daemon.h"
-#include "core/input_thread.h"
-#include "core/router.h"
+#include "daemon/daemon.h"
+#include "daemon/event_loop.h"
+#include "db/router.h"
 #include "db/db.h"
 #include "fake_kernel.h"
 #include "iface/interface.h"

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
 

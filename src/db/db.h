@@ -8,8 +8,8 @@
 
 #include <cstdint>
 
-#include "core/router.h"
-#include "db/addr_index.h"
+#include "db/router.h"
+#include "base/address_index.h"
 
 namespace mldproxy {
 

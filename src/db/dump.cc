@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
 

@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/log.h"
-#include "core/addr.h"
+#include "base/log.h"
+#include "base/addr.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"

@@ -2,7 +2,7 @@
 // state changed since the last merge, and the entries with upstream retransmissions due. With
 // them the loop merges and retransmits only what needs it, whatever the number of groups held.
 #include "db/db.h"
-#include "db/fifo.h"
+#include "base/fifo.h"
 
 namespace mldproxy {
 

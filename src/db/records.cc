@@ -3,7 +3,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
 

@@ -1,4 +1,4 @@
-#include "core/addr.h"
+#include "base/addr.h"
 #include "iface/interface.h"
 
 #include <arpa/inet.h>
@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "mld/mld.h"
 
 namespace mldproxy {

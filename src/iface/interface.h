@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "core/router.h"
+#include "db/router.h"
 
 namespace mldproxy {
 

@@ -10,9 +10,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/clock.h"
-#include "core/config.h"
-#include "core/log.h"
+#include "base/clock.h"
+#include "daemon/config.h"
+#include "base/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"

@@ -1,5 +1,5 @@
-#include "core/log.h"
-#include "core/addr.h"
+#include "base/log.h"
+#include "base/addr.h"
 #include "kernel/mroute.h"
 
 #include <netinet/in.h>

@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "core/router.h"
+#include "db/router.h"
 
 namespace mldproxy {
 

@@ -2,7 +2,7 @@
 // change lists and timers only; no query follows them.
 #include <cstdio>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "mld/handlers.h"

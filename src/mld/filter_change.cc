@@ -3,7 +3,7 @@
 // arrive here too, as TO_EX{} and TO_IN{}.
 #include <cstdio>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "mld/handlers.h"

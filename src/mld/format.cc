@@ -1,6 +1,6 @@
 #include <cstring>
 
-#include "core/bytes.h"
+#include "base/bytes.h"
 #include "db/db.h"
 #include "mld/mld.h"
 

@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "core/bytes.h"
-#include "core/router.h"
+#include "base/bytes.h"
+#include "db/router.h"
 
 namespace mldproxy {
 

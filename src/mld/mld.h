@@ -5,8 +5,8 @@
 
 #include <cstdint>
 
-#include "core/clock.h"
-#include "core/router.h"
+#include "base/clock.h"
+#include "db/router.h"
 #include "db/db.h"
 
 namespace mldproxy {

@@ -3,8 +3,8 @@
 // downstream link changes nothing but the link's MLD version, which the dispatch has recorded.
 #include <cstring>
 
-#include "core/addr.h"
-#include "core/bytes.h"
+#include "base/addr.h"
+#include "base/bytes.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "mld/handlers.h"

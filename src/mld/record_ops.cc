@@ -1,4 +1,4 @@
-#include "core/addr.h"
+#include "base/addr.h"
 #include "mld/record_ops.h"
 
 #include "mld/handlers.h"

@@ -3,9 +3,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/log.h"
-#include "core/addr.h"
-#include "core/bytes.h"
+#include "base/log.h"
+#include "base/addr.h"
+#include "base/bytes.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "mld/handlers.h"

@@ -1,7 +1,7 @@
 #include <cstring>
 
-#include "core/addr.h"
-#include "core/bytes.h"
+#include "base/addr.h"
+#include "base/bytes.h"
 #include "db/db.h"
 #include "mld/mld.h"
 

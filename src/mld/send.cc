@@ -5,10 +5,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/log.h"
-#include "core/addr.h"
-#include "core/bytes.h"
-#include "core/clock.h"
+#include "base/log.h"
+#include "base/addr.h"
+#include "base/bytes.h"
+#include "base/clock.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "mld/mld.h"

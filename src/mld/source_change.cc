@@ -3,7 +3,7 @@
 // sources, whose timers then run down to the last listener query time.
 #include <cstdio>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "mld/handlers.h"

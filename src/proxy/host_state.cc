@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "core/log.h"
-#include "core/addr.h"
+#include "base/log.h"
+#include "base/addr.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "mld/mld.h"

@@ -4,7 +4,7 @@
 // replaces whatever was pending; while its record is pending, it carries every later change.
 #include <cstdlib>
 
-#include "core/clock.h"
+#include "base/clock.h"
 #include "db/db.h"
 #include "mld/mld.h"
 #include "proxy/proxy.h"

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/config.h"
-#include "core/router.h"
+#include "daemon/config.h"
+#include "db/router.h"
 
 using namespace mldproxy;
 

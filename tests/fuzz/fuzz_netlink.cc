@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/daemon.h"
-#include "core/router.h"
+#include "daemon/daemon.h"
+#include "db/router.h"
 #include "fake_kernel.h"
 #include "iface/netlink.h"
 

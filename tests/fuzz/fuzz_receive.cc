@@ -6,14 +6,14 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/daemon.h"
-#include "core/input_thread.h"
-#include "core/router.h"
+#include "daemon/daemon.h"
+#include "daemon/event_loop.h"
+#include "db/router.h"
 #include "db/db.h"
 #include "fake_kernel.h"
 #include "iface/interface.h"
 #include "iface/netlink.h"
-#include "kernel/upcall.h"
+#include "proxy/upcall.h"
 #include "mld/mld.h"
 
 using namespace mldproxy;

@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
-#include "core/config.h"
-#include "core/daemon.h"
+#include "daemon/config.h"
+#include "daemon/daemon.h"
 #include "test_support.h"
 
 using namespace mldproxy;

@@ -1,5 +1,5 @@
 
-#include "core/daemon.h"
+#include "daemon/daemon.h"
 #include "test_support.h"
 
 using namespace mldproxy;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "core/config.h"
+#include "daemon/config.h"
 #include "test_support.h"
 
 using namespace mldproxy;

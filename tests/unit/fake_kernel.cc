@@ -10,9 +10,9 @@
 #include <ctime>
 #include <string>
 
-#include "core/input_thread.h"
-#include "core/log.h"
-#include "core/router.h"
+#include "daemon/event_loop.h"
+#include "base/log.h"
+#include "db/router.h"
 #include "db/db.h"
 #include "iface/interface.h"
 #include "iface/netlink.h"

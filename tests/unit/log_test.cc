@@ -1,7 +1,7 @@
 // Messages a LAN host can cause are printed at most once a second per text; the next one says
 // how many were held back, before its newline (or at the end of a text without one). With
 // --syslog every line becomes one record.
-#include "core/log.h"
+#include "base/log.h"
 #include "test_support.h"
 
 using namespace mldproxy;

@@ -2,7 +2,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/receive.h"
+#include "daemon/receive.h"
 #include "test_support.h"
 
 using namespace mldproxy;

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <string>
 
-#include "core/input_thread.h"
+#include "daemon/event_loop.h"
 #include "test_support.h"
 
 using namespace mldproxy;

@@ -3,7 +3,7 @@
 // stand when it leaves. One downstream link (eth1) holds group G1; each tick sends what changed
 // since the last one, then what falls due in the second after it.
 
-#include "core/addr.h"
+#include "base/addr.h"
 #include "upstream_support.h"
 
 using namespace mldproxy;

@@ -8,9 +8,9 @@
 
 #include <cstdlib>
 
-#include "core/cli.h"
-#include "core/control.h"
-#include "core/status.h"
+#include "daemon/cli.h"
+#include "daemon/control.h"
+#include "daemon/status.h"
 #include "upstream_support.h"
 
 using namespace mldproxy;

@@ -2,9 +2,9 @@
 
 #include <arpa/inet.h>
 
-#include "core/daemon.h"
-#include "core/log.h"
-#include "core/input_thread.h"
+#include "daemon/daemon.h"
+#include "base/log.h"
+#include "daemon/event_loop.h"
 #include "iface/netlink.h"
 
 using namespace mldproxy;

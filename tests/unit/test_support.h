@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "core/router.h"
+#include "db/router.h"
 #include "db/db.h"
 #include "mld/mld.h"
 #include "db/db.h"

@@ -3,7 +3,7 @@
 // The upstream is on MIF 2, so a MIF read in the wrong byte order never matches.
 #include <cstddef>
 
-#include "core/receive.h"
+#include "daemon/receive.h"
 #include "listener_support.h"
 
 using namespace mldproxy;

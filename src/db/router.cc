@@ -1,0 +1,43 @@
+#include "db/router.h"
+
+#include <cstring>
+
+namespace mldproxy {
+
+Router router;
+std::atomic<int> g_stop_requested{0};
+
+void reset_router(Router* r) {
+    r->active = 0;
+    r->running = 0;
+    r->input_thread = pthread_t{};
+    r->router_sock = 0;
+    r->netlink_sock = 0;
+    r->buf_size = 0;
+    r->buf = nullptr;
+    r->scratch_size = 0;
+    r->scratch = nullptr;
+    r->nl_buf_size = 0;
+    r->nl_buf = nullptr;
+    r->interfaces = nullptr;
+    r->mfdb_list = nullptr;
+    r->mfdb_index = {};
+    r->upstream = nullptr;
+    r->report_batch = nullptr;
+    r->robustness = 0;
+    r->query_interval = 0;
+    r->query_response_interval = 0;
+    r->last_listener_query_interval = 0;
+    r->last_listener_query_count = 0;
+    r->verbose = 0;
+    r->del_mifi = 0;
+    std::memset(r->upstream_addr, 0, sizeof r->upstream_addr);
+    std::memset(r->upstream_ifname, 0, sizeof r->upstream_ifname);
+    std::memset(r->downstream_ifnames, 0, sizeof r->downstream_ifnames);
+    r->downstream_count = 0;
+    std::memset(r->group_text, 0, sizeof r->group_text);
+    r->counters = RouterCounters{};
+    r->control = nullptr;
+}
+
+}  // namespace mldproxy
