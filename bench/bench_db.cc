@@ -21,7 +21,7 @@
 #include "db/db.h"
 #include "fake_kernel.h"
 #include "iface/interface.h"
-#include "iface/netlink.h"
+#include "daemon/netlink.h"
 #include "mld/mld.h"
 
 using namespace mldproxy;

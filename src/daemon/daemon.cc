@@ -14,8 +14,10 @@
 #include "daemon/event_loop.h"
 #include "base/log.h"
 #include "db/db.h"
+#include "mld/timers.h"
+#include "proxy/proxy.h"
 #include "iface/interface.h"
-#include "iface/netlink.h"
+#include "daemon/netlink.h"
 #include "kernel/mroute.h"
 
 namespace mldproxy {
@@ -154,7 +156,7 @@ void delete_all_links(Router* r) {
             r->upstream = nullptr;  // never left pointing at a freed record
         }
         release_link_groups(r, ifp);
-        kernel_delete_mif(r->router_sock, ifp);
+        kernel_delete_mif(r->router_sock, ifp->mifi, ifp->ifindex);
         delete_link(ifp);
     }
 }
@@ -193,6 +195,7 @@ namespace {
 void shut_down() {
     stop_threads(&router);
     final_membership_pass(&router);
+    report_changes(&router);
     delete_all_links(&router);
     shut_down(&router);
     system_link_reset();

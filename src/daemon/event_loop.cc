@@ -11,8 +11,9 @@
 #include "daemon/receive.h"
 #include "daemon/status.h"
 #include "db/db.h"
+#include "mld/timers.h"
 #include "iface/interface.h"
-#include "iface/netlink.h"
+#include "daemon/netlink.h"
 #include "mld/mld.h"
 #include "proxy/proxy.h"
 
@@ -214,7 +215,7 @@ void tick(Router* r) {
         return;
     }
     for (Link* ifp = r->interfaces; ifp; ifp = ifp->next) {
-        age_link_groups(r, ifp, 0);
+        age_link_groups(r, ifp);
     }
 }
 

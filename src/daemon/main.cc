@@ -12,7 +12,7 @@
 #include "daemon/daemon.h"
 #include "base/log.h"
 #include "db/router.h"
-#include "iface/netlink.h"
+#include "daemon/netlink.h"
 
 namespace mldproxy {
 namespace {

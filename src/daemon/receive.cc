@@ -91,7 +91,7 @@ bool handle_input(Router* r, int proto) {
         handle_upcall(r, r->buf, static_cast<int>(n));
         return true;
     }
-    Link* ifp = find_link_by_index(r, info.ipi6_ifindex);
+    Link* ifp = find_link_by_index(r->interfaces, info.ipi6_ifindex);
     if (!ifp) {
         r->counters.not_ours++;  // a link the daemon does not serve
         return true;

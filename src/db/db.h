@@ -175,6 +175,9 @@ void withdraw_whole_group(Router* r, Group* g, Link* ifp);
 // Writes the kernel entries of `e` after the marks of `src` changed; `record_gone` when its
 // forwarding record lost its last mark and was deleted.
 void sync_kernel_forwarding(Router* r, ForwardingEntry* e, const uint8_t* src, bool record_gone);
+// Installs or replaces the kernel entry (source, group) with the upstream MIF as its parent;
+// skipped (-1) while no upstream is known: every entry is written again when one appears.
+int write_kernel_entry(Router* r, const uint8_t* group, const uint8_t* source, const uint8_t* oifs);
 
 // --- Forwarding database ---
 ForwardingEntry* find_forwarding_entry(Router* r, const uint8_t* grp);
@@ -241,21 +244,6 @@ void forget_entry_work(ForwardingEntry* e);
 // Empties both lists (a fresh router).
 void clear_work_lists();
 
-// --- Timer pass ---
-// Deletes the entry, and the empty groups mapped to it, when nothing needs it any more: no
-// upstream retransmission due, no forwarding record, no group with state left on any link.
-// True when the entry is gone.
-bool remove_if_unused(Router* r, ForwardingEntry* e);
-// One tick for every group of one interface. `flag` tells the caller apart and changes nothing.
-void age_link_groups(Router* r, Link* ifp, int flag);
-// One aging step of a group's query retransmission lists.
-void age_retransmission_lists(Group* g);
-// One more ordinary tick over every interface (shutdown, upstream down); forces no expiry.
-void final_membership_pass(Router* r);
-
-// Releases every group of an interface that is about to be deleted: its sources leave the
-// forwarding database with their forwarding withdrawn, so nothing points at the freed record.
-void release_link_groups(Router* r, Link* ifp);
 // Writes every forwarding record to the kernel again (the upstream MIF appeared or changed).
 void rewrite_kernel_forwarding(Router* r);
 // Frees every forwarding entry with all it holds (shutdown).

@@ -28,13 +28,13 @@ bool has_marks(const ForwardingRecord* fw) {
 void write_source_entry(Router* r, ForwardingEntry* e, const uint8_t* src) {
     uint8_t oifs[kMifMarks] = {};
     outgoing_mifs(e, src, oifs);
-    kernel_add_mfc(r, e->grp_addr, src, oifs);
+    write_kernel_entry(r, e->grp_addr, src, oifs);
 }
 
 void write_any_source_entry(Router* r, ForwardingEntry* e) {
     for (const ForwardingRecord* fw = e->fwinfo_list; fw; fw = fw->next) {
         if (is_unspecified(fw->src_addr)) {
-            kernel_add_mfc(r, e->grp_addr, kAddrAny, fw->mif_member);
+            write_kernel_entry(r, e->grp_addr, kAddrAny, fw->mif_member);
             return;
         }
     }
@@ -86,11 +86,19 @@ int remove_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_
 
 }  // namespace
 
+int write_kernel_entry(Router* r, const uint8_t* group, const uint8_t* source,
+                       const uint8_t* oifs) {
+    if (!r->upstream) {
+        return -1;
+    }
+    return kernel_add_mfc(r->router_sock, r->upstream->mifi, group, source, oifs);
+}
+
 void sync_kernel_forwarding(Router* r, ForwardingEntry* e, const uint8_t* src, bool record_gone) {
     if (!is_unspecified(src)) {
         // Without its own record the source is forwarded by the (*,G) entry, if any.
         if (record_gone) {
-            kernel_delete_mfc(r, e->grp_addr, src);
+            kernel_delete_mfc(r->router_sock, e->grp_addr, src);
         } else {
             write_source_entry(r, e, src);
         }
@@ -99,7 +107,7 @@ void sync_kernel_forwarding(Router* r, ForwardingEntry* e, const uint8_t* src, b
     if (record_gone) {
         // Deleted even while no upstream is known: a kernel entry left behind would forward
         // to whatever link takes its MIF later.
-        kernel_delete_mfc(r, e->grp_addr, kAddrAny);
+        kernel_delete_mfc(r->router_sock, e->grp_addr, kAddrAny);
     } else {
         write_any_source_entry(r, e);
     }

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "iface/interface.h"
+
 namespace mldproxy {
 
 Router router;
@@ -38,6 +40,25 @@ void reset_router(Router* r) {
     std::memset(r->group_text, 0, sizeof r->group_text);
     r->counters = RouterCounters{};
     r->control = nullptr;
+}
+
+Link* add_link(Router* r, const LinkDesc* desc, uint16_t mifi) {
+    Link* ifp = find_link_by_name(r->interfaces, desc->name);
+    if (ifp) {
+        return ifp;
+    }
+    bool upstream = std::strncmp(desc->name, r->upstream_ifname, kIfnameLen) == 0;
+    LinkSettings settings{upstream, r->query_interval, r->query_response_interval, r->robustness};
+    ifp = create_link(desc, mifi, settings);
+    if (!ifp) {
+        return nullptr;
+    }
+    if (upstream) {
+        std::memcpy(r->upstream_addr, desc->addr, 16);
+    }
+    insert_link(&r->interfaces, ifp);
+    std::memcpy(ifp->addr, desc->addr, 16);
+    return ifp;
 }
 
 }  // namespace mldproxy

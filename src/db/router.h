@@ -10,10 +10,12 @@
 #include <cstring>
 
 #include "base/address_index.h"
+#include "base/ifname.h"
 
 namespace mldproxy {
 
 struct Link;
+struct LinkDesc;
 struct ForwardingEntry;
 struct ReportBuilder;
 struct Control;
@@ -21,16 +23,6 @@ struct Control;
 constexpr uint32_t kBufSize = 2048;
 constexpr uint32_t kScratchSize = 2048;
 constexpr uint32_t kNlBufSize = 4096;
-constexpr uint32_t kIfnameLen = 16;  // characters kept of an interface name
-
-// Copies at most kIfnameLen characters of a name and terminates the copy (the
-// destination has kIfnameLen + 1 bytes).
-inline void copy_ifname(char* dst, const char* src) {
-    size_t len = strnlen(src, kIfnameLen);
-    std::memcpy(dst, src, len);
-    dst[len] = '\0';
-}
-constexpr int kProtoIcmpv6 = 58;
 // DOWNSTREAM_IFNAME lines kept: the kernel has 32 MIFs, and one of them is the upstream's.
 constexpr uint32_t kMaxDownstream = 31;
 
@@ -85,6 +77,10 @@ extern std::atomic<int> g_stop_requested;
 
 // Zero every field of a router record (the record holds atomics, so no memset).
 void reset_router(Router* r);
+
+// The link named like `desc` if the router has one, else a new one (configured from the
+// router's settings) at the head of its list; nullptr after a message.
+Link* add_link(Router* r, const LinkDesc* desc, uint16_t mifi);
 
 }  // namespace mldproxy
 

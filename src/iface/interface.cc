@@ -15,7 +15,7 @@
 #include <cstring>
 
 #include "base/log.h"
-#include "mld/mld.h"
+#include "base/mld_types.h"
 
 namespace mldproxy {
 
@@ -81,23 +81,22 @@ bool set_interface_options(Link* ifp) {
     return true;
 }
 
-void fill_record(Router* r, Link* ifp, const LinkDesc* desc, uint16_t mifi) {
+void fill_record(Link* ifp, const LinkDesc* desc, uint16_t mifi, const LinkSettings& s) {
     copy_ifname(ifp->name, desc->name);
-    if (std::strcmp(ifp->name, r->upstream_ifname) == 0) {
+    if (s.upstream) {
         ifp->is_upstream = 1;
         ifp->querier = 0;
-        std::memcpy(r->upstream_addr, desc->addr, 16);
     } else {
         ifp->is_upstream = 0;
         ifp->querier = 1;
     }
     ifp->ifindex = desc->ifindex;
-    ifp->query_interval = r->query_interval;
+    ifp->query_interval = s.query_interval;
     ifp->query_due_ms = 0;  // the first general query leaves as soon as the link has started
-    ifp->query_response_interval = r->query_response_interval;
+    ifp->query_response_interval = s.query_response_interval;
     ifp->mifi = mifi;
     ifp->mld_version = 2;
-    ifp->startup_query_count = r->robustness - 1;  // wraps for robustness 0, as deployed
+    ifp->startup_query_count = s.robustness - 1;  // wraps for robustness 0, as deployed
 }
 
 void release_record(Link* ifp) {
@@ -153,7 +152,7 @@ bool set_link_mtu(Link* ifp, uint32_t mtu) {
     return true;
 }
 
-Link* create_link(Router* r, const LinkDesc* desc, uint16_t mifi) {
+Link* create_link(const LinkDesc* desc, uint16_t mifi, const LinkSettings& settings) {
     auto* ifp = static_cast<Link*>(calloc(1, sizeof(Link)));
     if (!ifp) {
         print_message("MLDRT: Router interface allocation failed\n");
@@ -176,7 +175,7 @@ Link* create_link(Router* r, const LinkDesc* desc, uint16_t mifi) {
         release_record(ifp);
         return nullptr;
     }
-    fill_record(r, ifp, desc, mifi);
+    fill_record(ifp, desc, mifi, settings);
     if (!set_interface_options(ifp)) {
         // Released, unlike older routers that kept the half-made record: the next netlink
         // batch for this link tries again from scratch.
@@ -186,23 +185,13 @@ Link* create_link(Router* r, const LinkDesc* desc, uint16_t mifi) {
     return ifp;
 }
 
-Link* add_link(Router* r, const LinkDesc* desc, uint16_t mifi) {
-    Link* ifp = find_link_by_name(r, desc->name);
-    if (ifp) {
-        return ifp;
+void insert_link(Link** links, Link* ifp) {
+    ifp->next = *links;
+    if (*links) {
+        (*links)->pprev = &ifp->next;
     }
-    ifp = create_link(r, desc, mifi);
-    if (!ifp) {
-        return nullptr;
-    }
-    ifp->next = r->interfaces;
-    if (r->interfaces) {
-        r->interfaces->pprev = &ifp->next;
-    }
-    ifp->pprev = &r->interfaces;
-    r->interfaces = ifp;
-    std::memcpy(ifp->addr, desc->addr, 16);
-    return ifp;
+    ifp->pprev = links;
+    *links = ifp;
 }
 
 void delete_link(Link* ifp) {
@@ -215,8 +204,8 @@ void delete_link(Link* ifp) {
     release_record(ifp);
 }
 
-Link* find_link_by_name(Router* r, const char* name) {
-    for (Link* ifp = r->interfaces; ifp; ifp = ifp->next) {
+Link* find_link_by_name(Link* links, const char* name) {
+    for (Link* ifp = links; ifp; ifp = ifp->next) {
         if (std::strncmp(ifp->name, name, kIfnameLen) == 0) {
             return ifp;
         }
@@ -224,8 +213,8 @@ Link* find_link_by_name(Router* r, const char* name) {
     return nullptr;
 }
 
-Link* find_link_by_index(Router* r, uint32_t ifindex) {
-    for (Link* ifp = r->interfaces; ifp; ifp = ifp->next) {
+Link* find_link_by_index(Link* links, uint32_t ifindex) {
+    for (Link* ifp = links; ifp; ifp = ifp->next) {
         if (ifp->ifindex == ifindex) {
             return ifp;
         }
@@ -233,8 +222,8 @@ Link* find_link_by_index(Router* r, uint32_t ifindex) {
     return nullptr;
 }
 
-Link* find_link_by_address(Router* r, const uint8_t* addr) {
-    for (Link* ifp = r->interfaces; ifp; ifp = ifp->next) {
+Link* find_link_by_address(Link* links, const uint8_t* addr) {
+    for (Link* ifp = links; ifp; ifp = ifp->next) {
         if (ipv6_addr_equal(ifp->addr, addr)) {
             return ifp;
         }
@@ -242,9 +231,9 @@ Link* find_link_by_address(Router* r, const uint8_t* addr) {
     return nullptr;
 }
 
-uint16_t free_mif_index(Router* r) {
+uint16_t free_mif_index(const Link* links) {
     for (uint32_t candidate = 0;; candidate++) {
-        Link* ifp = r->interfaces;
+        const Link* ifp = links;
         while (ifp && ifp->mifi != candidate) {
             ifp = ifp->next;
         }

@@ -6,7 +6,8 @@
 
 #include <cstdint>
 
-#include "db/router.h"
+#include "base/address_index.h"
+#include "base/ifname.h"
 
 namespace mldproxy {
 
@@ -57,22 +58,30 @@ constexpr uint32_t kDefaultIfBufSize = 2048;  // when the MTU cannot be read
 constexpr uint32_t kMaxIfBufSize = 65535;     // no IPv6 packet is larger without jumbograms
 constexpr uint32_t kMinIfBufSize = 1280;      // the IPv6 minimum MTU
 
-// The record named like `desc` if there is one, else a new record at the head of the list.
-Link* add_link(Router* r, const LinkDesc* desc, uint16_t mifi);
-// A new record, not yet on the list, with its socket and options; nullptr after a message.
+// What a new link takes from the configuration.
+struct LinkSettings {
+    bool upstream;
+    uint32_t query_interval;
+    uint32_t query_response_interval;
+    uint32_t robustness;
+};
+
 // Sizes the link's message buffer to its MTU (at least 1280 bytes); false when no buffer of
 // that size could be had (a link that had one keeps it).
 bool set_link_mtu(Link* ifp, uint32_t mtu);
-Link* create_link(Router* r, const LinkDesc* desc, uint16_t mifi);
+// A new record, not yet on a list, with its socket and options; nullptr after a message.
+Link* create_link(const LinkDesc* desc, uint16_t mifi, const LinkSettings& settings);
+// Puts the record at the head of the list `links`.
+void insert_link(Link** links, Link* ifp);
 // Closes the socket, frees the buffer, unlinks and frees the record.
 void delete_link(Link* ifp);
 
-Link* find_link_by_name(Router* r, const char* name);
-Link* find_link_by_index(Router* r, uint32_t ifindex);
-Link* find_link_by_address(Router* r, const uint8_t* addr);
+Link* find_link_by_name(Link* links, const char* name);
+Link* find_link_by_index(Link* links, uint32_t ifindex);
+Link* find_link_by_address(Link* links, const uint8_t* addr);
 
-// Lowest MIF index that no record uses.
-uint16_t free_mif_index(Router* r);
+// Lowest MIF index that no record of `links` uses.
+uint16_t free_mif_index(const Link* links);
 
 int ipv6_addr_equal(const void* a, const void* b);
 int get_interface_mtu(const char* name);

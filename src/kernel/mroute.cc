@@ -11,19 +11,17 @@
 #include <cstdio>
 #include <cstring>
 
-#include "iface/interface.h"
-
 namespace mldproxy {
 
 namespace {
 
 // Records are filled in place: a copy need not carry the padding bytes, and the kernel should
 // get no stray bytes.
-void fill_mif6ctl(Mif6Ctl* mc, const Link* ifp) {
+void fill_mif6ctl(Mif6Ctl* mc, uint16_t mifi, uint32_t ifindex) {
     std::memset(mc, 0, sizeof *mc);
-    mc->mif6c_mifi = ifp->mifi;
+    mc->mif6c_mifi = mifi;
     mc->mif6c_flags = 0;
-    mc->mif6c_pifi = static_cast<uint16_t>(ifp->ifindex);
+    mc->mif6c_pifi = static_cast<uint16_t>(ifindex);
 }
 
 void fill_mf6cctl(Mf6cCtl* mc, const uint8_t* group, const uint8_t* source) {
@@ -68,14 +66,14 @@ int kernel_stop_routing(int sock) {
     return 0;
 }
 
-int kernel_add_mif(int sock, const Link* ifp) {
+int kernel_add_mif(int sock, uint16_t mifi, uint32_t ifindex) {
     // mif6c_pifi holds 16 bits and the kernel has 32 MIFs: never register a truncated index.
-    if (ifp->ifindex > kMaxPifi || ifp->mifi >= kMaxmifs) {
+    if (ifindex > kMaxPifi || mifi >= kMaxmifs) {
         print_message("MLDRT: Setsockopt error on MRT_ADD_MIF\n");
         return -1;
     }
     Mif6Ctl mc;
-    fill_mif6ctl(&mc, ifp);
+    fill_mif6ctl(&mc, mifi, ifindex);
     if (setsockopt(sock, kKLevel, MRT6_ADD_MIF_OPT, &mc, sizeof mc) < 0) {
         print_failure("MLDRT: Setsockopt error on MRT_ADD_MIF", "setsockopt");
         return -1;
@@ -83,9 +81,9 @@ int kernel_add_mif(int sock, const Link* ifp) {
     return 0;
 }
 
-int kernel_delete_mif(int sock, const Link* ifp) {
+int kernel_delete_mif(int sock, uint16_t mifi, uint32_t ifindex) {
     Mif6Ctl mc;
-    fill_mif6ctl(&mc, ifp);
+    fill_mif6ctl(&mc, mifi, ifindex);
     if (setsockopt(sock, kKLevel, MRT6_DEL_MIF_OPT, &mc, sizeof mc) < 0) {
         print_failure("MLDRT: Setsockopt error on MRT_DEL_VIF", "setsockopt");
         return -1;
@@ -103,28 +101,26 @@ uint32_t ifset_word(const uint8_t* oifs) {
     return word;
 }
 
-int kernel_add_mfc(Router* r, const uint8_t* group, const uint8_t* source, const uint8_t* oifs) {
-    if (!r->upstream) {
-        return -1;  // no parent MIF to name yet; written again when the upstream appears
-    }
+int kernel_add_mfc(int sock, uint16_t parent, const uint8_t* group, const uint8_t* source,
+                   const uint8_t* oifs) {
     Mf6cCtl mc;
     fill_mf6cctl(&mc, group, source);
-    mc.mf6cc_parent = r->upstream->mifi;
+    mc.mf6cc_parent = parent;
     mc.mf6cc_ifset[0] = ifset_word(oifs);
-    if (is_unspecified(source) && r->upstream->mifi < kMaxmifs) {
-        mc.mf6cc_ifset[0] |= 1u << r->upstream->mifi;
+    if (is_unspecified(source) && parent < kMaxmifs) {
+        mc.mf6cc_ifset[0] |= 1u << parent;
     }
-    if (set_mfc(r->router_sock, MRT6_ADD_MFC_OPT, &mc) < 0) {
+    if (set_mfc(sock, MRT6_ADD_MFC_OPT, &mc) < 0) {
         log_message("MLDRT: Setsockopt error on MRT_ADD_MFC: setsockopt: %s\n", strerror(errno));
         return -1;
     }
     return 0;
 }
 
-int kernel_delete_mfc(Router* r, const uint8_t* group, const uint8_t* source) {
+int kernel_delete_mfc(int sock, const uint8_t* group, const uint8_t* source) {
     Mf6cCtl mc;
     fill_mf6cctl(&mc, group, source);
-    if (set_mfc(r->router_sock, MRT6_DEL_MFC_OPT, &mc) < 0) {
+    if (set_mfc(sock, MRT6_DEL_MFC_OPT, &mc) < 0) {
         if (is_unspecified(source)) {
             log_message("MLDRT: Setsockopt error on MRT_DEL_ADD_MFC: setsockopt: %s\n",
                         strerror(errno));

@@ -8,11 +8,7 @@
 
 #include <cstdint>
 
-#include "db/router.h"
-
 namespace mldproxy {
-
-struct Link;
 
 constexpr int kKLevel = 41;  // IPPROTO_IPV6
 constexpr int MRT6_INIT_OPT = 200;
@@ -58,18 +54,20 @@ static_assert(sizeof(Mrt6Msg) == 40, "mrt6msg is 40 bytes");
 
 int kernel_start_routing(int sock);
 int kernel_stop_routing(int sock);
-int kernel_add_mif(int sock, const Link* ifp);
-int kernel_delete_mif(int sock, const Link* ifp);
+// Registers (or removes) MIF `mifi` for the system interface `ifindex`.
+int kernel_add_mif(int sock, uint16_t mifi, uint32_t ifindex);
+int kernel_delete_mif(int sock, uint16_t mifi, uint32_t ifindex);
 
 // First ifset word for a 32-byte output-interface array (byte i non-zero: forward on MIF i).
 uint32_t ifset_word(const uint8_t* oifs);
 
 // Installs or replaces (source, group). A source of :: is the group's any-source entry: a real
 // (*,G) entry whose set also holds the upstream MIF, because Linux forwards with a (*,G) entry
-// only packets that arrive on a MIF of its set. Skipped silently while no upstream is known.
-int kernel_add_mfc(Router* r, const uint8_t* group, const uint8_t* source, const uint8_t* oifs);
+// only packets that arrive on a MIF of its set. `parent` is the upstream MIF.
+int kernel_add_mfc(int sock, uint16_t parent, const uint8_t* group, const uint8_t* source,
+                   const uint8_t* oifs);
 // Removes (source, group); silent for a specific source, which may never have been installed.
-int kernel_delete_mfc(Router* r, const uint8_t* group, const uint8_t* source);
+int kernel_delete_mfc(int sock, const uint8_t* group, const uint8_t* source);
 
 // What the kernel counted for one forwarding entry (SIOCGETSGCNT_IN6).
 struct SourceGroupCounts {

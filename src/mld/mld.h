@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "base/clock.h"
+#include "base/mld_types.h"
 #include "db/router.h"
 #include "db/db.h"
 
@@ -13,12 +14,6 @@ namespace mldproxy {
 
 struct Link;
 struct Source;
-
-// ICMPv6 types of MLD (RFC 2710, RFC 3810 section 5).
-constexpr uint8_t kTypeQuery = 130;
-constexpr uint8_t kTypeV1Report = 131;
-constexpr uint8_t kTypeV1Done = 132;
-constexpr uint8_t kTypeV2Report = 143;
 
 // Multicast address record types (RFC 3810 section 5.2.12).
 enum class RecordType : uint8_t {

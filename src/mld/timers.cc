@@ -5,10 +5,10 @@
 
 #include "base/addr.h"
 #include "db/db.h"
+#include "mld/timers.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"
 #include "mld/mld.h"
-#include "proxy/proxy.h"
 
 namespace mldproxy {
 
@@ -199,8 +199,7 @@ void age_retransmission_lists(Group* g) {
     }
 }
 
-void age_link_groups(Router* r, Link* ifp, int flag) {
-    (void)flag;
+void age_link_groups(Router* r, Link* ifp) {
     Group* next = nullptr;
     for (Group* g = ifp->groups; g; g = next) {
         next = g->next;
@@ -210,9 +209,8 @@ void age_link_groups(Router* r, Link* ifp, int flag) {
 
 void final_membership_pass(Router* r) {
     for (Link* ifp = r->interfaces; ifp; ifp = ifp->next) {
-        age_link_groups(r, ifp, 1);
+        age_link_groups(r, ifp);
     }
-    report_changes(r);
 }
 
 bool remove_if_unused(Router* r, ForwardingEntry* e) {

@@ -7,6 +7,7 @@
 #include "base/log.h"
 #include "base/addr.h"
 #include "db/db.h"
+#include "mld/timers.h"
 #include "iface/interface.h"
 #include "mld/mld.h"
 #include "proxy/proxy.h"

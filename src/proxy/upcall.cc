@@ -41,7 +41,7 @@ void handle_upcall(Router* r, const uint8_t* msg, int len) {
     }
     Mrt6Msg m;
     std::memcpy(&m, msg, sizeof m);
-    Link* eth1 = find_link_by_name(r, kCacheLookupInterface);
+    Link* eth1 = find_link_by_name(r->interfaces, kCacheLookupInterface);
     if (m.im6_dst[0] != 0xff) {
         return;
     }
@@ -53,7 +53,7 @@ void handle_upcall(Router* r, const uint8_t* msg, int len) {
     }
     ForwardingEntry* e = find_forwarding_entry(r, m.im6_dst);
     if (!e || !e->fwinfo_list) {
-        kernel_delete_mfc(r, m.im6_dst, m.im6_src);
+        kernel_delete_mfc(r->router_sock, m.im6_dst, m.im6_src);
         return;
     }
     e->upcall_mark = 0;
@@ -66,9 +66,9 @@ void handle_upcall(Router* r, const uint8_t* msg, int len) {
     uint8_t oifs[kMifMarks] = {};
     outgoing_mifs(e, m.im6_src, oifs);
     if (any_set(oifs)) {
-        kernel_add_mfc(r, m.im6_dst, m.im6_src, oifs);
+        write_kernel_entry(r, m.im6_dst, m.im6_src, oifs);
     } else {
-        kernel_delete_mfc(r, m.im6_dst, m.im6_src);
+        kernel_delete_mfc(r->router_sock, m.im6_dst, m.im6_src);
     }
 }
 

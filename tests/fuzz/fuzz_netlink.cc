@@ -7,7 +7,7 @@
 #include "daemon/daemon.h"
 #include "db/router.h"
 #include "fake_kernel.h"
-#include "iface/netlink.h"
+#include "daemon/netlink.h"
 
 using namespace mldproxy;
 

@@ -12,7 +12,7 @@
 #include "db/db.h"
 #include "fake_kernel.h"
 #include "iface/interface.h"
-#include "iface/netlink.h"
+#include "daemon/netlink.h"
 #include "proxy/upcall.h"
 #include "mld/mld.h"
 

@@ -15,7 +15,7 @@
 #include "db/router.h"
 #include "db/db.h"
 #include "iface/interface.h"
-#include "iface/netlink.h"
+#include "daemon/netlink.h"
 
 using namespace mldproxy;
 

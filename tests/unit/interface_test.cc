@@ -209,18 +209,18 @@ TEST_F(InterfaceTest, LookupsFindTheRecordByNameIndexOrAddress) {
     Link* b = make_link("eth2", 8, 1);
     Link* c = make_link("eth3", 9, 2);
     EXPECT_EQ(router.interfaces, c);  // new records at the head
-    EXPECT_EQ(find_link_by_name(&router, "eth2"), b);
-    EXPECT_EQ(find_link_by_name(&router, "eth"), nullptr);
-    EXPECT_EQ(find_link_by_name(&router, "eth22"), nullptr);
-    EXPECT_EQ(find_link_by_index(&router, 7), a);
-    EXPECT_EQ(find_link_by_index(&router, 10), nullptr);
-    EXPECT_EQ(find_link_by_address(&router, ip6("fe80::9").data()), c);
-    EXPECT_EQ(find_link_by_address(&router, ip6("fe81::9").data()), nullptr);
-    EXPECT_EQ(find_link_by_address(&router, ip6("fe80::1:9").data()), nullptr);
+    EXPECT_EQ(find_link_by_name(router.interfaces, "eth2"), b);
+    EXPECT_EQ(find_link_by_name(router.interfaces, "eth"), nullptr);
+    EXPECT_EQ(find_link_by_name(router.interfaces, "eth22"), nullptr);
+    EXPECT_EQ(find_link_by_index(router.interfaces, 7), a);
+    EXPECT_EQ(find_link_by_index(router.interfaces, 10), nullptr);
+    EXPECT_EQ(find_link_by_address(router.interfaces, ip6("fe80::9").data()), c);
+    EXPECT_EQ(find_link_by_address(router.interfaces, ip6("fe81::9").data()), nullptr);
+    EXPECT_EQ(find_link_by_address(router.interfaces, ip6("fe80::1:9").data()), nullptr);
     delete_link(b);  // unlinking from the middle keeps both neighbours reachable
     EXPECT_EQ(c->next, a);
     EXPECT_EQ(a->pprev, &c->next);
-    EXPECT_EQ(find_link_by_index(&router, 8), nullptr);
+    EXPECT_EQ(find_link_by_index(router.interfaces, 8), nullptr);
 }
 
 TEST_F(InterfaceTest, NewMifIndexIsTheLowestFree) {
@@ -237,16 +237,16 @@ TEST_F(InterfaceTest, NewMifIndexIsTheLowestFree) {
             make_link(("l" + std::to_string(i)).c_str(), 10 + static_cast<uint32_t>(i),
                       row.taken[i]);
         }
-        EXPECT_EQ(free_mif_index(&router), row.next);
+        EXPECT_EQ(free_mif_index(router.interfaces), row.next);
         delete_all();
     }
     make_link("a", 2, 0);
     make_link("b", 3, 1);
     make_link("c", 4, 2);
-    delete_link(find_link_by_name(&router, "a"));
-    EXPECT_EQ(free_mif_index(&router), 0);
-    EXPECT_EQ(make_link("d", 5, free_mif_index(&router))->mifi, 0);
-    EXPECT_EQ(free_mif_index(&router), 3);
+    delete_link(find_link_by_name(router.interfaces, "a"));
+    EXPECT_EQ(free_mif_index(router.interfaces), 0);
+    EXPECT_EQ(make_link("d", 5, free_mif_index(router.interfaces))->mifi, 0);
+    EXPECT_EQ(free_mif_index(router.interfaces), 3);
 }
 
 }  // namespace

@@ -60,16 +60,18 @@ TEST_F(MrouteTest, EachOperationUsesItsOptionLengthAndFailureMessage) {
          "MLDRT: Setsockopt error on MRT6_INIT: setsockopt: Permission denied\n"},
         {"done", [&] { return kernel_stop_routing(router.router_sock); }, 201, 0,
          "MLDRT: Setsockopt error on MRT_DONE: setsockopt: Permission denied\n"},
-        {"add MIF", [&] { return kernel_add_mif(router.router_sock, &link); }, 202, 12,
-         "MLDRT: Setsockopt error on MRT_ADD_MIF: setsockopt: Permission denied\n"},
-        {"delete MIF", [&] { return kernel_delete_mif(router.router_sock, &link); }, 203, 12,
+        {"add MIF", [&] { return kernel_add_mif(router.router_sock, link.mifi, link.ifindex); },
+         202, 12, "MLDRT: Setsockopt error on MRT_ADD_MIF: setsockopt: Permission denied\n"},
+        {"delete MIF",
+         [&] { return kernel_delete_mif(router.router_sock, link.mifi, link.ifindex); }, 203, 12,
          "MLDRT: Setsockopt error on MRT_DEL_VIF: setsockopt: Permission denied\n"},
-        {"add (S,G)", [&] { return kernel_add_mfc(&router, g.data(), s.data(), oifs.data()); }, 204,
-         92, "MLDRT: Setsockopt error on MRT_ADD_MFC: setsockopt: Permission denied\n"},
-        {"delete (::,G)", [&] { return kernel_delete_mfc(&router, g.data(), any.data()); }, 205, 92,
+        {"add (S,G)", [&] { return write_kernel_entry(&router, g.data(), s.data(), oifs.data()); },
+         204, 92, "MLDRT: Setsockopt error on MRT_ADD_MFC: setsockopt: Permission denied\n"},
+        {"delete (::,G)",
+         [&] { return kernel_delete_mfc(router.router_sock, g.data(), any.data()); }, 205, 92,
          "MLDRT: Setsockopt error on MRT_DEL_ADD_MFC: setsockopt: Permission denied\n"},
         {"delete (S,G) fails silently",
-         [&] { return kernel_delete_mfc(&router, g.data(), s.data()); }, 205, 92, ""},
+         [&] { return kernel_delete_mfc(router.router_sock, g.data(), s.data()); }, 205, 92, ""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -95,8 +97,8 @@ TEST_F(MrouteTest, EachOperationUsesItsOptionLengthAndFailureMessage) {
 }
 
 TEST_F(MrouteTest, MifRecordHoldsMifAndIndexWithZeroFlagsThresholdAndRate) {
-    ASSERT_EQ(kernel_add_mif(router.router_sock, &link), 0);
-    ASSERT_EQ(kernel_delete_mif(router.router_sock, &link), 0);
+    ASSERT_EQ(kernel_add_mif(router.router_sock, link.mifi, link.ifindex), 0);
+    ASSERT_EQ(kernel_delete_mif(router.router_sock, link.mifi, link.ifindex), 0);
     ASSERT_EQ(fake::kernel().sockopts.size(), 2u);
     EXPECT_EQ(fake::kernel().sockopts[0].value, mif_bytes(5, 0x1234));
     EXPECT_EQ(fake::kernel().sockopts[1].value, mif_bytes(5, 0x1234));
@@ -115,7 +117,8 @@ TEST_F(MrouteTest, MifThatTheKernelCannotHoldIsRefusedWithoutSyscall) {
         link.ifindex = row.ifindex;
         link.mifi = row.mifi;
         int rc = 0;
-        std::string out = stdout_of([&] { rc = kernel_add_mif(router.router_sock, &link); });
+        std::string out =
+            stdout_of([&] { rc = kernel_add_mif(router.router_sock, link.mifi, link.ifindex); });
         EXPECT_EQ(rc, row.accepted ? 0 : -1);
         EXPECT_EQ(out, row.accepted ? "" : "MLDRT: Setsockopt error on MRT_ADD_MIF\n");
         EXPECT_EQ(fake::kernel().sockopts.size(), row.accepted ? 1u : 0u);
@@ -142,10 +145,10 @@ TEST_F(MrouteTest, ForwardingEntryBytes) {
     const addr6 g = ip6("ff0e::1234"), s = ip6("2001:db8::1"), any{};
     auto oifs = oifs_of({1, 7});
     router.upstream = &upstream;
-    ASSERT_EQ(kernel_add_mfc(&router, g.data(), s.data(), oifs.data()), 0);
-    ASSERT_EQ(kernel_add_mfc(&router, g.data(), any.data(), oifs.data()), 0);
-    ASSERT_EQ(kernel_delete_mfc(&router, g.data(), any.data()), 0);
-    ASSERT_EQ(kernel_delete_mfc(&router, g.data(), s.data()), 0);
+    ASSERT_EQ(write_kernel_entry(&router, g.data(), s.data(), oifs.data()), 0);
+    ASSERT_EQ(write_kernel_entry(&router, g.data(), any.data(), oifs.data()), 0);
+    ASSERT_EQ(kernel_delete_mfc(router.router_sock, g.data(), any.data()), 0);
+    ASSERT_EQ(kernel_delete_mfc(router.router_sock, g.data(), s.data()), 0);
     const auto& calls = fake::kernel().sockopts;
     ASSERT_EQ(calls.size(), 4u);
     // (S,G): parent is the upstream MIF, which is not an output.
@@ -161,8 +164,9 @@ TEST_F(MrouteTest, AddWithoutUpstreamMakesNoCallAndNoMessage) {
     const addr6 g = ip6("ff0e::1"), any{};
     auto oifs = oifs_of({1});
     int rc = 0;
-    EXPECT_EQ(stdout_of([&] { rc = kernel_add_mfc(&router, g.data(), any.data(), oifs.data()); }),
-              "");
+    EXPECT_EQ(
+        stdout_of([&] { rc = write_kernel_entry(&router, g.data(), any.data(), oifs.data()); }),
+        "");
     EXPECT_EQ(rc, -1);
     EXPECT_TRUE(fake::kernel().sockopts.empty());
 }

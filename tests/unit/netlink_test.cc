@@ -4,7 +4,7 @@
 
 #include <optional>
 
-#include "iface/netlink.h"
+#include "daemon/netlink.h"
 #include "test_support.h"
 
 using namespace mldproxy;
@@ -311,7 +311,7 @@ TEST_F(NetlinkTest, DumpsFollowOneAnotherAndLostNotificationsAskForThemAgain) {
         }
         EXPECT_FALSE(handle_link(&router));  // nothing left: the loop may wait
         EXPECT_EQ(requests(), row.requests);
-        EXPECT_EQ(find_link_by_name(&router, "eth1") != nullptr, row.eth1);
+        EXPECT_EQ(find_link_by_name(router.interfaces, "eth1") != nullptr, row.eth1);
         EXPECT_EQ(fake::kernel().recv_flags.back(), MSG_DONTWAIT | MSG_NOSIGNAL);
         while (router.interfaces) {
             delete_link(router.interfaces);
@@ -322,7 +322,7 @@ TEST_F(NetlinkTest, DumpsFollowOneAnotherAndLostNotificationsAskForThemAgain) {
 
 TEST_F(NetlinkTest, UpstreamActivatesTheRouterAndDeletedLinksLoseTheirMif) {
     feed(cat({link(RTM_NEWLINK, 7, kUpMc, "eth1"), ll_addr(7)}));
-    Link* eth1 = find_link_by_name(&router, "eth1");
+    Link* eth1 = find_link_by_name(router.interfaces, "eth1");
     ASSERT_NE(eth1, nullptr);
     int eth1_sock = eth1->sock;
     EXPECT_EQ(router.upstream, nullptr);
@@ -330,7 +330,7 @@ TEST_F(NetlinkTest, UpstreamActivatesTheRouterAndDeletedLinksLoseTheirMif) {
     eth1->started = 1;
     eth1->query_due_ms = fake::monotonic_now_ms() + 60000;
     feed(cat({link(RTM_NEWLINK, 2, kUpMc, "up0"), ll_addr(2, "fe80::2")}));
-    Link* up = find_link_by_name(&router, "up0");
+    Link* up = find_link_by_name(router.interfaces, "up0");
     ASSERT_NE(up, nullptr);
     EXPECT_EQ(router.upstream, up);
     EXPECT_EQ(router.active, 1);
@@ -339,15 +339,15 @@ TEST_F(NetlinkTest, UpstreamActivatesTheRouterAndDeletedLinksLoseTheirMif) {
     EXPECT_EQ(ip6_text(router.upstream_addr), "fe80::2");
     // A link going administratively down is a new-link message: the record stays.
     feed(link(RTM_NEWLINK, 7, IFF_MULTICAST, "eth1"));
-    EXPECT_EQ(find_link_by_name(&router, "eth1"), eth1);
+    EXPECT_EQ(find_link_by_name(router.interfaces, "eth1"), eth1);
 
     fake::kernel().sockopts.clear();
     feed(link(RTM_DELLINK, 7, kUpMc, "eth1"));
-    EXPECT_EQ(find_link_by_name(&router, "eth1"), nullptr);
+    EXPECT_EQ(find_link_by_name(router.interfaces, "eth1"), nullptr);
     EXPECT_EQ(std::count(fake::kernel().closed.begin(), fake::kernel().closed.end(), eth1_sock), 1);
     EXPECT_EQ(router.upstream, up);
     feed(ll_addr(7));  // the table entry went with the link
-    EXPECT_EQ(find_link_by_name(&router, "eth1"), nullptr);
+    EXPECT_EQ(find_link_by_name(router.interfaces, "eth1"), nullptr);
     feed(link(RTM_DELLINK, 2, kUpMc, "up0"));
     EXPECT_EQ(router.upstream, nullptr);
     EXPECT_EQ(router.active, 0);
@@ -363,7 +363,7 @@ TEST_F(NetlinkTest, UpstreamActivatesTheRouterAndDeletedLinksLoseTheirMif) {
 // MTU resizes the buffer its messages are built in (bounded by what a packet can hold).
 TEST_F(NetlinkTest, RenamedLinkKeepsItsRecordAndFollowsItsMtu) {
     feed(cat({link(RTM_NEWLINK, 7, kUpMc, "eth1"), ll_addr(7)}));
-    Link* eth1 = find_link_by_name(&router, "eth1");
+    Link* eth1 = find_link_by_name(router.interfaces, "eth1");
     ASSERT_NE(eth1, nullptr);
     const uint16_t mif = eth1->mifi;
     const struct {
@@ -373,12 +373,12 @@ TEST_F(NetlinkTest, RenamedLinkKeepsItsRecordAndFollowsItsMtu) {
     for (const auto& step : steps) {
         SCOPED_TRACE(std::string(step.name) + " " + std::to_string(step.mtu));
         feed(link(RTM_NEWLINK, 7, kUpMc, step.name, true, step.mtu));
-        EXPECT_EQ(find_link_by_index(&router, 7), eth1);
+        EXPECT_EQ(find_link_by_index(router.interfaces, 7), eth1);
         EXPECT_STREQ(eth1->name, step.name);
         EXPECT_EQ(eth1->mifi, mif);
         EXPECT_EQ(eth1->buf_size, step.buf_size);
     }
-    EXPECT_EQ(find_link_by_name(&router, "eth1"), nullptr);
+    EXPECT_EQ(find_link_by_name(router.interfaces, "eth1"), nullptr);
     EXPECT_EQ(router.interfaces->next, nullptr) << "one record";
     // With the downstream links chosen by name, a rename out of the choice lets the link go.
     router.downstream_count = 1;

@@ -147,7 +147,7 @@ TEST_F(QueryScheduleTest, RepeatedLeavesKeepEachSourcesRetransmissions) {
             for (const std::vector<int>& step : row.steps) {
                 source_chain left(step);
                 if (step.empty()) {
-                    age_link_groups(&router, eth1, 0);
+                    age_link_groups(&router, eth1);
                 } else {
                     lower_timers_and_query(&router, eth1, g, G1.data(), left.head(), left.count());
                 }

@@ -300,7 +300,7 @@ TEST_F(RecordHandlerTest, RepeatedAnySourceLeavesQueryTheGroupOnceQuietly) {
         handle_to_include_record(&router, eth1, host.data(), leave.data());
         handle_to_include_record(&router, eth1, host.data(), leave.data());
         handle_to_include_record(&router, eth1, other.data(), leave.data());
-        age_link_groups(&router, eth1, 0);  // the group query's retransmission
+        age_link_groups(&router, eth1);  // the group query's retransmission
     });
     EXPECT_EQ(out, "");
     EXPECT_EQ(queries_sent(), (std::vector<std::string>{query(G1, {}), query(G1, {})}));
@@ -405,7 +405,7 @@ TEST_F(Mldv1Test, ReportIsChangeToExcludeAndDoneIsChangeToInclude) {
             receive(eth1, REPORT, G1, host);
             forget_kernel_calls();
         }
-        Link* link = find_link_by_name(&router, row.link);
+        Link* link = find_link_by_name(router.interfaces, row.link);
         addr6 g = ip6(row.group);
         receive(link, row.type, g, row.from == kStranger ? stranger : host);
         EXPECT_EQ(link->mld_version, 2) << "a report never changes the link's version";
@@ -439,7 +439,7 @@ TEST_F(Mldv1Test, OneMldv1HostPutsOnlyItsGroupInCompatibilityMode) {
     EXPECT_EQ(eth1->mld_version, 2);
 
     g1->v1_host_timer = 1;  // the MLDv1 host has not been heard for the timeout
-    age_link_groups(&router, eth1, 0);
+    age_link_groups(&router, eth1);
     handle_to_exclude_record(&router, eth1, stranger.data(), to_ex_s1.data());
     EXPECT_EQ(describe(g1), describe(exclude({{1, 259}}, {}, 260)));  // filtered by the table
     EXPECT_EQ(queries_sent(), std::vector<std::string>{query(G1, {1})});

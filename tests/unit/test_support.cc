@@ -5,7 +5,7 @@
 #include "daemon/daemon.h"
 #include "base/log.h"
 #include "daemon/event_loop.h"
-#include "iface/netlink.h"
+#include "daemon/netlink.h"
 
 using namespace mldproxy;
 

@@ -17,11 +17,13 @@
 #include "db/router.h"
 #include "db/db.h"
 #include "mld/mld.h"
+#include "mld/timers.h"
 #include "db/db.h"
 #include "fake_kernel.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"
 #include "mld/mld.h"
+#include "mld/timers.h"
 
 using namespace mldproxy;
 

@@ -2,7 +2,7 @@
 // retransmissions, the removal of what has become empty, and the release of a deleted
 // interface's groups. GMI 260, LLQI 1, LLQC 2; downstream links on MIFs 1 and 2, upstream 0.
 
-#include "iface/netlink.h"
+#include "daemon/netlink.h"
 #include "upstream_support.h"
 
 using namespace mldproxy;
@@ -17,7 +17,7 @@ class TimersTest : public UpstreamTest {
     // changes merged and reported, empty entries removed, retransmissions due).
     void tick() {
         for (Link* ifp = router.interfaces; ifp; ifp = ifp->next) {
-            age_link_groups(&router, ifp, 0);
+            age_link_groups(&router, ifp);
         }
         report_changes(&router);
         fake::kernel().monotonic_ms += 1000;
@@ -78,7 +78,7 @@ TEST_F(TimersTest, FilterTimerExpiryReturnsTheGroupToInclude) {
         make_group(eth1, G1, row.eth1_before, host);
         make_group(eth2, G1, row.eth2_before, host);
         forget_kernel_calls();
-        age_link_groups(&router, eth1, 0);
+        age_link_groups(&router, eth1);
         report_changes(&router);  // the loop's merge after the timers: empty entries go
         EXPECT_EQ(describe(group(eth1, G1)), describe(row.eth1_after));
         EXPECT_EQ(mfc_calls(), row.kernel);
@@ -95,7 +95,7 @@ TEST_F(TimersTest, FilterTimerExpiryReturnsTheGroupToInclude) {
 TEST_F(TimersTest, RequestedSourcesRunningOutMoveToTheExcludedList) {
     Group* g = make_group(eth1, G1, exclude({{1, 1}, {2, 5}}, {}, 100), host);
     forget_kernel_calls();
-    age_link_groups(&router, eth1, 0);
+    age_link_groups(&router, eth1);
     EXPECT_EQ(describe(g), describe(exclude({{2, 4}}, {{1, 1}}, 99)));
     EXPECT_EQ(mfc_calls(), (texts{"add 2001:db8::1 ff0e::101 parent 0 mifs "}));
 }
@@ -230,7 +230,7 @@ TEST_F(TimersTest, InterfaceDownReleasesItsGroupsBeforeTheRecordIsFreed) {
     std::strcpy(link.name, "eth1");
     link.ifindex = 11;
     handle_link_down(&router, &link);
-    EXPECT_EQ(find_link_by_name(&router, "eth1"), nullptr);
+    EXPECT_EQ(find_link_by_name(router.interfaces, "eth1"), nullptr);
     EXPECT_EQ(mfc_calls(), (texts{"del 2001:db8::1 ff0e::102", "del :: ff0e::101"}));
     EXPECT_EQ(fake::sockopts(kKLevel, MRT6_DEL_MIF_OPT).size(), 1u);
     ASSERT_NE(entry(G1), nullptr);

@@ -1,7 +1,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "iface/netlink.h"
+#include "iface/system_links.h"
 
 namespace mldproxy {
 

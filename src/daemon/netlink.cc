@@ -1,4 +1,4 @@
-#include "iface/netlink.h"
+#include "daemon/netlink.h"
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -14,6 +14,7 @@
 #include "daemon/config.h"
 #include "base/log.h"
 #include "db/db.h"
+#include "mld/timers.h"
 #include "iface/interface.h"
 #include "kernel/mroute.h"
 #include "proxy/proxy.h"
@@ -288,7 +289,7 @@ void apply_system_link(Router* r, SystemLink* entry) {
     // container's veth, a guest bridge or a PPP carrier is no place for the proxy's traffic.
     if (!is_chosen_link(r, entry->name)) {
         // A chosen link renamed to a name not chosen is no downstream any more.
-        if (find_link_by_index(r, entry->ifindex)) {
+        if (find_link_by_index(r->interfaces, entry->ifindex)) {
             handle_link_down(r, entry);
         }
         if (!entry->named_left_alone) {
@@ -320,7 +321,7 @@ namespace {
 // renamed link keeps its MIF and its groups, and messages always fit the link. A name that
 // changes the link's role (to or from the upstream's) makes it a new link.
 bool refresh_known_link(Router* r, const SystemLink* entry) {
-    Link* ifp = find_link_by_index(r, entry->ifindex);
+    Link* ifp = find_link_by_index(r->interfaces, entry->ifindex);
     if (!ifp) {
         return false;
     }
@@ -346,11 +347,11 @@ void handle_link_up(Router* r, const SystemLink* entry) {
     copy_ifname(desc.name, entry->name);
     std::memcpy(desc.addr, entry->addr, 16);
     desc.ifindex = entry->ifindex;
-    Link* ifp = add_link(r, &desc, free_mif_index(r));
+    Link* ifp = add_link(r, &desc, free_mif_index(r->interfaces));
     if (!ifp) {
         return;
     }
-    if (kernel_add_mif(r->router_sock, ifp) == -1) {
+    if (kernel_add_mif(r->router_sock, ifp->mifi, ifp->ifindex) == -1) {
         delete_link(ifp);
         return;
     }
@@ -369,19 +370,20 @@ void handle_link_up(Router* r, const SystemLink* entry) {
 }
 
 void handle_link_down(Router* r, const SystemLink* entry) {
-    Link* ifp = find_link_by_index(r, entry->ifindex);
+    Link* ifp = find_link_by_index(r->interfaces, entry->ifindex);
     if (!ifp) {
         return;
     }
     if (ifp->is_upstream) {
         r->active = 0;
         final_membership_pass(r);
+        report_changes(r);
         r->upstream = nullptr;
     } else {
-        age_link_groups(r, ifp, 1);
+        age_link_groups(r, ifp);
     }
     release_link_groups(r, ifp);
-    kernel_delete_mif(r->router_sock, ifp);
+    kernel_delete_mif(r->router_sock, ifp->mifi, ifp->ifindex);
     delete_link(ifp);
 }
 
