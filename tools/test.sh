@@ -261,7 +261,10 @@ stage_packages() {
 
 stage_build() {
   configure_and_build build -DCMAKE_BUILD_TYPE=MinSizeRel -DMLD_WERROR=ON -DMLD_TESTS=ON \
-    -DMLD_FUZZ=OFF -DMLD_SANITIZE= -DCMAKE_INSTALL_PREFIX=/usr
+    -DMLD_FUZZ=OFF -DMLD_SANITIZE= -DCMAKE_INSTALL_PREFIX=/usr || return 1
+  # Includes and calls run only downward through the layers, and no files loop.
+  say "+ python3 tools/check_layers.py --objects build/CMakeFiles/mldcore.dir/src"
+  python3 tools/check_layers.py --objects build/CMakeFiles/mldcore.dir/src || return 1
   run_ctest build "$SCRATCH/ctest-build.log"
 }
 

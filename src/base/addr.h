@@ -17,6 +17,10 @@ inline constexpr uint8_t kAddrAllRouters[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0,
 inline constexpr uint8_t kAddrAllMldv2Routers[16] = {0xff, 0x02, 0, 0, 0, 0, 0, 0,
                                                      0,    0,    0, 0, 0, 0, 0, 0x16};
 
+inline bool same_address(const uint8_t* a, const uint8_t* b) {
+    return std::memcmp(a, b, 16) == 0;
+}
+
 inline bool is_unspecified(const uint8_t* addr) {
     return std::memcmp(addr, kAddrAny, 16) == 0;
 }

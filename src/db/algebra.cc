@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/addr.h"
 #include "base/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
@@ -16,7 +17,7 @@ const uint32_t kAddrLen = 16;
 
 bool in_record(const uint8_t* rec_srcs, uint32_t nsrc, const uint8_t* addr) {
     for (uint32_t i = 0; i < nsrc; i++) {
-        if (ipv6_addr_equal(rec_srcs + kAddrLen * i, addr)) {
+        if (same_address(rec_srcs + kAddrLen * i, addr)) {
             return true;
         }
     }
@@ -25,7 +26,7 @@ bool in_record(const uint8_t* rec_srcs, uint32_t nsrc, const uint8_t* addr) {
 
 bool in_result(const SourceSet* result, const uint8_t* addr) {
     for (uint32_t i = 0; i < result->n; i++) {
-        if (ipv6_addr_equal(result->entries[i].src_addr, addr)) {
+        if (same_address(result->entries[i].src_addr, addr)) {
             return true;
         }
     }

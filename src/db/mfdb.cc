@@ -24,7 +24,7 @@ void free_host_state(HostState** hs) {
 
 ForwardingRecord* find_fwinfo(ForwardingRecord* list, const uint8_t* src) {
     for (; list; list = list->next) {
-        if (ipv6_addr_equal(list->src_addr, src)) {
+        if (same_address(list->src_addr, src)) {
             return list;
         }
     }
@@ -177,7 +177,7 @@ void delete_forwarding_record(Group* g, const uint8_t* src) {
         return;
     }
     for (ForwardingRecord** link = &g->mfdb->fwinfo_list; *link; link = &(*link)->next) {
-        if (ipv6_addr_equal((*link)->src_addr, src)) {
+        if (same_address((*link)->src_addr, src)) {
             ForwardingRecord* gone = *link;
             *link = gone->next;
             free(gone);

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/addr.h"
 #include "base/log.h"
 #include "db/db.h"
 #include "iface/interface.h"
@@ -64,77 +65,17 @@ Source** host_state_list(HostState* hs) {
 
 }  // namespace
 
-namespace {
-
-struct limit_report {
-    const char* what;
-    const char* outcome;
-    uint32_t value;
-    bool reported;
-    time_t last;
-    uint32_t refusals;
-};
-limit_report g_limit_reports[] = {
-    {"groups", "request not handled", kMaxGroups, false, 0, 0},
-    // A host beyond the member limit is still served: only its address is not kept.
-    {"members per group", "host served but not recorded", kMaxHosts, false, 0, 0},
-    {"sources per list", "request not handled", kMaxSources, false, 0, 0},
-};
-
-}  // namespace
-
-uint32_t limit_refusals(Limit limit) {
-    return g_limit_reports[static_cast<int>(limit)].refusals;
-}
-
-void limit_reset() {
-    for (limit_report& rep : g_limit_reports) {
-        rep.reported = false;
-        rep.refusals = 0;
-    }
-}
-
-void report_limit(Limit limit) {
-    limit_report& rep = g_limit_reports[static_cast<int>(limit)];
-    rep.refusals++;
-    time_t now = time(nullptr);
-    if (rep.reported && now - rep.last < kLimitReportSeconds) {
-        return;
-    }
-    rep.reported = true;
-    rep.last = now;
-    print_message("MLDRT: Limit of %u %s reached, %s\n", rep.value, rep.what, rep.outcome);
-}
-
 Group* find_group(Link* ifp, const uint8_t* grp) {
     return index_find(&ifp->group_index, grp);
 }
 
 Host* find_host(Group* g, const uint8_t* host) {
     for (Host* m = g->member_list; m; m = m->next) {
-        if (ipv6_addr_equal(m->member_addr, host)) {
+        if (same_address(m->member_addr, host)) {
             return m;
         }
     }
     return nullptr;
-}
-
-Source* find_source(Source* list, const uint8_t* src) {
-    for (; list; list = list->next) {
-        if (ipv6_addr_equal(list->src_addr, src)) {
-            return list;
-        }
-    }
-    return nullptr;
-}
-
-bool list_has(const Source* list, const uint8_t* src) {
-    for (; list; list = list->next) {
-        if (ipv6_addr_equal(list->src_addr, src)) {
-            return true;
-        }
-    }
-    return false;
 }
 
 Group* create_group(const uint8_t* grp) {
@@ -261,17 +202,6 @@ Source* add_source_to_group(Group* g, ForwardingEntry* e, ListKind kind, const u
     return s;
 }
 
-void remove_from_list(Source** list, const uint8_t* src) {
-    for (Source** link = list; *link; link = &(*link)->next) {
-        if (ipv6_addr_equal((*link)->src_addr, src)) {
-            Source* gone = *link;
-            *link = gone->next;
-            free(gone);
-            return;
-        }
-    }
-}
-
 int remove_source_from_group(Group* g, ForwardingEntry* e, ListKind kind, const uint8_t* src) {
     Source** list = select_list(g, e, kind);
     if (!list) {
@@ -291,14 +221,6 @@ void delete_group(Group* g) {
 void delete_host(Host* m) {
     unlink(m);
     free(m);
-}
-
-void free_srclist(Source** list) {
-    while (*list) {
-        Source* next = (*list)->next;
-        free(*list);
-        *list = next;
-    }
 }
 
 }  // namespace mldproxy

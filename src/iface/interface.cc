@@ -120,10 +120,6 @@ int set_mld_icmp_filter(int sock) {
     return setsockopt(sock, IPPROTO_ICMPV6, ICMP6_FILTER, &filter, sizeof filter);
 }
 
-int ipv6_addr_equal(const void* a, const void* b) {
-    return std::memcmp(a, b, 16) == 0 ? 1 : 0;
-}
-
 int get_interface_mtu(const char* name) {
     int s = socket(AF_INET, SOCK_DGRAM, 0);
     if (s < 1) {
@@ -224,7 +220,7 @@ Link* find_link_by_index(Link* links, uint32_t ifindex) {
 
 Link* find_link_by_address(Link* links, const uint8_t* addr) {
     for (Link* ifp = links; ifp; ifp = ifp->next) {
-        if (ipv6_addr_equal(ifp->addr, addr)) {
+        if (same_address(ifp->addr, addr)) {
             return ifp;
         }
     }

@@ -83,7 +83,6 @@ Link* find_link_by_address(Link* links, const uint8_t* addr);
 // Lowest MIF index that no record of `links` uses.
 uint16_t free_mif_index(const Link* links);
 
-int ipv6_addr_equal(const void* a, const void* b);
 int get_interface_mtu(const char* name);
 
 // Blocks every ICMPv6 type but the four MLD ones (queries, v1 reports and dones, v2 reports).

@@ -1,4 +1,5 @@
 #include "db/db.h"
+#include "base/addr.h"
 #include "iface/interface.h"
 #include "mld/handlers.h"
 #include "mld/mld.h"
@@ -56,7 +57,7 @@ void count_received(Link* ifp, uint8_t type) {
 }  // namespace
 
 void handle_mld_message(Router* r, Link* ifp, const uint8_t* msg, const uint8_t* src, int len) {
-    if (ipv6_addr_equal(src, ifp->addr)) {
+    if (same_address(src, ifp->addr)) {
         r->counters.own++;
         return;  // our own transmission, looped back
     }

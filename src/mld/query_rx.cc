@@ -27,7 +27,7 @@ uint32_t listed_sources(const uint8_t* msg, uint32_t len) {
 
 bool holds(const Source* list, const uint8_t* addr) {
     for (; list; list = list->next) {
-        if (ipv6_addr_equal(list->src_addr, addr)) {
+        if (same_address(list->src_addr, addr)) {
             return true;
         }
     }
@@ -73,7 +73,7 @@ int handle_query(Router* r, Link* ifp, const uint8_t* src, const uint8_t* msg, u
     if (len >= kQueryV2HdrLen && get_be16(msg + 26) != 0 && nsrc == 0) {
         return 0;  // sources announced but none arrived: nothing to answer for
     }
-    bool general = ipv6_addr_equal(grp, kAddrAny) != 0;
+    bool general = is_unspecified(grp);
     if (general && nsrc != 0) {
         return 0;  // a general query cannot list sources
     }
@@ -83,7 +83,7 @@ int handle_query(Router* r, Link* ifp, const uint8_t* src, const uint8_t* msg, u
     report_init(&rb, r);
     for (const ForwardingEntry* e = r->mfdb_list; e; e = e->next) {
         const HostState* hs = e->old_host_state;
-        if (!hs || (!general && !ipv6_addr_equal(e->grp_addr, grp)) || unheard_on_v1(ifp, hs)) {
+        if (!hs || (!general && !same_address(e->grp_addr, grp)) || unheard_on_v1(ifp, hs)) {
             continue;
         }
         RecordType rec_type = current_state_record_type(hs->mode);

@@ -48,40 +48,6 @@ int handle_v1(Router* r, Link* ifp, const uint8_t* src, const uint8_t* msg, Reco
 
 }  // namespace
 
-uint32_t group_membership_interval(const Router* r) {
-    return r->robustness * r->query_interval + r->query_response_interval / 1000u;
-}
-
-Group* join_group(Router* r, Link* ifp, const uint8_t* src, const uint8_t* grp, bool loud) {
-    // Link-scope traffic is never forwarded, and reporting the hosts' solicited-node groups
-    // upstream would tell the upstream network their addresses: such groups are not proxied.
-    if (is_link_scope_group(grp)) {
-        return nullptr;
-    }
-    Group* g = add_group(r, ifp, grp);
-    if (!g) {
-        if (loud) {
-            log_message("\n Couldnt add new group in the group list\n");
-        }
-        return nullptr;
-    }
-    if (!add_host(g, src) && !hosts_full(g)) {
-        if (loud) {
-            log_message("\n Couldnt add member to new group \n");
-        }
-        return nullptr;
-    }
-    ForwardingEntry* e = add_forwarding_entry(r, grp);
-    if (!e) {
-        if (loud) {
-            log_message("\n Couldnt add mfdb entry\n");
-        }
-        return nullptr;
-    }
-    map_group_to_entry(r, g, e);
-    return g;
-}
-
 // The record walk against the length that arrived (RFC 3810 section 5.2): a record is handled
 // only when its header, its sources and its auxiliary data lie wholly inside the message, and
 // the walk ends at the first one that does not. A count that claims more records than arrived

@@ -17,7 +17,7 @@ const char* const kCacheLookupInterface = "eth1";
 
 bool has_any_source_record(const ForwardingEntry* e) {
     for (const ForwardingRecord* fw = e->fwinfo_list; fw; fw = fw->next) {
-        if (ipv6_addr_equal(fw->src_addr, kAddrAny)) {
+        if (same_address(fw->src_addr, kAddrAny)) {
             return true;
         }
     }
