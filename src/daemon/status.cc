@@ -64,8 +64,10 @@ int32_t larger(int32_t a, int32_t b) {
 }
 
 int32_t retransmissions_pending(const ForwardingEntry* e) {
-    return larger(larger(e->scr_to_ex_cnt, e->scr_to_in_cnt),
-                  larger(e->scr_allow_cnt, e->scr_block_cnt));
+    const PendingReport* p = e->pending;
+    return p ? larger(larger(p->to_exclude_count, p->to_include_count),
+                      larger(p->allow_count, p->block_count))
+             : 0;
 }
 
 const HostState kNoState{FilterMode::Include, nullptr};

@@ -95,6 +95,25 @@ struct ForwardingRecord {
     ForwardingRecord* next;
 };
 
+// The upstream state-change records of one group that are still to be sent again (RFC 3810
+// section 6.1): a count of copies still due for each record type, and each record's sources
+// with their own counts. Held only while some copy is due, so a settled group carries none.
+struct PendingReport {
+    int32_t to_exclude_count;
+    int32_t to_include_count;
+    int32_t allow_count;
+    int32_t block_count;
+    Source* to_exclude;
+    Source* to_include;
+    Source* allow;
+    Source* block;
+    uint64_t due_ms;         // when the next copy leaves
+    ForwardingEntry* entry;  // whose records these are
+    // Place on the retransmission queue (db/queues.cc).
+    PendingReport* next;
+    PendingReport** pprev;
+};
+
 struct ForwardingEntry {
     uint8_t grp_addr[16];
     uint32_t upcall_mark;
@@ -102,23 +121,12 @@ struct ForwardingEntry {
     ForwardingRecord* fwinfo_list;
     HostState* old_host_state;
     HostState* new_host_state;
-    int32_t scr_fmode_rtx_timer;
-    int32_t scr_to_ex_cnt;
-    int32_t scr_to_in_cnt;
-    int32_t scr_allow_cnt;
-    int32_t scr_block_cnt;
-    Source* scr_to_ex_list;
-    Source* scr_to_in_list;
-    Source* scr_allow_list;
-    Source* scr_block_list;
+    PendingReport* pending;  // null while no state-change copy is due
     ForwardingEntry* next;
     ForwardingEntry** pprev;
-    // Places on the changed list and the retransmission queue (db/queues.cc).
+    // Place on the changed list (db/queues.cc).
     ForwardingEntry* changed_next;
     ForwardingEntry** changed_pprev;
-    ForwardingEntry* rtx_next;
-    ForwardingEntry** rtx_pprev;
-    uint64_t rtx_due_ms;  // when the next upstream retransmission leaves
     // The router's address index (see db/addr_index.h).
     ForwardingEntry* hnext;
     ForwardingEntry** hpprev;
@@ -199,7 +207,12 @@ bool has_listeners(const HostState* hs);
 // True when the upstream state of group `grp` as last acted upon has listeners.
 bool group_listened(Router* r, const uint8_t* grp);
 // Non-zero while upstream state-change retransmissions for the entry are still due.
-int state_change_pending(const ForwardingEntry* e);
+bool state_change_pending(const ForwardingEntry* e);
+// The entry's pending state-change records, made (empty) when it has none; nullptr when memory
+// ran out.
+PendingReport* pending_report(ForwardingEntry* e);
+// Drops the entry's pending records once no copy of any is due any more.
+void drop_spent_report(ForwardingEntry* e);
 uint32_t forwarding_entry_count();
 
 // --- Source-list algebra ---
@@ -234,13 +247,14 @@ int empty_group_list(Router* r, Group* g, ForwardingEntry* e, ListKind kind, Lin
 void mark_changed(ForwardingEntry* e);
 // The oldest changed entry, taken off the list; nullptr when none is left.
 ForwardingEntry* take_changed();
-// Queues the entry's next upstream retransmission for `due_ms`, unless one is queued already
-// (it then keeps its time: the copy carries the records as they stand when it leaves).
-void queue_retransmission(ForwardingEntry* e, uint64_t due_ms);
-// The queued entry whose retransmission is due first (still queued); nullptr when none.
-ForwardingEntry* first_retransmission();
-// Takes the entry off both lists (its retransmissions are done, or it is being deleted).
-void forget_entry_work(ForwardingEntry* e);
+// Queues the next upstream retransmission of the records for `due_ms`, unless one is queued
+// already (it then keeps its time: the copy carries the records as they stand when it leaves).
+void queue_retransmission(PendingReport* p, uint64_t due_ms);
+// The queued records whose retransmission is due first (still queued); nullptr when none.
+PendingReport* first_retransmission();
+// Takes the records off the retransmission queue, the entry off the changed list.
+void forget_retransmission(PendingReport* p);
+void forget_changed(ForwardingEntry* e);
 // Empties both lists (a fresh router).
 void clear_work_lists();
 

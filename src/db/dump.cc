@@ -107,16 +107,17 @@ void dump_host_states(Router* r, const ForwardingEntry* e) {
                   text_of(e->grp_addr).s);
     dump_state("\n\n Old State :", "OldState SrcList", e->old_host_state);
     dump_state("\n\n New State :", "NewState SrcList", e->new_host_state);
+    static const PendingReport kNothingPending{};
+    const PendingReport& p = e->pending ? *e->pending : kNothingPending;
     print_message("\n\n SCR Info");
     print_message(
         "\n scr_fmode_rtx_timer %d, scr_to_ex_cnt %d scr_to_in_cnt %d scr_allow_cnt %d "
         "scr_block_cnt %d",
-        e->scr_fmode_rtx_timer, e->scr_to_ex_cnt, e->scr_to_in_cnt, e->scr_allow_cnt,
-        e->scr_block_cnt);
-    dump_source_list("scr_to_ex_list", e->scr_to_ex_list);
-    dump_source_list("scr_to_in_list", e->scr_to_in_list);
-    dump_source_list("scr_allow_list", e->scr_allow_list);
-    dump_source_list("scr_block_list", e->scr_block_list);
+        0, p.to_exclude_count, p.to_include_count, p.allow_count, p.block_count);
+    dump_source_list("scr_to_ex_list", p.to_exclude);
+    dump_source_list("scr_to_in_list", p.to_include);
+    dump_source_list("scr_allow_list", p.allow);
+    dump_source_list("scr_block_list", p.block);
     print_message(
         "\n <------------------------------------------------------------------------->\n\n");
 }

@@ -31,7 +31,38 @@ ForwardingRecord* find_fwinfo(ForwardingRecord* list, const uint8_t* src) {
     return nullptr;
 }
 
+// Whatever the lists still hold goes with the record, so nothing is ever leaked.
+void free_pending_report(ForwardingEntry* e) {
+    PendingReport* p = e->pending;
+    if (!p) {
+        return;
+    }
+    forget_retransmission(p);
+    free_srclist(&p->to_exclude);
+    free_srclist(&p->to_include);
+    free_srclist(&p->allow);
+    free_srclist(&p->block);
+    free(p);
+    e->pending = nullptr;
+}
+
 }  // namespace
+
+PendingReport* pending_report(ForwardingEntry* e) {
+    if (!e->pending) {
+        e->pending = static_cast<PendingReport*>(calloc(1, sizeof(PendingReport)));
+        if (e->pending) {
+            e->pending->entry = e;
+        }
+    }
+    return e->pending;
+}
+
+void drop_spent_report(ForwardingEntry* e) {
+    if (e->pending && !state_change_pending(e)) {
+        free_pending_report(e);
+    }
+}
 
 uint32_t forwarding_entry_count() {
     return g_mfdb_count;
@@ -88,14 +119,10 @@ ForwardingEntry* add_forwarding_entry(Router* r, const uint8_t* grp) {
 void delete_forwarding_entry(Router* r, ForwardingEntry* e) {
     (void)r;
     index_remove(e);
-    forget_entry_work(e);
+    forget_changed(e);
     free_host_state(&e->old_host_state);
     free_host_state(&e->new_host_state);
-    // Whatever the lists still hold goes with the entry, so nothing is ever leaked.
-    free_srclist(&e->scr_to_ex_list);
-    free_srclist(&e->scr_to_in_list);
-    free_srclist(&e->scr_allow_list);
-    free_srclist(&e->scr_block_list);
+    free_pending_report(e);
     while (e->fwinfo_list) {
         ForwardingRecord* next = e->fwinfo_list->next;
         free(e->fwinfo_list);
@@ -205,8 +232,9 @@ bool group_listened(Router* r, const uint8_t* grp) {
     return e && has_listeners(e->old_host_state);
 }
 
-int state_change_pending(const ForwardingEntry* e) {
-    return (e->scr_to_ex_cnt || e->scr_to_in_cnt || e->scr_allow_cnt || e->scr_block_cnt) ? 1 : 0;
+bool state_change_pending(const ForwardingEntry* e) {
+    const PendingReport* p = e->pending;
+    return p && (p->to_exclude_count || p->to_include_count || p->allow_count || p->block_count);
 }
 
 }  // namespace mldproxy

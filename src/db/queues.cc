@@ -10,7 +10,7 @@ namespace {
 
 Fifo<ForwardingEntry, &ForwardingEntry::changed_next, &ForwardingEntry::changed_pprev> g_changed;
 // Every retransmission is queued the same delay after its reason, so arrival order is due order.
-Fifo<ForwardingEntry, &ForwardingEntry::rtx_next, &ForwardingEntry::rtx_pprev> g_rtx;
+Fifo<PendingReport, &PendingReport::next, &PendingReport::pprev> g_rtx;
 
 }  // namespace
 
@@ -24,20 +24,23 @@ ForwardingEntry* take_changed() {
     return g_changed.pop();
 }
 
-void queue_retransmission(ForwardingEntry* e, uint64_t due_ms) {
-    if (!decltype(g_rtx)::queued(e)) {
-        e->rtx_due_ms = due_ms;
-        g_rtx.push(e);
+void queue_retransmission(PendingReport* p, uint64_t due_ms) {
+    if (!decltype(g_rtx)::queued(p)) {
+        p->due_ms = due_ms;
+        g_rtx.push(p);
     }
 }
 
-ForwardingEntry* first_retransmission() {
+PendingReport* first_retransmission() {
     return g_rtx.front();
 }
 
-void forget_entry_work(ForwardingEntry* e) {
+void forget_retransmission(PendingReport* p) {
+    g_rtx.remove(p);
+}
+
+void forget_changed(ForwardingEntry* e) {
     g_changed.remove(e);
-    g_rtx.remove(e);
 }
 
 void clear_work_lists() {

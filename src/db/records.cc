@@ -59,6 +59,11 @@ uint32_t count_members(const Host* m) {
     return n;
 }
 
+Source** pending_list(ForwardingEntry* e, Source* PendingReport::*list) {
+    PendingReport* p = pending_report(e);
+    return p ? &(p->*list) : nullptr;
+}
+
 Source** host_state_list(HostState* hs) {
     return hs ? &hs->list : nullptr;
 }
@@ -153,13 +158,13 @@ Source** select_list(Group* g, ForwardingEntry* e, ListKind kind) {
         case ListKind::NewHostState:
             return host_state_list(e->new_host_state);
         case ListKind::ChangeToExclude:
-            return &e->scr_to_ex_list;
+            return pending_list(e, &PendingReport::to_exclude);
         case ListKind::ChangeToInclude:
-            return &e->scr_to_in_list;
+            return pending_list(e, &PendingReport::to_include);
         case ListKind::Allow:
-            return &e->scr_allow_list;
+            return pending_list(e, &PendingReport::allow);
         case ListKind::Block:
-            return &e->scr_block_list;
+            return pending_list(e, &PendingReport::block);
         default:
             log_message("\n Fatal:: Unknow list type\n");
             return nullptr;

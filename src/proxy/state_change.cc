@@ -74,11 +74,11 @@ void count_down(Source** list) {
 
 // With robustness 1 no retransmission pass ever runs: entries whose count is already spent
 // leave right after the first copy, so the lists do not grow for ever.
-void prune_all_spent(ForwardingEntry* e) {
-    prune_spent(&e->scr_to_ex_list);
-    prune_spent(&e->scr_to_in_list);
-    prune_spent(&e->scr_allow_list);
-    prune_spent(&e->scr_block_list);
+void prune_all_spent(PendingReport* p) {
+    prune_spent(&p->to_exclude);
+    prune_spent(&p->to_include);
+    prune_spent(&p->allow);
+    prune_spent(&p->block);
 }
 
 // Where records go: into the report being collected for a whole batch of changes when there is
@@ -112,10 +112,10 @@ void send_allow_block(Router* r, ForwardingEntry* e, bool allow, bool block) {
     }
     record_sink sink(r);
     if (allow) {
-        sink.add(e, RecordType::AllowNewSources, e->scr_allow_list);
+        sink.add(e, RecordType::AllowNewSources, e->pending->allow);
     }
     if (block) {
-        sink.add(e, RecordType::BlockOldSources, e->scr_block_list);
+        sink.add(e, RecordType::BlockOldSources, e->pending->block);
     }
 }
 
@@ -123,11 +123,11 @@ void include_to_include(Router* r, ForwardingEntry* e, const Source* old_list,
                         const Source* new_list) {
     uint32_t added = add_source_change(r, e, ListKind::Allow, new_list, old_list);
     if (added > 0) {
-        e->scr_allow_cnt = retransmissions(r);
+        e->pending->allow_count = retransmissions(r);
     }
     uint32_t removed = add_source_change(r, e, ListKind::Block, old_list, new_list);
     if (removed > 0) {
-        e->scr_block_cnt = retransmissions(r);
+        e->pending->block_count = retransmissions(r);
     }
     send_allow_block(r, e, added > 0, removed > 0);
 }
@@ -137,8 +137,8 @@ void exclude_to_exclude(Router* r, ForwardingEntry* e, const Source* old_list,
     uint32_t allowed = add_source_change(r, e, ListKind::Allow, old_list, new_list);
     uint32_t blocked = add_source_change(r, e, ListKind::Block, new_list, old_list);
     // Both counts are set even when one direction is empty, as deployed.
-    e->scr_allow_cnt = retransmissions(r);
-    e->scr_block_cnt = retransmissions(r);
+    e->pending->allow_count = retransmissions(r);
+    e->pending->block_count = retransmissions(r);
     send_allow_block(r, e, allowed > 0, blocked > 0);
 }
 
@@ -147,31 +147,36 @@ void exclude_to_exclude(Router* r, ForwardingEntry* e, const Source* old_list,
 // would undo part of the new state upstream (a TO_IN{} after a later TO_EX{} leaves the group).
 void restate_filter_mode(Router* r, ForwardingEntry* e, FilterMode mode, const Source* list) {
     clear_pending_reports(e);
+    PendingReport* p = e->pending;
     bool exclude = mode == FilterMode::Exclude;
     add_scr(r, e, exclude ? ListKind::ChangeToExclude : ListKind::ChangeToInclude, list);
-    (exclude ? e->scr_to_ex_cnt : e->scr_to_in_cnt) = retransmissions(r);
+    (exclude ? p->to_exclude_count : p->to_include_count) = retransmissions(r);
     send_one(r, e, exclude ? RecordType::ChangeToExclude : RecordType::ChangeToInclude,
-             exclude ? e->scr_to_ex_list : e->scr_to_in_list);
+             exclude ? p->to_exclude : p->to_include);
 }
 
 }  // namespace
 
 void clear_pending_reports(ForwardingEntry* e) {
-    e->scr_to_ex_cnt = e->scr_to_in_cnt = e->scr_allow_cnt = e->scr_block_cnt = 0;
-    free_srclist(&e->scr_to_ex_list);
-    free_srclist(&e->scr_to_in_list);
-    free_srclist(&e->scr_allow_list);
-    free_srclist(&e->scr_block_list);
+    PendingReport* p = e->pending;
+    if (p) {
+        p->to_exclude_count = p->to_include_count = p->allow_count = p->block_count = 0;
+        free_srclist(&p->to_exclude);
+        free_srclist(&p->to_include);
+        free_srclist(&p->allow);
+        free_srclist(&p->block);
+    }
 }
 
 void handle_host_state_transitions(Router* r, ForwardingEntry* e, FilterMode old_mode,
                                    FilterMode new_mode) {
-    if (!e->old_host_state || !e->new_host_state) {
+    if (!e->old_host_state || !e->new_host_state || !pending_report(e)) {
         return;
     }
     const Source* old_list = e->old_host_state->list;
     const Source* new_list = e->new_host_state->list;
-    bool mode_record_pending = e->scr_to_ex_cnt != 0 || e->scr_to_in_cnt != 0;
+    bool mode_record_pending =
+        e->pending->to_exclude_count != 0 || e->pending->to_include_count != 0;
     if (old_mode != new_mode || mode_record_pending) {
         restate_filter_mode(r, e, new_mode, new_list);
     } else if (old_mode == FilterMode::Include) {
@@ -179,33 +184,39 @@ void handle_host_state_transitions(Router* r, ForwardingEntry* e, FilterMode old
     } else {
         exclude_to_exclude(r, e, old_list, new_list);
     }
-    prune_all_spent(e);
+    prune_all_spent(e->pending);
     if (state_change_pending(e)) {
-        queue_retransmission(e, now_ms() + kUnsolicitedReportIntervalMs);
+        queue_retransmission(e->pending, now_ms() + kUnsolicitedReportIntervalMs);
+    } else {
+        drop_spent_report(e);
     }
 }
 
 void clean_host_state(Router* r, ForwardingEntry* e) {
-    if (e->scr_to_ex_cnt == 0 && e->scr_to_in_cnt == 0) {
+    PendingReport* p = e->pending;
+    if (!p) {
+        return;
+    }
+    if (p->to_exclude_count == 0 && p->to_include_count == 0) {
         record_sink sink(r);
-        if (e->scr_allow_cnt > 0) {
-            sink.add(e, RecordType::AllowNewSources, e->scr_allow_list);
-            e->scr_allow_cnt--;
-            count_down(&e->scr_allow_list);
+        if (p->allow_count > 0) {
+            sink.add(e, RecordType::AllowNewSources, p->allow);
+            p->allow_count--;
+            count_down(&p->allow);
         }
-        if (e->scr_block_cnt > 0) {
-            sink.add(e, RecordType::BlockOldSources, e->scr_block_list);
-            e->scr_block_cnt--;
-            count_down(&e->scr_block_list);
+        if (p->block_count > 0) {
+            sink.add(e, RecordType::BlockOldSources, p->block);
+            p->block_count--;
+            count_down(&p->block);
         }
-    } else if (e->scr_to_ex_cnt < 1) {
-        send_one(r, e, RecordType::ChangeToInclude, e->scr_to_in_list);
-        e->scr_to_in_cnt--;
-        count_down(&e->scr_to_in_list);
+    } else if (p->to_exclude_count < 1) {
+        send_one(r, e, RecordType::ChangeToInclude, p->to_include);
+        p->to_include_count--;
+        count_down(&p->to_include);
     } else {
-        send_one(r, e, RecordType::ChangeToExclude, e->scr_to_ex_list);
-        e->scr_to_ex_cnt--;
-        count_down(&e->scr_to_ex_list);
+        send_one(r, e, RecordType::ChangeToExclude, p->to_exclude);
+        p->to_exclude_count--;
+        count_down(&p->to_exclude);
     }
 }
 
@@ -213,13 +224,16 @@ void retransmit_due(Router* r, uint64_t now_ms) {
     ReportBuilder batch;
     report_init(&batch, r);
     r->report_batch = &batch;
-    ForwardingEntry* e = nullptr;
-    while ((e = first_retransmission()) && e->rtx_due_ms <= now_ms) {
-        forget_entry_work(e);
+    PendingReport* p = nullptr;
+    while ((p = first_retransmission()) && p->due_ms <= now_ms) {
+        ForwardingEntry* e = p->entry;
+        forget_retransmission(p);
+        forget_changed(e);
         clean_host_state(r, e);
         if (state_change_pending(e)) {
-            queue_retransmission(e, now_ms + kUnsolicitedReportIntervalMs);
+            queue_retransmission(p, now_ms + kUnsolicitedReportIntervalMs);
         } else {
+            drop_spent_report(e);
             mark_changed(e);  // its last copy is gone: it may be removed now
         }
     }
@@ -228,8 +242,8 @@ void retransmit_due(Router* r, uint64_t now_ms) {
 }
 
 uint64_t next_retransmission_ms() {
-    const ForwardingEntry* e = first_retransmission();
-    return e ? e->rtx_due_ms : kNever;
+    const PendingReport* p = first_retransmission();
+    return p ? p->due_ms : kNever;
 }
 
 }  // namespace mldproxy

@@ -130,9 +130,9 @@ TEST_F(RecordsTest, ListCodesSelectTheirList) {
         e->new_host_state = static_cast<HostState*>(calloc(1, sizeof(HostState)));
         auto heads = [&] {
             std::vector<Source*> h = {g->include_list, g->req_list, g->exc_list, g->srsp_list};
-            for (Source* l :
-                 {g->non_srsp_list, e->old_host_state->list, e->new_host_state->list,
-                  e->scr_to_ex_list, e->scr_to_in_list, e->scr_allow_list, e->scr_block_list}) {
+            for (Source* l : {g->non_srsp_list, e->old_host_state->list, e->new_host_state->list,
+                              pending_report(e)->to_exclude, e->pending->to_include,
+                              e->pending->allow, e->pending->block}) {
                 h.push_back(l);
             }
             return h;

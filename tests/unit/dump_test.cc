@@ -121,17 +121,16 @@ TEST_F(DumpTest, HostStateWithOldAndNewStatesAndStateChangeLists) {
     add(nullptr, e, ListKind::OldHostState, 2, 0);
     e->new_host_state = static_cast<HostState*>(calloc(1, sizeof(HostState)));
     e->new_host_state->mode = FilterMode::Exclude;
-    e->scr_fmode_rtx_timer = 7;
-    e->scr_to_ex_cnt = 1;
-    e->scr_allow_cnt = 3;
-    e->scr_block_cnt = -1;
+    pending_report(e)->to_exclude_count = 1;
+    e->pending->allow_count = 3;
+    e->pending->block_count = -1;
     add(nullptr, e, ListKind::ChangeToExclude, 6, 1);
     add(nullptr, e, ListKind::Allow, 3, 2);
     add(nullptr, e, ListKind::Allow, 4, 2);
     add(nullptr, e, ListKind::Block, 5, -1);
     const std::string tail =
         "\n\n SCR Info"
-        "\n scr_fmode_rtx_timer 7, scr_to_ex_cnt 1 scr_to_in_cnt 0 scr_allow_cnt 3 "
+        "\n scr_fmode_rtx_timer 0, scr_to_ex_cnt 1 scr_to_in_cnt 0 scr_allow_cnt 3 "
         "scr_block_cnt -1"
         "\n scr_to_ex_list :[ 2001:db8::6 time 1 ] "
         "\n scr_to_in_list : NULL "

@@ -28,11 +28,8 @@ class StateChangeTest : public UpstreamTest {
         if (!e) {
             return;
         }
-        EXPECT_EQ(e->scr_to_ex_list, nullptr);
-        EXPECT_EQ(e->scr_to_in_list, nullptr);
-        EXPECT_EQ(e->scr_allow_list, nullptr);
-        EXPECT_EQ(e->scr_block_list, nullptr);
-        EXPECT_EQ(state_change_pending(e), 0);
+        EXPECT_EQ(e->pending, nullptr) << "spent records are dropped";
+        EXPECT_FALSE(state_change_pending(e));
     }
 };
 
