@@ -34,21 +34,27 @@ struct Host {
     Host** pprev;
 };
 
+// The group- and source-specific queries of one group still to be sent again (RFC 3810
+// section 7.6.3), with the sources they ask about. Held only while some are due.
+struct GroupQueries {
+    int32_t group_count;  // group-specific retransmissions still due
+    int32_t group_timer;  // seconds to the next one
+    int32_t source_count;
+    int32_t source_timer;
+    Source* suppressed;  // sources asked about with the S flag (their timers were lowered)
+    Source* not_suppressed;
+};
+
 // Listener state of one group on one interface.
 struct Group {
     uint8_t grp_addr[16];
     int32_t filter_timer;    // filter timer, EXCLUDE mode
+    int32_t v1_host_timer;   // seconds an MLDv1 host is still taken to be present (RFC 3810 8.3.2)
     FilterMode filter_mode;  // FilterMode::Include or FilterMode::Exclude
     Source* include_list;
-    Source* req_list;  // EXCLUDE mode: requested sources; :: stands for the whole group
+    Source* req_list;  // EXCLUDE mode: requested sources
     Source* exc_list;
-    int32_t grp_rtx_count;
-    int32_t grp_rtx_timer;
-    int32_t src_rtx_count;
-    int32_t src_rtx_timer;
-    int32_t v1_host_timer;  // seconds an MLDv1 host is still taken to be present (RFC 3810 8.3.2)
-    Source* srsp_list;
-    Source* non_srsp_list;
+    GroupQueries* queries;  // null while no query retransmission is due
     ForwardingEntry* mfdb;  // not owned
     Host* member_list;
     Group* next;
@@ -211,6 +217,11 @@ bool state_change_pending(const ForwardingEntry* e);
 // The entry's pending state-change records, made (empty) when it has none; nullptr when memory
 // ran out.
 PendingReport* pending_report(ForwardingEntry* e);
+// The group's query retransmissions, made (none due) when it has none; nullptr when memory ran
+// out.
+GroupQueries* group_queries(Group* g);
+// Drops the group's query retransmission record once nothing is due and no source is listed.
+void drop_spent_queries(Group* g);
 // Drops the entry's pending records once no copy of any is due any more.
 void drop_spent_report(ForwardingEntry* e);
 uint32_t forwarding_entry_count();

@@ -59,6 +59,20 @@ uint32_t count_members(const Host* m) {
     return n;
 }
 
+Source** query_list(Group* g, Source* GroupQueries::*list) {
+    GroupQueries* q = group_queries(g);
+    return q ? &(q->*list) : nullptr;
+}
+
+void free_queries(Group* g) {
+    if (g->queries) {
+        free_srclist(&g->queries->suppressed);
+        free_srclist(&g->queries->not_suppressed);
+        free(g->queries);
+        g->queries = nullptr;
+    }
+}
+
 Source** pending_list(ForwardingEntry* e, Source* PendingReport::*list) {
     PendingReport* p = pending_report(e);
     return p ? &(p->*list) : nullptr;
@@ -150,9 +164,9 @@ Source** select_list(Group* g, ForwardingEntry* e, ListKind kind) {
         case ListKind::Excluded:
             return &g->exc_list;
         case ListKind::QuerySuppressed:
-            return &g->srsp_list;
+            return query_list(g, &GroupQueries::suppressed);
         case ListKind::QueryNotSuppressed:
-            return &g->non_srsp_list;
+            return query_list(g, &GroupQueries::not_suppressed);
         case ListKind::OldHostState:
             return host_state_list(e->old_host_state);
         case ListKind::NewHostState:
@@ -217,7 +231,22 @@ int remove_source_from_group(Group* g, ForwardingEntry* e, ListKind kind, const 
     return 0;
 }
 
+GroupQueries* group_queries(Group* g) {
+    if (!g->queries) {
+        g->queries = static_cast<GroupQueries*>(calloc(1, sizeof(GroupQueries)));
+    }
+    return g->queries;
+}
+
+void drop_spent_queries(Group* g) {
+    const GroupQueries* q = g->queries;
+    if (q && q->group_count <= 0 && q->source_count <= 0 && !q->suppressed && !q->not_suppressed) {
+        free_queries(g);
+    }
+}
+
 void delete_group(Group* g) {
+    free_queries(g);
     index_remove(g);
     unlink(g);
     free(g);

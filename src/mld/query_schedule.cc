@@ -32,13 +32,16 @@ void send_specific_query(Router* r, Link* ifp, const uint8_t* grp, const Source*
 // heard while the group's query is still being retransmitted (a host repeating its leave)
 // changes nothing: the timer was set and the queries are under way.
 int group_specific(Router* r, Link* ifp, Group* g, const uint8_t* grp) {
-    if (g->grp_rtx_count > 0) {
+    if (g->queries && g->queries->group_count > 0) {
         return 0;
     }
     g->filter_timer = static_cast<int32_t>(llqt(r));
-    g->grp_rtx_count = static_cast<int32_t>(r->last_listener_query_count - 1);
-    g->grp_rtx_timer = static_cast<int32_t>(r->last_listener_query_interval);
+    if (GroupQueries* q = group_queries(g)) {
+        q->group_count = static_cast<int32_t>(r->last_listener_query_count - 1);
+        q->group_timer = static_cast<int32_t>(r->last_listener_query_interval);
+    }
     send_specific_query(r, ifp, grp, nullptr, 0);
+    drop_spent_queries(g);
     return 0;
 }
 
@@ -57,17 +60,19 @@ bool schedule_source(Router* r, Group* g, const uint8_t* addr, ListKind kind) {
 }
 
 bool being_queried(const Group* g, const uint8_t* addr) {
-    return list_has(g->srsp_list, addr) || list_has(g->non_srsp_list, addr);
+    return g->queries &&
+           (list_has(g->queries->suppressed, addr) || list_has(g->queries->not_suppressed, addr));
 }
 
 }  // namespace
 
 void send_source_queries(Router* r, Link* ifp, const Group* g) {
-    if (g->srsp_list) {
-        send_specific_query(r, ifp, g->grp_addr, g->srsp_list, list_length(g->srsp_list));
+    const GroupQueries* q = g->queries;
+    if (q && q->suppressed) {
+        send_specific_query(r, ifp, g->grp_addr, q->suppressed, list_length(q->suppressed));
     }
-    if (g->non_srsp_list) {
-        send_specific_query(r, ifp, g->grp_addr, g->non_srsp_list, list_length(g->non_srsp_list));
+    if (q && q->not_suppressed) {
+        send_specific_query(r, ifp, g->grp_addr, q->not_suppressed, list_length(q->not_suppressed));
     }
 }
 
@@ -109,13 +114,14 @@ int lower_timers_and_query(Router* r, Link* ifp, Group* g, const uint8_t* grp, c
         // Every source still to be asked about goes into the query, with the count of what the
         // lists hold when it leaves.
         send_source_queries(r, ifp, g);
-        g->src_rtx_count = static_cast<int32_t>(r->last_listener_query_count - 1);
-        g->src_rtx_timer = static_cast<int32_t>(r->last_listener_query_interval);
+        g->queries->source_count = static_cast<int32_t>(r->last_listener_query_count - 1);
+        g->queries->source_timer = static_cast<int32_t>(r->last_listener_query_interval);
     }
-    if (g->src_rtx_count <= 0) {
+    if (g->queries && g->queries->source_count <= 0) {
         // One query and no retransmission: nothing is left to ask about later.
-        free_srclist(&g->srsp_list);
-        free_srclist(&g->non_srsp_list);
+        free_srclist(&g->queries->suppressed);
+        free_srclist(&g->queries->not_suppressed);
+        drop_spent_queries(g);
     }
     return 0;
 }

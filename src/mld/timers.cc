@@ -28,22 +28,24 @@ void send_group_query(Router* r, Link* ifp, const Group* g, const Source* srcs, 
 }
 
 void retransmit_group_query(Router* r, Link* ifp, Group* g) {
-    if (g->grp_rtx_count <= 0 || --g->grp_rtx_timer != 0) {
+    GroupQueries* q = g->queries;
+    if (!q || q->group_count <= 0 || --q->group_timer != 0) {
         return;
     }
     send_group_query(r, ifp, g, nullptr, 0);
-    g->grp_rtx_timer = static_cast<int32_t>(r->last_listener_query_interval);
-    g->grp_rtx_count--;
+    q->group_timer = static_cast<int32_t>(r->last_listener_query_interval);
+    q->group_count--;
 }
 
 // Each retransmission asks for the sources whose counts remain (RFC 3810 section 7.6.3.2).
 void retransmit_source_queries(Router* r, Link* ifp, Group* g) {
-    if (g->src_rtx_count <= 0 || --g->src_rtx_timer != 0) {
+    GroupQueries* q = g->queries;
+    if (!q || q->source_count <= 0 || --q->source_timer != 0) {
         return;
     }
     send_source_queries(r, ifp, g);
-    if (--g->src_rtx_count != 0) {
-        g->src_rtx_timer = static_cast<int32_t>(r->last_listener_query_interval);
+    if (--q->source_count != 0) {
+        q->source_timer = static_cast<int32_t>(r->last_listener_query_interval);
     }
     age_retransmission_lists(g);
 }
@@ -113,8 +115,9 @@ void age_group(Router* r, Link* ifp, Group* g) {
 }
 
 bool removable(const Group* g) {
-    return g->filter_mode == FilterMode::Include && !g->include_list && g->grp_rtx_count <= 0 &&
-           g->src_rtx_count <= 0;
+    const GroupQueries* q = g->queries;
+    return g->filter_mode == FilterMode::Include && !g->include_list &&
+           (!q || (q->group_count <= 0 && q->source_count <= 0));
 }
 
 // One tick of one group: its query retransmissions, then its timers.
@@ -126,6 +129,7 @@ void tick_group(Router* r, Link* ifp, Group* g) {
     }
     retransmit_group_query(r, ifp, g);
     retransmit_source_queries(r, ifp, g);
+    drop_spent_queries(g);
     age_group(r, ifp, g);
 }
 
@@ -136,8 +140,6 @@ void free_group(Group* g) {
     free_srclist(&g->include_list);
     free_srclist(&g->req_list);
     free_srclist(&g->exc_list);
-    free_srclist(&g->srsp_list);
-    free_srclist(&g->non_srsp_list);
     g->mfdb = nullptr;
     delete_group(g);
 }
@@ -187,8 +189,9 @@ void release_group(Router* r, Group* g, Link* ifp) {
 void age_retransmission_lists(Group* g) {
     static const ListKind kLists[2] = {ListKind::QuerySuppressed, ListKind::QueryNotSuppressed};
     for (ListKind kind : kLists) {
+        Source** list = select_list(g, g->mfdb, kind);
         Source* next = nullptr;
-        for (Source* s = *select_list(g, g->mfdb, kind); s; s = next) {
+        for (Source* s = list ? *list : nullptr; s; s = next) {
             next = s->next;
             if (--s->rtx_count == 0) {
                 uint8_t addr[16];

@@ -129,10 +129,11 @@ TEST_F(RecordsTest, ListCodesSelectTheirList) {
         ForwardingEntry* e = g->mfdb;
         e->new_host_state = static_cast<HostState*>(calloc(1, sizeof(HostState)));
         auto heads = [&] {
-            std::vector<Source*> h = {g->include_list, g->req_list, g->exc_list, g->srsp_list};
-            for (Source* l : {g->non_srsp_list, e->old_host_state->list, e->new_host_state->list,
-                              pending_report(e)->to_exclude, e->pending->to_include,
-                              e->pending->allow, e->pending->block}) {
+            std::vector<Source*> h = {g->include_list, g->req_list, g->exc_list,
+                                      queries_of(g).suppressed};
+            for (Source* l : {queries_of(g).not_suppressed, e->old_host_state->list,
+                              e->new_host_state->list, pending_report(e)->to_exclude,
+                              e->pending->to_include, e->pending->allow, e->pending->block}) {
                 h.push_back(l);
             }
             return h;

@@ -100,7 +100,7 @@ TEST_F(QueryTest, QueryDownstreamChangesNothingButTheLinkVersion) {
     EXPECT_EQ(eth1->mld_version, 1);
     EXPECT_EQ(describe(group(eth1, G1)) + describe(group(eth1, G2)), before);
     EXPECT_EQ(eth1->query_due_ms, 17u);
-    EXPECT_EQ(group(eth1, G1)->srsp_list->rtx_count, 2);
+    EXPECT_EQ(queries_of(group(eth1, G1)).suppressed->rtx_count, 2);
     EXPECT_EQ(fake::kernel().log, texts{});
 }
 

@@ -33,9 +33,9 @@ TEST_F(QueryScheduleTest, GroupSpecificQuerySetsFilterTimerToLlqtEvenUpwards) {
         forget_kernel_calls();
         lower_timers_and_query(&router, eth1, g, G1.data(), nullptr, 0);
         EXPECT_EQ(g->filter_timer, 2);
-        EXPECT_EQ(g->grp_rtx_count, 1);  // LLQC - 1 still to send
-        EXPECT_EQ(g->grp_rtx_timer, 1);  // LLQI
-        EXPECT_EQ(g->src_rtx_count, 0);
+        EXPECT_EQ(queries_of(g).group_count, 1);  // LLQC - 1 still to send
+        EXPECT_EQ(queries_of(g).group_timer, 1);  // LLQI
+        EXPECT_EQ(queries_of(g).source_count, 0);
         EXPECT_EQ(describe(g), describe(exclude({}, {}, 2)));
         ASSERT_EQ(fake::kernel().sent_msgs.size(), 1u);
         const fake::sent_message& m = fake::kernel().sent_msgs[0];
@@ -84,11 +84,11 @@ TEST_F(QueryScheduleTest, SourceSpecificQueryLowersTimersAboveLlqtAndKeepsTheOth
         source_chain chain(row.queried);
         lower_timers_and_query(&router, eth1, g, G1.data(), chain.head(), chain.count());
         EXPECT_EQ(describe(g), describe(row.after));
-        EXPECT_EQ(rtx_text(g->srsp_list), row.srsp);
-        EXPECT_EQ(rtx_text(g->non_srsp_list), row.non_srsp);
-        EXPECT_EQ(g->src_rtx_count, row.src_rtx_count);
-        EXPECT_EQ(g->src_rtx_timer, row.src_rtx_timer);
-        EXPECT_EQ(g->grp_rtx_count, 0);
+        EXPECT_EQ(rtx_text(queries_of(g).suppressed), row.srsp);
+        EXPECT_EQ(rtx_text(queries_of(g).not_suppressed), row.non_srsp);
+        EXPECT_EQ(queries_of(g).source_count, row.src_rtx_count);
+        EXPECT_EQ(queries_of(g).source_timer, row.src_rtx_timer);
+        EXPECT_EQ(queries_of(g).group_count, 0);
         EXPECT_EQ(queries_sent(), row.queries);
     }
 }
@@ -110,8 +110,8 @@ TEST_F(QueryScheduleTest, PendingSourcesAreAskedAgainWithTheNewOnesQuietly) {
               }),
               "");
     EXPECT_EQ(queries_sent(), (std::vector<std::string>{query(G1, {2, 1}), query(G1, {3})}));
-    EXPECT_EQ(rtx_text(g->srsp_list), "S2/1 S1/1");
-    EXPECT_EQ(rtx_text(g->non_srsp_list), "S3/1");
+    EXPECT_EQ(rtx_text(queries_of(g).suppressed), "S2/1 S1/1");
+    EXPECT_EQ(rtx_text(queries_of(g).not_suppressed), "S3/1");
 }
 
 // Hosts repeat their leaves (Linux sends BLOCK or TO_IN twice, the second copy often before
@@ -168,7 +168,7 @@ TEST_F(QueryScheduleTest, RefusalsLeaveCountsUnstoredAndSendNothing) {
     capture_stdout();
     lower_timers_and_query(&router, eth1, odd, G1.data(), one.head(), one.count());
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "\n FATAL:: Unknown Group Mode\n");
-    EXPECT_EQ(odd->srsp_list, nullptr);
+    EXPECT_EQ(queries_of(odd).suppressed, nullptr);
 
     // A full retransmission list (64 entries) refuses the next source.
     addr6 g2 = grp(2);
@@ -182,8 +182,8 @@ TEST_F(QueryScheduleTest, RefusalsLeaveCountsUnstoredAndSendNothing) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "MLDRT: Limit of 64 sources per list reached, request not handled\n"
               "\n FATAL: couldnt allocate entry in SRSP list\n");
-    EXPECT_EQ(list_length(full->srsp_list), 64u);
-    EXPECT_EQ(full->src_rtx_count, 0);
+    EXPECT_EQ(list_length(queries_of(full).suppressed), 64u);
+    EXPECT_EQ(queries_of(full).source_count, 0);
     EXPECT_EQ(queries_sent(), std::vector<std::string>{});
 }
 

@@ -305,8 +305,8 @@ TEST_F(RecordHandlerTest, RepeatedAnySourceLeavesQueryTheGroupOnceQuietly) {
     EXPECT_EQ(out, "");
     EXPECT_EQ(queries_sent(), (std::vector<std::string>{query(G1, {}), query(G1, {})}));
     EXPECT_EQ(describe(g), describe(exclude({}, {}, 1)));
-    EXPECT_EQ(g->srsp_list, nullptr);
-    EXPECT_EQ(g->non_srsp_list, nullptr);
+    EXPECT_EQ(queries_of(g).suppressed, nullptr);
+    EXPECT_EQ(queries_of(g).not_suppressed, nullptr);
 }
 
 // The member limit never costs a listener its traffic: once 64 hosts are recorded, the 65th

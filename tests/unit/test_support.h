@@ -31,6 +31,10 @@ using namespace mldproxy;
 constexpr ListKind list_kind(uint32_t code) {
     return static_cast<ListKind>(code);
 }
+// A group's query retransmissions as they stand (all zero while it has none).
+inline GroupQueries queries_of(const Group* g) {
+    return g && g->queries ? *g->queries : GroupQueries{};
+}
 constexpr uint8_t code(RecordType type) {
     return static_cast<uint8_t>(type);
 }

@@ -102,27 +102,27 @@ TEST_F(TimersTest, RequestedSourcesRunningOutMoveToTheExcludedList) {
 
 TEST_F(TimersTest, QueryRetransmissionsGoOutWhenTheirTimerRunsOut) {
     Group* g = make_group(eth1, G1, include({{1, 100}, {2, 100}}), host);
-    g->grp_rtx_count = 1;
-    g->grp_rtx_timer = 1;
-    g->src_rtx_count = 2;
-    g->src_rtx_timer = 1;
+    group_queries(g)->group_count = 1;
+    group_queries(g)->group_timer = 1;
+    group_queries(g)->source_count = 2;
+    group_queries(g)->source_timer = 1;
     add_to(g, ListKind::QuerySuppressed, 1, 2);
     add_to(g, ListKind::QueryNotSuppressed, 2, 1);
     forget_kernel_calls();
 
     tick();
     EXPECT_EQ(queries_sent(), (texts{query(G1, {}), query(G1, {1}), query(G1, {2})}));
-    EXPECT_EQ(g->grp_rtx_count, 0);
-    EXPECT_EQ(g->src_rtx_count, 1);
-    EXPECT_EQ(g->src_rtx_timer, 1);
-    EXPECT_EQ(rtx_text(g->srsp_list), "S1/1");
-    EXPECT_EQ(rtx_text(g->non_srsp_list), "");
+    EXPECT_EQ(queries_of(g).group_count, 0);
+    EXPECT_EQ(queries_of(g).source_count, 1);
+    EXPECT_EQ(queries_of(g).source_timer, 1);
+    EXPECT_EQ(rtx_text(queries_of(g).suppressed), "S1/1");
+    EXPECT_EQ(rtx_text(queries_of(g).not_suppressed), "");
     forget_kernel_calls();
 
     tick();
     EXPECT_EQ(queries_sent(), texts{query(G1, {1})});
-    EXPECT_EQ(g->src_rtx_count, 0);
-    EXPECT_EQ(g->srsp_list, nullptr);
+    EXPECT_EQ(queries_of(g).source_count, 0);
+    EXPECT_EQ(queries_of(g).suppressed, nullptr);
     forget_kernel_calls();
 
     tick();
@@ -131,8 +131,8 @@ TEST_F(TimersTest, QueryRetransmissionsGoOutWhenTheirTimerRunsOut) {
 
 TEST_F(TimersTest, GroupOutlivesItsLastSourceUntilItsRetransmissionsAreSent) {
     Group* g = make_group(eth1, G1, include({{1, 1}}), host);
-    g->grp_rtx_count = 2;
-    g->grp_rtx_timer = 1;
+    group_queries(g)->group_count = 2;
+    group_queries(g)->group_timer = 1;
     forget_kernel_calls();
 
     tick();  // S1 leaves; one query is still due
@@ -141,7 +141,7 @@ TEST_F(TimersTest, GroupOutlivesItsLastSourceUntilItsRetransmissionsAreSent) {
     EXPECT_EQ(queries_sent(), texts{query(G1, {})});
     tick();  // the last retransmission
     ASSERT_EQ(group(eth1, G1), g);
-    EXPECT_EQ(g->grp_rtx_count, 0);
+    EXPECT_EQ(queries_of(g).group_count, 0);
     EXPECT_EQ(queries_sent(), (texts{query(G1, {}), query(G1, {})}));
     tick();  // the removal pass takes group, member and entry
     EXPECT_EQ(group(eth1, G1), nullptr);
@@ -189,13 +189,13 @@ TEST_F(TimersTest, RetransmissionListsAgeAndLoseSpentEntries) {
     add_to(g, ListKind::QuerySuppressed, 1, 2);
     add_to(g, ListKind::QueryNotSuppressed, 4, 3);
     add_to(g, ListKind::QueryNotSuppressed, 3, 1);
-    ASSERT_EQ(rtx_text(g->srsp_list), "S1/2 S2/1");
+    ASSERT_EQ(rtx_text(queries_of(g).suppressed), "S1/2 S2/1");
     age_retransmission_lists(g);
-    EXPECT_EQ(rtx_text(g->srsp_list), "S1/1");
-    EXPECT_EQ(rtx_text(g->non_srsp_list), "S4/2");
+    EXPECT_EQ(rtx_text(queries_of(g).suppressed), "S1/1");
+    EXPECT_EQ(rtx_text(queries_of(g).not_suppressed), "S4/2");
     age_retransmission_lists(g);
-    EXPECT_EQ(rtx_text(g->srsp_list), "");
-    EXPECT_EQ(rtx_text(g->non_srsp_list), "S4/1");
+    EXPECT_EQ(rtx_text(queries_of(g).suppressed), "");
+    EXPECT_EQ(rtx_text(queries_of(g).not_suppressed), "S4/1");
 }
 
 // A deleted interface's groups leave the forwarding database first: the other link's
