@@ -44,7 +44,7 @@ void router_up(uint32_t downstream_links) {
     for (uint32_t i = 0; i < downstream_links; i++) {
         char name[8] = "dn";
         name[2] = static_cast<char>('1' + i);
-        fake::add_link(name, 3 + i, static_cast<uint16_t>(1 + i));
+        fake::make_link(name, 3 + i, static_cast<uint16_t>(1 + i));
     }
     router.active = 1;
 }

@@ -3,6 +3,7 @@
 #define MLDPROXYD_BASE_IFNAME_H
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 namespace mldproxy {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+#include "db/db.h"
 #include "db/router.h"
 
 namespace mldproxy {
