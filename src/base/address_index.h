@@ -4,8 +4,9 @@
 // groups costs the same as one of ten. Every address is at most once in a list, so the index
 // finds exactly the record a walk of the list would.
 //
-// An indexed record type T has `grp_addr[16]`, `T* hnext`, `T** hpprev` and
-// `AddressIndex<T>* hindex` (null while the record is in no index).
+// An indexed record type T has `grp_addr[16]` and `T* hnext`, its link in its bucket. Buckets
+// are short (the array doubles when it holds as many records as there are two buckets), so
+// a record leaves its index by a walk of its bucket and carries no back links.
 #ifndef MLDPROXYD_BASE_ADDRESS_INDEX_H
 #define MLDPROXYD_BASE_ADDRESS_INDEX_H
 
@@ -23,6 +24,7 @@ struct AddressIndex {
 };
 
 constexpr uint32_t kIndexFirstSize = 16;
+constexpr uint32_t kIndexLoad = 2;  // records a bucket holds on average before the array doubles
 
 // FNV-1a over the 16 address bytes.
 inline uint32_t address_hash(const uint8_t* addr) {
@@ -36,13 +38,8 @@ inline uint32_t address_hash(const uint8_t* addr) {
 namespace index_detail {
 
 template <typename T>
-void link_bucket(T** bucket, T* rec) {
-    rec->hnext = *bucket;
-    if (*bucket) {
-        (*bucket)->hpprev = &rec->hnext;
-    }
-    rec->hpprev = bucket;
-    *bucket = rec;
+T** bucket_of(const AddressIndex<T>* ix, const uint8_t* addr) {
+    return &ix->buckets[address_hash(addr) & (ix->size - 1)];
 }
 
 // Doubles the bucket array (or makes the first one); false when memory ran out, the old array
@@ -54,16 +51,18 @@ bool grow(AddressIndex<T>* ix) {
     if (!buckets) {
         return false;
     }
+    AddressIndex<T> bigger{buckets, size, ix->count};
     for (uint32_t i = 0; i < ix->size; i++) {
         T* next = nullptr;
         for (T* rec = ix->buckets[i]; rec; rec = next) {
             next = rec->hnext;
-            link_bucket(&buckets[address_hash(rec->grp_addr) & (size - 1)], rec);
+            T** head = bucket_of(&bigger, rec->grp_addr);
+            rec->hnext = *head;
+            *head = rec;
         }
     }
     free(ix->buckets);
-    ix->buckets = buckets;
-    ix->size = size;
+    *ix = bigger;
     return true;
 }
 
@@ -74,7 +73,7 @@ T* index_find(const AddressIndex<T>* ix, const uint8_t* addr) {
     if (ix->size == 0) {
         return nullptr;
     }
-    for (T* rec = ix->buckets[address_hash(addr) & (ix->size - 1)]; rec; rec = rec->hnext) {
+    for (T* rec = *index_detail::bucket_of(ix, addr); rec; rec = rec->hnext) {
         if (std::memcmp(rec->grp_addr, addr, 16) == 0) {
             return rec;
         }
@@ -86,11 +85,12 @@ T* index_find(const AddressIndex<T>* ix, const uint8_t* addr) {
 // treats the record as not created, so list and index never disagree.
 template <typename T>
 bool index_insert(AddressIndex<T>* ix, T* rec) {
-    if (ix->count >= ix->size && !index_detail::grow(ix) && ix->size == 0) {
+    if (ix->count >= ix->size * kIndexLoad && !index_detail::grow(ix) && ix->size == 0) {
         return false;
     }
-    index_detail::link_bucket(&ix->buckets[address_hash(rec->grp_addr) & (ix->size - 1)], rec);
-    rec->hindex = ix;
+    T** head = index_detail::bucket_of(ix, rec->grp_addr);
+    rec->hnext = *head;
+    *head = rec;
     ix->count++;
     return true;
 }
@@ -103,23 +103,23 @@ void index_free(AddressIndex<T>* ix) {
     ix->count = 0;
 }
 
-// Takes the record out of its index; the last one out frees the buckets, so an idle router
-// holds none and nothing is left when the lists are emptied.
+// Takes the record out of the index (nothing happens when it is not in it); the last one out
+// frees the buckets, so an idle router holds none and nothing is left when the lists are
+// emptied.
 template <typename T>
-void index_remove(T* rec) {
-    AddressIndex<T>* ix = rec->hindex;
-    if (!ix) {
+void index_remove(AddressIndex<T>* ix, T* rec) {
+    if (ix->size == 0) {
         return;
     }
-    *rec->hpprev = rec->hnext;
-    if (rec->hnext) {
-        rec->hnext->hpprev = rec->hpprev;
-    }
-    rec->hnext = nullptr;
-    rec->hpprev = nullptr;
-    rec->hindex = nullptr;
-    if (--ix->count == 0) {
-        index_free(ix);
+    for (T** link = index_detail::bucket_of(ix, rec->grp_addr); *link; link = &(*link)->hnext) {
+        if (*link == rec) {
+            *link = rec->hnext;
+            rec->hnext = nullptr;
+            if (--ix->count == 0) {
+                index_free(ix);
+            }
+            return;
+        }
     }
 }
 

@@ -61,8 +61,6 @@ struct Group {
     Group** pprev;
     // The interface's address index (see db/addr_index.h).
     Group* hnext;
-    Group** hpprev;
-    AddressIndex<Group>* hindex;
 };
 
 // List codes by which every list operation names a source list.
@@ -135,8 +133,6 @@ struct ForwardingEntry {
     ForwardingEntry** changed_pprev;
     // The router's address index (see db/addr_index.h).
     ForwardingEntry* hnext;
-    ForwardingEntry** hpprev;
-    AddressIndex<ForwardingEntry>* hindex;
 };
 
 // Resource limits: one LAN host must not be able to exhaust the router.
@@ -169,7 +165,7 @@ bool hosts_full(const Group* g);
 Source* add_source_to_group(Group* g, ForwardingEntry* e, ListKind kind, const uint8_t* src);
 void remove_from_list(Source** list, const uint8_t* src);
 int remove_source_from_group(Group* g, ForwardingEntry* e, ListKind kind, const uint8_t* src);
-void delete_group(Group* g);
+void delete_group(Link* ifp, Group* g);
 void delete_host(Host* m);
 // The list a code names (codes 0-4 in the group, 5-10 in the entry), or nullptr after the
 // unknown-code message; also nullptr when the entry has no such host-state pair.
@@ -198,7 +194,7 @@ ForwardingEntry* find_forwarding_entry(Router* r, const uint8_t* grp);
 ForwardingEntry* create_forwarding_entry(const uint8_t* grp);
 ForwardingEntry* add_forwarding_entry(Router* r, const uint8_t* grp);
 void delete_forwarding_entry(Router* r, ForwardingEntry* e);
-void map_group_to_entry(Router* r, Group* g, ForwardingEntry* e);
+void map_group_to_entry(Group* g, ForwardingEntry* e);
 ForwardingRecord* find_forwarding_record(Group* g, const uint8_t* src);
 // 0 when the record is missing or marks no MIF, -1 when it marks one.
 int has_forwarding_marks(Group* g, const uint8_t* src);

@@ -117,8 +117,7 @@ ForwardingEntry* add_forwarding_entry(Router* r, const uint8_t* grp) {
 }
 
 void delete_forwarding_entry(Router* r, ForwardingEntry* e) {
-    (void)r;
-    index_remove(e);
+    index_remove(&r->mfdb_index, e);
     forget_changed(e);
     free_host_state(&e->old_host_state);
     free_host_state(&e->new_host_state);
@@ -144,8 +143,7 @@ void free_forwarding_entries(Router* r) {
     }
 }
 
-void map_group_to_entry(Router* r, Group* g, ForwardingEntry* e) {
-    (void)r;
+void map_group_to_entry(Group* g, ForwardingEntry* e) {
     if (g->mfdb) {
         return;
     }

@@ -245,9 +245,9 @@ void drop_spent_queries(Group* g) {
     }
 }
 
-void delete_group(Group* g) {
+void delete_group(Link* ifp, Group* g) {
     free_queries(g);
-    index_remove(g);
+    index_remove(&ifp->group_index, g);
     unlink(g);
     free(g);
 }

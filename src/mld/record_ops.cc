@@ -37,7 +37,7 @@ Group* join_group(Router* r, Link* ifp, const uint8_t* src, const uint8_t* grp, 
         }
         return nullptr;
     }
-    map_group_to_entry(r, g, e);
+    map_group_to_entry(g, e);
     return g;
 }
 

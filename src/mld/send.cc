@@ -23,12 +23,11 @@ constexpr uint64_t kMinQueryGapMs = 100;
 // RFC 2711), then PadN of length 0.
 const uint8_t kRouterAlertHopOpts[8] = {0, 0, 5, 2, 0, 0, 1, 0};
 
-void add_cmsg(msghdr* msg, cmsghdr* c, int type, const void* data, size_t len) {
+void add_cmsg(cmsghdr* c, int type, const void* data, size_t len) {
     c->cmsg_level = IPPROTO_IPV6;
     c->cmsg_type = type;
     c->cmsg_len = CMSG_LEN(len);
     std::memcpy(CMSG_DATA(c), data, len);
-    (void)msg;
 }
 
 // One message from the interface buffer. A zero source lets the kernel choose one (reports);
@@ -52,9 +51,9 @@ ssize_t send_on(Link* ifp, const uint8_t* dst, const uint8_t* src, uint32_t len)
     std::memcpy(&info.ipi6_addr, src, 16);
     info.ipi6_ifindex = ifp->ifindex;
     cmsghdr* c = CMSG_FIRSTHDR(&msg);
-    add_cmsg(&msg, c, IPV6_PKTINFO, &info, sizeof info);
+    add_cmsg(c, IPV6_PKTINFO, &info, sizeof info);
     c = CMSG_NXTHDR(&msg, c);
-    add_cmsg(&msg, c, IPV6_HOPOPTS, kRouterAlertHopOpts, sizeof kRouterAlertHopOpts);
+    add_cmsg(c, IPV6_HOPOPTS, kRouterAlertHopOpts, sizeof kRouterAlertHopOpts);
     ssize_t rc = sendmsg(ifp->sock, &msg, MSG_DONTROUTE);
     if (rc > 0) {
         LinkCounters& c = ifp->counters;

@@ -133,7 +133,7 @@ void tick_group(Router* r, Link* ifp, Group* g) {
     age_group(r, ifp, g);
 }
 
-void free_group(Group* g) {
+void free_group(Link* ifp, Group* g) {
     while (g->member_list) {
         delete_host(g->member_list);
     }
@@ -141,7 +141,7 @@ void free_group(Group* g) {
     free_srclist(&g->req_list);
     free_srclist(&g->exc_list);
     g->mfdb = nullptr;
-    delete_group(g);
+    delete_group(ifp, g);
 }
 
 // Removes the removable groups mapped to `e`; true while any mapped group remains. A link
@@ -154,7 +154,7 @@ bool release_unused_groups(Router* r, ForwardingEntry* e) {
             continue;
         }
         if (removable(g)) {
-            free_group(g);
+            free_group(ifp, g);
         } else {
             in_use = true;
         }
@@ -181,7 +181,7 @@ void release_group(Router* r, Group* g, Link* ifp) {
         }
     }
     mark_changed(g->mfdb);
-    free_group(g);
+    free_group(ifp, g);
 }
 
 }  // namespace

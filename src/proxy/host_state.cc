@@ -133,8 +133,7 @@ void build_host_state(Router* r, ForwardingEntry* e) {
     });
 }
 
-int diff_host_state(Router* r, ForwardingEntry* e) {
-    (void)r;
+int diff_host_state(const ForwardingEntry* e) {
     const HostState* old_hs = e->old_host_state;
     const HostState* new_hs = e->new_host_state;
     if (!old_hs) {
@@ -153,8 +152,7 @@ int diff_host_state(Router* r, ForwardingEntry* e) {
                : 0;
 }
 
-void finish_host_state_update(Router* r, ForwardingEntry* e) {
-    (void)r;
+void finish_host_state_update(ForwardingEntry* e) {
     if (!e->new_host_state) {
         return;  // nothing was built: the last state stays the one acted upon
     }
@@ -164,12 +162,12 @@ void finish_host_state_update(Router* r, ForwardingEntry* e) {
 }
 
 void act_on_state_change(Router* r, ForwardingEntry* e) {
-    if (e->new_host_state && diff_host_state(r, e)) {
+    if (e->new_host_state && diff_host_state(e)) {
         dump_host_states(r, e);
         FilterMode old_mode = e->old_host_state ? e->old_host_state->mode : FilterMode::Include;
         handle_host_state_transitions(r, e, old_mode, e->new_host_state->mode);
     }
-    finish_host_state_update(r, e);
+    finish_host_state_update(e);
 }
 
 void report_changes(Router* r) {

@@ -207,7 +207,7 @@ TEST_F(GroupAlgebraTest, GroupListOperationsWithdrawForwardingPerEntry) {
         addr6 ga = ip6("ff0e::");
         ga[15] = static_cast<uint8_t>(grp++);
         Group* g = add_group(&router, link, ga.data());
-        map_group_to_entry(&router, g, add_forwarding_entry(&router, ga.data()));
+        map_group_to_entry(g, add_forwarding_entry(&router, ga.data()));
         const uint32_t fill = row.code <= 2 ? row.code : row.code == 11 ? 0 : row.code;
         for (int n : row.list) {
             if (fill <= 2) {

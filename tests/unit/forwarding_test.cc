@@ -39,7 +39,7 @@ class ForwardingTest : public RouterTest {
         addr6 a = ip6("ff0e::");
         a[15] = static_cast<uint8_t>(n);
         Group* g = add_group(&router, links[mif], a.data());
-        map_group_to_entry(&router, g, add_forwarding_entry(&router, a.data()));
+        map_group_to_entry(g, add_forwarding_entry(&router, a.data()));
         return g;
     }
     static addr6 source(const char* text) {
