@@ -28,10 +28,10 @@ struct Source {
     Source* next;
 };
 
+// A host that reported the group; a group keeps at most kMaxHosts, so its list is walked.
 struct Host {
-    uint8_t member_addr[16];  // the reporting host
+    uint8_t member_addr[16];
     Host* next;
-    Host** pprev;
 };
 
 // The group- and source-specific queries of one group still to be sent again (RFC 3810
@@ -166,7 +166,7 @@ Source* add_source_to_group(Group* g, ForwardingEntry* e, ListKind kind, const u
 void remove_from_list(Source** list, const uint8_t* src);
 int remove_source_from_group(Group* g, ForwardingEntry* e, ListKind kind, const uint8_t* src);
 void delete_group(Link* ifp, Group* g);
-void delete_host(Host* m);
+void delete_host(Group* g, Host* m);
 // The list a code names (codes 0-4 in the group, 5-10 in the entry), or nullptr after the
 // unknown-code message; also nullptr when the entry has no such host-state pair.
 Source** select_list(Group* g, ForwardingEntry* e, ListKind kind);

@@ -146,7 +146,8 @@ Host* add_host(Group* g, const uint8_t* host) {
     }
     m = create_host(host);
     if (m) {
-        push_head(&g->member_list, m);
+        m->next = g->member_list;
+        g->member_list = m;
     }
     return m;
 }
@@ -252,9 +253,14 @@ void delete_group(Link* ifp, Group* g) {
     free(g);
 }
 
-void delete_host(Host* m) {
-    unlink(m);
-    free(m);
+void delete_host(Group* g, Host* m) {
+    for (Host** link = &g->member_list; *link; link = &(*link)->next) {
+        if (*link == m) {
+            *link = m->next;
+            free(m);
+            return;
+        }
+    }
 }
 
 }  // namespace mldproxy

@@ -125,7 +125,7 @@ int handle_to_include_record(Router* r, Link* ifp, const uint8_t* src, const uin
     // TO_IN{} is the host's leave: it is no longer a member, and its place can go to a host
     // that the limit kept off the list.
     if (m && record_source_count(rec) == 0) {
-        delete_host(m);
+        delete_host(g, m);
     }
     return 0;
 }

@@ -135,7 +135,7 @@ void tick_group(Router* r, Link* ifp, Group* g) {
 
 void free_group(Link* ifp, Group* g) {
     while (g->member_list) {
-        delete_host(g->member_list);
+        delete_host(g, g->member_list);
     }
     free_srclist(&g->include_list);
     free_srclist(&g->req_list);
