@@ -28,8 +28,9 @@ def call_offences(objects):
     """Upward calls and call loops between the files whose objects lie below `objects`."""
     defined, calls = {}, {}
     objs = sorted(pathlib.Path(objects).rglob("*.o"))
+    objs = [o for o in objs if o.relative_to(objects).parts[0] in LAYERS]  # a stale build's others
     for obj in objs:
-        name = obj.relative_to(objects).as_posix()[: -len(".o")]
+        name = obj.relative_to(objects).as_posix()[: -len(".cc.o")]
         out = subprocess.run(["nm", "-C", "--defined-only", str(obj)], capture_output=True,
                              text=True, check=True).stdout
         for line in out.splitlines():
@@ -37,7 +38,7 @@ def call_offences(objects):
             if len(parts) == 3 and parts[1] in "TW":
                 defined.setdefault(parts[2], name)
     for obj in objs:
-        name = obj.relative_to(objects).as_posix()[: -len(".o")]
+        name = obj.relative_to(objects).as_posix()[: -len(".cc.o")]
         calls[name] = {defined[s] for s in symbols(obj, ["-u"]) if defined.get(s, name) != name}
     bad = [f"{a} calls {b}: {b.split('/')[0]} is above {a.split('/')[0]}"
            for a in calls for b in calls[a]
@@ -78,6 +79,9 @@ def main():
         if path.suffix not in (".h", ".cc"):
             continue
         rel = path.relative_to(ROOT).as_posix()
+        if rel.split("/")[0] not in LAYERS:
+            bad.append(f"{rel}: {rel.split('/')[0]}/ is no layer")
+            continue
         graph[rel] = includes(path)
         here = LAYERS.index(rel.split("/")[0])
         for inc in graph[rel]:

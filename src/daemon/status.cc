@@ -70,12 +70,6 @@ int32_t retransmissions_pending(const ForwardingEntry* e) {
              : 0;
 }
 
-const HostState kNoState{FilterMode::Include, nullptr};
-
-const HostState& reported(const ForwardingEntry* e) {
-    return e->old_host_state ? *e->old_host_state : kNoState;
-}
-
 // The MIFs an entry's kernel record forwards to, as written: the (*,G) MIFs are part of every
 // (S,G) entry of the group.
 void written_mifs(const ForwardingEntry* e, const ForwardingRecord* fw, uint8_t* oifs) {
@@ -163,7 +157,7 @@ void table_upstream(Router* r, Text* t) {
     text_add(t, "upstream host state (%s):\n  %-39s %-7s %7s SOURCES\n",
              r->upstream ? r->upstream->name : "no upstream link", "GROUP", "MODE", "PENDING");
     for (const ForwardingEntry* e = r->mfdb_list; e; e = e->next) {
-        const HostState& hs = reported(e);
+        const HostState hs = reported_state(e);
         text_add(t, "  %-39s %-7s %7d", addr_str(e->grp_addr).buf, mode_name(hs.mode),
                  retransmissions_pending(e));
         for (const Source* s = hs.list; s; s = s->next) {
@@ -252,7 +246,7 @@ void json_upstream(Router* r, Text* t) {
     }
     const char* sep = "";
     for (const ForwardingEntry* e = r->mfdb_list; e; e = e->next) {
-        const HostState& hs = reported(e);
+        const HostState hs = reported_state(e);
         text_add(t, "%s{\"group\":\"%s\",\"mode\":\"%s\",\"sources\":[", sep,
                  addr_str(e->grp_addr).buf, mode_name(hs.mode));
         const char* ssep = "";

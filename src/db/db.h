@@ -59,7 +59,7 @@ struct Group {
     Host* member_list;
     Group* next;
     Group** pprev;
-    // The interface's address index (see db/addr_index.h).
+    // The link's address index (see base/address_index.h).
     Group* hnext;
 };
 
@@ -120,20 +120,23 @@ struct PendingReport {
 
 struct ForwardingEntry {
     uint8_t grp_addr[16];
-    uint32_t upcall_mark;
-    uint32_t exclude_count;  // interface groups of this address in EXCLUDE mode
+    uint8_t exclude_count;  // links where the group is in EXCLUDE mode (at most 32)
+    FilterMode host_mode;   // of the host state last acted upon (reported upstream)
+    bool on_changed_list;   // see changed_next
     ForwardingRecord* fwinfo_list;
-    HostState* old_host_state;
-    HostState* new_host_state;
-    PendingReport* pending;  // null while no state-change copy is due
+    Source* host_list;          // sources of the host state last acted upon
+    HostState* new_host_state;  // the merge under way; null between merges
+    PendingReport* pending;     // null while no state-change copy is due
     ForwardingEntry* next;
     ForwardingEntry** pprev;
-    // Place on the changed list (db/queues.cc).
-    ForwardingEntry* changed_next;
-    ForwardingEntry** changed_pprev;
-    // The router's address index (see db/addr_index.h).
-    ForwardingEntry* hnext;
+    ForwardingEntry* changed_next;  // the changed list (db/queues.cc)
+    ForwardingEntry* hnext;         // the router's address index
 };
+
+// The host state last acted upon, as a value.
+inline HostState reported_state(const ForwardingEntry* e) {
+    return HostState{e->host_mode, e->host_list};
+}
 
 // Resource limits: one LAN host must not be able to exhaust the router.
 constexpr uint32_t kMaxGroups = 16384;    // forwarding-database entries

@@ -105,7 +105,8 @@ void dump_host_states(Router* r, const ForwardingEntry* e) {
     }
     print_message("\n <---------Group Host State for Group %s------------->",
                   text_of(e->grp_addr).s);
-    dump_state("\n\n Old State :", "OldState SrcList", e->old_host_state);
+    const HostState reported = reported_state(e);
+    dump_state("\n\n Old State :", "OldState SrcList", &reported);
     dump_state("\n\n New State :", "NewState SrcList", e->new_host_state);
     static const PendingReport kNothingPending{};
     const PendingReport& p = e->pending ? *e->pending : kNothingPending;

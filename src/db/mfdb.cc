@@ -79,12 +79,6 @@ ForwardingEntry* create_forwarding_entry(const uint8_t* grp) {
         return nullptr;
     }
     std::memcpy(e->grp_addr, grp, 16);
-    e->old_host_state = static_cast<HostState*>(calloc(1, sizeof(HostState)));
-    if (!e->old_host_state) {
-        log_message("\n Allocation of host state failed during mfdb creation\n");
-        free(e);
-        return nullptr;
-    }
     return e;
 }
 
@@ -119,7 +113,7 @@ ForwardingEntry* add_forwarding_entry(Router* r, const uint8_t* grp) {
 void delete_forwarding_entry(Router* r, ForwardingEntry* e) {
     index_remove(&r->mfdb_index, e);
     forget_changed(e);
-    free_host_state(&e->old_host_state);
+    free_srclist(&e->host_list);
     free_host_state(&e->new_host_state);
     free_pending_report(e);
     while (e->fwinfo_list) {
@@ -227,7 +221,11 @@ bool has_listeners(const HostState* hs) {
 
 bool group_listened(Router* r, const uint8_t* grp) {
     const ForwardingEntry* e = find_forwarding_entry(r, grp);
-    return e && has_listeners(e->old_host_state);
+    if (!e) {
+        return false;
+    }
+    const HostState hs = reported_state(e);
+    return has_listeners(&hs);
 }
 
 bool state_change_pending(const ForwardingEntry* e) {

@@ -8,20 +8,34 @@ namespace mldproxy {
 
 namespace {
 
-Fifo<ForwardingEntry, &ForwardingEntry::changed_next, &ForwardingEntry::changed_pprev> g_changed;
+// The changed list links its entries one way (an entry carries one pointer for it, not two):
+// an entry is taken from the head, and leaves from elsewhere only when it is deleted while
+// still on the list, which costs a walk of a list that each merge empties.
+struct ChangedList {
+    ForwardingEntry* head = nullptr;
+    ForwardingEntry** tail = &head;
+};
+ChangedList g_changed;
 // Every retransmission is queued the same delay after its reason, so arrival order is due order.
 Fifo<PendingReport, &PendingReport::next, &PendingReport::pprev> g_rtx;
 
 }  // namespace
 
 void mark_changed(ForwardingEntry* e) {
-    if (e) {
-        g_changed.push(e);
+    if (e && !e->on_changed_list) {
+        e->on_changed_list = true;
+        e->changed_next = nullptr;
+        *g_changed.tail = e;
+        g_changed.tail = &e->changed_next;
     }
 }
 
 ForwardingEntry* take_changed() {
-    return g_changed.pop();
+    ForwardingEntry* e = g_changed.head;
+    if (e) {
+        forget_changed(e);
+    }
+    return e;
 }
 
 void queue_retransmission(PendingReport* p, uint64_t due_ms) {
@@ -40,11 +54,25 @@ void forget_retransmission(PendingReport* p) {
 }
 
 void forget_changed(ForwardingEntry* e) {
-    g_changed.remove(e);
+    if (!e->on_changed_list) {
+        return;
+    }
+    for (ForwardingEntry** link = &g_changed.head; *link; link = &(*link)->changed_next) {
+        if (*link == e) {
+            *link = e->changed_next;
+            if (g_changed.tail == &e->changed_next) {
+                g_changed.tail = link;
+            }
+            break;
+        }
+    }
+    e->on_changed_list = false;
+    e->changed_next = nullptr;
 }
 
 void clear_work_lists() {
-    g_changed.clear();
+    while (take_changed()) {
+    }
     g_rtx.clear();
 }
 

@@ -169,7 +169,7 @@ Source** select_list(Group* g, ForwardingEntry* e, ListKind kind) {
         case ListKind::QueryNotSuppressed:
             return query_list(g, &GroupQueries::not_suppressed);
         case ListKind::OldHostState:
-            return host_state_list(e->old_host_state);
+            return &e->host_list;
         case ListKind::NewHostState:
             return host_state_list(e->new_host_state);
         case ListKind::ChangeToExclude:

@@ -82,7 +82,8 @@ int handle_query(Router* r, Link* ifp, const uint8_t* src, const uint8_t* msg, u
     ReportBuilder rb;
     report_init(&rb, r);
     for (const ForwardingEntry* e = r->mfdb_list; e; e = e->next) {
-        const HostState* hs = e->old_host_state;
+        const HostState state = reported_state(e);
+        const HostState* hs = &state;
         if (!hs || (!general && !same_address(e->grp_addr, grp)) || unheard_on_v1(ifp, hs)) {
             continue;
         }

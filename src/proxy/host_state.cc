@@ -24,13 +24,6 @@ HostState* new_state(FilterMode mode) {
     return hs;
 }
 
-void free_state(HostState* hs) {
-    if (hs) {
-        free_srclist(&hs->list);
-        free(hs);
-    }
-}
-
 // :: marks a whole group in a link's lists; as a source it means nothing to the upstream, so
 // it never enters the host state and never goes into a report.
 void add_sources(ForwardingEntry* e, const Source* list) {
@@ -134,11 +127,9 @@ void build_host_state(Router* r, ForwardingEntry* e) {
 }
 
 int diff_host_state(const ForwardingEntry* e) {
-    const HostState* old_hs = e->old_host_state;
+    const HostState reported = reported_state(e);
+    const HostState* old_hs = &reported;
     const HostState* new_hs = e->new_host_state;
-    if (!old_hs) {
-        return new_hs ? 1 : 0;
-    }
     if (!new_hs || old_hs->mode != new_hs->mode) {
         return 1;
     }
@@ -156,15 +147,17 @@ void finish_host_state_update(ForwardingEntry* e) {
     if (!e->new_host_state) {
         return;  // nothing was built: the last state stays the one acted upon
     }
-    free_state(e->old_host_state);
-    e->old_host_state = e->new_host_state;
+    free_srclist(&e->host_list);
+    e->host_list = e->new_host_state->list;
+    e->host_mode = e->new_host_state->mode;
+    free(e->new_host_state);
     e->new_host_state = nullptr;
 }
 
 void act_on_state_change(Router* r, ForwardingEntry* e) {
     if (e->new_host_state && diff_host_state(e)) {
         dump_host_states(r, e);
-        FilterMode old_mode = e->old_host_state ? e->old_host_state->mode : FilterMode::Include;
+        FilterMode old_mode = e->host_mode;
         handle_host_state_transitions(r, e, old_mode, e->new_host_state->mode);
     }
     finish_host_state_update(e);
@@ -185,10 +178,8 @@ void report_changes(Router* r) {
 
 void restart_host_state(Router* r) {
     for (ForwardingEntry* e = r->mfdb_list; e; e = e->next) {
-        if (e->old_host_state) {
-            free_srclist(&e->old_host_state->list);
-            e->old_host_state->mode = FilterMode::Include;
-        }
+        free_srclist(&e->host_list);
+        e->host_mode = FilterMode::Include;
         clear_pending_reports(e);
         mark_changed(e);
     }

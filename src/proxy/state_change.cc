@@ -170,10 +170,10 @@ void clear_pending_reports(ForwardingEntry* e) {
 
 void handle_host_state_transitions(Router* r, ForwardingEntry* e, FilterMode old_mode,
                                    FilterMode new_mode) {
-    if (!e->old_host_state || !e->new_host_state || !pending_report(e)) {
+    if (!e->new_host_state || !pending_report(e)) {
         return;
     }
-    const Source* old_list = e->old_host_state->list;
+    const Source* old_list = e->host_list;
     const Source* new_list = e->new_host_state->list;
     bool mode_record_pending =
         e->pending->to_exclude_count != 0 || e->pending->to_include_count != 0;

@@ -56,7 +56,6 @@ void handle_upcall(Router* r, const uint8_t* msg, int len) {
         kernel_delete_mfc(r->router_sock, m.im6_dst, m.im6_src);
         return;
     }
-    e->upcall_mark = 0;
     // The group's (*,G) entry forwards this source already and follows every change; an (S,G)
     // copied from it would not. Such an upcall only comes from a packet that arrived while a
     // report was being handled.

@@ -130,9 +130,9 @@ TEST_F(RecordsTest, ListCodesSelectTheirList) {
         auto heads = [&] {
             std::vector<Source*> h = {g->include_list, g->req_list, g->exc_list,
                                       queries_of(g).suppressed};
-            for (Source* l : {queries_of(g).not_suppressed, e->old_host_state->list,
-                              e->new_host_state->list, pending_report(e)->to_exclude,
-                              e->pending->to_include, e->pending->allow, e->pending->block}) {
+            for (Source* l : {queries_of(g).not_suppressed, e->host_list, e->new_host_state->list,
+                              pending_report(e)->to_exclude, e->pending->to_include,
+                              e->pending->allow, e->pending->block}) {
                 h.push_back(l);
             }
             return h;
@@ -503,8 +503,7 @@ TEST_F(RecordsTest, DeletingAnEntryFreesEverythingItHolds) {
     // Under LeakSanitizer a record left behind fails the run.
     ForwardingEntry* e = create_forwarding_entry(G(1).data());
     ASSERT_NE(e, nullptr);
-    ASSERT_NE(e->old_host_state, nullptr);
-    EXPECT_EQ(e->old_host_state->mode, FilterMode::Include);
+    EXPECT_EQ(e->host_mode, FilterMode::Include);
     e->new_host_state = static_cast<HostState*>(calloc(1, sizeof(HostState)));
     for (uint32_t code = 5; code <= 10; code++) {
         ASSERT_NE(add_source_to_group(nullptr, e, list_kind(code), S(1).data()), nullptr);

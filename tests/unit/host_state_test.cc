@@ -45,9 +45,10 @@ class HostStateTest : public UpstreamTest {
     // replaced).
     ForwardingEntry* states(HostState* old_hs, HostState* new_hs) {
         ForwardingEntry* e = add_forwarding_entry(&router, G1.data());
-        free_srclist(&e->old_host_state->list);
-        free(e->old_host_state);
-        e->old_host_state = old_hs;
+        free_srclist(&e->host_list);
+        e->host_mode = old_hs->mode;
+        e->host_list = old_hs->list;
+        free(old_hs);
         e->new_host_state = new_hs;
         return e;
     }

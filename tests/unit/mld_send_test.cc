@@ -265,7 +265,7 @@ TEST_F(SendTest, ReportsFitTheLinkAndFollowItsVersion) {
         for (int n : row.listened) {
             addr6 g = ip6("ff0e::");
             g[15] = static_cast<uint8_t>(n);
-            add_forwarding_entry(&router, g.data())->old_host_state->mode = FilterMode::Exclude;
+            add_forwarding_entry(&router, g.data())->host_mode = FilterMode::Exclude;
         }
         fake::kernel().sent_msgs.clear();
         std::vector<uint8_t> all;

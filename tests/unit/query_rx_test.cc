@@ -53,7 +53,7 @@ texts lines(const std::string& head, const Source* l, size_t max = 1000) {
 // (so the list reads in reverse).
 ForwardingEntry* host_state(const addr6& g, FilterMode mode, const std::vector<int>& srcs) {
     ForwardingEntry* e = add_forwarding_entry(&router, g.data());
-    e->old_host_state->mode = mode;
+    e->host_mode = mode;
     for (int n : srcs) {
         add_source_to_group(nullptr, e, ListKind::OldHostState, src(n).data());
     }
@@ -245,7 +245,8 @@ TEST_F(SplitTest, LongAnswersAreSplitToTheLinkMtu) {
         answer(row);
         texts expected;
         for (const ForwardingEntry* e = router.mfdb_list; e; e = e->next) {
-            const HostState* hs = e->old_host_state;
+            const HostState state = reported_state(e);
+            const HostState* hs = &state;
             std::string head =
                 (hs->mode == FilterMode::Exclude ? "IS_EX " : "IS_IN ") + grp_name(e->grp_addr);
             texts l = lines(head, hs->list, hs->mode == FilterMode::Exclude ? 75 : 1000);
