@@ -30,7 +30,7 @@ def call_offences(objects):
     objs = sorted(pathlib.Path(objects).rglob("*.o"))
     objs = [o for o in objs if o.relative_to(objects).parts[0] in LAYERS]  # a stale build's others
     for obj in objs:
-        name = obj.relative_to(objects).as_posix()[: -len(".cc.o")]
+        name = obj.relative_to(objects).as_posix().removesuffix(".o").removesuffix(".cc")
         out = subprocess.run(["nm", "-C", "--defined-only", str(obj)], capture_output=True,
                              text=True, check=True).stdout
         for line in out.splitlines():
@@ -38,7 +38,7 @@ def call_offences(objects):
             if len(parts) == 3 and parts[1] in "TW":
                 defined.setdefault(parts[2], name)
     for obj in objs:
-        name = obj.relative_to(objects).as_posix()[: -len(".cc.o")]
+        name = obj.relative_to(objects).as_posix().removesuffix(".o").removesuffix(".cc")
         calls[name] = {defined[s] for s in symbols(obj, ["-u"]) if defined.get(s, name) != name}
     bad = [f"{a} calls {b}: {b.split('/')[0]} is above {a.split('/')[0]}"
            for a in calls for b in calls[a]
