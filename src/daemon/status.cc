@@ -75,7 +75,7 @@ int32_t retransmissions_pending(const ForwardingEntry* e) {
 void written_mifs(const ForwardingEntry* e, const ForwardingRecord* fw, uint8_t* oifs) {
     if (is_unspecified(fw->src_addr)) {
         for (uint32_t i = 0; i < kMifMarks; i++) {
-            oifs[i] = fw->mif_member[i];
+            oifs[i] = mark_at(fw, i);
         }
     } else {
         outgoing_mifs(e, fw->src_addr, oifs);

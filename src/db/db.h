@@ -95,9 +95,21 @@ constexpr uint8_t kMarkExcluded = 2;
 // which holds wanted marks only.
 struct ForwardingRecord {
     uint8_t src_addr[16];
-    uint8_t mif_member[kMifMarks];
+    uint32_t wanted;    // bit i: MIF i's wanted mark
+    uint32_t excluded;  // bit i: MIF i's excluded mark
     ForwardingRecord* next;
 };
+
+// The mark of MIF `mif` (kMarkWanted, kMarkExcluded or 0).
+inline uint8_t mark_at(const ForwardingRecord* fw, uint32_t mif) {
+    uint32_t bit = 1u << mif;
+    return (fw->wanted & bit) ? kMarkWanted : (fw->excluded & bit) ? kMarkExcluded : 0;
+}
+inline void set_mark(ForwardingRecord* fw, uint32_t mif, uint8_t mark) {
+    uint32_t bit = 1u << mif;
+    fw->wanted = mark == kMarkWanted ? fw->wanted | bit : fw->wanted & ~bit;
+    fw->excluded = mark == kMarkExcluded ? fw->excluded | bit : fw->excluded & ~bit;
+}
 
 // The upstream state-change records of one group that are still to be sent again (RFC 3810
 // section 6.1): a count of copies still due for each record type, and each record's sources

@@ -38,7 +38,7 @@ void dump_forwarding(const ForwardingEntry* e) {
         print_message("\n \t\tSrcAddr  %s", text_of(fw->src_addr).s);
         print_message("\n \t\tMember MIF Idx");
         for (int i = 0; i < static_cast<int>(kMifMarks); i++) {
-            if (fw->mif_member[i] == 1) {
+            if (mark_at(fw, i) == kMarkWanted) {
                 print_message(" %d", i);
             }
         }

@@ -17,12 +17,7 @@ namespace mldproxy {
 namespace {
 
 bool has_marks(const ForwardingRecord* fw) {
-    for (uint32_t i = 0; i < kMifMarks; i++) {
-        if (fw->mif_member[i]) {
-            return true;
-        }
-    }
-    return false;
+    return fw->wanted != 0 || fw->excluded != 0;
 }
 
 void write_source_entry(Router* r, ForwardingEntry* e, const uint8_t* src) {
@@ -34,7 +29,11 @@ void write_source_entry(Router* r, ForwardingEntry* e, const uint8_t* src) {
 void write_any_source_entry(Router* r, ForwardingEntry* e) {
     for (const ForwardingRecord* fw = e->fwinfo_list; fw; fw = fw->next) {
         if (is_unspecified(fw->src_addr)) {
-            write_kernel_entry(r, e->grp_addr, kAddrAny, fw->mif_member);
+            uint8_t oifs[kMifMarks];
+            for (uint32_t i = 0; i < kMifMarks; i++) {
+                oifs[i] = mark_at(fw, i);
+            }
+            write_kernel_entry(r, e->grp_addr, kAddrAny, oifs);
             return;
         }
     }
@@ -55,10 +54,10 @@ int add_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_t m
         log_line("MLDRT: Couldnt add src info to MDB");
         return -1;
     }
-    if (ifp->mifi >= kMifMarks || fw->mif_member[ifp->mifi] == mark) {
+    if (ifp->mifi >= kMifMarks || mark_at(fw, ifp->mifi) == mark) {
         return 0;  // already marked so there
     }
-    fw->mif_member[ifp->mifi] = mark;
+    set_mark(fw, ifp->mifi, mark);
     sync_kernel_forwarding(r, g->mfdb, src, false);
     return 0;
 }
@@ -67,11 +66,11 @@ int add_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_t m
 // excluded list has taken the other mark already, whichever list it was added to first.
 int remove_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_t mark) {
     ForwardingRecord* fw = find_forwarding_record(g, src);
-    if (!fw || (ifp->mifi < kMifMarks && fw->mif_member[ifp->mifi] != mark)) {
+    if (!fw || (ifp->mifi < kMifMarks && mark_at(fw, ifp->mifi) != mark)) {
         return 0;
     }
     if (ifp->mifi < kMifMarks) {
-        fw->mif_member[ifp->mifi] = 0;
+        set_mark(fw, ifp->mifi, 0);
     }
     bool gone = !has_marks(fw);
     if (gone) {

@@ -158,7 +158,7 @@ int has_forwarding_marks(Group* g, const uint8_t* src) {
         return 0;
     }
     for (uint32_t i = 0; i < kMifMarks; i++) {
-        if (fw->mif_member[i]) {
+        if (mark_at(fw, i)) {
             return -1;
         }
     }
@@ -209,8 +209,8 @@ void outgoing_mifs(const ForwardingEntry* e, const uint8_t* src, uint8_t* oifs) 
     const ForwardingRecord* own = find_fwinfo(e->fwinfo_list, src);
     const ForwardingRecord* any = find_fwinfo(e->fwinfo_list, kAddrAny);
     for (uint32_t i = 0; i < kMifMarks; i++) {
-        uint8_t mark = own ? own->mif_member[i] : 0;
-        bool by_any = any && any->mif_member[i] == kMarkWanted;
+        uint8_t mark = own ? mark_at(own, i) : 0;
+        bool by_any = any && mark_at(any, i) == kMarkWanted;
         oifs[i] = (mark == kMarkWanted || (by_any && mark != kMarkExcluded)) ? 1 : 0;
     }
 }

@@ -375,7 +375,7 @@ TEST_F(RecordsTest, FwinfoEmptinessUsesReversedSense) {
             ASSERT_NE(fw, nullptr);
             EXPECT_EQ(add_forwarding_record(g, S(1).data()), fw);
             if (row.mark >= 0) {
-                fw->mif_member[row.mark] = 1;
+                set_mark(fw, row.mark, 1);
             }
         }
         EXPECT_EQ(find_forwarding_record(g, S(1).data()) != nullptr, row.record);
@@ -407,17 +407,17 @@ TEST_F(RecordsTest, MembershipInfoIsSourceAndAnySourceMarksLessExclusions) {
         Group* g = group(n++);
         const addr6 any{};
         // Another source before and after, so that the walks must pick the right record.
-        add_forwarding_record(g, S(8).data())->mif_member[7] = 1;
+        set_mark(add_forwarding_record(g, S(8).data()), 7, 1);
         for (int m : row.source_mifs) {
-            add_forwarding_record(g, S(1).data())->mif_member[m] = 1;
+            set_mark(add_forwarding_record(g, S(1).data()), m, 1);
         }
         for (int m : row.any_mifs) {
-            add_forwarding_record(g, any.data())->mif_member[m] = 1;
+            set_mark(add_forwarding_record(g, any.data()), m, 1);
         }
         for (int m : row.excluded) {
-            add_forwarding_record(g, S(1).data())->mif_member[m] = kMarkExcluded;
+            set_mark(add_forwarding_record(g, S(1).data()), m, kMarkExcluded);
         }
-        add_forwarding_record(g, S(9).data())->mif_member[8] = 1;
+        set_mark(add_forwarding_record(g, S(9).data()), 8, 1);
         uint8_t oifs[32];
         std::memset(oifs, 0xff, sizeof oifs);  // whatever the caller's array held goes
         outgoing_mifs(g->mfdb, row.ask_any ? any.data() : S(1).data(), oifs);

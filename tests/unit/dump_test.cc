@@ -66,9 +66,9 @@ TEST_F(DumpTest, GroupsWithListsAndForwardingRecords) {
     add(g1, e1, ListKind::Requested, 5, -1);
     add(g1, e1, ListKind::Excluded, 2, 0);
     ForwardingRecord* marked = add_forwarding_record(g1, src(1).data());
-    marked->mif_member[3] = 1;
-    marked->mif_member[1] = 1;
-    marked->mif_member[4] = 2;  // only a mark of exactly 1 is printed
+    set_mark(marked, 3, 1);
+    set_mark(marked, 1, 1);
+    set_mark(marked, 4, 2);  // only a mark of exactly 1 is printed
     add_forwarding_record(g1, src(4).data());
     const std::string expected =
         "\n<===================CACHE LOOKUP======================>"

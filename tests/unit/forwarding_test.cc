@@ -112,7 +112,7 @@ TEST_F(ForwardingTest, SourceSpecificEntryFollowsTheMarks) {
          [&] {
              EXPECT_NE(group(1)->exc_list, nullptr);
              ASSERT_NE(fw("S2"), nullptr);
-             EXPECT_EQ(fw("S2")->mif_member[1], kMarkExcluded);
+             EXPECT_EQ(mark_at(fw("S2"), 1), kMarkExcluded);
          }},
         {"RequestedSourceOnMif1", "add 1 req S2", {"add S2 G1 mifs 1"}},
         {"RemoveFromMif1", "del 1 inc S1", {"add S1 G1 mifs 3"}, 99},
