@@ -64,10 +64,8 @@ int32_t larger(int32_t a, int32_t b) {
 }
 
 int32_t retransmissions_pending(const ForwardingEntry* e) {
-    const PendingReport* p = e->pending;
-    return p ? larger(larger(p->to_exclude_count, p->to_include_count),
-                      larger(p->allow_count, p->block_count))
-             : 0;
+    return larger(larger(e->to_exclude_count, e->to_include_count),
+                  larger(e->allow_count, e->block_count));
 }
 
 // The MIFs an entry's kernel record forwards to, as written: the (*,G) MIFs are part of every

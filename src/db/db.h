@@ -111,20 +111,21 @@ inline void set_mark(ForwardingRecord* fw, uint32_t mif, uint8_t mark) {
     fw->excluded = mark == kMarkExcluded ? fw->excluded | bit : fw->excluded & ~bit;
 }
 
-// The upstream state-change records of one group that are still to be sent again (RFC 3810
-// section 6.1): a count of copies still due for each record type, and each record's sources
-// with their own counts. Held only while some copy is due, so a settled group carries none.
-struct PendingReport {
-    int32_t to_exclude_count;
-    int32_t to_include_count;
-    int32_t allow_count;
-    int32_t block_count;
+// The sources of a group's upstream state-change records still to be sent again, each with
+// the count of copies it is still due in (RFC 3810 section 6.1).
+struct PendingSources {
     Source* to_exclude;
     Source* to_include;
     Source* allow;
     Source* block;
-    uint64_t due_ms;         // when the next copy leaves
-    ForwardingEntry* entry;  // whose records these are
+};
+
+// A group's place on the upstream retransmission queue, held only while a copy of its
+// state-change records is due (the counts are in the entry), so a settled group carries none.
+struct PendingReport {
+    uint64_t due_ms;          // when the next copy leaves
+    ForwardingEntry* entry;   // whose records these are
+    PendingSources* sources;  // null while the records name no source
     // Place on the retransmission queue (db/queues.cc).
     PendingReport* next;
     PendingReport** pprev;
@@ -135,6 +136,11 @@ struct ForwardingEntry {
     uint8_t exclude_count;  // links where the group is in EXCLUDE mode (at most 32)
     FilterMode host_mode;   // of the host state last acted upon (reported upstream)
     bool on_changed_list;   // see changed_next
+    // Copies still due of each upstream state-change record (RFC 3810 section 6.1).
+    int8_t to_exclude_count;
+    int8_t to_include_count;
+    int8_t allow_count;
+    int8_t block_count;
     ForwardingRecord* fwinfo_list;
     Source* host_list;          // sources of the host state last acted upon
     HostState* new_host_state;  // the merge under way; null between merges
@@ -233,6 +239,10 @@ PendingReport* pending_report(ForwardingEntry* e);
 GroupQueries* group_queries(Group* g);
 // Drops the group's query retransmission record once nothing is due and no source is listed.
 void drop_spent_queries(Group* g);
+// The sources of the entry's pending records; all empty when it has none.
+inline PendingSources pending_sources(const ForwardingEntry* e) {
+    return e->pending && e->pending->sources ? *e->pending->sources : PendingSources{};
+}
 // Drops the entry's pending records once no copy of any is due any more.
 void drop_spent_report(ForwardingEntry* e);
 uint32_t forwarding_entry_count();

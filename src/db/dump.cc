@@ -108,13 +108,12 @@ void dump_host_states(Router* r, const ForwardingEntry* e) {
     const HostState reported = reported_state(e);
     dump_state("\n\n Old State :", "OldState SrcList", &reported);
     dump_state("\n\n New State :", "NewState SrcList", e->new_host_state);
-    static const PendingReport kNothingPending{};
-    const PendingReport& p = e->pending ? *e->pending : kNothingPending;
+    const PendingSources p = pending_sources(e);
     print_message("\n\n SCR Info");
     print_message(
         "\n scr_fmode_rtx_timer %d, scr_to_ex_cnt %d scr_to_in_cnt %d scr_allow_cnt %d "
         "scr_block_cnt %d",
-        0, p.to_exclude_count, p.to_include_count, p.allow_count, p.block_count);
+        0, e->to_exclude_count, e->to_include_count, e->allow_count, e->block_count);
     dump_source_list("scr_to_ex_list", p.to_exclude);
     dump_source_list("scr_to_in_list", p.to_include);
     dump_source_list("scr_allow_list", p.allow);

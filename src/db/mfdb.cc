@@ -38,10 +38,13 @@ void free_pending_report(ForwardingEntry* e) {
         return;
     }
     forget_retransmission(p);
-    free_srclist(&p->to_exclude);
-    free_srclist(&p->to_include);
-    free_srclist(&p->allow);
-    free_srclist(&p->block);
+    if (p->sources) {
+        free_srclist(&p->sources->to_exclude);
+        free_srclist(&p->sources->to_include);
+        free_srclist(&p->sources->allow);
+        free_srclist(&p->sources->block);
+        free(p->sources);
+    }
     free(p);
     e->pending = nullptr;
 }
@@ -229,8 +232,7 @@ bool group_listened(Router* r, const uint8_t* grp) {
 }
 
 bool state_change_pending(const ForwardingEntry* e) {
-    const PendingReport* p = e->pending;
-    return p && (p->to_exclude_count || p->to_include_count || p->allow_count || p->block_count);
+    return e->to_exclude_count || e->to_include_count || e->allow_count || e->block_count;
 }
 
 }  // namespace mldproxy

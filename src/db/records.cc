@@ -73,9 +73,12 @@ void free_queries(Group* g) {
     }
 }
 
-Source** pending_list(ForwardingEntry* e, Source* PendingReport::*list) {
+Source** pending_list(ForwardingEntry* e, Source* PendingSources::*list) {
     PendingReport* p = pending_report(e);
-    return p ? &(p->*list) : nullptr;
+    if (p && !p->sources) {
+        p->sources = static_cast<PendingSources*>(calloc(1, sizeof(PendingSources)));
+    }
+    return p && p->sources ? &(p->sources->*list) : nullptr;
 }
 
 Source** host_state_list(HostState* hs) {
@@ -173,13 +176,13 @@ Source** select_list(Group* g, ForwardingEntry* e, ListKind kind) {
         case ListKind::NewHostState:
             return host_state_list(e->new_host_state);
         case ListKind::ChangeToExclude:
-            return pending_list(e, &PendingReport::to_exclude);
+            return pending_list(e, &PendingSources::to_exclude);
         case ListKind::ChangeToInclude:
-            return pending_list(e, &PendingReport::to_include);
+            return pending_list(e, &PendingSources::to_include);
         case ListKind::Allow:
-            return pending_list(e, &PendingReport::allow);
+            return pending_list(e, &PendingSources::allow);
         case ListKind::Block:
-            return pending_list(e, &PendingReport::block);
+            return pending_list(e, &PendingSources::block);
         default:
             log_message("\n Fatal:: Unknow list type\n");
             return nullptr;

@@ -66,6 +66,9 @@ void prune_spent(Source** list) {
 
 // One copy went out: every entry counts down and leaves when it has been sent often enough.
 void count_down(Source** list) {
+    if (!list) {
+        return;
+    }
     for (Source* s = *list; s; s = s->next) {
         s->timer--;
     }
@@ -74,11 +77,19 @@ void count_down(Source** list) {
 
 // With robustness 1 no retransmission pass ever runs: entries whose count is already spent
 // leave right after the first copy, so the lists do not grow for ever.
-void prune_all_spent(PendingReport* p) {
-    prune_spent(&p->to_exclude);
-    prune_spent(&p->to_include);
-    prune_spent(&p->allow);
-    prune_spent(&p->block);
+void prune_all_spent(ForwardingEntry* e) {
+    if (PendingSources* p = e->pending ? e->pending->sources : nullptr) {
+        prune_spent(&p->to_exclude);
+        prune_spent(&p->to_include);
+        prune_spent(&p->allow);
+        prune_spent(&p->block);
+    }
+}
+
+// The sources of one kind of pending record, to count down; nullptr when there are none.
+Source** pending_list_of(ForwardingEntry* e, Source* PendingSources::*list) {
+    PendingSources* p = e->pending ? e->pending->sources : nullptr;
+    return p ? &(p->*list) : nullptr;
 }
 
 // Where records go: into the report being collected for a whole batch of changes when there is
@@ -112,10 +123,10 @@ void send_allow_block(Router* r, ForwardingEntry* e, bool allow, bool block) {
     }
     record_sink sink(r);
     if (allow) {
-        sink.add(e, RecordType::AllowNewSources, e->pending->allow);
+        sink.add(e, RecordType::AllowNewSources, pending_sources(e).allow);
     }
     if (block) {
-        sink.add(e, RecordType::BlockOldSources, e->pending->block);
+        sink.add(e, RecordType::BlockOldSources, pending_sources(e).block);
     }
 }
 
@@ -123,11 +134,11 @@ void include_to_include(Router* r, ForwardingEntry* e, const Source* old_list,
                         const Source* new_list) {
     uint32_t added = add_source_change(r, e, ListKind::Allow, new_list, old_list);
     if (added > 0) {
-        e->pending->allow_count = retransmissions(r);
+        e->allow_count = retransmissions(r);
     }
     uint32_t removed = add_source_change(r, e, ListKind::Block, old_list, new_list);
     if (removed > 0) {
-        e->pending->block_count = retransmissions(r);
+        e->block_count = retransmissions(r);
     }
     send_allow_block(r, e, added > 0, removed > 0);
 }
@@ -137,8 +148,8 @@ void exclude_to_exclude(Router* r, ForwardingEntry* e, const Source* old_list,
     uint32_t allowed = add_source_change(r, e, ListKind::Allow, old_list, new_list);
     uint32_t blocked = add_source_change(r, e, ListKind::Block, new_list, old_list);
     // Both counts are set even when one direction is empty, as deployed.
-    e->pending->allow_count = retransmissions(r);
-    e->pending->block_count = retransmissions(r);
+    e->allow_count = retransmissions(r);
+    e->block_count = retransmissions(r);
     send_allow_block(r, e, allowed > 0, blocked > 0);
 }
 
@@ -147,20 +158,19 @@ void exclude_to_exclude(Router* r, ForwardingEntry* e, const Source* old_list,
 // would undo part of the new state upstream (a TO_IN{} after a later TO_EX{} leaves the group).
 void restate_filter_mode(Router* r, ForwardingEntry* e, FilterMode mode, const Source* list) {
     clear_pending_reports(e);
-    PendingReport* p = e->pending;
     bool exclude = mode == FilterMode::Exclude;
     add_scr(r, e, exclude ? ListKind::ChangeToExclude : ListKind::ChangeToInclude, list);
-    (exclude ? p->to_exclude_count : p->to_include_count) = retransmissions(r);
+    (exclude ? e->to_exclude_count : e->to_include_count) = retransmissions(r);
+    const PendingSources p = pending_sources(e);
     send_one(r, e, exclude ? RecordType::ChangeToExclude : RecordType::ChangeToInclude,
-             exclude ? p->to_exclude : p->to_include);
+             exclude ? p.to_exclude : p.to_include);
 }
 
 }  // namespace
 
 void clear_pending_reports(ForwardingEntry* e) {
-    PendingReport* p = e->pending;
-    if (p) {
-        p->to_exclude_count = p->to_include_count = p->allow_count = p->block_count = 0;
+    e->to_exclude_count = e->to_include_count = e->allow_count = e->block_count = 0;
+    if (PendingSources* p = e->pending ? e->pending->sources : nullptr) {
         free_srclist(&p->to_exclude);
         free_srclist(&p->to_include);
         free_srclist(&p->allow);
@@ -170,13 +180,12 @@ void clear_pending_reports(ForwardingEntry* e) {
 
 void handle_host_state_transitions(Router* r, ForwardingEntry* e, FilterMode old_mode,
                                    FilterMode new_mode) {
-    if (!e->new_host_state || !pending_report(e)) {
+    if (!e->new_host_state) {
         return;
     }
     const Source* old_list = e->host_list;
     const Source* new_list = e->new_host_state->list;
-    bool mode_record_pending =
-        e->pending->to_exclude_count != 0 || e->pending->to_include_count != 0;
+    bool mode_record_pending = e->to_exclude_count != 0 || e->to_include_count != 0;
     if (old_mode != new_mode || mode_record_pending) {
         restate_filter_mode(r, e, new_mode, new_list);
     } else if (old_mode == FilterMode::Include) {
@@ -184,39 +193,38 @@ void handle_host_state_transitions(Router* r, ForwardingEntry* e, FilterMode old
     } else {
         exclude_to_exclude(r, e, old_list, new_list);
     }
-    prune_all_spent(e->pending);
-    if (state_change_pending(e)) {
-        queue_retransmission(e->pending, now_ms() + kUnsolicitedReportIntervalMs);
+    prune_all_spent(e);
+    PendingReport* p = state_change_pending(e) ? pending_report(e) : nullptr;
+    if (p) {
+        queue_retransmission(p, now_ms() + kUnsolicitedReportIntervalMs);
     } else {
+        clear_pending_reports(e);  // nothing due, or no memory to queue the copies: none follow
         drop_spent_report(e);
     }
 }
 
 void clean_host_state(Router* r, ForwardingEntry* e) {
-    PendingReport* p = e->pending;
-    if (!p) {
-        return;
-    }
-    if (p->to_exclude_count == 0 && p->to_include_count == 0) {
+    const PendingSources p = pending_sources(e);
+    if (e->to_exclude_count == 0 && e->to_include_count == 0) {
         record_sink sink(r);
-        if (p->allow_count > 0) {
-            sink.add(e, RecordType::AllowNewSources, p->allow);
-            p->allow_count--;
-            count_down(&p->allow);
+        if (e->allow_count > 0) {
+            sink.add(e, RecordType::AllowNewSources, p.allow);
+            e->allow_count--;
+            count_down(pending_list_of(e, &PendingSources::allow));
         }
-        if (p->block_count > 0) {
-            sink.add(e, RecordType::BlockOldSources, p->block);
-            p->block_count--;
-            count_down(&p->block);
+        if (e->block_count > 0) {
+            sink.add(e, RecordType::BlockOldSources, p.block);
+            e->block_count--;
+            count_down(pending_list_of(e, &PendingSources::block));
         }
-    } else if (p->to_exclude_count < 1) {
-        send_one(r, e, RecordType::ChangeToInclude, p->to_include);
-        p->to_include_count--;
-        count_down(&p->to_include);
+    } else if (e->to_exclude_count < 1) {
+        send_one(r, e, RecordType::ChangeToInclude, p.to_include);
+        e->to_include_count--;
+        count_down(pending_list_of(e, &PendingSources::to_include));
     } else {
-        send_one(r, e, RecordType::ChangeToExclude, p->to_exclude);
-        p->to_exclude_count--;
-        count_down(&p->to_exclude);
+        send_one(r, e, RecordType::ChangeToExclude, p.to_exclude);
+        e->to_exclude_count--;
+        count_down(pending_list_of(e, &PendingSources::to_exclude));
     }
 }
 

@@ -131,8 +131,8 @@ TEST_F(RecordsTest, ListCodesSelectTheirList) {
             std::vector<Source*> h = {g->include_list, g->req_list, g->exc_list,
                                       queries_of(g).suppressed};
             for (Source* l : {queries_of(g).not_suppressed, e->host_list, e->new_host_state->list,
-                              pending_report(e)->to_exclude, e->pending->to_include,
-                              e->pending->allow, e->pending->block}) {
+                              pending_sources(e).to_exclude, pending_sources(e).to_include,
+                              pending_sources(e).allow, pending_sources(e).block}) {
                 h.push_back(l);
             }
             return h;

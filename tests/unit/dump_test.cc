@@ -121,9 +121,9 @@ TEST_F(DumpTest, HostStateWithOldAndNewStatesAndStateChangeLists) {
     add(nullptr, e, ListKind::OldHostState, 2, 0);
     e->new_host_state = static_cast<HostState*>(calloc(1, sizeof(HostState)));
     e->new_host_state->mode = FilterMode::Exclude;
-    pending_report(e)->to_exclude_count = 1;
-    e->pending->allow_count = 3;
-    e->pending->block_count = -1;
+    e->to_exclude_count = 1;
+    e->allow_count = 3;
+    e->block_count = -1;
     add(nullptr, e, ListKind::ChangeToExclude, 6, 1);
     add(nullptr, e, ListKind::Allow, 3, 2);
     add(nullptr, e, ListKind::Allow, 4, 2);

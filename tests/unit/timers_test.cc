@@ -154,13 +154,13 @@ TEST_F(TimersTest, GroupOutlivesItsLastSourceUntilItsRetransmissionsAreSent) {
 TEST_F(TimersTest, PendingHostStateReportsKeepOnlyTheirEntry) {
     make_group(eth1, G2, include({}), host);
     make_group(eth1, G1, include({}), host);
-    pending_report(entry(G1))->to_include_count = 1;
+    entry(G1)->to_include_count = 1;
     report_changes(&router);
     EXPECT_NE(group(eth1, G1), nullptr);
     EXPECT_EQ(group(eth1, G2), nullptr);
     EXPECT_EQ(entry(G2), nullptr);
 
-    entry(G1)->pending->to_include_count = 0;
+    entry(G1)->to_include_count = 0;
     report_changes(&router);
     EXPECT_NE(entry(G1), nullptr);  // nothing marked it: it is not looked at
     mark_changed(entry(G1));
