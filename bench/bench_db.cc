@@ -53,7 +53,7 @@ void router_down() {
     router.active = 0;
     delete_all_links(&router);
     shut_down(&router);
-    system_link_reset();
+    system_link_reset(&router.system_links);
     fake::reset();
 }
 
@@ -146,7 +146,7 @@ void run_reports(benchmark::State& state, uint8_t type, bool ssm, uint8_t before
         state.ResumeTiming();
         deliver(reports);
         state.PauseTiming();
-        in_db = forwarding_entry_count();
+        in_db = forwarding_entry_count(&router);
         router_down();
         state.ResumeTiming();
     }
@@ -187,7 +187,7 @@ void BM_Tick(benchmark::State& state) {
             state.ResumeTiming();
         }
     }
-    set_counters(state, l, forwarding_entry_count());
+    set_counters(state, l, forwarding_entry_count(&router));
     router_down();
 }
 

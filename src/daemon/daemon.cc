@@ -24,8 +24,6 @@ namespace mldproxy {
 
 namespace {
 
-bool g_thread_joinable = false;
-
 uint8_t* allocate(uint32_t size, const char* failure) {
     auto* p = static_cast<uint8_t*>(calloc(1, size));
     if (!p) {
@@ -104,13 +102,13 @@ int create_input_thread(Router* r) {
         print_message("MLDRT: Can't start input thread: pthread_create: %s\n", strerror(error));
         return -1;
     }
-    g_thread_joinable = true;
+    r->input_thread_joinable = true;
     return 0;
 }
 
 void join_input_thread(Router* r) {
     pthread_join(r->input_thread, nullptr);
-    g_thread_joinable = false;
+    r->input_thread_joinable = false;
 }
 
 }  // namespace
@@ -143,7 +141,7 @@ void stop_threads(Router* r) {
     g_stop_requested = 1;
     r->active = 0;
     r->running = 0;
-    if (g_thread_joinable) {
+    if (r->input_thread_joinable) {
         join_input_thread(r);
     }
 }
@@ -187,29 +185,29 @@ void shut_down(Router* r) {
     free(r->buf);
     free(r->scratch);
     free(r->nl_buf);
+    system_link_reset(&r->system_links);
     reset_router(r);
 }
 
 namespace {
 
-void shut_down() {
-    stop_threads(&router);
-    final_membership_pass(&router);
-    report_changes(&router);
-    delete_all_links(&router);
-    shut_down(&router);
-    system_link_reset();
+void stop_everything(Router* r) {
+    stop_threads(r);
+    final_membership_pass(r);
+    report_changes(r);
+    delete_all_links(r);
+    shut_down(r);
 }
 
 }  // namespace
 
-void mldv2_done() {
-    shut_down();
+void mldv2_done(Router* r) {
+    stop_everything(r);
     exit(0);
 }
 
-void fail_start() {
-    shut_down();
+void fail_start(Router* r) {
+    stop_everything(r);
     exit(1);
 }
 
@@ -228,11 +226,11 @@ void main_wait(Router* r, const sigset_t* signals) {
         if (sig == SIGUSR2) {
             g_status_requested = 1;  // the input thread owns the state and prints it
         } else if (sig > 0) {
-            mldv2_done();
+            mldv2_done(r);
         }
         // The thread ends only on a stop request; it is joined so that nothing is left behind,
         // and the daemon then waits for the signal that ends it.
-        if (g_thread_joinable && g_input_thread_done) {
+        if (r->input_thread_joinable && g_input_thread_done) {
             join_input_thread(r);
         }
     }

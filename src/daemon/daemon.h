@@ -18,10 +18,10 @@ int start_threads(Router* r);
 // Stops the input thread and waits until it has ended.
 void stop_threads(Router* r);
 // Shutdown: last timer pass, MIFs and interface records removed, MRT6_DONE, exit status 0.
-[[noreturn]] void mldv2_done();
+[[noreturn]] void mldv2_done(Router* r);
 // The same clean-up after a start that failed (its message printed), with exit status 1, so
 // that a service manager sees the failure.
-[[noreturn]] void fail_start();
+[[noreturn]] void fail_start(Router* r);
 void delete_all_links(Router* r);
 // `mldproxyd -t`: reads the configuration file and says whether it is good; opens no socket.
 // The exit status: 0 good, 1 bad.

@@ -70,9 +70,10 @@ int main(int argc, char** argv) {
         log_use_syslog(true);
     }
 
-    system_link_reset();
+    // The one router of the process: every part of the daemon works on it through a pointer.
+    static Router router;
     if (mldv2_init(&router, o.config_path, o.socket_path) == -1 || start_threads(&router) == -1) {
-        fail_start();
+        fail_start(&router);
     }
     main_wait(&router, &signals);
 }

@@ -33,14 +33,6 @@ static_assert(sizeof(nlmsghdr) == kNlHdrLen, "netlink header is 16 bytes");
 static_assert(sizeof(ifinfomsg) == kIfInfoLen, "link message header is 16 bytes");
 static_assert(sizeof(ifaddrmsg) == kIfAddrLen, "address message header is 8 bytes");
 
-uint32_t g_nl_seq = 0;
-
-// The dump under way on the netlink socket. The kernel runs one dump per socket at a time, so
-// the address dump is asked for when the link dump ends, and a dump wanted meanwhile waits.
-enum class dump : uint8_t { none, links, addresses };
-dump g_dump = dump::none;
-bool g_dump_again = false;
-
 uint32_t align4(uint32_t n) {
     return (n + 3u) & ~3u;
 }
@@ -59,20 +51,21 @@ uint32_t rta_payload_len(const rtattr* rta) {
 }
 
 void request_dump(Router* r, int type) {
-    if (scan_available_interfaces(&r->netlink_sock, type) == 0) {
-        g_dump = type == RTM_GETLINK ? dump::links : dump::addresses;
+    if (scan_available_interfaces(&r->netlink_sock, type, r->netlink_dumps.seq++) == 0) {
+        r->netlink_dumps.running =
+            type == RTM_GETLINK ? NetlinkDump::links : NetlinkDump::addresses;
     }
 }
 
 // Links first, then their addresses: a link's record is made once its link-local address is
 // known. A dump asked for while another ran (after lost notifications) starts afterwards.
 void end_of_dump(Router* r) {
-    dump ended = g_dump;
-    g_dump = dump::none;
-    if (ended == dump::links) {
+    NetlinkDump ended = r->netlink_dumps.running;
+    r->netlink_dumps.running = NetlinkDump::none;
+    if (ended == NetlinkDump::links) {
         request_dump(r, RTM_GETADDR);
-    } else if (g_dump_again) {
-        g_dump_again = false;
+    } else if (r->netlink_dumps.again) {
+        r->netlink_dumps.again = false;
         request_dump(r, RTM_GETLINK);
     }
 }
@@ -80,10 +73,10 @@ void end_of_dump(Router* r) {
 // The socket's queue overflowed and notifications were lost: the kernel's whole picture is
 // asked for again, so no link or address change is missed for good.
 void resynchronise(Router* r) {
-    if (g_dump == dump::none) {
+    if (r->netlink_dumps.running == NetlinkDump::none) {
         request_dump(r, RTM_GETLINK);
     } else {
-        g_dump_again = true;
+        r->netlink_dumps.again = true;
     }
 }
 
@@ -127,13 +120,13 @@ void handle_one_message(Router* r, const nlmsghdr* hdr, const uint8_t* msg) {
 }  // namespace
 
 int start_netlink(Router* r) {
-    g_dump = dump::none;
-    g_dump_again = false;
+    r->netlink_dumps.running = NetlinkDump::none;
+    r->netlink_dumps.again = false;
     request_dump(r, RTM_GETLINK);
-    return g_dump == dump::links ? 0 : -1;
+    return r->netlink_dumps.running == NetlinkDump::links ? 0 : -1;
 }
 
-int scan_available_interfaces(int32_t* sockp, int type) {
+int scan_available_interfaces(int32_t* sockp, int type, uint32_t seq) {
     if (type == RTM_GETLINK && *sockp <= 0) {
         int s = socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
         if (s < 0) {
@@ -160,7 +153,7 @@ int scan_available_interfaces(int32_t* sockp, int type) {
     req.hdr.nlmsg_len = kNlHdrLen + 1;
     req.hdr.nlmsg_type = static_cast<uint16_t>(type);
     req.hdr.nlmsg_flags = NLM_F_REQUEST | NLM_F_ROOT | NLM_F_MATCH;
-    req.hdr.nlmsg_seq = g_nl_seq++;
+    req.hdr.nlmsg_seq = seq;
     send(*sockp, &req, sizeof req, 0);
     return 0;
 }
@@ -229,7 +222,7 @@ void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, Router
     bool usable = (ifi.ifi_flags & IFF_MULTICAST) && !(ifi.ifi_flags & IFF_LOOPBACK);
     SystemLink* entry = nullptr;
     if (tb[IFLA_IFNAME] && tb[IFLA_MTU] && usable) {
-        entry = system_link_get(static_cast<uint32_t>(ifi.ifi_index));
+        entry = system_link_get(&r->system_links, static_cast<uint32_t>(ifi.ifi_index));
     }
     if (!entry) {
         return;
@@ -252,7 +245,7 @@ void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, Router
     entry->up = (ifi.ifi_flags & IFF_UP) ? 1 : 0;
     if (!is_new) {
         apply_system_link(r, entry);
-        system_link_remove(ifindex);
+        system_link_remove(&r->system_links, ifindex);
     } else if (has_address(entry)) {
         apply_system_link(r, entry);
     }
@@ -273,7 +266,7 @@ void handle_intf_addr_event(int, const uint8_t* msg, uint32_t len, Router* r) {
     const rtattr* attr = tb[IFA_LOCAL] ? tb[IFA_LOCAL] : tb[IFA_ADDRESS];
     // New and deleted addresses are handled alike: either way the entry learns the address.
     if (attr && rta_payload_len(attr) == 16 && is_link_local(rta_payload(attr))) {
-        SystemLink* entry = system_link_find(ifa.ifa_index);
+        SystemLink* entry = system_link_find(&r->system_links, ifa.ifa_index);
         if (entry && entry->state == kSysifFilled) {
             std::memcpy(entry->addr, rta_payload(attr), 16);
             apply_system_link(r, entry);

@@ -17,7 +17,7 @@ constexpr uint32_t kNlGroups = 0x101;  // RTMGRP_LINK | RTMGRP_IPV6_IFADDR
 
 // Opens and binds the netlink socket into *sockp (for a link dump, when none is open) and sends a
 // dump request of `type` (RTM_GETLINK or RTM_GETADDR).
-int scan_available_interfaces(int32_t* sockp, int type);
+int scan_available_interfaces(int32_t* sockp, int type, uint32_t seq);
 // Starts the start-up dumps: links, then (when the link dump ends) their addresses. 0 or -1.
 int start_netlink(Router* r);
 // Reads and handles one batch from the netlink socket, at once: links come and go, and records,

@@ -245,7 +245,7 @@ inline PendingSources pending_sources(const ForwardingEntry* e) {
 }
 // Drops the entry's pending records once no copy of any is due any more.
 void drop_spent_report(ForwardingEntry* e);
-uint32_t forwarding_entry_count();
+uint32_t forwarding_entry_count(const Router* r);
 
 // --- Source-list algebra ---
 // A result of the algebra, owned by its caller: every entry up to the list limit, nothing kept

@@ -12,8 +12,6 @@ namespace mldproxy {
 
 namespace {
 
-uint32_t g_mfdb_count = 0;
-
 void free_host_state(HostState** hs) {
     if (*hs) {
         free_srclist(&(*hs)->list);
@@ -67,8 +65,8 @@ void drop_spent_report(ForwardingEntry* e) {
     }
 }
 
-uint32_t forwarding_entry_count() {
-    return g_mfdb_count;
+uint32_t forwarding_entry_count(const Router* r) {
+    return r->forwarding_entries;
 }
 
 ForwardingEntry* find_forwarding_entry(Router* r, const uint8_t* grp) {
@@ -90,7 +88,7 @@ ForwardingEntry* add_forwarding_entry(Router* r, const uint8_t* grp) {
     if (e) {
         return e;
     }
-    if (g_mfdb_count >= kMaxGroups) {
+    if (r->forwarding_entries >= kMaxGroups) {
         report_limit(Limit::Groups);
         return nullptr;
     }
@@ -109,7 +107,7 @@ ForwardingEntry* add_forwarding_entry(Router* r, const uint8_t* grp) {
     }
     e->pprev = &r->mfdb_list;
     r->mfdb_list = e;
-    g_mfdb_count++;
+    r->forwarding_entries++;
     return e;
 }
 
@@ -129,7 +127,7 @@ void delete_forwarding_entry(Router* r, ForwardingEntry* e) {
         if (e->next) {
             e->next->pprev = e->pprev;
         }
-        g_mfdb_count--;
+        r->forwarding_entries--;
     }
     free(e);
 }

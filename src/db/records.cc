@@ -118,7 +118,7 @@ Group* add_group(Router* r, Link* ifp, const uint8_t* grp) {
         return g;
     }
     // A group needs a forwarding entry: refuse it here when there is no room for one.
-    if (forwarding_entry_count() >= kMaxGroups && !find_forwarding_entry(r, grp)) {
+    if (forwarding_entry_count(r) >= kMaxGroups && !find_forwarding_entry(r, grp)) {
         report_limit(Limit::Groups);
         return nullptr;
     }

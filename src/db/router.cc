@@ -6,7 +6,6 @@
 
 namespace mldproxy {
 
-Router router;
 std::atomic<int> g_stop_requested{0};
 
 void reset_router(Router* r) {
@@ -40,6 +39,10 @@ void reset_router(Router* r) {
     std::memset(r->group_text, 0, sizeof r->group_text);
     r->counters = RouterCounters{};
     r->control = nullptr;
+    r->system_links = SystemLinkTable{};
+    r->netlink_dumps = NetlinkDumps{};
+    r->forwarding_entries = 0;
+    r->input_thread_joinable = false;
 }
 
 Link* add_link(Router* r, const LinkDesc* desc, uint16_t mifi) {

@@ -11,6 +11,7 @@
 
 #include "base/address_index.h"
 #include "base/ifname.h"
+#include "iface/system_links.h"
 
 namespace mldproxy {
 
@@ -67,10 +68,12 @@ struct Router {
     uint32_t downstream_count;
     char group_text[48];
     RouterCounters counters;
-    Control* control;  // the control socket and its clients; null while there is none
+    Control* control;              // the control socket and its clients; null while there is none
+    SystemLinkTable system_links;  // what routing netlink said of every system interface
+    NetlinkDumps netlink_dumps;
+    uint32_t forwarding_entries;  // on mfdb_list
+    bool input_thread_joinable;
 };
-
-extern Router router;
 
 // Set once a shutdown has begun; the input thread leaves its loop when it sees it.
 extern std::atomic<int> g_stop_requested;

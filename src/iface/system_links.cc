@@ -5,28 +5,26 @@
 
 namespace mldproxy {
 
-SystemLinkTable g_sysIfInfo;
-
-void system_link_reset() {
-    free(g_sysIfInfo.entries);
-    g_sysIfInfo = SystemLinkTable{};
+void system_link_reset(SystemLinkTable* t) {
+    free(t->entries);
+    *t = SystemLinkTable{};
 }
 
-SystemLink* system_link_find(uint32_t ifindex) {
-    for (uint32_t i = 0; i < g_sysIfInfo.count; i++) {
-        if (g_sysIfInfo.entries[i].ifindex == ifindex) {
-            return &g_sysIfInfo.entries[i];
+SystemLink* system_link_find(SystemLinkTable* t, uint32_t ifindex) {
+    for (uint32_t i = 0; i < t->count; i++) {
+        if (t->entries[i].ifindex == ifindex) {
+            return &t->entries[i];
         }
     }
     return nullptr;
 }
 
-SystemLink* system_link_get(uint32_t ifindex) {
-    SystemLink* entry = system_link_find(ifindex);
+SystemLink* system_link_get(SystemLinkTable* table, uint32_t ifindex) {
+    SystemLink* entry = system_link_find(table, ifindex);
     if (entry) {
         return entry;
     }
-    SystemLinkTable& t = g_sysIfInfo;
+    SystemLinkTable& t = *table;
     if (t.count == t.capacity) {
         uint32_t capacity = t.capacity ? 2 * t.capacity : 8;
         if (capacity > kMaxSysif) {
@@ -45,10 +43,10 @@ SystemLink* system_link_get(uint32_t ifindex) {
     return entry;
 }
 
-void system_link_remove(uint32_t ifindex) {
-    SystemLink* entry = system_link_find(ifindex);
+void system_link_remove(SystemLinkTable* t, uint32_t ifindex) {
+    SystemLink* entry = system_link_find(t, ifindex);
     if (entry) {
-        *entry = g_sysIfInfo.entries[--g_sysIfInfo.count];
+        *entry = t->entries[--t->count];
     }
 }
 

@@ -34,14 +34,23 @@ struct SystemLinkTable {
     uint32_t count;
     uint32_t capacity;
 };
-extern SystemLinkTable g_sysIfInfo;
 
 constexpr uint32_t kMaxSysif = 4096;
 
-void system_link_reset();  // empties the table and frees its memory
-SystemLink* system_link_find(uint32_t ifindex);
-SystemLink* system_link_get(uint32_t ifindex);  // find or add a zeroed entry; nullptr if full
-void system_link_remove(uint32_t ifindex);
+void system_link_reset(SystemLinkTable* t);  // empties the table and frees its memory
+SystemLink* system_link_find(SystemLinkTable* t, uint32_t ifindex);
+// Finds or adds a zeroed entry; nullptr when the table is full.
+SystemLink* system_link_get(SystemLinkTable* t, uint32_t ifindex);
+void system_link_remove(SystemLinkTable* t, uint32_t ifindex);
+
+// The routing netlink dump under way. The kernel runs one dump per socket at a time, so the
+// address dump is asked for when the link dump ends, and a dump wanted meanwhile waits.
+enum class NetlinkDump : uint8_t { none, links, addresses };
+struct NetlinkDumps {
+    uint32_t seq;  // sequence number of the next request
+    NetlinkDump running;
+    bool again;  // both dumps are wanted again once the running one ends
+};
 
 }  // namespace mldproxy
 

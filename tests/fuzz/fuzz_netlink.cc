@@ -30,6 +30,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     delete_all_links(&router);
     shut_down(&router);
-    system_link_reset();
+    system_link_reset(&router.system_links);
     return 0;
 }

@@ -64,8 +64,8 @@ using ShutdownDeathTest = ShutdownTest;
 // that a service manager sees the failure and may try again.
 TEST_F(ShutdownDeathTest, ExitStatusTellsASignalFromAFailedStart) {
     make_link("eth1", 7, 0);
-    EXPECT_EXIT(mldv2_done(), testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(fail_start(), testing::ExitedWithCode(1), "");
+    EXPECT_EXIT(mldv2_done(&router), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(fail_start(&router), testing::ExitedWithCode(1), "");
 }
 
 }  // namespace

@@ -305,7 +305,7 @@ TEST_F(RecordsTest, The16385thGroupIsRefusedAndNothingElseChanges) {
               find_forwarding_entry(&router, big(77).data()));
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "MLDRT: Limit of 16384 groups reached, request not handled\n");
-    EXPECT_EQ(forwarding_entry_count(), kMaxGroups);
+    EXPECT_EQ(forwarding_entry_count(&router), kMaxGroups);
     EXPECT_EQ(router.mfdb_list, head);
     EXPECT_EQ(link->groups, existing);
     EXPECT_EQ(existing->next, nullptr);
@@ -330,13 +330,13 @@ TEST_F(RecordsTest, MfdbEntriesDeleteFromAnyPositionKeepTheCountAndMapOnce) {
         for (int n = 1; n <= 3; n++) {
             add_forwarding_entry(&router, G(n).data());
         }
-        ASSERT_EQ(forwarding_entry_count(), 3u);
+        ASSERT_EQ(forwarding_entry_count(&router), 3u);
         for (size_t i = 0; i < row.deletions.size(); i++) {
             delete_forwarding_entry(&router,
                                     find_forwarding_entry(&router, G(row.deletions[i]).data()));
             EXPECT_EQ(order(router.mfdb_list), row.after[i]);
             EXPECT_TRUE(links_ok(&router.mfdb_list));
-            EXPECT_EQ(forwarding_entry_count(), 2u - i);
+            EXPECT_EQ(forwarding_entry_count(&router), 2u - i);
             EXPECT_EQ(find_forwarding_entry(&router, G(row.deletions[i]).data()), nullptr);
         }
     }
@@ -513,16 +513,16 @@ TEST_F(RecordsTest, DeletingAnEntryFreesEverythingItHolds) {
     g.mfdb = e;
     add_forwarding_record(&g, S(1).data());
     add_forwarding_record(&g, addr6{}.data());
-    const uint32_t count = forwarding_entry_count();
+    const uint32_t count = forwarding_entry_count(&router);
     delete_forwarding_entry(&router, e);
-    EXPECT_EQ(forwarding_entry_count(), count) << "an unlinked entry was never counted";
+    EXPECT_EQ(forwarding_entry_count(&router), count) << "an unlinked entry was never counted";
 
     ForwardingEntry* linked = add_forwarding_entry(&router, G(2).data());
     g.mfdb = linked;
     add_forwarding_record(&g, S(3).data());
     add_source_to_group(nullptr, linked, list_kind(9), S(3).data());
     delete_forwarding_entry(&router, linked);
-    EXPECT_EQ(forwarding_entry_count(), count);
+    EXPECT_EQ(forwarding_entry_count(&router), count);
     EXPECT_EQ(router.mfdb_list, nullptr);
 }
 

@@ -31,6 +31,10 @@ int __real_ioctl(int fd, unsigned long request, ...);
 int __real_select(int n, fd_set* r, fd_set* w, fd_set* e, timeval* t);
 }
 
+namespace mldproxy {
+Router router;
+}  // namespace mldproxy
+
 namespace fake {
 
 namespace {
@@ -75,7 +79,7 @@ void reset() {
 
 void fresh_router(uint32_t robustness) {
     reset();
-    system_link_reset();
+    system_link_reset(&router.system_links);
     reset_router(&router);
     clear_work_lists();
     limit_reset();

@@ -19,7 +19,10 @@
 
 namespace mldproxy {
 struct Link;
-}
+struct Router;
+// The router every test works on (the daemon's own is main's).
+extern Router router;
+}  // namespace mldproxy
 
 namespace fake {
 

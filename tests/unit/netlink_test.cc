@@ -108,8 +108,8 @@ class NetlinkTest : public RouterTest {
 
 TEST_F(NetlinkTest, DumpRequestsShareOneSocketBoundToLinkAndAddressGroups) {
     int32_t sock = 0;
-    ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETLINK), 0);
-    ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETADDR), 0);
+    ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETLINK, 0), 0);
+    ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETADDR, 1), 0);
     const auto& k = fake::kernel();
     ASSERT_EQ(k.sockets.size(), 1u);
     const fake::socket_call& s = k.sockets[0];
@@ -134,11 +134,11 @@ TEST_F(NetlinkTest, DumpRequestsShareOneSocketBoundToLinkAndAddressGroups) {
 TEST_F(NetlinkTest, SocketOrBindFailureIsReportedAndSendsNothing) {
     int32_t sock = 0;
     fake::kernel().socket_result = -1;
-    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK), -1); }),
+    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK, 0), -1); }),
               "MLDRT: Can't open bcast socket: socket: Operation not permitted\n");
     fake::kernel().socket_result = 0;
     fake::kernel().bind_result = -1;
-    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK), -1); }),
+    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK, 0), -1); }),
               "MLDRT: Can't bind bcast socket: bind: Address already in use\n");
     EXPECT_EQ(fake::kernel().closed, std::vector<int>{fake::kernel().sockets.at(0).fd});
     EXPECT_TRUE(fake::kernel().sent.empty());
@@ -233,7 +233,7 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
         while (router.interfaces) {
             delete_link(router.interfaces);
         }
-        system_link_reset();
+        system_link_reset(&router.system_links);
         fake::kernel().sockopts.clear();
         fake::kernel().sockets.clear();
         fake::kernel().closed.clear();
@@ -316,7 +316,7 @@ TEST_F(NetlinkTest, DumpsFollowOneAnotherAndLostNotificationsAskForThemAgain) {
         while (router.interfaces) {
             delete_link(router.interfaces);
         }
-        system_link_reset();
+        system_link_reset(&router.system_links);
     }
 }
 

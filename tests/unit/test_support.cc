@@ -18,7 +18,7 @@ void RouterTest::SetUp() {
 void RouterTest::TearDown() {
     delete_all_links(&router);
     shut_down(&router);
-    system_link_reset();
+    system_link_reset(&router.system_links);
     g_stop_requested = 0;
 }
 
