@@ -217,8 +217,8 @@ ForwardingEntry* add_forwarding_entry(Router* r, const uint8_t* grp);
 void delete_forwarding_entry(Router* r, ForwardingEntry* e);
 void map_group_to_entry(Group* g, ForwardingEntry* e);
 ForwardingRecord* find_forwarding_record(Group* g, const uint8_t* src);
-// 0 when the record is missing or marks no MIF, -1 when it marks one.
-int has_forwarding_marks(Group* g, const uint8_t* src);
+// True when the group's entry has a forwarding record of `src` with a mark on some MIF.
+bool has_forwarding_marks(Group* g, const uint8_t* src);
 ForwardingRecord* create_forwarding_record(const uint8_t* src);
 ForwardingRecord* add_forwarding_record(Group* g, const uint8_t* src);
 void delete_forwarding_record(Group* g, const uint8_t* src);

@@ -153,17 +153,9 @@ ForwardingRecord* find_forwarding_record(Group* g, const uint8_t* src) {
     return g->mfdb ? find_fwinfo(g->mfdb->fwinfo_list, src) : nullptr;
 }
 
-int has_forwarding_marks(Group* g, const uint8_t* src) {
+bool has_forwarding_marks(Group* g, const uint8_t* src) {
     const ForwardingRecord* fw = find_forwarding_record(g, src);
-    if (!fw) {
-        return 0;
-    }
-    for (uint32_t i = 0; i < kMifMarks; i++) {
-        if (mark_at(fw, i)) {
-            return -1;
-        }
-    }
-    return 0;
+    return fw && (fw->wanted != 0 || fw->excluded != 0);
 }
 
 ForwardingRecord* create_forwarding_record(const uint8_t* src) {

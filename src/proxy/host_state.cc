@@ -126,21 +126,17 @@ void build_host_state(Router* r, ForwardingEntry* e) {
     });
 }
 
-int diff_host_state(const ForwardingEntry* e) {
-    const HostState reported = reported_state(e);
-    const HostState* old_hs = &reported;
+bool diff_host_state(const ForwardingEntry* e) {
     const HostState* new_hs = e->new_host_state;
-    if (!new_hs || old_hs->mode != new_hs->mode) {
-        return 1;
+    if (!new_hs || e->host_mode != new_hs->mode) {
+        return true;
     }
-    if (!old_hs->list || !new_hs->list) {
-        return old_hs->list != new_hs->list ? 1 : 0;
+    if (!e->host_list || !new_hs->list) {
+        return e->host_list != new_hs->list;
     }
     // Host-state lists hold each source once: same length and one inside the other is equality.
-    return list_length(old_hs->list) != list_length(new_hs->list) ||
-                   !contained(new_hs->list, old_hs->list)
-               ? 1
-               : 0;
+    return list_length(e->host_list) != list_length(new_hs->list) ||
+           !contained(new_hs->list, e->host_list);
 }
 
 void finish_host_state_update(ForwardingEntry* e) {

@@ -23,7 +23,7 @@ constexpr uint64_t kUnsolicitedReportIntervalMs = 1000;
 void report_changes(Router* r);
 void build_host_state(Router* r, ForwardingEntry* e);
 // Non-zero when the state just built differs from the one last acted upon.
-int diff_host_state(const ForwardingEntry* e);
+bool diff_host_state(const ForwardingEntry* e);
 void act_on_state_change(Router* r, ForwardingEntry* e);
 void finish_host_state_update(ForwardingEntry* e);
 

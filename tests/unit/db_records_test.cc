@@ -379,7 +379,7 @@ TEST_F(RecordsTest, FwinfoEmptinessUsesReversedSense) {
             }
         }
         EXPECT_EQ(find_forwarding_record(g, S(1).data()) != nullptr, row.record);
-        EXPECT_EQ(has_forwarding_marks(g, S(1).data()), row.expected);
+        EXPECT_EQ(has_forwarding_marks(g, S(1).data()), row.expected != 0);
     }
 }
 

@@ -84,7 +84,7 @@ TEST_F(HostStateTest, MergesDownstreamStatesInInterfaceListOrder) {
         EXPECT_EQ(stdout_of([&] { build_host_state(&router, e); }), "");
         EXPECT_EQ(hs_text(e->new_host_state), row.merged);
         // The entry started as INCLUDE {}: any other result is a change.
-        EXPECT_EQ(diff_host_state(e), std::string(row.merged) == "INCLUDE {}" ? 0 : 1);
+        EXPECT_EQ(diff_host_state(e), std::string(row.merged) != "INCLUDE {}");
         finish_host_state_update(e);
     }
 }
@@ -128,7 +128,7 @@ TEST_F(HostStateTest, ComparesModeAndSourceSetsNotOrder) {
         restart();
         ForwardingEntry* e =
             states(pair(row.old_mode, row.old_srcs), pair(row.new_mode, row.new_srcs));
-        EXPECT_EQ(stdout_of([&] { EXPECT_EQ(diff_host_state(e), row.differ); }), "");
+        EXPECT_EQ(stdout_of([&] { EXPECT_EQ(diff_host_state(e), row.differ != 0); }), "");
     }
 }
 
