@@ -1,12 +1,14 @@
+// The configuration file: every key into its field, defaults and their lines, every bad line
+// named with its number, `mldproxyd -t`, and the example installed as /etc/mld/mld.conf.
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
+#include <set>
+#include <sstream>
 
 #include "daemon/config.h"
-#include "daemon/daemon.h"
 #include "test_support.h"
-
-using namespace mldproxy;
 
 namespace {
 
@@ -194,28 +196,6 @@ TEST_F(ConfigTest, FileTextSetsRouterFields) {
     }
 }
 
-TEST(ConfigOptionTest, ExactKeywordGivesItsIdElseNone) {
-    const std::vector<std::pair<const char*, int>> rows = {
-        {"UPSTREAM_IFNAME", 1},
-        {"ROBUSTNESS_VARIABLE", 2},
-        {"QUERY_INTERVAL", 3},
-        {"QUERY_RESPONSE_INTERVAL", 4},
-        {"LAST_LISTENER_QUERY_INTERVAL", 5},
-        {"LAST_LISTENER_QUERY_COUNT", 6},
-        {"VERBOSE", 7},
-        {"DOWNSTREAM_IFNAME", 8},
-        {"", 0},
-        {nullptr, kOptNone},
-        {"verbose", kOptNone},
-        {"QUERY_INTERVALS", kOptNone},
-        {"QUERY", kOptNone},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.first ? row.first : "(no token)");
-        EXPECT_EQ(get_option(row.first), row.second);
-    }
-}
-
 // The upstream and the named links are served; without DOWNSTREAM_IFNAME lines, every link.
 TEST_F(ConfigTest, DownstreamNamesChooseTheLinksServed) {
     struct Row {
@@ -276,6 +256,47 @@ TEST(ConfigCheckTest, GoodFileExitsZeroBadOrMissingOne) {
     }
     unlink(path.c_str());
     rmdir(dir);
+}
+
+// The example installed as /etc/mld/mld.conf gives the usual values silently; every line is a
+// "#" comment or exactly "KEYWORD value", each keyword once and right below a comment; and the
+// comment lines alone (which name keywords too) set nothing.
+TEST_F(ConfigTest, ExampleFileGivesTheUsualValuesAndItsCommentsMeanNothing) {
+    std::ifstream in(MLD_EXAMPLE_CONFIG);
+    ASSERT_TRUE(in.good()) << MLD_EXAMPLE_CONFIG;
+    std::string all, comments, prev = "#";
+    std::set<std::string> seen;
+    for (std::string line; std::getline(in, line);) {
+        SCOPED_TRACE(line);
+        all += line + "\n";
+        if (line.compare(0, 1, "#") == 0) {
+            comments += line + "\n";
+        } else {
+            std::istringstream words(line);
+            std::string key, value, more;
+            EXPECT_TRUE(words >> key >> value && !(words >> more)) << "want a keyword and a value";
+            EXPECT_TRUE(seen.insert(key).second) << "keyword given twice";
+            EXPECT_EQ(prev.compare(0, 1, "#"), 0) << "no comment line above the keyword";
+        }
+        prev = line;
+    }
+    EXPECT_EQ(seen.size(), 7u);
+    clear_config();
+    std::string out;
+    EXPECT_EQ(read(all, &out), OK);
+    EXPECT_EQ(out, "");
+    EXPECT_STREQ(router.upstream_ifname, "eth0");
+    EXPECT_EQ(
+        std::vector<uint32_t>({router.robustness, router.query_interval,
+                               router.query_response_interval, router.last_listener_query_interval,
+                               router.last_listener_query_count, router.verbose}),
+        std::vector<uint32_t>({2, 125, 10000, 1, 2, 0}));
+    clear_config();
+    EXPECT_EQ(read(comments, &out), NO_UP);
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(std::vector<uint32_t>({router.upstream_ifname[0] != 0, router.robustness,
+                                     router.query_interval, router.verbose}),
+              std::vector<uint32_t>({0, 0, 0, 0}));
 }
 
 }  // namespace

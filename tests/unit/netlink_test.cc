@@ -1,13 +1,13 @@
+// Routing netlink: the dump requests, the batches read (every length checked against what
+// arrived), the links and link-local addresses that make interface records and MIFs, and how
+// records follow renames, MTU changes and deletions.
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 
 #include <optional>
 
-#include "iface/netlink.h"
 #include "test_support.h"
-
-using namespace mldproxy;
 
 namespace {
 

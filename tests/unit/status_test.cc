@@ -11,13 +11,9 @@
 #include "daemon/cli.h"
 #include "daemon/control.h"
 #include "daemon/status.h"
-#include "upstream_support.h"
-
-using namespace mldproxy;
+#include "test_support.h"
 
 namespace {
-
-using namespace ups;
 
 TEST(CommandLineTest, OptionsAndCommands) {
     struct Row {
@@ -189,42 +185,6 @@ TEST_F(StatusTest, OneJsonObjectForScripts) {
               "\"dropped\":{\"malformed\":5,\"own\":6,\"not_ours\":7},"
               "\"limit_refusals\":{\"groups\":0,\"members\":0,\"sources\":0},"
               "\"netlink_events\":8}}\n");
-}
-
-// What the counters count of messages heard on a link: queries and reports (MLDv1 ones
-// included) by link, our own looped-back messages and other ICMPv6 types by reason.
-TEST_F(StatusTest, ReceivedMessagesAreCountedByKindAndReason) {
-    struct Row {
-        const char* name;
-        uint8_t type;
-        bool own;
-        LinkCounters link;
-        RouterCounters router;
-    };
-    const std::vector<Row> rows = {
-        {"v2 query", kTypeQuery, false, {0, 1, 0, 0}, {}},
-        {"v2 report", kTypeV2Report, false, {1, 0, 0, 0}, {}},
-        {"v1 report", kTypeV1Report, false, {1, 0, 0, 0}, {}},
-        {"v1 done", kTypeV1Done, false, {1, 0, 0, 0}, {}},
-        {"our own report", kTypeV2Report, true, {0, 0, 0, 0}, {0, 1, 0, 0}},
-        {"an echo request", 128, false, {0, 0, 0, 0}, {0, 0, 1, 0}},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        eth2->counters = {};
-        router.counters = {};
-        std::vector<uint8_t> msg(28, 0);
-        msg[0] = row.type;
-        std::memcpy(router.buf, msg.data(), msg.size());
-        const addr6 from = row.own ? addr6{} : ip6("fe80::1:1");
-        handle_mld_message(&router, eth2, router.buf, row.own ? eth2->addr : from.data(),
-                           static_cast<int>(msg.size()));
-        const LinkCounters& c = eth2->counters;
-        EXPECT_EQ(std::vector<uint32_t>(
-                      {c.reports_in, c.queries_in, router.counters.own, router.counters.not_ours}),
-                  std::vector<uint32_t>({row.link.reports_in, row.link.queries_in, row.router.own,
-                                         row.router.not_ours}));
-    }
 }
 
 // The real socket in a directory of the test's own: mode 0600, stale sockets replaced, a

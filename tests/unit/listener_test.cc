@@ -1,76 +1,46 @@
-// The record handlers of RFC 3810 section 7.4 as this router applies them, one table per
-// summary (current-state, filter-mode-change, source-list-change records), and the MLDv1
-// mapping onto them. Each row starts from a fresh router with one downstream link (MIF 1) and
-// the upstream on MIF 0; GMI is 260 and LLQT 2.
-
-#include "listener_support.h"
-
-using namespace mldproxy;
+// The router side of RFC 3810 (section 7) as this router applies it: the record handlers, one
+// table per summary (7.4.1 current-state, 7.4.2 state-change records), the MLDv1 mapping onto
+// them, the group- and source-specific queries after a possible leave with their
+// retransmissions (7.6.3), and the once-a-second timer pass (7.5). Each row starts from a fresh
+// router with one downstream link (MIF 1) and the upstream on MIF 0; GMI is 260 and LLQT 2.
+#include "test_support.h"
 
 namespace {
-
-using namespace lsn;
 
 const char* const kIsInEmpty = "\n FATAL Error - IS_IN record recieved with empty source list\n";
 // A record with more sources than a list holds is handled as far as the list limit goes.
 const char* const kLimit = "MLDRT: Limit of 64 sources per list reached, request not handled\n";
 
-// Sources as list entries with one timer.
-std::vector<src_timer> timed(const std::vector<int>& ns, int32_t timer) {
-    std::vector<src_timer> v;
+// Kernel calls for (Sn, ff0e::101) as mfc_calls() prints them: forwarded to eth1, held back
+// (an excluded source's own entry keeps it from the link that the (*,G) entry lists), deleted.
+texts calls(const char* what, const std::vector<int>& ns) {
+    texts v;
     for (int n : ns) {
-        v.push_back({n, timer});
+        const std::string sg = ip6_text(src(n).data()) + " ff0e::101";
+        v.push_back(what[0] == 'd' ? "del " + sg
+                                   : "add " + sg + " parent 0 mifs " + (what[0] == 'a' ? "1" : ""));
     }
     return v;
 }
-
-std::vector<int> reversed(std::vector<int> v) {
-    std::reverse(v.begin(), v.end());
-    return v;
+texts add_sgs(const std::vector<int>& ns) {
+    return calls("add", ns);
 }
-
-// Kernel calls for group ff0e::101 as mfc_calls() prints them.
+texts del_sgs(const std::vector<int>& ns) {
+    return calls("del", ns);
+}
+texts held_back(const std::vector<int>& ns) {
+    return calls("held", ns);
+}
 std::string add_sg(int s) {
-    return "add " + ip6_text(src(s).data()) + " ff0e::101 parent 0 mifs 1";
+    return add_sgs({s})[0];
 }
 std::string del_sg(int s) {
-    return "del " + ip6_text(src(s).data()) + " ff0e::101";
+    return del_sgs({s})[0];
 }
-// An excluded source: its own entry keeps it from the link that the (*,G) entry lists.
 std::string held_back(int s) {
-    return "add " + ip6_text(src(s).data()) + " ff0e::101 parent 0 mifs ";
-}
-std::vector<std::string> held_back(const std::vector<int>& ns) {
-    std::vector<std::string> v;
-    for (int n : ns) {
-        v.push_back(held_back(n));
-    }
-    return v;
-}
-std::vector<std::string> add_sgs(const std::vector<int>& ns) {
-    std::vector<std::string> v;
-    for (int n : ns) {
-        v.push_back(add_sg(n));
-    }
-    return v;
-}
-std::vector<std::string> del_sgs(const std::vector<int>& ns) {
-    std::vector<std::string> v;
-    for (int n : ns) {
-        v.push_back(del_sg(n));
-    }
-    return v;
-}
-template <typename T>
-std::vector<T> operator+(std::vector<T> a, const std::vector<T>& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
+    return held_back(std::vector<int>{s})[0];
 }
 const std::string kAddStarG = "add :: ff0e::101 parent 0 mifs 0,1";
-
-group_state odd_mode() {
-    return {true, static_cast<FilterMode>(7), {}, {}, {}, 0};
-}
 
 struct Row {
     const char* name;
@@ -78,8 +48,8 @@ struct Row {
     uint8_t type;
     std::vector<int> srcs;
     group_state after;
-    std::vector<std::string> queries;  // from queries_sent()
-    std::vector<std::string> kernel;   // from mfc_calls()
+    texts queries;  // from queries_sent()
+    texts kernel;   // from mfc_calls()
     std::string output = "";
     bool from_stranger = false;
 };
@@ -168,24 +138,24 @@ TEST_F(RecordHandlerTest, CurrentStateRecordsFollowTheRfc3810Table) {
          {}, {del_sg(1), del_sg(2)}},
         {"IS_EX with 12 sources on INCLUDE{}: all 12 excluded",
          include({}), IS_EX, upto(1, 12), exclude({}, timed(upto(1, 12), 0), 260), {},
-         std::vector<std::string>{kAddStarG} + held_back(upto(1, 12))},
+         texts{kAddStarG} + held_back(upto(1, 12))},
         {"IS_EX{S1..S15} on EXCLUDE({S1..S3},{}): 12 new at GMI, 3 keep their timers",
          exclude(timed(upto(1, 3), 100), {}, 200), IS_EX, upto(1, 15),
          exclude(timed(upto(1, 3), 100) + timed(upto(4, 15), 260), {}, 260), {},
          del_sgs(reversed(upto(1, 3))) + add_sgs(upto(1, 15))},
         {"IS_EX with 64 sources on INCLUDE{}: all 64 excluded",
          include({}), IS_EX, upto(1, 64), exclude({}, timed(upto(1, 64), 0), 260), {},
-         std::vector<std::string>{kAddStarG} + held_back(upto(1, 64))},
+         texts{kAddStarG} + held_back(upto(1, 64))},
         {"IS_EX with 65 sources on INCLUDE{}: the first 64 excluded, the limit's line",
          include({}), IS_EX, upto(1, 65), exclude({}, timed(upto(1, 64), 0), 260), {},
-         std::vector<std::string>{kAddStarG} + held_back(upto(1, 64)), kLimit},
+         texts{kAddStarG} + held_back(upto(1, 64)), kLimit},
     };
     for (const Row& row : rows) {
         check(row);
     }
 }
 
-TEST_F(RecordHandlerTest, FilterModeChangeRecordsFollowTheRfc3810Table) {
+TEST_F(RecordHandlerTest, StateChangeRecordsFollowTheRfc3810Table) {
     const std::vector<Row> rows = {
         {"TO_IN{} from a host that is not a member changes nothing",
          include({{1, 100}}), TO_IN, {}, include({{1, 100}}), {}, {}, "", true},
@@ -232,19 +202,11 @@ TEST_F(RecordHandlerTest, FilterModeChangeRecordsFollowTheRfc3810Table) {
          {query(G1, reversed(upto(2, 13)))}, del_sgs({1}) + add_sgs(upto(2, 13))},
         {"TO_EX with 12 sources on INCLUDE of the same 12: all 12 requested",
          include(timed(upto(1, 12), 100)), TO_EX, upto(1, 12), exclude(timed(upto(1, 12), 100), {}, 260),
-         {}, del_sgs(reversed(upto(1, 12))) + std::vector<std::string>{kAddStarG} +
+         {}, del_sgs(reversed(upto(1, 12))) + texts{kAddStarG} +
                  add_sgs(reversed(upto(1, 12)))},
         {"TO_EX with 65 new sources on EXCLUDE({},{}): the first 64 requested, the limit's line",
          exclude({}, {}, 200), TO_EX, upto(1, 65), exclude(timed(upto(1, 64), 200), {}, 260),
          {query(G1, reversed(upto(1, 64)))}, add_sgs(upto(1, 64)), kLimit},
-    };
-    for (const Row& row : rows) {
-        check(row);
-    }
-}
-
-TEST_F(RecordHandlerTest, SourceListChangeRecordsFollowTheRfc3810Table) {
-    const std::vector<Row> rows = {
         {"ALLOW{S1} on a new group: INCLUDE{S1} at GMI",
          no_group(), ALLOW, {1}, include({{1, 260}}), {}, {add_sg(1)}},
         {"ALLOW{S2} on INCLUDE{S1}: A+B",
@@ -257,8 +219,6 @@ TEST_F(RecordHandlerTest, SourceListChangeRecordsFollowTheRfc3810Table) {
         {"BLOCK{} prints its message and changes nothing",
          include({{1, 100}}), BLOCK, {}, include({{1, 100}}),
          {}, {}, "\n FATAL: Block record recievd with ZERO sources\n"},
-        {"BLOCK on a group in an unknown mode is refused",
-         odd_mode(), BLOCK, {1}, odd_mode(), {}, {}, "\n Fatal: Grp in an unknown filter mode\n"},
         {"BLOCK{S2} on INCLUDE{S1}: A*B empty, no query",
          include({{1, 100}}), BLOCK, {2}, include({{1, 100}}), {}, {}},
         {"BLOCK{S1} on INCLUDE{S1}: Q(G,A*B) lowers S1 to LLQT",
@@ -303,10 +263,11 @@ TEST_F(RecordHandlerTest, RepeatedAnySourceLeavesQueryTheGroupOnceQuietly) {
         age_link_groups(&router, eth1, 0);  // the group query's retransmission
     });
     EXPECT_EQ(out, "");
-    EXPECT_EQ(queries_sent(), (std::vector<std::string>{query(G1, {}), query(G1, {})}));
+    EXPECT_EQ(queries_sent(), (texts{query(G1, {}), query(G1, {})}));
     EXPECT_EQ(describe(g), describe(exclude({}, {}, 1)));
-    EXPECT_EQ(g->srsp_list, nullptr);
-    EXPECT_EQ(g->non_srsp_list, nullptr);
+    forget_kernel_calls();
+    age_link_groups(&router, eth1, 0);
+    EXPECT_EQ(queries_sent(), texts{}) << "nothing else is being asked";
 }
 
 // The member limit never costs a listener its traffic: once 64 hosts are recorded, the 65th
@@ -336,7 +297,7 @@ TEST_F(RecordHandlerTest, HostsBeyondTheMemberLimitAreServedButNotRecorded) {
 
     forget_kernel_calls();
     handle_to_include_record(&router, eth1, late.data(), leave.data());
-    EXPECT_EQ(queries_sent(), std::vector<std::string>{query(G1, {})});
+    EXPECT_EQ(queries_sent(), texts{query(G1, {})});
     EXPECT_EQ(g->filter_timer, 2);
     // The recorded hosts leave; each leave frees its place, so the 65th is recorded next time.
     for (int n = 1; n <= 64; n++) {
@@ -355,24 +316,23 @@ enum sender { kMember, kStranger };
 struct V1Row {
     const char* name;
     history before;
-    const char* link;
     uint8_t type;
     const char* group;
     sender from;
     group_state after;  // of the message's group on the receiving link
-    std::vector<std::string> queries;
-    std::vector<std::string> kernel;
+    texts queries;
+    texts kernel;
 };
 
-class Mldv1Test : public ListenerTest {
-  protected:
-    void receive(Link* ifp, uint8_t type, const addr6& g, const addr6& from) {
-        std::memset(router.buf, 0, kQueryV1Len);
-        router.buf[0] = type;
-        std::memcpy(router.buf + 8, g.data(), 16);
-        handle_mld_message(&router, ifp, router.buf, from.data(), static_cast<int>(kQueryV1Len));
-    }
-};
+using Mldv1Test = RecordHandlerTest;
+
+// A 24-byte MLDv1 message of `type` for `g` from `from`, received on `ifp`.
+void receive(Link* ifp, uint8_t type, const addr6& g, const addr6& from) {
+    bytes m(kQueryV1Len, 0);
+    m[0] = type;
+    std::memcpy(&m[8], g.data(), 16);
+    hear(ifp, m, -1, from);
+}
 
 constexpr uint8_t REPORT = kTypeV1Report;
 constexpr uint8_t DONE = kTypeV1Done;
@@ -381,21 +341,17 @@ TEST_F(Mldv1Test, ReportIsChangeToExcludeAndDoneIsChangeToInclude) {
     // clang-format off
     const std::vector<V1Row> rows = {
         {"report: EXCLUDE({},{}) at GMI, (*,G) with the upstream MIF, no query",
-         kFresh, "eth1", REPORT, "ff0e::101", kMember, exclude({}, {}, 260),
+         kFresh, REPORT, "ff0e::101", kMember, exclude({}, {}, 260),
          {}, {kAddStarG}},
         {"done from the member: Q(G), in MLDv2 form (MLDv1 hosts take it as theirs)",
-         kJoined, "eth1", DONE, "ff0e::101", kMember, exclude({}, {}, 2),
+         kJoined, DONE, "ff0e::101", kMember, exclude({}, {}, 2),
          {query(G1, {})}, {}},
         {"done from a host that is not a member is ignored",
-         kJoined, "eth1", DONE, "ff0e::101", kStranger, exclude({}, {}, 260), {}, {}},
+         kJoined, DONE, "ff0e::101", kStranger, exclude({}, {}, 260), {}, {}},
         {"report for a unicast address is ignored",
-         kFresh, "eth1", REPORT, "2001:db8::1", kMember, no_group(), {}, {}},
+         kFresh, REPORT, "2001:db8::1", kMember, no_group(), {}, {}},
         {"done for a unicast address is ignored",
-         kJoined, "eth1", DONE, "2001:db8::1", kMember, no_group(), {}, {}},
-        {"report on the upstream link is ignored",
-         kFresh, "up0", REPORT, "ff0e::101", kMember, no_group(), {}, {}},
-        {"done on the upstream link is ignored",
-         kFresh, "up0", DONE, "ff0e::101", kMember, no_group(), {}, {}},
+         kJoined, DONE, "2001:db8::1", kMember, no_group(), {}, {}},
     };
     // clang-format on
     for (const V1Row& row : rows) {
@@ -405,11 +361,9 @@ TEST_F(Mldv1Test, ReportIsChangeToExcludeAndDoneIsChangeToInclude) {
             receive(eth1, REPORT, G1, host);
             forget_kernel_calls();
         }
-        Link* link = find_link_by_name(&router, row.link);
         addr6 g = ip6(row.group);
-        receive(link, row.type, g, row.from == kStranger ? stranger : host);
-        EXPECT_EQ(link->mld_version, 2) << "a report never changes the link's version";
-        EXPECT_EQ(describe(group(link, g)), describe(row.after));
+        receive(eth1, row.type, g, row.from == kStranger ? stranger : host);
+        EXPECT_EQ(describe(group(eth1, g)), describe(row.after));
         EXPECT_EQ(queries_sent(), row.queries);
         EXPECT_EQ(mfc_calls(), row.kernel);
         if (row.before == kFresh && !row.after.exists) {
@@ -422,7 +376,6 @@ TEST_F(Mldv1Test, ReportIsChangeToExcludeAndDoneIsChangeToInclude) {
 // Present Timeout (RFC 3810 section 8.3.2): that group's source filters are void (TO_EX{S} is
 // TO_EX{}, BLOCK is ignored) while other groups keep theirs, and the link's queries stay MLDv2.
 TEST_F(Mldv1Test, OneMldv1HostPutsOnlyItsGroupInCompatibilityMode) {
-    const addr6 G2 = grp(2);
     receive(eth1, REPORT, G1, host);
     Group* g1 = group(eth1, G1);
     ASSERT_NE(g1, nullptr);
@@ -435,14 +388,295 @@ TEST_F(Mldv1Test, OneMldv1HostPutsOnlyItsGroupInCompatibilityMode) {
     handle_to_exclude_record(&router, eth1, stranger.data(), g2_to_ex_s1.data());
     EXPECT_EQ(describe(g1), describe(exclude({}, {}, 260)));
     EXPECT_EQ(describe(group(eth1, G2)), describe(exclude({}, {{1, 0}}, 260)));
-    EXPECT_EQ(queries_sent(), std::vector<std::string>{});
+    EXPECT_EQ(queries_sent(), texts{});
     EXPECT_EQ(eth1->mld_version, 2);
 
     g1->v1_host_timer = 1;  // the MLDv1 host has not been heard for the timeout
     age_link_groups(&router, eth1, 0);
     handle_to_exclude_record(&router, eth1, stranger.data(), to_ex_s1.data());
     EXPECT_EQ(describe(g1), describe(exclude({{1, 259}}, {}, 260)));  // filtered by the table
-    EXPECT_EQ(queries_sent(), std::vector<std::string>{query(G1, {1})});
+    EXPECT_EQ(queries_sent(), texts{query(G1, {1})});
+}
+
+// A chain of sources in the layout the list operations give their results, in this order.
+struct source_chain {
+    explicit source_chain(const std::vector<int>& ns) : entries(ns.size()) {
+        for (size_t i = 0; i < ns.size(); i++) {
+            std::memcpy(entries[i].src_addr, src(ns[i]).data(), 16);
+            entries[i].next = i + 1 < ns.size() ? &entries[i + 1] : nullptr;
+        }
+    }
+    const Source* head() const { return entries.empty() ? nullptr : entries.data(); }
+    uint32_t count() const { return static_cast<uint32_t>(entries.size()); }
+    std::vector<Source> entries;
+};
+
+class TimerTest : public ListenerTest {
+  protected:
+    // One second of the event loop for the listeners: every link's timer pass, then the merge
+    // (which removes what became empty); the queries sent in it.
+    texts tick() {
+        fake::kernel().sent_msgs.clear();
+        for (Link* ifp = router.interfaces; ifp; ifp = ifp->next) {
+            age_link_groups(&router, ifp, 0);
+        }
+        report_changes(&router);
+        return queries_sent();
+    }
+};
+
+// After a possible leave (RFC 3810 section 7.6.3): a group-specific query sets the filter timer
+// to LLQT (even upwards, as deployed) and goes out LLQC times, LLQI apart. A source-specific one
+// lowers to LLQT the timers above it (compared unsigned) of the sources the group holds (in
+// EXCLUDE mode: requests), asks for them, lowered ones first and in a query of their own, and
+// asks again LLQI later; sources the group lacks are not asked for.
+TEST_F(TimerTest, QueriesAfterAPossibleLeaveLowerTimersAndAreRepeated) {
+    struct Row {
+        const char* name;
+        group_state before;
+        std::vector<int> queried;  // none: group-specific
+        group_state after;
+        texts queries;  // at once, and again a second later
+    };
+    const std::vector<Row> rows = {
+        {"group-specific: filter timer 260 to LLQT",
+         exclude({}, {}, 260),
+         {},
+         exclude({}, {}, 2),
+         {query(G1, {})}},
+        {"group-specific: filter timer 1 to LLQT",
+         exclude({}, {}, 1),
+         {},
+         exclude({}, {}, 2),
+         {query(G1, {})}},
+        {"INCLUDE: 260 and -1 lowered, 2 and 1 kept, S5 unknown",
+         include({{1, 260}, {2, 2}, {3, 1}, {4, -1}}, 50),
+         {1, 2, 3, 4, 5},
+         include({{1, 2}, {2, 2}, {3, 1}, {4, 2}}, 50),
+         {query(G1, {4, 1}), query(G1, {3, 2})}},
+        {"EXCLUDE: the requested list only",
+         exclude({{1, 260}}, {{2, 0}}, 200),
+         {2, 1},
+         exclude({{1, 2}}, {{2, 0}}, 200),
+         {query(G1, {1})}},
+        {"no queried source in the group", include({{1, 100}}), {2, 3}, include({{1, 100}}), {}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        Group* g = make_group(eth1, G1, row.before, host);
+        forget_kernel_calls();
+        source_chain chain(row.queried);
+        EXPECT_EQ(stdout_of([&] {
+                      lower_timers_and_query(&router, eth1, g, G1.data(), chain.head(),
+                                             chain.count());
+                  }),
+                  "");
+        EXPECT_EQ(describe(g), describe(row.after));
+        EXPECT_EQ(queries_sent(), row.queries);
+        EXPECT_EQ(tick(), row.queries);
+        EXPECT_EQ(tick(), texts{});
+    }
+}
+
+// A second leave while the first one's sources still await their retransmission: the new
+// sources are asked with the pending ones, each query's count is its list's length.
+TEST_F(TimerTest, PendingSourcesAreAskedAgainWithTheNewOnes) {
+    Group* g = make_group(eth1, G1, include({{1, 260}, {2, 260}, {3, 1}}), host);
+    source_chain first({1, 3}), second({2});
+    lower_timers_and_query(&router, eth1, g, G1.data(), first.head(), first.count());
+    EXPECT_EQ(queries_sent(), (texts{query(G1, {1}), query(G1, {3})}));
+    forget_kernel_calls();
+    EXPECT_EQ(stdout_of([&] {
+                  lower_timers_and_query(&router, eth1, g, G1.data(), second.head(),
+                                         second.count());
+              }),
+              "");
+    EXPECT_EQ(queries_sent(), (texts{query(G1, {2, 1}), query(G1, {3})}));
+    EXPECT_EQ(tick(), (texts{query(G1, {2, 1}), query(G1, {3})}));
+    EXPECT_EQ(tick(), texts{});
+}
+
+// Hosts repeat their leaves (Linux sends BLOCK or TO_IN twice, the second copy often before
+// the router's retransmission). Each source is asked Last Listener Query Count times in all
+// (RFC 3810 section 7.6.3.2): a repeated leave neither restarts its count nor lowers its timer
+// again, and every query's count is that of the sources it carries, so none is dropped.
+TEST_F(TimerTest, RepeatedLeavesKeepEachSourcesRetransmissions) {
+    struct Row {
+        const char* name;
+        uint32_t llqc;
+        std::vector<std::vector<int>> steps;  // sources left; {} is one second of timers
+        texts queries;
+        int32_t s1_timer;  // after the last step; -1: S1 ran out and is gone
+    };
+    const std::vector<Row> rows = {
+        {"the same leave twice, then its retransmission",
+         2,
+         {{1}, {1}, {}},
+         {query(G1, {1}), query(G1, {1})},
+         1},
+        {"a second source joins the queries of the first",
+         3,
+         {{1}, {}, {2}, {}, {}, {}},
+         {query(G1, {1}), query(G1, {1}), query(G1, {2, 1}), query(G1, {2, 1}), query(G1, {2})},
+         -1},
+        {"one query and no retransmission: a repeated leave is asked again",
+         1,
+         {{1}, {1}},
+         {query(G1, {1}), query(G1, {1})},
+         1},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        router.last_listener_query_count = row.llqc;
+        Group* g = make_group(eth1, G1, include({{1, 260}, {2, 260}}), host);
+        forget_kernel_calls();
+        std::string out = stdout_of([&] {
+            for (const std::vector<int>& step : row.steps) {
+                source_chain left(step);
+                if (step.empty()) {
+                    age_link_groups(&router, eth1, 0);
+                } else {
+                    lower_timers_and_query(&router, eth1, g, G1.data(), left.head(), left.count());
+                }
+            }
+        });
+        EXPECT_EQ(out, "");
+        EXPECT_EQ(queries_sent(), row.queries);
+        ASSERT_EQ(group(eth1, G1), g);
+        const Source* s1 = find_source(g->include_list, src(1).data());
+        EXPECT_EQ(s1 ? s1->timer : -1, row.s1_timer);
+    }
+}
+
+// A source that runs out while its queries are still being repeated leaves at once, but its
+// group stays until the last retransmission is sent (and a tick more, for the answers).
+TEST_F(TimerTest, GroupOutlivesItsLastSourceUntilItsQueriesAreSent) {
+    router.last_listener_query_count = 3;
+    make_group(eth1, G1, include({{1, 1}}), host);
+    forget_kernel_calls();
+    handle_block_record(&router, eth1, host.data(),
+                        record(code(RecordType::BlockOldSources), G1, {1}).data());
+    EXPECT_EQ(queries_sent(), texts{query(G1, {1})});
+    EXPECT_EQ(tick(), texts{query(G1, {1})});
+    EXPECT_EQ(mfc_calls(), texts{"del 2001:db8::1 ff0e::101"});
+    EXPECT_EQ(describe(group(eth1, G1)), describe(include({})));
+    EXPECT_EQ(tick(), texts{query(G1, {1})});
+    EXPECT_NE(group(eth1, G1), nullptr);
+    EXPECT_EQ(tick(), texts{});
+    EXPECT_EQ(group(eth1, G1), nullptr);
+    EXPECT_EQ(router.mfdb_list, nullptr);
+}
+
+struct ExpiryRow {
+    const char* name;
+    group_state eth1_before, eth2_before, eth1_after;
+    texts kernel;
+    int exclude_count;  // of the entry afterwards; -1: the entry is gone
+};
+
+// One second of every link's timers (RFC 3810 section 7.5), as the last pass at shutdown runs
+// it: INCLUDE sources age and leave with their forwarding; requested sources that run out are
+// excluded; filter timer expiry returns the group to INCLUDE with its requested sources
+// (restarted at GMI), the link leaves the (*,G) entry and the entry's EXCLUDE count drops; an
+// empty group goes with its entry. Nothing expires early.
+TEST_F(TimerTest, OneSecondOfTimersFollowsTheRfc3810Table) {
+    const std::vector<ExpiryRow> rows = {
+        {"INCLUDE sources age, the one at 1 leaves",
+         include({{1, 1}, {2, 100}}),
+         no_group(),
+         include({{2, 99}}),
+         {"del 2001:db8::1 ff0e::101"},
+         0},
+        {"fresh timers only age", include({{1, 260}}), no_group(), include({{1, 259}}), {}, 0},
+        {"fresh filter timer only ages",
+         exclude({}, {{3, 0}}, 260),
+         no_group(),
+         exclude({}, {{3, 0}}, 259),
+         {},
+         1},
+        {"a requested source that runs out is excluded",
+         exclude({{1, 1}, {2, 5}}, {}, 100),
+         no_group(),
+         exclude({{2, 4}}, {{1, 1}}, 99),
+         {"add 2001:db8::1 ff0e::101 parent 0 mifs "},
+         1},
+        {"filter timer expiry, last listener: (*,G) removed, (S1,G) rewritten without it",
+         exclude({{1, 50}}, {{2, 0}}, 1),
+         no_group(),
+         include({{1, 260}}, 1),
+         {"del 2001:db8::2 ff0e::101", "del :: ff0e::101",
+          "add 2001:db8::1 ff0e::101 parent 0 mifs 1"},
+         0},
+        {"filter timer expiry, another link listens: both entries without this link's MIF",
+         exclude({{1, 50}}, {{2, 0}}, 1),
+         exclude({}, {}, 100),
+         include({{1, 260}}, 1),
+         {"del 2001:db8::2 ff0e::101", "add :: ff0e::101 parent 0 mifs 0,2",
+          "add 2001:db8::1 ff0e::101 parent 0 mifs 1,2"},
+         1},
+        {"filter timer expiry, nothing requested: group and entry removed",
+         exclude({}, {{2, 0}}, 1),
+         no_group(),
+         no_group(),
+         {"del 2001:db8::2 ff0e::101", "del :: ff0e::101"},
+         -1},
+    };
+    for (const ExpiryRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        Link* eth2 = make_link("eth2", 12, 2);
+        make_group(eth2, G1, row.eth2_before, host);
+        make_group(eth1, G1, row.eth1_before, host);
+        forget_kernel_calls();
+        final_membership_pass(&router);
+        EXPECT_EQ(describe(group(eth1, G1)), describe(row.eth1_after));
+        EXPECT_EQ(mfc_calls(), row.kernel);
+        EXPECT_EQ(queries_sent(), texts{});
+        ASSERT_EQ(entry(G1) != nullptr, row.exclude_count >= 0);
+        if (entry(G1)) {
+            EXPECT_EQ(entry(G1)->exclude_count, static_cast<uint32_t>(row.exclude_count));
+        }
+    }
+}
+
+// A deleted link's groups leave the forwarding database before its record is freed: the other
+// link's listening stays in the kernel, this link's goes, the EXCLUDE count drops once, and
+// later passes never reach the freed record (ASan). The upstream hears the leave at once
+// (robustness 2: the change and one retransmission); only the entry whose report is under way
+// stays, until its last copy is sent.
+TEST_F(UpstreamTest, ADeletedLinkReleasesItsGroupsAndTheUpstreamHearsTheLeave) {
+    make_group(eth1, G1, exclude({}, {}, 260), host);
+    make_group(eth1, G2, include({{1, 260}}), host);
+    make_group(eth2, G1, exclude({}, {}, 260), host);
+    make_group(eth3, G3, exclude({}, {}, 260), host);
+    tick();
+    tick();
+    forget_kernel_calls();
+    release_link_groups(&router, eth1);
+    EXPECT_EQ(eth1->groups, nullptr);
+    EXPECT_EQ(mfc_calls(),
+              (texts{"del 2001:db8::1 ff0e::102", "add :: ff0e::101 parent 0 mifs 0,2"}));
+    EXPECT_EQ(entry(G1)->exclude_count, 1u);
+    EXPECT_EQ(describe(group(eth2, G1)), describe(exclude({}, {}, 260)));
+    EXPECT_EQ(tick(), (texts{"BLOCK G2 {S1}", "BLOCK G2 {S1}"}));
+    ASSERT_NE(entry(G2), nullptr);  // kept until the merge after its last copy
+    report_changes(&router);
+    EXPECT_EQ(entry(G2), nullptr);
+
+    forget_kernel_calls();
+    SystemLink link{};
+    link.ifindex = 13;
+    handle_link_down(&router, &link);
+    EXPECT_EQ(find_link_by_name(&router, "eth3"), nullptr);
+    EXPECT_EQ(mfc_calls(), texts{"del :: ff0e::103"});
+    EXPECT_EQ(fake::sockopts(kKLevel, MRT6_DEL_MIF_OPT).size(), 1u);
+    EXPECT_EQ(tick(), (texts{"TO_IN G3 {}", "TO_IN G3 {}"}));
+    ASSERT_NE(entry(G3), nullptr);
+    report_changes(&router);
+    EXPECT_EQ(entry(G3), nullptr);
+    EXPECT_NE(entry(G1), nullptr);
 }
 
 }  // namespace
