@@ -1,6 +1,5 @@
 // Interface records: the raw ICMPv6 socket of each link with its options, what a failed
-// creation prints and releases, role, buffer and counts from name, MTU and configuration, and
-// the MIF index a new link gets.
+// creation prints and releases, role and buffer from name and MTU.
 #include <netinet/icmp6.h>
 #include <sys/select.h>
 
@@ -145,61 +144,24 @@ TEST_F(InterfaceTest, FailedCreationPrintsWhyAndReleasesEverything) {
     fake::kernel().socket_result = 0;
 }
 
-TEST_F(InterfaceTest, RoleBufferAndCountsFollowNameMtuAndConfiguration) {
-    struct Row {
-        const char* name;
-        int mtu;
-        uint32_t robustness;
-        int is_upstream;
-        uint32_t buf_size, startup_query_count;
-    };
-    const std::vector<Row> rows = {
-        {"up0", 1500, 2, 1, 1500, 1},
-        {"eth1", 9000, 2, 0, 9000, 1},
-        {"up00", 1500, 3, 0, 1500, 2},
-        {"up", 1500, 2, 0, 1500, 1},
-        {"UP0", 1500, 2, 0, 1500, 1},
-        {"eth1", -1, 2, 0, 2048, 1},
-        {"eth1", 1500, 0, 0, 1500, 0xffffffffu},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.name << " mtu " << row.mtu);
-        fake::kernel().mtu = row.mtu;
-        router.robustness = row.robustness;
+// Only the configured name exactly makes the upstream (whose address is the router's own
+// upstream address); every other link is a querier. The message buffer is the link's MTU, 2048
+// bytes when it cannot be read.
+TEST_F(InterfaceTest, RoleAndBufferFollowNameAndMtu) {
+    const std::vector<std::tuple<const char*, int, bool, uint32_t>> rows = {
+        {"up0", 1500, true, 1500}, {"eth1", 9000, false, 9000}, {"up00", 1500, false, 1500},
+        {"up", 1500, false, 1500}, {"UP0", 1500, false, 1500},  {"eth1", -1, false, 2048}};
+    for (const auto& [name, mtu, upstream, buf_size] : rows) {
+        SCOPED_TRACE(testing::Message() << name << " mtu " << mtu);
+        fake::kernel().mtu = mtu;
         std::memset(router.upstream_addr, 0, 16);
-        LinkDesc d = desc_of(row.name, 7, "fe80::abcd");
+        LinkDesc d = desc_of(name, 7, "fe80::abcd");
         Link* ifp = add_link(&router, &d, 4);
         ASSERT_NE(ifp, nullptr);
-        // Role, buffer and counts; a general query due as soon as it starts; defaults as set.
-        EXPECT_EQ(
-            std::vector<int64_t>({ifp->is_upstream, ifp->querier, ifp->buf_size,
-                                  ifp->startup_query_count, static_cast<int64_t>(ifp->query_due_ms),
-                                  ifp->query_interval, ifp->query_response_interval,
-                                  ifp->mld_version, ifp->mifi, ifp->ifindex, ifp->started}),
-            std::vector<int64_t>({row.is_upstream, 1 - row.is_upstream, row.buf_size,
-                                  row.startup_query_count, 0, 125, 10000, 2, 4, 7, 0}));
-        EXPECT_EQ(ip6_text(router.upstream_addr), row.is_upstream ? "fe80::abcd" : "::");
-        EXPECT_EQ(ip6_text(ifp->addr), "fe80::abcd");
+        EXPECT_EQ(std::vector<int64_t>({ifp->is_upstream, ifp->querier, ifp->buf_size}),
+                  std::vector<int64_t>({upstream, !upstream, buf_size}));
+        EXPECT_EQ(ip6_text(router.upstream_addr), upstream ? "fe80::abcd" : "::");
         std::memset(ifp->buf, 0xa5, ifp->buf_size);  // ASan: the buffer really is that big
-        delete_all();
-    }
-}
-
-TEST_F(InterfaceTest, NewMifIndexIsTheLowestFree) {
-    struct Row {
-        std::vector<uint16_t> taken;
-        uint16_t next;
-    };
-    const std::vector<Row> rows = {
-        {{}, 0}, {{0, 1, 2}, 3}, {{1, 2}, 0}, {{0, 2}, 1}, {{2, 0, 1, 4}, 3},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::PrintToString(row.taken));
-        for (size_t i = 0; i < row.taken.size(); i++) {
-            make_link(("l" + std::to_string(i)).c_str(), 10 + static_cast<uint32_t>(i),
-                      row.taken[i]);
-        }
-        EXPECT_EQ(free_mif_index(&router), row.next);
         delete_all();
     }
 }

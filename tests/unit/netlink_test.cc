@@ -383,7 +383,7 @@ TEST_F(NetlinkTest, RenamedLinkKeepsItsRecordAndFollowsItsMtu) {
     // With the downstream links chosen by name, a rename out of the choice lets the link go.
     router.downstream_count = 1;
     copy_ifname(router.downstream_ifnames[0], "lan2");
-    capture_stdout();
+    testing::internal::CaptureStdout();
     feed(link(RTM_NEWLINK, 7, kUpMc, "guest0"));
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "MLDRT: Link guest0 is not a DOWNSTREAM_IFNAME, left alone\n");

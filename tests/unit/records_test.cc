@@ -1,5 +1,4 @@
-// The listener database's resource limits (one LAN host must not exhaust the router) and the
-// address indexes beside a link's groups and the forwarding database.
+// The listener database's resource limits: one LAN host must not exhaust the router.
 #include "test_support.h"
 
 namespace {
@@ -93,67 +92,6 @@ TEST_F(RecordsTest, The16385thGroupIsRefusedAndNothingElseChanges) {
     EXPECT_EQ(find_forwarding_entry(&router, G1.data()), nullptr);
     delete_forwarding_entry(&router, find_forwarding_entry(&router, big(9).data()));
     EXPECT_NE(add_forwarding_entry(&router, G1.data()), nullptr) << "room again after a delete";
-}
-
-// The indexes grow through several doublings and lose records wherever their lists do: an
-// address is found exactly when its list holds it, the list keeps its order, and the last
-// record out frees the buckets (LeakSanitizer would report them otherwise).
-TEST_F(RecordsTest, AddressIndexesFollowTheirListsThroughGrowthAndRemoval) {
-    struct Row {
-        const char* name;
-        std::function<void*(const addr6&)> add, find;
-        std::function<void(void*)> remove;
-        std::function<std::vector<void*>()> walk;  // the list's records in order
-    };
-    auto walk = [](auto* p) {
-        std::vector<void*> v;
-        for (; p; p = p->next) {
-            v.push_back(p);
-        }
-        return v;
-    };
-    const std::vector<Row> rows = {
-        {"groups", [&](const addr6& a) -> void* { return add_group(&router, eth1, a.data()); },
-         [&](const addr6& a) -> void* { return find_group(eth1, a.data()); },
-         [](void* g) { delete_group(static_cast<Group*>(g)); }, [&] { return walk(eth1->groups); }},
-        {"forwarding entries",
-         [&](const addr6& a) -> void* { return add_forwarding_entry(&router, a.data()); },
-         [&](const addr6& a) -> void* { return find_forwarding_entry(&router, a.data()); },
-         [&](void* e) { delete_forwarding_entry(&router, static_cast<ForwardingEntry*>(e)); },
-         [&] { return walk(router.mfdb_list); }},
-    };
-    auto addr = [](int n) {
-        addr6 a = ip6("ff0e::");
-        a[14] = static_cast<uint8_t>(n >> 8);
-        a[15] = static_cast<uint8_t>(n);
-        return a;
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        std::vector<void*> recs, kept;
-        for (int n = 0; n < 300; n++) {
-            recs.push_back(row.add(addr(n)));
-            ASSERT_NE(recs.back(), nullptr);
-        }
-        for (int n = 299; n >= 0; n--) {  // head insertion: newest first
-            if (n % 3 == 0) {
-                row.remove(recs[n]);
-            } else {
-                kept.push_back(recs[n]);
-            }
-        }
-        for (int n = 0; n < 300; n++) {
-            EXPECT_EQ(row.find(addr(n)), n % 3 == 0 ? nullptr : recs[n]) << n;
-        }
-        EXPECT_EQ(row.walk(), kept);
-        void* again = row.add(addr(0));
-        EXPECT_EQ(row.find(addr(0)), again);
-        EXPECT_EQ(row.walk().front(), again);
-        for (void* rec : row.walk()) {
-            row.remove(rec);
-        }
-        EXPECT_EQ(row.find(addr(1)), nullptr);
-    }
 }
 
 }  // namespace

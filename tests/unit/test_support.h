@@ -95,14 +95,11 @@ inline Link* make_link(const char* name, uint32_t ifindex, uint16_t mifi) {
     return ifp;
 }
 
-// Starts capturing standard output with the once-a-second hold of repeated messages forgotten,
-// so that a case sees every message it causes (log_test.cc tests the hold itself).
-inline void capture_stdout() {
+// What `f` writes on standard output, with the once-a-second hold of repeated messages
+// forgotten, so that a case sees every message it causes (log_test.cc tests the hold itself).
+inline std::string stdout_of(const std::function<void()>& f) {
     log_reset();
     testing::internal::CaptureStdout();
-}
-inline std::string stdout_of(const std::function<void()>& f) {
-    capture_stdout();
     f();
     return testing::internal::GetCapturedStdout();
 }
@@ -122,33 +119,30 @@ inline bytes mif_bytes(uint16_t mifi, uint16_t pifi) {
 inline texts mfc_calls() {
     texts out;
     for (const auto& c : fake::kernel().sockopts) {
-        if (c.level != kKLevel || (c.name != MRT6_ADD_MFC_OPT && c.name != MRT6_DEL_MFC_OPT)) {
-            continue;
-        }
         const bool add = c.name == MRT6_ADD_MFC_OPT;
-        bytes rest = c.value;
-        if (rest.size() != 92) {
-            out.push_back("size " + std::to_string(rest.size()));
+        if (c.level != kKLevel || (!add && c.name != MRT6_DEL_MFC_OPT)) {
             continue;
         }
-        std::string s = (add ? "add " : "del ") + ip6_text(&rest[8]) + " " + ip6_text(&rest[36]);
-        std::fill(rest.begin() + 8, rest.begin() + 24, 0);
-        std::fill(rest.begin() + 36, rest.begin() + 52, 0);
+        bytes v = c.value;
+        if (v.size() != 92) {
+            out.push_back("size " + std::to_string(v.size()));
+            continue;
+        }
+        std::string s = (add ? "add " : "del ") + ip6_text(&v[8]) + " " + ip6_text(&v[36]);
+        std::fill(v.begin() + 8, v.begin() + 24, 0);
+        std::fill(v.begin() + 36, v.begin() + 52, 0);
         if (add) {
             uint16_t parent;
-            std::memcpy(&parent, &rest[56], 2);
+            std::memcpy(&parent, &v[56], 2);
             s += " parent " + std::to_string(parent) + " mifs ";
             for (uint32_t i = 0, word = 0, sep = 0; i < 256; i++) {
-                std::memcpy(&word, &rest[60 + 4 * (i / 32)], 4);
-                if (word & (1u << (i % 32))) {
-                    s += (sep++ ? "," : "") + std::to_string(i);
-                }
+                std::memcpy(&word, &v[60 + 4 * (i / 32)], 4);
+                s += word & (1u << (i % 32)) ? (sep++ ? "," : "") + std::to_string(i) : "";
             }
-            std::fill(rest.begin() + 56, rest.end(), 0);
+            std::fill(v.begin() + 56, v.end(), 0);
         }
-        out.push_back(std::all_of(rest.begin(), rest.end(), [](uint8_t b) { return !b; })
-                          ? s
-                          : s + " with stray bytes");
+        const bool stray = !std::all_of(v.begin(), v.end(), [](uint8_t b) { return !b; });
+        out.push_back(s + (stray ? " with stray bytes" : ""));
     }
     return out;
 }
@@ -196,56 +190,53 @@ inline group_state exc(const std::vector<int>& srcs) {
     return exclude({}, timed(srcs, 100), 260);
 }
 
-// A list as "{S1@100 ::@260}", sorted so that only membership and timers count.
-inline std::string list_text(std::vector<std::pair<std::string, int32_t>> items) {
-    std::sort(items.begin(), items.end());
-    std::string s = "{";
-    for (size_t i = 0; i < items.size(); i++) {
-        s += (i ? " " : "") + items[i].first + "@" + std::to_string(items[i].second);
-    }
-    return s + "}";
-}
-inline std::string list_text(const Source* l) {
-    std::vector<std::pair<std::string, int32_t>> items;
-    for (; l; l = l->next) {
-        items.emplace_back(src_name(l->src_addr), l->timer);
-    }
-    return list_text(items);
-}
-inline std::string list_text(const std::vector<src_timer>& l) {
-    std::vector<std::pair<std::string, int32_t>> items;
-    for (const auto& s : l) {
-        items.emplace_back(src_name(src(s.n).data()), s.timer);
-    }
-    return list_text(items);
-}
-inline std::string mode_text(FilterMode mode) {
-    return mode == FilterMode::Include ? "INCLUDE" : "EXCLUDE";
-}
-// "EXCLUDE filter_timer 260 inc{} req{S1@260} exc{S2@0}", or "no group".
+// "EXCLUDE filter_timer 260 inc{} req{S1@260} exc{S2@0}" (lists sorted, so that only
+// membership and timers count), or "no group".
 inline std::string describe(const group_state& st) {
-    return !st.exists
-               ? "no group"
-               : mode_text(st.mode) + " filter_timer " + std::to_string(st.filter_timer) + " inc" +
-                     list_text(st.inc) + " req" + list_text(st.req) + " exc" + list_text(st.exc);
+    if (!st.exists) {
+        return "no group";
+    }
+    std::string s = st.mode == FilterMode::Include ? "INCLUDE" : "EXCLUDE";
+    s += " filter_timer " + std::to_string(st.filter_timer);
+    const char* const names[3] = {" inc{", " req{", " exc{"};
+    const std::vector<src_timer>* lists[3] = {&st.inc, &st.req, &st.exc};
+    for (int i = 0; i < 3; i++) {
+        texts items;
+        for (const auto& e : *lists[i]) {
+            items.push_back(src_name(src(e.n).data()) + "@" + std::to_string(e.timer));
+        }
+        std::sort(items.begin(), items.end());
+        s += names[i];
+        for (size_t k = 0; k < items.size(); k++) {
+            s += (k ? " " : "") + items[k];
+        }
+        s += "}";
+    }
+    return s;
 }
 inline std::string describe(const Group* g) {
-    return !g ? "no group"
-              : mode_text(g->filter_mode) + " filter_timer " + std::to_string(g->filter_timer) +
-                    " inc" + list_text(g->include_list) + " req" + list_text(g->req_list) + " exc" +
-                    list_text(g->exc_list);
+    group_state st = no_group();
+    if (g) {
+        st = {true, g->filter_mode, {}, {}, {}, g->filter_timer};
+        std::vector<src_timer>* lists[3] = {&st.inc, &st.req, &st.exc};
+        const Source* heads[3] = {g->include_list, g->req_list, g->exc_list};
+        for (int i = 0; i < 3; i++) {
+            for (const Source* l = heads[i]; l; l = l->next) {
+                lists[i]->push_back({l->src_addr[15], l->timer});
+                EXPECT_EQ(std::memcmp(l->src_addr, src(l->src_addr[15]).data(), 16), 0);
+            }
+        }
+    }
+    return describe(st);
 }
 
 // Builds `st` for group `g` on the link as reports from `host` would have: the join sequence,
 // the link's any-source mark in EXCLUDE mode, every source through the forwarding-aware list
 // operations (so the MIF marks and kernel entries are those of real traffic), mode and timer.
 inline Group* make_group(Link* ifp, const addr6& g, const group_state& st, const addr6& host) {
-    if (!st.exists) {
-        return nullptr;
-    }
-    Group* rec = join_group(&router, ifp, host.data(), g.data(), false);
-    EXPECT_NE(rec, nullptr);
+    Group* rec = st.exists ? join_group(&router, ifp, host.data(), g.data(), false) : nullptr;
     if (!rec) {
+        EXPECT_FALSE(st.exists);
         return nullptr;
     }
     if (st.mode == FilterMode::Exclude) {
@@ -277,6 +268,21 @@ inline bytes record(uint8_t type, const addr6& g, const std::vector<int>& srcs) 
     }
     return r;
 }
+// An MLDv2 query for `g` (:: for a general query) listing `srcs`, with Number of Sources
+// `claimed` (the real count when negative): MRC 10000, QRV 2, QQIC 125.
+inline bytes v2_query(const addr6& g, const std::vector<int>& srcs, int claimed = -1) {
+    bytes q = record(0, g, srcs);  // group at 4, sources from 20
+    q.insert(q.begin(), 4, 0);     // now at 8 and 24
+    q.insert(q.begin() + 24, {2, 125, 0, 0});
+    q[0] = kTypeQuery;
+    q[4] = 0x27;
+    q[5] = 0x10;
+    q[6] = q[7] = 0;
+    const uint32_t n = claimed < 0 ? static_cast<uint32_t>(srcs.size()) : claimed;
+    q[26] = static_cast<uint8_t>(n >> 8);
+    q[27] = static_cast<uint8_t>(n);
+    return q;
+}
 
 // The expected text of a query for group `g` with sources `srcs`, sent to the group itself.
 inline std::string query(const addr6& g, const std::vector<int>& srcs) {
@@ -294,41 +300,31 @@ inline texts queries_sent() {
     texts out;
     for (const auto& m : fake::kernel().sent_msgs) {
         const bytes& p = m.payload;
-        std::string to = " to " + ip6_text(reinterpret_cast<const uint8_t*>(&m.dst.sin6_addr));
-        if (to == " to ff02::16") {
+        const std::string to = ip6_text(reinterpret_cast<const uint8_t*>(&m.dst.sin6_addr));
+        const uint32_t n = p.size() >= kQueryV2HdrLen ? (p[26] << 8 | p[27]) : 0;
+        if (to == "ff02::16") {
             continue;
-        }
-        if (p.size() < kQueryV1Len || p[0] != kTypeQuery) {
-            out.push_back("not a query of " + std::to_string(p.size()) + " bytes" + to);
-            continue;
-        }
-        if (p.size() == kQueryV1Len) {
-            out.push_back("v1 Q(" + ip6_text(&p[8]) + ")" + to);
-            continue;
-        }
-        uint32_t n = (static_cast<uint32_t>(p[26]) << 8) | p[27];
-        if (p.size() != kQueryV2HdrLen + kAddrLen * n) {
+        } else if (p.size() < kQueryV1Len || p[0] != kTypeQuery) {
+            out.push_back("not a query of " + std::to_string(p.size()) + " bytes to " + to);
+        } else if (p.size() == kQueryV1Len) {
+            out.push_back("v1 Q(" + ip6_text(&p[8]) + ") to " + to);
+        } else if (p.size() != kQueryV2HdrLen + kAddrLen * n) {
             out.push_back("query of " + std::to_string(p.size()) + " bytes with N " +
                           std::to_string(n));
-            continue;
+        } else {
+            std::string s = "Q(" + ip6_text(&p[8]) + " {";
+            for (uint32_t i = 0; i < n; i++) {
+                s += (i ? " " : "") + src_name(&p[kQueryV2HdrLen + kAddrLen * i]);
+            }
+            out.push_back(s + "}) to " + to);
         }
-        std::string s = "Q(" + ip6_text(&p[8]) + " {";
-        for (uint32_t i = 0; i < n; i++) {
-            s += (i ? " " : "") + src_name(&p[kQueryV2HdrLen + kAddrLen * i]);
-        }
-        out.push_back(s + "})" + to);
     }
     return out;
 }
 
-// One multicast address record of a report: "IS_IN G1" and its sources.
-struct mrec {
-    std::string head;
-    std::vector<addr6> srcs;
-};
-
-// The records of an MLDv2 report, read byte by byte in network order; `error` says what is
-// wrong when the header, the counts and the length disagree.
+// The records of an MLDv2 report, read byte by byte in network order, as "IS_IN G1" and their
+// sources; `error` says what is wrong when the header, the counts and the length disagree.
+using mrec = std::pair<std::string, std::vector<addr6>>;
 inline std::vector<mrec> records_of(const bytes& p, std::string* error) {
     static const char* const kTypes[7] = {"?",     "IS_IN", "IS_EX", "TO_IN",
                                           "TO_EX", "ALLOW", "BLOCK"};
@@ -350,8 +346,8 @@ inline std::vector<mrec> records_of(const bytes& p, std::string* error) {
         out.push_back({std::string(kTypes[p[off]]) + " " + grp_name(&p[off + 4]), {}});
         off += kMcastRecHdrLen;
         for (uint32_t k = 0; k < n; k++, off += kAddrLen) {
-            out.back().srcs.emplace_back();
-            std::memcpy(out.back().srcs.back().data(), &p[off], kAddrLen);
+            out.back().second.emplace_back();
+            std::memcpy(out.back().second.back().data(), &p[off], kAddrLen);
         }
     }
     if (error->empty() && off != p.size()) {
@@ -360,21 +356,9 @@ inline std::vector<mrec> records_of(const bytes& p, std::string* error) {
     return out;
 }
 
-// An MLDv2 report as "TO_EX G1 {S1 S2}; BLOCK G1 {S3}", "no records" when it has none.
-inline std::string report_text(const bytes& p) {
-    std::string error, out;
-    for (const mrec& r : records_of(p, &error)) {
-        out += (out.empty() ? "" : "; ") + r.head + " {";
-        for (size_t i = 0; i < r.srcs.size(); i++) {
-            out += (i ? " " : "") + src_name(r.srcs[i].data());
-        }
-        out += "}";
-    }
-    return !error.empty() ? error : out.empty() ? "no records" : out;
-}
-
 // Every message sent so far, each on `ifp` and fitting it unfragmented: MLDv2 reports to
-// ff02::16 as report_text(), MLDv1 ones as "v1 report G1 to G1" or "v1 done G1 to ff02::2".
+// ff02::16 as "TO_EX G1 {S1 S2}; BLOCK G1 {S3}" ("no records" for none), MLDv1 ones as
+// "v1 report G1 to G1" or "v1 done G1 to ff02::2".
 inline texts reports_sent(const Link* ifp) {
     texts out;
     for (const auto& m : fake::kernel().sent_msgs) {
@@ -388,28 +372,18 @@ inline texts reports_sent(const Link* ifp) {
                           grp_name(&p[8]) + " to " + grp_name(dst));
             continue;
         }
-        out.push_back(report_text(p) + (ip6_text(dst) == "ff02::16" ? "" : " to " + ip6_text(dst)));
+        std::string error, s;
+        for (const mrec& r : records_of(p, &error)) {
+            s += (s.empty() ? "" : "; ") + r.first + " {";
+            for (size_t i = 0; i < r.second.size(); i++) {
+                s += (i ? " " : "") + src_name(r.second[i].data());
+            }
+            s += "}";
+        }
+        s = !error.empty() ? error : s.empty() ? "no records" : s;
+        out.push_back(s + (ip6_text(dst) == "ff02::16" ? "" : " to " + ip6_text(dst)));
     }
     return out;
-}
-
-// An MLDv2 query for `g` (:: for a general query) listing `srcs`, with Number of Sources
-// `claimed` (the real count when negative): MRC 10000, QRV 2, QQIC 125.
-inline bytes v2_query(const addr6& g, const std::vector<int>& srcs, int claimed = -1) {
-    bytes q(kQueryV2HdrLen + kAddrLen * srcs.size());
-    q[0] = kTypeQuery;
-    q[4] = 0x27;
-    q[5] = 0x10;
-    std::memcpy(&q[8], g.data(), 16);
-    q[24] = 2;
-    q[25] = 125;
-    uint32_t n = claimed < 0 ? static_cast<uint32_t>(srcs.size()) : static_cast<uint32_t>(claimed);
-    q[26] = static_cast<uint8_t>(n >> 8);
-    q[27] = static_cast<uint8_t>(n);
-    for (size_t i = 0; i < srcs.size(); i++) {
-        std::memcpy(&q[kQueryV2HdrLen + kAddrLen * i], src(srcs[i]).data(), 16);
-    }
-    return q;
 }
 
 // `msg` received on `ifp` from `from`, as the receive path hands it on: at the start of the

@@ -290,13 +290,13 @@ sent_records records_sent(const Link* up) {
         size_t n = 0;
         std::vector<mrec> recs = records_of(m.payload, &error);
         for (const mrec& r : recs) {
-            for (const addr6& a : r.srcs) {
-                out.lines.push_back(r.head + " " + src_name(a.data()));
+            for (const addr6& a : r.second) {
+                out.lines.push_back(r.first + " " + src_name(a.data()));
             }
-            if (r.srcs.empty()) {
-                out.lines.push_back(r.head);
+            if (r.second.empty()) {
+                out.lines.push_back(r.first);
             }
-            n += r.srcs.size();
+            n += r.second.size();
         }
         out.shapes.push_back(std::to_string(recs.size()) + " records " + std::to_string(n) +
                              " sources");
