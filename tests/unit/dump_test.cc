@@ -27,22 +27,6 @@ class DumpTest : public UpstreamTest {
     }
 };
 
-TEST_F(DumpTest, LinkBeforeAndAfterEveryMessageAndNothingWithoutVerbose) {
-    const std::string empty = "\n Interface eth1 PhyIdx 11\n Member Groups  :NO GROUPS";
-    EXPECT_EQ(stdout_of([&] { hear(eth1, v2_query(addr6{}, {})); }),
-              "\n<===================BEFORE HANDLING RCVD MSG======================>" + empty +
-                  kClosing +
-                  "\n<===================AFTER HANDLING RCVD MSG======================>" + empty +
-                  kClosing);
-    router.verbose = 0;
-    set_state(eth1, G1, exc({2}));
-    EXPECT_EQ(stdout_of([&] {
-                  hear(eth1, v2_query(addr6{}, {}));
-                  tick();
-              }),
-              "");
-}
-
 // Every upcall prints eth1's database as "CACHE LOOKUP": groups in list order with their lists
 // and their entry's forwarding records, a MIF listed where its mark is exactly "wanted".
 TEST_F(DumpTest, LinkWithGroupsListsAndForwardingRecordsAtAnUpcall) {
