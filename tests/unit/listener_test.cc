@@ -396,23 +396,11 @@ TEST_F(TimerTest, QueriesAfterAPossibleLeaveLowerTimersAndAreRepeated) {
     }
 }
 
-// A second leave while the first one's sources still await their retransmission: the new
-// sources are asked with the pending ones, each query's count is its list's length.
-TEST_F(TimerTest, PendingSourcesAreAskedAgainWithTheNewOnes) {
-    Group* g = make_group(eth1, G1, include({{1, 260}, {2, 260}, {3, 1}}), host);
-    leave(g, {1, 3});
-    EXPECT_EQ(queries_sent(), (texts{query(G1, {1}), query(G1, {3})}));
-    forget_kernel_calls();
-    EXPECT_EQ(leave(g, {2}), "");
-    EXPECT_EQ(queries_sent(), (texts{query(G1, {2, 1}), query(G1, {3})}));
-    EXPECT_EQ(tick(), (texts{query(G1, {2, 1}), query(G1, {3})}));
-    EXPECT_EQ(tick(), texts{});
-}
-
 // Hosts repeat their leaves (Linux sends BLOCK or TO_IN twice, the second copy often before
 // the router's retransmission). Each source is asked Last Listener Query Count times in all
 // (RFC 3810 section 7.6.3.2): a repeated leave neither restarts its count nor lowers its timer
-// again, and every query's count is that of the sources it carries, so none is dropped.
+// again; a new source is asked with the pending ones, each query's count that of the sources it
+// carries, so none is dropped.
 TEST_F(TimerTest, RepeatedLeavesKeepEachSourcesRetransmissions) {
     struct Row {
         const char* name;

@@ -123,6 +123,7 @@ TEST_F(NetlinkTest, DumpRequestsShareOneSocketBoundToLinkAndAddressGroups) {
     EXPECT_EQ(sock, 0);
     k.bind_result = 0;
     k.sockets.clear();
+    k.bound.clear();
     ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETLINK), 0);
     ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETADDR), 0);
     ASSERT_EQ(k.sockets.size(), 1u);
