@@ -16,9 +16,9 @@ const char* const kLimit = "MLDRT: Limit of 64 sources per list reached, request
 // Kernel calls for ff0e::101 as mfc_calls() prints them, written "+*" and "-*" for the (*,G)
 // entry, "+n" for (Sn,G) forwarded to eth1, "=n" for (Sn,G) held back from it (an excluded
 // source's own entry), "-n" for its deletion; "+1..12" is the range in that order.
-texts k(const std::string& spec) {
+texts k(const std::string& notation) {
     texts v;
-    std::istringstream in(spec);
+    std::istringstream in(notation);
     for (std::string t; in >> t;) {
         if (t[1] == '*') {
             v.push_back(t[0] == '+' ? "add :: ff0e::101 parent 0 mifs 0,1" : "del :: ff0e::101");
