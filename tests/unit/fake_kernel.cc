@@ -118,10 +118,6 @@ void run_second() {
     input_pass(&router, &next_tick);
 }
 
-int64_t clock_now() {
-    return g_clock_base + g_kernel.clock_seconds;
-}
-
 std::vector<sockopt_call> sockopts(int level, int name) {
     std::vector<sockopt_call> out;
     for (const auto& c : g_kernel.sockopts) {
@@ -317,11 +313,9 @@ int __wrap_select(int n, fd_set* r, fd_set* w, fd_set* e, timeval* t) {
     fake::log_call("select");
     if (t) {
         g_kernel.select_timeouts.push_back(*t);
-    }
-    if (g_kernel.select_result == 0 && t) {
         *t = timeval{0, 0};
     }
-    return g_kernel.select_result;
+    return 0;
 }
 
 int __real_clock_gettime(clockid_t id, timespec* ts);
@@ -336,19 +330,14 @@ int __wrap_clock_gettime(clockid_t id, timespec* ts) {
 }
 
 time_t __wrap_time(time_t* out) {
-    time_t now = static_cast<time_t>(fake::clock_now());
+    time_t now = static_cast<time_t>(fake::g_clock_base + g_kernel.clock_seconds);
     if (out) {
         *out = now;
     }
     return now;
 }
 
-int __wrap_usleep(useconds_t usec) {
-    g_kernel.slept_usec += usec;
-    g_kernel.sleeps.push_back(usec);
-    if (g_kernel.on_usleep) {
-        g_kernel.on_usleep();
-    }
-    return 0;
+int __wrap_usleep(useconds_t) {
+    return 0;  // the daemon never waits on a fake clock
 }
 }

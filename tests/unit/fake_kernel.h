@@ -77,18 +77,13 @@ struct kernel_state {
     std::vector<std::vector<uint8_t>> bound;  // the address of every bind(), as passed
     std::vector<int> recv_flags;              // flags of every recv() (netlink)
     std::vector<int> recvmsg_flags;           // flags of every recvmsg()
-    int mtu = 1500;
-    sg_answer sg_counts{};  // SIOCGIFMTU answer; negative: the ioctl fails
-    uint64_t slept_usec = 0;
-    std::vector<uint32_t> sleeps;     // every usleep() argument, in order
-    std::function<void()> on_usleep;  // runs inside every usleep()
-    // time() answers a fake clock plus this many seconds. Every reset() moves the fake clock an
-    // hour past its last reading, so a once-a-minute rate limit of an earlier test has lapsed.
+    int mtu = 1500;                           // SIOCGIFMTU answer; negative: the ioctl fails
+    sg_answer sg_counts{};
+    // time() answers a fake clock plus this many seconds, the monotonic clock (clock_gettime) a
+    // fake base plus this many milliseconds. Every reset() moves both an hour past their last
+    // reading, so a once-a-minute rate limit of an earlier test has lapsed.
     int64_t clock_seconds = 0;
-    // The monotonic clock (clock_gettime) answers a fake base plus this many milliseconds; the
-    // base too moves an hour on at every reset().
     uint64_t monotonic_ms = 0;
-    int select_result = 0;
     std::vector<timeval> select_timeouts;  // what every select() was asked to wait
     // openlog() as "ident facility option", then every syslog() record as "priority text".
     std::vector<std::string> syslog;
@@ -108,8 +103,6 @@ void fresh_router(uint32_t robustness);
 // MIF `mifi`; null when the daemon refuses it.
 mldproxy::Link* make_link(const char* name, uint32_t ifindex, uint16_t mifi);
 
-// What time() returns now.
-int64_t clock_now();
 // What the monotonic clock says now, in milliseconds.
 uint64_t monotonic_now_ms();
 

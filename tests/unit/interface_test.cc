@@ -1,9 +1,9 @@
+// Interface records: the raw ICMPv6 socket of each link with its options, what a failed
+// creation prints and releases, role and buffer from name and MTU.
 #include <netinet/icmp6.h>
 #include <sys/select.h>
 
 #include "test_support.h"
-
-using namespace mldproxy;
 
 namespace {
 
@@ -96,7 +96,7 @@ TEST_F(InterfaceTest, FailedCreationPrintsWhyAndReleasesEverything) {
     struct Row {
         const char* name;
         std::function<void()> setup;
-        const char* out;
+        std::string out;
     };
     auto fail_option = [](int k) {
         return [k] {
@@ -105,32 +105,24 @@ TEST_F(InterfaceTest, FailedCreationPrintsWhyAndReleasesEverything) {
             };
         };
     };
-    const std::vector<Row> rows = {
-        {"SO_REUSEADDR", fail_option(0),
-         "MLDRT: SetSockOpt failed for SO_REUSEADDR: setsockopt: Permission denied\n"},
-        {"hops", fail_option(1),
-         "MLDRT: SetSockOpt failed for IPV6_MULTICAST_HOPS: setsockopt: Permission denied\n"},
-        {"loop", fail_option(2),
-         "MLDRT: SetSockOpt failed for IPV6_MULTICAST_LOOP: setsockopt: Permission denied\n"},
-        {"multicast if", fail_option(3),
-         "MLDRT: SetSockOpt failed for IP_MULTICAST_IF: setsockopt: Permission denied\n"},
-        {"join ff02::2", fail_option(4),
-         "MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP1: setsockopt: Permission denied\n"},
-        {"join ff02::16", fail_option(5),
-         "MLDRT: SetSockOpt failed for IPV6_ADD_MEMBERSHIP2: setsockopt: Permission denied\n"},
-        {"checksum", fail_option(6),
-         "MLDRT: SetSockOpt failed for IPV6_CHECKSUM: setsockopt: Permission denied\n"},
-        {"pktinfo", fail_option(7),
-         "MLDRT: SetSockOpt failed for IPV6_RECVPKTINFO: setsockopt: Permission denied\n"},
-        {"filter", fail_option(8),
-         "MLDRT: SetSockOpt failed for ICMP Filter: setsockopt: Permission denied\n"},
-        {"no socket", [] { fake::kernel().socket_result = -1; },
-         "MLDRT: Cant open interface socket: socket: Operation not permitted\n"},
-        // The MTU query takes FD_SETSIZE - 1, the interface socket FD_SETSIZE: select() could
-        // never watch it.
-        {"socket beyond FD_SETSIZE", [] { fake::kernel().next_fd = FD_SETSIZE - 1; },
-         "MLDRT: Cant open interface socket\n"},
-    };
+    const char* const options[] = {
+        "SO_REUSEADDR",    "IPV6_MULTICAST_HOPS",  "IPV6_MULTICAST_LOOP",
+        "IP_MULTICAST_IF", "IPV6_ADD_MEMBERSHIP1", "IPV6_ADD_MEMBERSHIP2",
+        "IPV6_CHECKSUM",   "IPV6_RECVPKTINFO",     "ICMP Filter"};
+    std::vector<Row> rows;
+    for (int k = 0; k < 9; k++) {
+        rows.push_back({options[k], fail_option(k),
+                        "MLDRT: SetSockOpt failed for " + std::string(options[k]) +
+                            ": setsockopt: Permission denied\n"});
+    }
+    rows = rows + std::vector<Row>{
+                      {"no socket", [] { fake::kernel().socket_result = -1; },
+                       "MLDRT: Cant open interface socket: socket: Operation not permitted\n"},
+                      // The MTU query takes FD_SETSIZE - 1, the interface socket FD_SETSIZE:
+                      // select() could never watch it.
+                      {"socket beyond FD_SETSIZE", [] { fake::kernel().next_fd = FD_SETSIZE - 1; },
+                       "MLDRT: Cant open interface socket\n"},
+                  };
     for (size_t i = 0; i < rows.size(); i++) {
         SCOPED_TRACE(rows[i].name);
         auto& k = fake::kernel();
@@ -152,101 +144,26 @@ TEST_F(InterfaceTest, FailedCreationPrintsWhyAndReleasesEverything) {
     fake::kernel().socket_result = 0;
 }
 
-TEST_F(InterfaceTest, RoleBufferAndCountsFollowNameMtuAndConfiguration) {
-    struct Row {
-        const char* name;
-        int mtu;
-        uint32_t robustness;
-        int is_upstream;
-        uint32_t buf_size, startup_query_count;
-    };
-    const std::vector<Row> rows = {
-        {"up0", 1500, 2, 1, 1500, 1},
-        {"eth1", 9000, 2, 0, 9000, 1},
-        {"up00", 1500, 3, 0, 1500, 2},
-        {"up", 1500, 2, 0, 1500, 1},
-        {"UP0", 1500, 2, 0, 1500, 1},
-        {"eth1", -1, 2, 0, 2048, 1},
-        {"eth1", 1500, 0, 0, 1500, 0xffffffffu},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.name << " mtu " << row.mtu);
-        fake::kernel().mtu = row.mtu;
-        router.robustness = row.robustness;
+// Only the configured name exactly makes the upstream (whose address is the router's own
+// upstream address); every other link is a querier. The message buffer is the link's MTU, 2048
+// bytes when it cannot be read.
+TEST_F(InterfaceTest, RoleAndBufferFollowNameAndMtu) {
+    const std::vector<std::tuple<const char*, int, bool, uint32_t>> rows = {
+        {"up0", 1500, true, 1500}, {"eth1", 9000, false, 9000}, {"up00", 1500, false, 1500},
+        {"up", 1500, false, 1500}, {"UP0", 1500, false, 1500},  {"eth1", -1, false, 2048}};
+    for (const auto& [name, mtu, upstream, buf_size] : rows) {
+        SCOPED_TRACE(testing::Message() << name << " mtu " << mtu);
+        fake::kernel().mtu = mtu;
         std::memset(router.upstream_addr, 0, 16);
-        LinkDesc d = desc_of(row.name, 7, "fe80::abcd");
+        LinkDesc d = desc_of(name, 7, "fe80::abcd");
         Link* ifp = add_link(&router, &d, 4);
         ASSERT_NE(ifp, nullptr);
-        // Role, buffer and counts; a general query due as soon as it starts; defaults as set.
-        EXPECT_EQ(
-            std::vector<int64_t>({ifp->is_upstream, ifp->querier, ifp->buf_size,
-                                  ifp->startup_query_count, static_cast<int64_t>(ifp->query_due_ms),
-                                  ifp->query_interval, ifp->query_response_interval,
-                                  ifp->mld_version, ifp->mifi, ifp->ifindex, ifp->started}),
-            std::vector<int64_t>({row.is_upstream, 1 - row.is_upstream, row.buf_size,
-                                  row.startup_query_count, 0, 125, 10000, 2, 4, 7, 0}));
-        EXPECT_EQ(ip6_text(router.upstream_addr), row.is_upstream ? "fe80::abcd" : "::");
-        EXPECT_EQ(ip6_text(ifp->addr), "fe80::abcd");
+        EXPECT_EQ(std::vector<int64_t>({ifp->is_upstream, ifp->querier, ifp->buf_size}),
+                  std::vector<int64_t>({upstream, !upstream, buf_size}));
+        EXPECT_EQ(ip6_text(router.upstream_addr), upstream ? "fe80::abcd" : "::");
         std::memset(ifp->buf, 0xa5, ifp->buf_size);  // ASan: the buffer really is that big
         delete_all();
     }
-}
-
-TEST_F(InterfaceTest, AddingAKnownNameReturnsTheExistingRecordUnchanged) {
-    Link* first = make_link("eth1", 7, 0);
-    size_t sockets = fake::kernel().sockets.size();
-    LinkDesc d = desc_of("eth1", 9, "fe80::99");
-    EXPECT_EQ(add_link(&router, &d, 4), first);
-    EXPECT_EQ(fake::kernel().sockets.size(), sockets);
-    EXPECT_EQ(first->ifindex, 7u);
-    EXPECT_EQ(first->mifi, 0);
-    EXPECT_EQ(ip6_text(first->addr), "fe80::7");
-    EXPECT_EQ(first->next, nullptr);
-}
-
-TEST_F(InterfaceTest, LookupsFindTheRecordByNameIndexOrAddress) {
-    Link* a = make_link("eth1", 7, 0);
-    Link* b = make_link("eth2", 8, 1);
-    Link* c = make_link("eth3", 9, 2);
-    EXPECT_EQ(router.interfaces, c);  // new records at the head
-    EXPECT_EQ(find_link_by_name(router.interfaces, "eth2"), b);
-    EXPECT_EQ(find_link_by_name(router.interfaces, "eth"), nullptr);
-    EXPECT_EQ(find_link_by_name(router.interfaces, "eth22"), nullptr);
-    EXPECT_EQ(find_link_by_index(router.interfaces, 7), a);
-    EXPECT_EQ(find_link_by_index(router.interfaces, 10), nullptr);
-    EXPECT_EQ(find_link_by_address(router.interfaces, ip6("fe80::9").data()), c);
-    EXPECT_EQ(find_link_by_address(router.interfaces, ip6("fe81::9").data()), nullptr);
-    EXPECT_EQ(find_link_by_address(router.interfaces, ip6("fe80::1:9").data()), nullptr);
-    delete_link(b);  // unlinking from the middle keeps both neighbours reachable
-    EXPECT_EQ(c->next, a);
-    EXPECT_EQ(a->pprev, &c->next);
-    EXPECT_EQ(find_link_by_index(router.interfaces, 8), nullptr);
-}
-
-TEST_F(InterfaceTest, NewMifIndexIsTheLowestFree) {
-    struct Row {
-        std::vector<uint16_t> taken;
-        uint16_t next;
-    };
-    const std::vector<Row> rows = {
-        {{}, 0}, {{0, 1, 2}, 3}, {{1, 2}, 0}, {{0, 2}, 1}, {{2, 0, 1, 4}, 3},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::PrintToString(row.taken));
-        for (size_t i = 0; i < row.taken.size(); i++) {
-            make_link(("l" + std::to_string(i)).c_str(), 10 + static_cast<uint32_t>(i),
-                      row.taken[i]);
-        }
-        EXPECT_EQ(free_mif_index(router.interfaces), row.next);
-        delete_all();
-    }
-    make_link("a", 2, 0);
-    make_link("b", 3, 1);
-    make_link("c", 4, 2);
-    delete_link(find_link_by_name(router.interfaces, "a"));
-    EXPECT_EQ(free_mif_index(router.interfaces), 0);
-    EXPECT_EQ(make_link("d", 5, free_mif_index(router.interfaces))->mifi, 0);
-    EXPECT_EQ(free_mif_index(router.interfaces), 3);
 }
 
 }  // namespace

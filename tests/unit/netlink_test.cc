@@ -1,13 +1,13 @@
+// Routing netlink: the dump requests, the batches read (every length checked against what
+// arrived), the links and link-local addresses that make interface records and MIFs, and how
+// records follow renames, MTU changes and deletions.
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 
 #include <optional>
 
-#include "daemon/netlink.h"
 #include "test_support.h"
-
-using namespace mldproxy;
 
 namespace {
 
@@ -106,11 +106,26 @@ class NetlinkTest : public RouterTest {
     }
 };
 
+// A socket or bind failure is named and sends nothing; then both dump requests share one socket
+// bound to the link and IPv6 address groups.
 TEST_F(NetlinkTest, DumpRequestsShareOneSocketBoundToLinkAndAddressGroups) {
     int32_t sock = 0;
+    auto& k = fake::kernel();
+    k.socket_result = -1;
+    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK, 0), -1); }),
+              "MLDRT: Can't open bcast socket: socket: Operation not permitted\n");
+    k.socket_result = 0;
+    k.bind_result = -1;
+    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK, 0), -1); }),
+              "MLDRT: Can't bind bcast socket: bind: Address already in use\n");
+    EXPECT_EQ(k.closed, std::vector<int>{k.sockets.at(0).fd});
+    EXPECT_TRUE(k.sent.empty());
+    EXPECT_EQ(sock, 0);
+    k.bind_result = 0;
+    k.sockets.clear();
+    k.bound.clear();
     ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETLINK, 0), 0);
     ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETADDR, 1), 0);
-    const auto& k = fake::kernel();
     ASSERT_EQ(k.sockets.size(), 1u);
     const fake::socket_call& s = k.sockets[0];
     EXPECT_EQ(std::vector<int>({sock, s.domain, s.type, s.protocol}),
@@ -122,27 +137,12 @@ TEST_F(NetlinkTest, DumpRequestsShareOneSocketBoundToLinkAndAddressGroups) {
     // Header (length 17, type, NLM_F_REQUEST | NLM_F_DUMP, consecutive sequence numbers,
     // pid 0), then a zeroed rtgenmsg padded to 4 bytes.
     ASSERT_EQ(k.sent.size(), 2u);
-    ASSERT_GE(k.sent[0].size(), 12u);
     uint32_t seq0 = 0;
     std::memcpy(&seq0, &k.sent[0][8], 4);
     for (uint16_t i = 0; i < 2; i++) {
         nlmsghdr h{17, static_cast<uint16_t>(i == 0 ? 18 : 22), 0x301, seq0 + i, 0};
         EXPECT_EQ(k.sent[i], cat({raw(h), bytes(4, 0)})) << i;
     }
-}
-
-TEST_F(NetlinkTest, SocketOrBindFailureIsReportedAndSendsNothing) {
-    int32_t sock = 0;
-    fake::kernel().socket_result = -1;
-    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK, 0), -1); }),
-              "MLDRT: Can't open bcast socket: socket: Operation not permitted\n");
-    fake::kernel().socket_result = 0;
-    fake::kernel().bind_result = -1;
-    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK, 0), -1); }),
-              "MLDRT: Can't bind bcast socket: bind: Address already in use\n");
-    EXPECT_EQ(fake::kernel().closed, std::vector<int>{fake::kernel().sockets.at(0).fd});
-    EXPECT_TRUE(fake::kernel().sent.empty());
-    EXPECT_EQ(sock, 0);
 }
 
 TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
@@ -176,41 +176,31 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
         const char* out = "";
         const char* downstream = nullptr;  // the one DOWNSTREAM_IFNAME, if any
     };
+    // clang-format off
     const std::vector<Row> rows = {
         {"link then link-local address", {cat({eth1, ll})}, "eth1 7"},
         {"in separate batches, as IFA_LOCAL", {eth1, addr(7, a6(IFA_LOCAL, "fe80::1"))}, "eth1 7"},
         {"IFA_LOCAL wins over IFA_ADDRESS",
-         {eth1, addr(7, cat({a6(IFA_ADDRESS, "fe80::1"), a6(IFA_LOCAL, "2001:db8::1")}))},
-         ""},
+         {eth1, addr(7, cat({a6(IFA_ADDRESS, "fe80::1"), a6(IFA_LOCAL, "2001:db8::1")}))}, ""},
         {"febf:: is still link-local", {eth1, addr(7, a6(IFA_ADDRESS, "febf::1"))}, "eth1 7"},
         {"global address", {eth1, addr(7, a6(IFA_ADDRESS, "2001:db8::7"))}, ""},
         {"fec0:: is not link-local", {eth1, addr(7, a6(IFA_ADDRESS, "fec0::1"))}, ""},
         {"deleted address is handled alike",
-         {eth1, addr(7, a6(IFA_ADDRESS, "fe80::1"), AF_INET6, RTM_DELADDR)},
-         "eth1 7"},
+         {eth1, addr(7, a6(IFA_ADDRESS, "fe80::1"), AF_INET6, RTM_DELADDR)}, "eth1 7"},
         {"IPv4 address", {eth1, addr(7, a6(IFA_ADDRESS, "fe80::1"), AF_INET)}, ""},
-        {"link down still comes up with its address",
-         {new_link(7, IFF_MULTICAST, "eth1"), ll},
+        {"link down still comes up with its address", {new_link(7, IFF_MULTICAST, "eth1"), ll},
          "eth1 7"},
         {"loopback", {new_link(1, kUpMc | IFF_LOOPBACK, "lo"), ll_addr(1)}, ""},
         {"no multicast", {new_link(7, IFF_UP, "eth1"), ll}, ""},
         {"no MTU attribute", {new_link(7, kUpMc, "eth1", false), ll}, ""},
         {"address for an unknown index", {eth1, ll_addr(8)}, ""},
         {"kernel index 40", {new_link(40, kUpMc, "eth9"), ll_addr(40)}, "eth9 40"},
-        {"kernel index 70000 fails MIF registration",
-         {new_link(70000, kUpMc, "eth9"), ll_addr(70000)},
-         "",
-         "MLDRT: Setsockopt error on MRT_ADD_MIF\n"},
-        {"long name cut and terminated",
-         {new_link(7, kUpMc, "abcdefghijklmnopqrst"), ll},
+        {"long name cut and terminated", {new_link(7, kUpMc, "abcdefghijklmnopqrst"), ll},
          "abcdefghijklmnop 7"},
         {"name without terminator",
          {nl(RTM_NEWLINK, cat({ifi_bytes, rta(IFLA_IFNAME, "eth5", 4), rta(IFLA_MTU, &kMtu, 4)})),
           ll},
          "eth5 7"},
-        {"what follows NLMSG_DONE is read",
-         {cat({eth1, nl(NLMSG_DONE, bytes(4, 0)), ll})},
-         "eth1 7"},
         {"message length below 16 stops the walk", {cat({below_16, eth1, ll})}, ""},
         {"message longer than the batch", {long_msg, ll}, ""},
         {"batch shorter than a header", {bytes(eth1.begin(), eth1.begin() + 10), ll}, ""},
@@ -223,11 +213,10 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
         {"address message shorter than its header", {eth1, nl(RTM_NEWADDR, bytes(4, 0))}, ""},
         {"link named by DOWNSTREAM_IFNAME", {eth1, ll}, "eth1 7", "", "eth1"},
         {"link not named by DOWNSTREAM_IFNAME: no record, named once",
-         {eth1, ll, new_link(7, IFF_MULTICAST, "eth1"), eth1, ll},
-         "",
-         "MLDRT: Link eth1 is not a DOWNSTREAM_IFNAME, left alone\n",
-         "eth2"},
+         {eth1, ll, new_link(7, IFF_MULTICAST, "eth1"), eth1, ll}, "",
+         "MLDRT: Link eth1 is not a DOWNSTREAM_IFNAME, left alone\n", "eth2"},
     };
+    // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         while (router.interfaces) {
@@ -383,7 +372,7 @@ TEST_F(NetlinkTest, RenamedLinkKeepsItsRecordAndFollowsItsMtu) {
     // With the downstream links chosen by name, a rename out of the choice lets the link go.
     router.downstream_count = 1;
     copy_ifname(router.downstream_ifnames[0], "lan2");
-    capture_stdout();
+    testing::internal::CaptureStdout();
     feed(link(RTM_NEWLINK, 7, kUpMc, "guest0"));
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "MLDRT: Link guest0 is not a DOWNSTREAM_IFNAME, left alone\n");

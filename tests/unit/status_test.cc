@@ -11,65 +11,55 @@
 #include "daemon/cli.h"
 #include "daemon/control.h"
 #include "daemon/status.h"
-#include "upstream_support.h"
-
-using namespace mldproxy;
+#include "test_support.h"
 
 namespace {
 
-using namespace ups;
-
+// Rows: the words; then the command, configuration path, socket path, --json, --syslog and the
+// word refused, as one line. Help and the version never start the proxy, whatever else is
+// given; status reads no file and takes no -t or --syslog; --json is for status only.
 TEST(CommandLineTest, OptionsAndCommands) {
-    struct Row {
-        std::vector<const char*> args;
-        Command command;
-        const char* config;
-        const char* socket;
-        bool json;
-        const char* bad;
-        bool syslog = false;
+    const std::string d = " /etc/mld/mld.conf /run/mldproxyd.sock ";
+    const std::vector<std::pair<std::vector<const char*>, std::string>> rows = {
+        {{}, "run" + d + "0 0 -"},
+        {{"-f", "/tmp/a.conf", "-s", "/tmp/s"}, "run /tmp/a.conf /tmp/s 0 0 -"},
+        {{"status"}, "status" + d + "0 0 -"},
+        {{"status", "--json", "-s", "/x"}, "status /etc/mld/mld.conf /x 1 0 -"},
+        {{"--help"}, "help" + d + "0 0 -"},
+        {{"-h"}, "help" + d + "0 0 -"},
+        {{"--version"}, "version" + d + "0 0 -"},
+        {{"-f"}, "bad" + d + "0 0 -f"},
+        {{"-x"}, "bad" + d + "0 0 -x"},
+        {{"--json"}, "bad" + d + "0 0 --json"},
+        {{"status", "-f", "a"}, "bad" + d + "0 0 -f"},
+        {{"status", "extra"}, "bad" + d + "0 0 extra"},
+        {{"-f", "/etc/good.conf", "--help"}, "help" + d + "0 0 -"},
+        {{"--syslog", "-h"}, "help" + d + "0 0 -"},
+        {{"-s", "/y", "--version"}, "version" + d + "0 0 -"},
+        {{"-t"}, "check" + d + "0 0 -"},
+        {{"-t", "-f", "/tmp/a.conf"}, "check /tmp/a.conf /run/mldproxyd.sock 0 0 -"},
+        {{"-f", "/tmp/a.conf", "-t"}, "check /tmp/a.conf /run/mldproxyd.sock 0 0 -"},
+        {{"--syslog", "-f", "/tmp/a.conf"}, "run /tmp/a.conf /run/mldproxyd.sock 0 1 -"},
+        {{"status", "-t"}, "bad" + d + "0 0 -t"},
+        {{"status", "--syslog"}, "bad" + d + "0 0 --syslog"},
+        {{"-syslog"}, "bad" + d + "0 0 -syslog"},
     };
-    const char* conf = "/etc/mld/mld.conf";
-    const char* sock = "/run/mldproxyd.sock";
-    const auto run = Command::run, status = Command::status, bad = Command::bad;
-    const auto help = Command::help, check = Command::check;
-    const std::vector<Row> rows = {
-        {{}, run, conf, sock, false, nullptr},
-        {{"-f", "/tmp/a.conf", "-s", "/tmp/s"}, run, "/tmp/a.conf", "/tmp/s", false, nullptr},
-        {{"status"}, status, conf, sock, false, nullptr},
-        {{"status", "--json", "-s", "/x"}, status, conf, "/x", true, nullptr},
-        {{"--help"}, Command::help, conf, sock, false, nullptr},
-        {{"-h"}, Command::help, conf, sock, false, nullptr},
-        {{"--version"}, Command::version, conf, sock, false, nullptr},
-        {{"-f"}, bad, conf, sock, false, "-f"},
-        {{"-x"}, bad, conf, sock, false, "-x"},
-        {{"--json"}, bad, conf, sock, false, "--json"},         // only for status
-        {{"status", "-f", "a"}, bad, conf, sock, false, "-f"},  // status reads no file
-        {{"status", "extra"}, bad, conf, sock, false, "extra"},
-        // Asking for help or the version never starts the proxy, whatever else is given.
-        {{"-f", "/etc/good.conf", "--help"}, help, conf, sock, false, nullptr},
-        {{"--syslog", "-h"}, help, conf, sock, false, nullptr},
-        {{"-s", "/y", "--version"}, Command::version, conf, sock, false, nullptr},
-        {{"-t"}, check, conf, sock, false, nullptr},
-        {{"-t", "-f", "/tmp/a.conf"}, check, "/tmp/a.conf", sock, false, nullptr},
-        {{"-f", "/tmp/a.conf", "-t"}, check, "/tmp/a.conf", sock, false, nullptr},
-        {{"--syslog", "-f", "/tmp/a.conf"}, run, "/tmp/a.conf", sock, false, nullptr, true},
-        {{"status", "-t"}, bad, conf, sock, false, "-t"},
-        {{"status", "--syslog"}, bad, conf, sock, false, "--syslog"},
-        {{"-syslog"}, bad, conf, sock, false, "-syslog"},
-    };
-    for (const auto& row : rows) {
+    const char* const names[] = {"run", "status", "help", "version", "check", "bad"};
+    const Command commands[] = {Command::run,     Command::status, Command::help,
+                                Command::version, Command::check,  Command::bad};
+    for (const auto& [args, want] : rows) {
         std::vector<const char*> argv = {"mldproxyd"};
-        argv.insert(argv.end(), row.args.begin(), row.args.end());
-        SCOPED_TRACE(testing::Message() << argv.size() - 1 << " words, first "
-                                        << (row.args.empty() ? "-" : row.args[0]));
+        argv.insert(argv.end(), args.begin(), args.end());
+        SCOPED_TRACE(want);
         Options o = parse_options(static_cast<int>(argv.size()), argv.data());
-        EXPECT_EQ(o.command, row.command);
-        EXPECT_STREQ(o.config_path, row.config);
-        EXPECT_STREQ(o.socket_path, row.socket);
-        EXPECT_EQ(o.json, row.json);
-        EXPECT_STREQ(o.bad_word, row.bad);
-        EXPECT_EQ(o.syslog, row.syslog);
+        std::string got = "?";
+        for (int i = 0; i < 6; i++) {
+            got = o.command == commands[i] ? names[i] : got;
+        }
+        got += std::string(" ") + o.config_path + " " + o.socket_path + " " +
+               std::to_string(o.json) + " " + std::to_string(o.syslog) + " " +
+               (o.bad_word ? o.bad_word : "-");
+        EXPECT_EQ(got, want);
     }
 }
 
@@ -191,42 +181,6 @@ TEST_F(StatusTest, OneJsonObjectForScripts) {
               "\"netlink_events\":8}}\n");
 }
 
-// What the counters count of messages heard on a link: queries and reports (MLDv1 ones
-// included) by link, our own looped-back messages and other ICMPv6 types by reason.
-TEST_F(StatusTest, ReceivedMessagesAreCountedByKindAndReason) {
-    struct Row {
-        const char* name;
-        uint8_t type;
-        bool own;
-        LinkCounters link;
-        RouterCounters router;
-    };
-    const std::vector<Row> rows = {
-        {"v2 query", kTypeQuery, false, {0, 1, 0, 0}, {}},
-        {"v2 report", kTypeV2Report, false, {1, 0, 0, 0}, {}},
-        {"v1 report", kTypeV1Report, false, {1, 0, 0, 0}, {}},
-        {"v1 done", kTypeV1Done, false, {1, 0, 0, 0}, {}},
-        {"our own report", kTypeV2Report, true, {0, 0, 0, 0}, {0, 1, 0, 0}},
-        {"an echo request", 128, false, {0, 0, 0, 0}, {0, 0, 1, 0}},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        eth2->counters = {};
-        router.counters = {};
-        std::vector<uint8_t> msg(28, 0);
-        msg[0] = row.type;
-        std::memcpy(router.buf, msg.data(), msg.size());
-        const addr6 from = row.own ? addr6{} : ip6("fe80::1:1");
-        handle_mld_message(&router, eth2, router.buf, row.own ? eth2->addr : from.data(),
-                           static_cast<int>(msg.size()));
-        const LinkCounters& c = eth2->counters;
-        EXPECT_EQ(std::vector<uint32_t>(
-                      {c.reports_in, c.queries_in, router.counters.own, router.counters.not_ours}),
-                  std::vector<uint32_t>({row.link.reports_in, row.link.queries_in, row.router.own,
-                                         row.router.not_ours}));
-    }
-}
-
 // The real socket in a directory of the test's own: mode 0600, stale sockets replaced, a
 // second daemon refused, and the clients' requests answered or refused in the event loop.
 class ControlTest : public StatusTest {
@@ -280,32 +234,37 @@ class ControlTest : public StatusTest {
     std::string dir, path;
 };
 
-TEST_F(ControlTest, RequestsGetTheirAnswerAndEveryConnectionEnds) {
-    ASSERT_TRUE(control_open(&router, path.c_str()));
+// A stale socket (bound, never listened: what a crashed daemon leaves) is replaced and a live
+// one refused, left alone; the socket is mode 0600; requests get their answer, every
+// connection ends, and a client that says nothing is closed at its deadline.
+TEST_F(ControlTest, TheSocketAnswersRequestsAndEndsEveryConnection) {
+    int stale = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::strcpy(a.sun_path, path.c_str());
+    ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    close(stale);
+    EXPECT_EQ(stdout_of([&] { EXPECT_TRUE(control_open(&router, path.c_str())); }), "");
+    Router other{};
+    reset_router(&other);
+    EXPECT_EQ(stdout_of([&] { EXPECT_FALSE(control_open(&other, path.c_str())); }),
+              "MLDRT: Another mldproxyd answers on " + path + "\n");
+    control_close(&other);
     struct stat st {};
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-    struct Row {
-        std::string request;
-        std::string reply_start;
-    };
-    const std::vector<Row> rows = {
+    const std::vector<std::pair<std::string, std::string>> rows = {
         {"status\n", "links:\n"},
         {"status json\r\n", "{\"links\":["},
         {"hello\n", "error: unknown request (try \"status\" or \"status json\")\n"},
         {std::string(100000, 'x'), "error: request too long\n"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.request.substr(0, 12));
+    for (const auto& [request, reply_start] : rows) {
+        SCOPED_TRACE(request.substr(0, 12));
         int fd = connect_client();
-        send(fd, row.request.data(), row.request.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        std::string got = reply_of(fd);
-        EXPECT_EQ(got.substr(0, row.reply_start.size()), row.reply_start);
+        send(fd, request.data(), request.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        EXPECT_EQ(reply_of(fd).substr(0, reply_start.size()), reply_start);
     }
-}
-
-TEST_F(ControlTest, ASilentClientIsClosedAtItsDeadline) {
-    ASSERT_TRUE(control_open(&router, path.c_str()));
     int fd = connect_client();
     EXPECT_EQ(reply_of(fd, 5), "");  // accepted, nothing asked: nothing said
     EXPECT_NE(control_deadline(&router), kNever);
@@ -314,24 +273,6 @@ TEST_F(ControlTest, ASilentClientIsClosedAtItsDeadline) {
     FD_ZERO(&none);
     control_serve(&router, &none, &none);
     EXPECT_EQ(control_deadline(&router), kNever);
-}
-
-TEST_F(ControlTest, AStaleSocketIsReplacedAndALiveOneRefused) {
-    int stale = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    std::strcpy(a.sun_path, path.c_str());
-    ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    close(stale);  // bound, never listened: what a crashed daemon leaves
-    EXPECT_EQ(stdout_of([&] { EXPECT_TRUE(control_open(&router, path.c_str())); }), "");
-
-    Router other{};
-    reset_router(&other);
-    EXPECT_EQ(stdout_of([&] { EXPECT_FALSE(control_open(&other, path.c_str())); }),
-              "MLDRT: Another mldproxyd answers on " + path + "\n");
-    control_close(&other);
-    struct stat st {};
-    EXPECT_EQ(stat(path.c_str(), &st), 0);  // the refused one leaves the live socket alone
 }
 
 }  // namespace
