@@ -7,6 +7,7 @@
 
 #include "daemon/config.h"
 #include "db/router.h"
+#include "fake_kernel.h"
 
 using namespace mldproxy;
 
