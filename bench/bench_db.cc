@@ -70,7 +70,7 @@ void group_addr(uint32_t i, bool ssm, uint8_t* out) {
 
 // Reports (wire order) carrying one record of `type` for each of `groups` groups, with the
 // source kSource when `ssm`, as many records as a 1500-byte report takes.
-std::vector<std::vector<uint8_t>> make_reports(uint32_t groups, uint8_t type, bool ssm) {
+std::vector<std::vector<uint8_t>> make_reports(uint32_t groups, RecordType type, bool ssm) {
     uint32_t per_report = ssm ? kMtuRecords / 2 : kMtuRecords;
     uint32_t rec_len = kMcastRecHdrLen + (ssm ? kAddrLen : 0);
     std::vector<std::vector<uint8_t>> reports;
@@ -82,7 +82,7 @@ std::vector<std::vector<uint8_t>> make_reports(uint32_t groups, uint8_t type, bo
         msg[7] = static_cast<uint8_t>(n);
         for (uint32_t k = 0; k < n; k++) {
             uint8_t* rec = msg.data() + kReportHdrLen + k * rec_len;
-            rec[0] = type;
+            rec[0] = static_cast<uint8_t>(type);
             rec[3] = ssm ? 1 : 0;
             group_addr(first + k, ssm, rec + 4);
             if (ssm) {
@@ -131,16 +131,18 @@ void set_counters(benchmark::State& state, const layout& l, uint32_t in_db) {
     state.counters["groups_in_db"] = in_db;
 }
 
-// Records per second of one kind on a router that holds `before` (joins before leaves).
-void run_reports(benchmark::State& state, uint8_t type, bool ssm, uint8_t before) {
+// Records per second of one kind on a router that holds `before` first (joins before leaves),
+// or nothing when `before` is `type`.
+void run_reports(benchmark::State& state, RecordType type, bool ssm, RecordType before) {
     layout l = layout_of(state.range(0));
     auto reports = make_reports(l.groups, type, ssm);
-    auto setup = before ? make_reports(l.groups, before, ssm) : reports;
+    bool prepared = before != type;
+    auto setup = prepared ? make_reports(l.groups, before, ssm) : reports;
     uint32_t in_db = 0;
     for (auto _ : state) {
         state.PauseTiming();
         router_up(l.links);
-        if (before) {
+        if (prepared) {
             deliver(setup);
         }
         state.ResumeTiming();
@@ -154,11 +156,11 @@ void run_reports(benchmark::State& state, uint8_t type, bool ssm, uint8_t before
 }
 
 void BM_ReportAsmJoin(benchmark::State& state) {
-    run_reports(state, RecordType::ChangeToExclude, false, 0);
+    run_reports(state, RecordType::ChangeToExclude, false, RecordType::ChangeToExclude);
 }
 
 void BM_ReportSsmJoin(benchmark::State& state) {
-    run_reports(state, RecordType::AllowNewSources, true, 0);
+    run_reports(state, RecordType::AllowNewSources, true, RecordType::AllowNewSources);
 }
 
 void BM_ReportAsmLeave(benchmark::State& state) {
