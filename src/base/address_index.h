@@ -4,7 +4,7 @@
 // groups costs the same as one of ten. Every address is at most once in a list, so the index
 // finds exactly the record a walk of the list would.
 //
-// An indexed record type T has `grp_addr[16]` and `T* hnext`, its link in its bucket. Buckets
+// An indexed record type T has `address[16]` and `T* hnext`, its link in its bucket. Buckets
 // are short (the array doubles when it holds as many records as there are two buckets), so
 // a record leaves its index by a walk of its bucket and carries no back links.
 #ifndef MLDPROXYD_BASE_ADDRESS_INDEX_H
@@ -56,7 +56,7 @@ bool grow(AddressIndex<T>* ix) {
         T* next = nullptr;
         for (T* rec = ix->buckets[i]; rec; rec = next) {
             next = rec->hnext;
-            T** head = bucket_of(&bigger, rec->grp_addr);
+            T** head = bucket_of(&bigger, rec->address);
             rec->hnext = *head;
             *head = rec;
         }
@@ -74,7 +74,7 @@ T* index_find(const AddressIndex<T>* ix, const uint8_t* addr) {
         return nullptr;
     }
     for (T* rec = *index_detail::bucket_of(ix, addr); rec; rec = rec->hnext) {
-        if (std::memcmp(rec->grp_addr, addr, 16) == 0) {
+        if (std::memcmp(rec->address, addr, 16) == 0) {
             return rec;
         }
     }
@@ -88,7 +88,7 @@ bool index_insert(AddressIndex<T>* ix, T* rec) {
     if (ix->count >= ix->size * kIndexLoad && !index_detail::grow(ix) && ix->size == 0) {
         return false;
     }
-    T** head = index_detail::bucket_of(ix, rec->grp_addr);
+    T** head = index_detail::bucket_of(ix, rec->address);
     rec->hnext = *head;
     *head = rec;
     ix->count++;
@@ -111,7 +111,7 @@ void index_remove(AddressIndex<T>* ix, T* rec) {
     if (ix->size == 0) {
         return;
     }
-    for (T** link = index_detail::bucket_of(ix, rec->grp_addr); *link; link = &(*link)->hnext) {
+    for (T** link = index_detail::bucket_of(ix, rec->address); *link; link = &(*link)->hnext) {
         if (*link == rec) {
             *link = rec->hnext;
             rec->hnext = nullptr;

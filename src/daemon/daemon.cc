@@ -113,7 +113,7 @@ void join_input_thread(Router* r) {
 
 }  // namespace
 
-int mldv2_init(Router* r, const char* config_path, const char* control_path) {
+int init_daemon(Router* r, const char* config_path, const char* control_path) {
     reset_router(r);
     r->buf_size = kBufSize;
     r->scratch_size = kScratchSize;
@@ -201,7 +201,7 @@ void stop_everything(Router* r) {
 
 }  // namespace
 
-void mldv2_done(Router* r) {
+void exit_daemon(Router* r) {
     stop_everything(r);
     exit(0);
 }
@@ -226,7 +226,7 @@ void main_wait(Router* r, const sigset_t* signals) {
         if (sig == SIGUSR2) {
             g_status_requested = 1;  // the input thread owns the state and prints it
         } else if (sig > 0) {
-            mldv2_done(r);
+            exit_daemon(r);
         }
         // The thread ends only on a stop request; it is joined so that nothing is left behind,
         // and the daemon then waits for the signal that ends it.

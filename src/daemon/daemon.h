@@ -13,12 +13,12 @@ namespace mldproxy {
 
 // Buffers, the configuration file, the control socket, the router socket and its options,
 // MRT6_INIT, the link dump request.
-int mldv2_init(Router* r, const char* config_path, const char* control_path);
+int init_daemon(Router* r, const char* config_path, const char* control_path);
 int start_threads(Router* r);
 // Stops the input thread and waits until it has ended.
 void stop_threads(Router* r);
 // Shutdown: last timer pass, MIFs and interface records removed, MRT6_DONE, exit status 0.
-[[noreturn]] void mldv2_done(Router* r);
+[[noreturn]] void exit_daemon(Router* r);
 // The same clean-up after a start that failed (its message printed), with exit status 1, so
 // that a service manager sees the failure.
 [[noreturn]] void fail_start(Router* r);

@@ -72,7 +72,7 @@ int main(int argc, char** argv) {
 
     // The one router of the process: every part of the daemon works on it through a pointer.
     static Router router;
-    if (mldv2_init(&router, o.config_path, o.socket_path) == -1 || start_threads(&router) == -1) {
+    if (init_daemon(&router, o.config_path, o.socket_path) == -1 || start_threads(&router) == -1) {
         fail_start(&router);
     }
     main_wait(&router, &signals);

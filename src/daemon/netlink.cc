@@ -51,7 +51,7 @@ uint32_t rta_payload_len(const rtattr* rta) {
 }
 
 void request_dump(Router* r, int type) {
-    if (scan_available_interfaces(&r->netlink_sock, type, r->netlink_dumps.seq++) == 0) {
+    if (request_netlink_dump(&r->netlink_sock, type, r->netlink_dumps.seq++) == 0) {
         r->netlink_dumps.running =
             type == RTM_GETLINK ? NetlinkDump::links : NetlinkDump::addresses;
     }
@@ -106,11 +106,11 @@ void handle_one_message(Router* r, const nlmsghdr* hdr, const uint8_t* msg) {
     switch (type) {
         case RTM_NEWLINK:
         case RTM_DELLINK:
-            handle_intf_link_event(hdr->nlmsg_type != RTM_DELLINK, msg, hdr->nlmsg_len, r);
+            handle_link_message(hdr->nlmsg_type != RTM_DELLINK, msg, hdr->nlmsg_len, r);
             break;
         case RTM_NEWADDR:
         case RTM_DELADDR:
-            handle_intf_addr_event(hdr->nlmsg_type != RTM_DELADDR, msg, hdr->nlmsg_len, r);
+            handle_address_message(hdr->nlmsg_type != RTM_DELADDR, msg, hdr->nlmsg_len, r);
             break;
         default:
             break;
@@ -126,7 +126,7 @@ int start_netlink(Router* r) {
     return r->netlink_dumps.running == NetlinkDump::links ? 0 : -1;
 }
 
-int scan_available_interfaces(int32_t* sockp, int type, uint32_t seq) {
+int request_netlink_dump(int32_t* sockp, int type, uint32_t seq) {
     if (type == RTM_GETLINK && *sockp <= 0) {
         int s = socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
         if (s < 0) {
@@ -190,7 +190,7 @@ bool handle_link(Router* r) {
     return true;
 }
 
-void parse_rtatable(const rtattr** tb, int max, const rtattr* rta, uint32_t len) {
+void parse_attributes(const rtattr** tb, int max, const rtattr* rta, uint32_t len) {
     std::memset(tb, 0, sizeof(*tb) * static_cast<size_t>(max + 1));
     const uint8_t* p = reinterpret_cast<const uint8_t*>(rta);
     while (len >= kRtaHdrLen) {
@@ -210,7 +210,7 @@ void parse_rtatable(const rtattr** tb, int max, const rtattr* rta, uint32_t len)
     }
 }
 
-void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, Router* r) {
+void handle_link_message(int is_new, const uint8_t* msg, uint32_t len, Router* r) {
     if (len < kNlHdrLen + kIfInfoLen) {
         return;
     }
@@ -218,7 +218,7 @@ void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, Router
     std::memcpy(&ifi, msg + kNlHdrLen, sizeof ifi);
     const rtattr* tb[kMaxLinkAttr + 1];
     const auto* attrs = reinterpret_cast<const rtattr*>(msg + kNlHdrLen + kIfInfoLen);
-    parse_rtatable(tb, kMaxLinkAttr, attrs, len - kNlHdrLen - kIfInfoLen);
+    parse_attributes(tb, kMaxLinkAttr, attrs, len - kNlHdrLen - kIfInfoLen);
     bool usable = (ifi.ifi_flags & IFF_MULTICAST) && !(ifi.ifi_flags & IFF_LOOPBACK);
     SystemLink* entry = nullptr;
     if (tb[IFLA_IFNAME] && tb[IFLA_MTU] && usable) {
@@ -233,7 +233,7 @@ void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, Router
     uint8_t addr[16];
     std::memcpy(addr, entry->addr, sizeof addr);
     std::memset(entry, 0, sizeof *entry);
-    entry->state = kSysifFilled;
+    entry->state = kSystemLinkFilled;
     entry->ifindex = ifindex;
     entry->named_left_alone = named_left_alone;
     std::memcpy(entry->addr, addr, sizeof addr);
@@ -241,7 +241,7 @@ void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, Router
     if (rta_payload_len(tb[IFLA_MTU]) == sizeof entry->mtu) {
         std::memcpy(&entry->mtu, rta_payload(tb[IFLA_MTU]), sizeof entry->mtu);
     }
-    entry->event = is_new ? kSysifNewlink : kSysifDellink;
+    entry->event = is_new ? kSystemLinkNew : kSystemLinkDeleted;
     entry->up = (ifi.ifi_flags & IFF_UP) ? 1 : 0;
     if (!is_new) {
         apply_system_link(r, entry);
@@ -251,7 +251,7 @@ void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, Router
     }
 }
 
-void handle_intf_addr_event(int, const uint8_t* msg, uint32_t len, Router* r) {
+void handle_address_message(int, const uint8_t* msg, uint32_t len, Router* r) {
     if (len < kNlHdrLen + kIfAddrLen) {
         return;
     }
@@ -262,12 +262,12 @@ void handle_intf_addr_event(int, const uint8_t* msg, uint32_t len, Router* r) {
     }
     const rtattr* tb[kMaxAddrAttr + 1];
     const auto* attrs = reinterpret_cast<const rtattr*>(msg + kNlHdrLen + kIfAddrLen);
-    parse_rtatable(tb, kMaxAddrAttr, attrs, len - kNlHdrLen - kIfAddrLen);
+    parse_attributes(tb, kMaxAddrAttr, attrs, len - kNlHdrLen - kIfAddrLen);
     const rtattr* attr = tb[IFA_LOCAL] ? tb[IFA_LOCAL] : tb[IFA_ADDRESS];
     // New and deleted addresses are handled alike: either way the entry learns the address.
     if (attr && rta_payload_len(attr) == 16 && is_link_local(rta_payload(attr))) {
         SystemLink* entry = system_link_find(&r->system_links, ifa.ifa_index);
-        if (entry && entry->state == kSysifFilled) {
+        if (entry && entry->state == kSystemLinkFilled) {
             std::memcpy(entry->addr, rta_payload(attr), 16);
             apply_system_link(r, entry);
         }
@@ -275,7 +275,7 @@ void handle_intf_addr_event(int, const uint8_t* msg, uint32_t len, Router* r) {
 }
 
 void apply_system_link(Router* r, SystemLink* entry) {
-    if (entry->state != kSysifFilled) {
+    if (entry->state != kSystemLinkFilled) {
         return;
     }
     // With DOWNSTREAM_IFNAME lines, a link they do not name gets no record, MIF or query: a
@@ -292,14 +292,14 @@ void apply_system_link(Router* r, SystemLink* entry) {
         return;
     }
     uint8_t ev = entry->event;
-    if (ev & kSysifEvRestart) {
+    if (ev & kSystemLinkRestart) {
         handle_link_down(r, entry);
         handle_link_up(r, entry);
-    } else if (ev & kSysifEvUp) {
+    } else if (ev & kSystemLinkUp) {
         handle_link_up(r, entry);
-    } else if (ev & kSysifEvDown) {
+    } else if (ev & kSystemLinkDown) {
         handle_link_down(r, entry);
-    } else if (ev & kSysifEvByFlag) {
+    } else if (ev & kSystemLinkByFlag) {
         if (entry->up) {
             handle_link_up(r, entry);
         } else {

@@ -17,7 +17,7 @@ constexpr uint32_t kNlGroups = 0x101;  // RTMGRP_LINK | RTMGRP_IPV6_IFADDR
 
 // Opens and binds the netlink socket into *sockp (for a link dump, when none is open) and sends a
 // dump request of `type` (RTM_GETLINK or RTM_GETADDR).
-int scan_available_interfaces(int32_t* sockp, int type, uint32_t seq);
+int request_netlink_dump(int32_t* sockp, int type, uint32_t seq);
 // Starts the start-up dumps: links, then (when the link dump ends) their addresses. 0 or -1.
 int start_netlink(Router* r);
 // Reads and handles one batch from the netlink socket, at once: links come and go, and records,
@@ -25,10 +25,10 @@ int start_netlink(Router* r);
 // dump; lost notifications (ENOBUFS) ask for both dumps again. False when nothing was waiting.
 bool handle_link(Router* r);
 
-void handle_intf_link_event(int is_new, const uint8_t* msg, uint32_t len, Router* r);
-void handle_intf_addr_event(int is_new, const uint8_t* msg, uint32_t len, Router* r);
+void handle_link_message(int is_new, const uint8_t* msg, uint32_t len, Router* r);
+void handle_address_message(int is_new, const uint8_t* msg, uint32_t len, Router* r);
 // Standard rtattr walk over `len` bytes at `rta`, keeping types up to `max` in tb[0..max].
-void parse_rtatable(const rtattr** tb, int max, const rtattr* rta, uint32_t len);
+void parse_attributes(const rtattr** tb, int max, const rtattr* rta, uint32_t len);
 
 void apply_system_link(Router* r, SystemLink* entry);
 void handle_link_up(Router* r, const SystemLink* entry);

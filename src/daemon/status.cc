@@ -32,9 +32,9 @@ const char* mode_name(FilterMode mode) {
     return mode == FilterMode::Exclude ? "exclude" : "include";
 }
 
-uint32_t count_members(const Group* g) {
+uint32_t count_hosts(const Group* g) {
     uint32_t n = 0;
-    for (const Host* m = g->member_list; m; m = m->next) {
+    for (const Host* m = g->hosts; m; m = m->next) {
         n++;
     }
     return n;
@@ -52,11 +52,11 @@ long next_query_s(const Link* ifp, uint64_t now) {
 // The sources a group listens to, with their timers: the INCLUDE list, or in EXCLUDE mode the
 // requested sources without the whole-group mark (the excluded sources are listed apart).
 const Source* listened(const Group* g) {
-    return g->filter_mode == FilterMode::Exclude ? g->req_list : g->include_list;
+    return g->filter_mode == FilterMode::Exclude ? g->requested_list : g->include_list;
 }
 
 const Source* excluded(const Group* g) {
-    return g->filter_mode == FilterMode::Exclude ? g->exc_list : nullptr;
+    return g->filter_mode == FilterMode::Exclude ? g->excluded_list : nullptr;
 }
 
 int32_t larger(int32_t a, int32_t b) {
@@ -71,12 +71,12 @@ int32_t retransmissions_pending(const ForwardingEntry* e) {
 // The MIFs an entry's kernel record forwards to, as written: the (*,G) MIFs are part of every
 // (S,G) entry of the group.
 void written_mifs(const ForwardingEntry* e, const ForwardingRecord* fw, uint8_t* oifs) {
-    if (is_unspecified(fw->src_addr)) {
+    if (is_unspecified(fw->address)) {
         for (uint32_t i = 0; i < kMifMarks; i++) {
             oifs[i] = mark_at(fw, i);
         }
     } else {
-        outgoing_mifs(e, fw->src_addr, oifs);
+        outgoing_mifs(e, fw->address, oifs);
     }
 }
 
@@ -96,10 +96,10 @@ void add_mifs(Text* t, const uint8_t* oifs, const char* none) {
 // Calls `visit(entry, record, counts)` for every kernel entry the daemon wrote.
 template <typename Visit>
 void for_each_forwarding(Router* r, Visit visit) {
-    for (const ForwardingEntry* e = r->mfdb_list; e; e = e->next) {
-        for (const ForwardingRecord* fw = e->fwinfo_list; fw; fw = fw->next) {
+    for (const ForwardingEntry* e = r->entries; e; e = e->next) {
+        for (const ForwardingRecord* fw = e->records; fw; fw = fw->next) {
             SourceGroupCounts c{};
-            kernel_sg_counts(r->router_sock, e->grp_addr, fw->src_addr, &c);
+            kernel_sg_counts(r->router_sock, e->address, fw->address, &c);
             visit(e, fw, c);
         }
     }
@@ -122,13 +122,13 @@ void table_links(Router* r, Text* t, uint64_t now) {
 void table_sources(Text* t, const Group* g) {
     bool any = false;
     for (const Source* s = listened(g); s; s = s->next) {
-        if (!is_unspecified(s->src_addr)) {
-            text_add(t, " %s (%d s)", addr_str(s->src_addr).buf, s->timer);
+        if (!is_unspecified(s->address)) {
+            text_add(t, " %s (%d s)", addr_str(s->address).buf, s->timer);
             any = true;
         }
     }
     for (const Source* s = excluded(g); s; s = s->next) {
-        text_add(t, " not %s", addr_str(s->src_addr).buf);
+        text_add(t, " not %s", addr_str(s->address).buf);
         any = true;
     }
     text_add(t, "%s\n", any ? "" : g->filter_mode == FilterMode::Exclude ? " all" : " none");
@@ -142,10 +142,10 @@ void table_groups(Router* r, Text* t) {
         text_add(t, "groups on %s:\n  %-39s %-7s %6s %5s SOURCES\n", ifp->name, "GROUP", "MODE",
                  "TIMER", "HOSTS");
         for (const Group* g = ifp->groups; g; g = g->next) {
-            text_add(t, "  %-39s %-7s ", addr_str(g->grp_addr).buf, mode_name(g->filter_mode));
+            text_add(t, "  %-39s %-7s ", addr_str(g->address).buf, mode_name(g->filter_mode));
             text_add(t, g->filter_mode == FilterMode::Exclude ? "%4d s" : "     -",
                      g->filter_timer);
-            text_add(t, " %5u", count_members(g));
+            text_add(t, " %5u", count_hosts(g));
             table_sources(t, g);
         }
     }
@@ -154,12 +154,12 @@ void table_groups(Router* r, Text* t) {
 void table_upstream(Router* r, Text* t) {
     text_add(t, "upstream host state (%s):\n  %-39s %-7s %7s SOURCES\n",
              r->upstream ? r->upstream->name : "no upstream link", "GROUP", "MODE", "PENDING");
-    for (const ForwardingEntry* e = r->mfdb_list; e; e = e->next) {
+    for (const ForwardingEntry* e = r->entries; e; e = e->next) {
         const HostState hs = reported_state(e);
-        text_add(t, "  %-39s %-7s %7d", addr_str(e->grp_addr).buf, mode_name(hs.mode),
+        text_add(t, "  %-39s %-7s %7d", addr_str(e->address).buf, mode_name(hs.mode),
                  retransmissions_pending(e));
         for (const Source* s = hs.list; s; s = s->next) {
-            text_add(t, " %s", addr_str(s->src_addr).buf);
+            text_add(t, " %s", addr_str(s->address).buf);
         }
         text_add(t, "%s\n", hs.list ? "" : hs.mode == FilterMode::Exclude ? " all" : " none");
     }
@@ -168,17 +168,17 @@ void table_upstream(Router* r, Text* t) {
 void table_forwarding(Router* r, Text* t) {
     text_add(t, "forwarding (kernel):\n  %-39s %-39s %3s %-8s %10s %12s %8s\n", "GROUP", "SOURCE",
              "IN", "OUT", "PACKETS", "BYTES", "WRONG IF");
-    for_each_forwarding(r, [&](const ForwardingEntry* e, const ForwardingRecord* fw,
-                               const SourceGroupCounts& c) {
-        uint8_t oifs[kMifMarks] = {};
-        written_mifs(e, fw, oifs);
-        text_add(t, "  %-39s %-39s ", addr_str(e->grp_addr).buf, source_str(fw->src_addr).a.buf);
-        text_add(t, r->upstream ? "%3u " : "  - ", r->upstream ? r->upstream->mifi : 0);
-        uint32_t mark = t->len;
-        add_mifs(t, oifs, "-");
-        int pad = larger(0, 8 - static_cast<int32_t>(t->len - mark));
-        text_add(t, "%*s %10lu %12lu %8lu\n", pad, "", c.packets, c.bytes, c.wrong_if);
-    });
+    for_each_forwarding(
+        r, [&](const ForwardingEntry* e, const ForwardingRecord* fw, const SourceGroupCounts& c) {
+            uint8_t oifs[kMifMarks] = {};
+            written_mifs(e, fw, oifs);
+            text_add(t, "  %-39s %-39s ", addr_str(e->address).buf, source_str(fw->address).a.buf);
+            text_add(t, r->upstream ? "%3u " : "  - ", r->upstream ? r->upstream->mifi : 0);
+            uint32_t mark = t->len;
+            add_mifs(t, oifs, "-");
+            int pad = larger(0, 8 - static_cast<int32_t>(t->len - mark));
+            text_add(t, "%*s %10lu %12lu %8lu\n", pad, "", c.packets, c.bytes, c.wrong_if);
+        });
 }
 
 void table_counters(Router* r, Text* t) {
@@ -203,8 +203,8 @@ void json_sources(Text* t, const Group* g) {
     const char* sep = "";
     text_add(t, "\"sources\":[");
     for (const Source* s = listened(g); s; s = s->next) {
-        if (!is_unspecified(s->src_addr)) {
-            text_add(t, "%s{\"source\":\"%s\",\"timer\":%d}", sep, addr_str(s->src_addr).buf,
+        if (!is_unspecified(s->address)) {
+            text_add(t, "%s{\"source\":\"%s\",\"timer\":%d}", sep, addr_str(s->address).buf,
                      s->timer);
             sep = ",";
         }
@@ -212,7 +212,7 @@ void json_sources(Text* t, const Group* g) {
     text_add(t, "],\"excluded\":[");
     sep = "";
     for (const Source* s = excluded(g); s; s = s->next) {
-        text_add(t, "%s\"%s\"", sep, addr_str(s->src_addr).buf);
+        text_add(t, "%s\"%s\"", sep, addr_str(s->address).buf);
         sep = ",";
     }
     text_add(t, "]");
@@ -227,10 +227,10 @@ void json_link(Text* t, const Link* ifp, uint64_t now) {
     const char* sep = "";
     for (const Group* g = ifp->groups; g; g = g->next) {
         text_add(t, "%s{\"group\":\"%s\",\"mode\":\"%s\",\"filter_timer\":%d,", sep,
-                 addr_str(g->grp_addr).buf, mode_name(g->filter_mode),
+                 addr_str(g->address).buf, mode_name(g->filter_mode),
                  g->filter_mode == FilterMode::Exclude ? g->filter_timer : 0);
         json_sources(t, g);
-        text_add(t, ",\"hosts\":%u}", count_members(g));
+        text_add(t, ",\"hosts\":%u}", count_hosts(g));
         sep = ",";
     }
     text_add(t, "]}");
@@ -243,13 +243,13 @@ void json_upstream(Router* r, Text* t) {
         text_add(t, "\"upstream\":{\"name\":null,\"groups\":[");
     }
     const char* sep = "";
-    for (const ForwardingEntry* e = r->mfdb_list; e; e = e->next) {
+    for (const ForwardingEntry* e = r->entries; e; e = e->next) {
         const HostState hs = reported_state(e);
         text_add(t, "%s{\"group\":\"%s\",\"mode\":\"%s\",\"sources\":[", sep,
-                 addr_str(e->grp_addr).buf, mode_name(hs.mode));
+                 addr_str(e->address).buf, mode_name(hs.mode));
         const char* ssep = "";
         for (const Source* s = hs.list; s; s = s->next) {
-            text_add(t, "%s\"%s\"", ssep, addr_str(s->src_addr).buf);
+            text_add(t, "%s\"%s\"", ssep, addr_str(s->address).buf);
             ssep = ",";
         }
         text_add(t, "],\"pending\":%d}", retransmissions_pending(e));
@@ -266,7 +266,7 @@ void json_forwarding(Router* r, Text* t) {
             uint8_t oifs[kMifMarks] = {};
             written_mifs(e, fw, oifs);
             text_add(t, "%s{\"group\":\"%s\",\"source\":\"%s\",\"parent_mif\":", sep,
-                     addr_str(e->grp_addr).buf, source_str(fw->src_addr).a.buf);
+                     addr_str(e->address).buf, source_str(fw->address).a.buf);
             text_add(t, r->upstream ? "%u" : "null", r->upstream ? r->upstream->mifi : 0);
             text_add(t, ",\"mifs\":[");
             add_mifs(t, oifs, "");

@@ -26,7 +26,7 @@ bool in_record(const uint8_t* rec_srcs, uint32_t nsrc, const uint8_t* addr) {
 
 bool in_result(const SourceSet* result, const uint8_t* addr) {
     for (uint32_t i = 0; i < result->n; i++) {
-        if (same_address(result->entries[i].src_addr, addr)) {
+        if (same_address(result->entries[i].address, addr)) {
             return true;
         }
     }
@@ -42,7 +42,7 @@ bool put_result(SourceSet* result, const uint8_t* addr, int32_t timer) {
     }
     Source* e = &result->entries[result->n];
     std::memset(e, 0, sizeof *e);
-    std::memcpy(e->src_addr, addr, kAddrLen);
+    std::memcpy(e->address, addr, kAddrLen);
     e->timer = timer;
     if (result->n > 0) {
         result->entries[result->n - 1].next = e;
@@ -56,7 +56,7 @@ bool put_result(SourceSet* result, const uint8_t* addr, int32_t timer) {
 uint32_t subtract_lists(SourceSet* result, const Source* a, const Source* b) {
     result->n = 0;
     for (; a; a = a->next) {
-        if (!list_has(b, a->src_addr) && !put_result(result, a->src_addr, a->timer)) {
+        if (!list_has(b, a->address) && !put_result(result, a->address, a->timer)) {
             break;
         }
     }
@@ -77,8 +77,8 @@ uint32_t subtract_record(SourceSet* result, const Source* list, const uint8_t* r
     }
     if (mode == 1) {
         for (; list; list = list->next) {
-            if (!in_record(rec_srcs, nsrc, list->src_addr) &&
-                !put_result(result, list->src_addr, list->timer)) {
+            if (!in_record(rec_srcs, nsrc, list->address) &&
+                !put_result(result, list->address, list->timer)) {
                 break;
             }
         }
@@ -92,8 +92,8 @@ uint32_t intersect_with_record(SourceSet* result, const Source* list, const uint
                                uint32_t nsrc) {
     result->n = 0;
     for (; list; list = list->next) {
-        if (in_record(rec_srcs, nsrc, list->src_addr) &&
-            !put_result(result, list->src_addr, list->timer)) {
+        if (in_record(rec_srcs, nsrc, list->address) &&
+            !put_result(result, list->address, list->timer)) {
             break;
         }
     }
@@ -104,7 +104,7 @@ uint32_t unite_lists(SourceSet* result, const Source* a, const Source* b) {
     result->n = 0;
     for (int pass = 0; pass < 2; pass++) {
         for (const Source* s = pass == 0 ? a : b; s; s = s->next) {
-            if (!in_result(result, s->src_addr) && !put_result(result, s->src_addr, s->timer)) {
+            if (!in_result(result, s->address) && !put_result(result, s->address, s->timer)) {
                 return result->n;
             }
         }
@@ -117,10 +117,10 @@ int intersect_in_place(Source** a, const Source* b) {
     Source* next = nullptr;
     for (Source* s = *a; s; s = next) {
         next = s->next;
-        if (list_has(b, s->src_addr)) {
+        if (list_has(b, s->address)) {
             kept++;
         } else {
-            remove_from_list(a, s->src_addr);
+            remove_from_list(a, s->address);
         }
     }
     return kept;
@@ -133,14 +133,14 @@ int intersect_group_list_with_record(Router* r, Group* g, ListKind kind, const u
         return -1;
     }
     Source* next = nullptr;
-    for (Source* s = *select_list(g, g->mfdb, kind); s; s = next) {
+    for (Source* s = *select_list(g, g->entry, kind); s; s = next) {
         next = s->next;
-        if (in_record(rec_srcs, nsrc, s->src_addr)) {
+        if (in_record(rec_srcs, nsrc, s->address)) {
             continue;
         }
         uint8_t addr[16];
-        std::memcpy(addr, s->src_addr, sizeof addr);  // the entry is freed by the removal
-        if (remove_from_group_list(r, g, g->mfdb, kind, addr, ifp) != 0) {
+        std::memcpy(addr, s->address, sizeof addr);  // the entry is freed by the removal
+        if (remove_from_group_list(r, g, g->entry, kind, addr, ifp) != 0) {
             log_message("\n Removal of entry failed\n");
             return -1;
         }
@@ -155,12 +155,12 @@ int empty_group_list(Router* r, Group* g, ForwardingEntry* e, ListKind kind, Lin
         return 0;
     }
     Source** list =
-        kind <= ListKind::Excluded ? select_list(g, g->mfdb, kind) : select_list(g, e, kind);
+        kind <= ListKind::Excluded ? select_list(g, g->entry, kind) : select_list(g, e, kind);
     Source* next = nullptr;
     for (Source* s = list ? *list : nullptr; s; s = next) {
         next = s->next;
         uint8_t addr[16];
-        std::memcpy(addr, s->src_addr, sizeof addr);
+        std::memcpy(addr, s->address, sizeof addr);
         remove_from_group_list(r, g, e, kind, addr, ifp);
     }
     return 0;

@@ -22,7 +22,7 @@ struct ForwardingEntry;
 // One entry of any source list: group lists, query retransmission lists, host-state lists and
 // the algebra's results all share this layout.
 struct Source {
-    uint8_t src_addr[16];
+    uint8_t address[16];
     uint16_t rtx_count;  // retransmissions still due (query retransmission lists only)
     int32_t timer;       // seconds
     Source* next;
@@ -30,7 +30,7 @@ struct Source {
 
 // A host that reported the group; a group keeps at most kMaxHosts, so its list is walked.
 struct Host {
-    uint8_t member_addr[16];
+    uint8_t address[16];
     Host* next;
 };
 
@@ -47,16 +47,16 @@ struct GroupQueries {
 
 // Listener state of one group on one interface.
 struct Group {
-    uint8_t grp_addr[16];
+    uint8_t address[16];
     int32_t filter_timer;    // filter timer, EXCLUDE mode
     int32_t v1_host_timer;   // seconds an MLDv1 host is still taken to be present (RFC 3810 8.3.2)
     FilterMode filter_mode;  // FilterMode::Include or FilterMode::Exclude
     Source* include_list;
-    Source* req_list;  // EXCLUDE mode: requested sources
-    Source* exc_list;
-    GroupQueries* queries;  // null while no query retransmission is due
-    ForwardingEntry* mfdb;  // not owned
-    Host* member_list;
+    Source* requested_list;  // EXCLUDE mode: requested sources
+    Source* excluded_list;
+    GroupQueries* queries;   // null while no query retransmission is due
+    ForwardingEntry* entry;  // not owned
+    Host* hosts;
     Group* next;
     Group** pprev;
     // The link's address index (see base/address_index.h).
@@ -94,7 +94,7 @@ constexpr uint8_t kMarkExcluded = 2;
 // Which MIFs want, or exclude, one (group, source); source :: is the group-wide (*,G) record,
 // which holds wanted marks only.
 struct ForwardingRecord {
-    uint8_t src_addr[16];
+    uint8_t address[16];
     uint32_t wanted;    // bit i: MIF i's wanted mark
     uint32_t excluded;  // bit i: MIF i's excluded mark
     ForwardingRecord* next;
@@ -132,7 +132,7 @@ struct PendingReport {
 };
 
 struct ForwardingEntry {
-    uint8_t grp_addr[16];
+    uint8_t address[16];
     uint8_t exclude_count;  // links where the group is in EXCLUDE mode (at most 32)
     FilterMode host_mode;   // of the host state last acted upon (reported upstream)
     bool on_changed_list;   // see changed_next
@@ -141,7 +141,7 @@ struct ForwardingEntry {
     int8_t to_include_count;
     int8_t allow_count;
     int8_t block_count;
-    ForwardingRecord* fwinfo_list;
+    ForwardingRecord* records;
     Source* host_list;          // sources of the host state last acted upon
     HostState* new_host_state;  // the merge under way; null between merges
     PendingReport* pending;     // null while no state-change copy is due

@@ -29,13 +29,13 @@ unsigned identity(const void* p) {
 }
 
 void dump_forwarding(const ForwardingEntry* e) {
-    print_message("\n \tMFD 0x%x Fdaddr %s", identity(e), text_of(e->grp_addr).s);
+    print_message("\n \tMFD 0x%x Fdaddr %s", identity(e), text_of(e->address).s);
     print_message("\n \tFwding Info: ");
-    if (!e->fwinfo_list) {
+    if (!e->records) {
         print_message(" NULL");
     }
-    for (const ForwardingRecord* fw = e->fwinfo_list; fw; fw = fw->next) {
-        print_message("\n \t\tSrcAddr  %s", text_of(fw->src_addr).s);
+    for (const ForwardingRecord* fw = e->records; fw; fw = fw->next) {
+        print_message("\n \t\tSrcAddr  %s", text_of(fw->address).s);
         print_message("\n \t\tMember MIF Idx");
         for (int i = 0; i < static_cast<int>(kMifMarks); i++) {
             if (mark_at(fw, i) == kMarkWanted) {
@@ -47,16 +47,16 @@ void dump_forwarding(const ForwardingEntry* e) {
 
 void dump_group(int n, const Group* g) {
     print_message("\n\n =======Grp %d 0x%x addr %s ftimer %d fmode %d======= ", n, identity(g),
-                  text_of(g->grp_addr).s, g->filter_timer, static_cast<int>(g->filter_mode));
+                  text_of(g->address).s, g->filter_timer, static_cast<int>(g->filter_mode));
     print_message("\n Include List: ");
     dump_source_list("Include List", g->include_list);
-    dump_source_list("Req List", g->req_list);
-    dump_source_list("Exc List", g->exc_list);
+    dump_source_list("Req List", g->requested_list);
+    dump_source_list("Exc List", g->excluded_list);
     print_message("\n\n ---MFD Information---  ");
-    if (!g->mfdb) {
+    if (!g->entry) {
         print_message("\n NULL");
     } else {
-        dump_forwarding(g->mfdb);
+        dump_forwarding(g->entry);
     }
 }
 
@@ -78,7 +78,7 @@ void dump_source_list(const char* label, const Source* list) {
         print_message(" NULL ");
     }
     for (; list; list = list->next) {
-        print_message("[ %s time %d ] ", text_of(list->src_addr).s, list->timer);
+        print_message("[ %s time %d ] ", text_of(list->address).s, list->timer);
     }
 }
 
@@ -104,7 +104,7 @@ void dump_host_states(Router* r, const ForwardingEntry* e) {
         return;
     }
     print_message("\n <---------Group Host State for Group %s------------->",
-                  text_of(e->grp_addr).s);
+                  text_of(e->address).s);
     const HostState reported = reported_state(e);
     dump_state("\n\n Old State :", "OldState SrcList", &reported);
     dump_state("\n\n New State :", "NewState SrcList", e->new_host_state);

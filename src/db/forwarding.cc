@@ -23,17 +23,17 @@ bool has_marks(const ForwardingRecord* fw) {
 void write_source_entry(Router* r, ForwardingEntry* e, const uint8_t* src) {
     uint8_t oifs[kMifMarks] = {};
     outgoing_mifs(e, src, oifs);
-    write_kernel_entry(r, e->grp_addr, src, oifs);
+    write_kernel_entry(r, e->address, src, oifs);
 }
 
 void write_any_source_entry(Router* r, ForwardingEntry* e) {
-    for (const ForwardingRecord* fw = e->fwinfo_list; fw; fw = fw->next) {
-        if (is_unspecified(fw->src_addr)) {
+    for (const ForwardingRecord* fw = e->records; fw; fw = fw->next) {
+        if (is_unspecified(fw->address)) {
             uint8_t oifs[kMifMarks];
             for (uint32_t i = 0; i < kMifMarks; i++) {
                 oifs[i] = mark_at(fw, i);
             }
-            write_kernel_entry(r, e->grp_addr, kAddrAny, oifs);
+            write_kernel_entry(r, e->address, kAddrAny, oifs);
             return;
         }
     }
@@ -41,9 +41,9 @@ void write_any_source_entry(Router* r, ForwardingEntry* e) {
 
 // Every (S,G) entry carries the (*,G) MIFs, so a change of those rewrites them all.
 void write_source_entries(Router* r, ForwardingEntry* e) {
-    for (const ForwardingRecord* fw = e->fwinfo_list; fw; fw = fw->next) {
-        if (!is_unspecified(fw->src_addr)) {
-            write_source_entry(r, e, fw->src_addr);
+    for (const ForwardingRecord* fw = e->records; fw; fw = fw->next) {
+        if (!is_unspecified(fw->address)) {
+            write_source_entry(r, e, fw->address);
         }
     }
 }
@@ -58,7 +58,7 @@ int add_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_t m
         return 0;  // already marked so there
     }
     set_mark(fw, ifp->mifi, mark);
-    sync_kernel_forwarding(r, g->mfdb, src, false);
+    sync_kernel_forwarding(r, g->entry, src, false);
     return 0;
 }
 
@@ -79,7 +79,7 @@ int remove_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_
     if (is_unspecified(src)) {
         r->del_mifi = ifp->mifi;
     }
-    sync_kernel_forwarding(r, g->mfdb, src, gone);
+    sync_kernel_forwarding(r, g->entry, src, gone);
     return 0;
 }
 
@@ -97,7 +97,7 @@ void sync_kernel_forwarding(Router* r, ForwardingEntry* e, const uint8_t* src, b
     if (!is_unspecified(src)) {
         // Without its own record the source is forwarded by the (*,G) entry, if any.
         if (record_gone) {
-            kernel_delete_mfc(r->router_sock, e->grp_addr, src);
+            kernel_delete_mfc(r->router_sock, e->address, src);
         } else {
             write_source_entry(r, e, src);
         }
@@ -106,7 +106,7 @@ void sync_kernel_forwarding(Router* r, ForwardingEntry* e, const uint8_t* src, b
     if (record_gone) {
         // Deleted even while no upstream is known: a kernel entry left behind would forward
         // to whatever link takes its MIF later.
-        kernel_delete_mfc(r->router_sock, e->grp_addr, kAddrAny);
+        kernel_delete_mfc(r->router_sock, e->address, kAddrAny);
     } else {
         write_any_source_entry(r, e);
     }
@@ -124,7 +124,7 @@ int add_to_group_list(Router* r, Group* g, ListKind kind, const uint8_t* src, in
     if (is_unspecified(src)) {
         return 0;
     }
-    Source* s = add_source_to_group(g, g->mfdb, kind, src);
+    Source* s = add_source_to_group(g, g->entry, kind, src);
     if (!s) {
         log_line("MLDRT: Couldnt add src to grp include list");
         return -1;
@@ -146,7 +146,7 @@ int remove_from_group_list(Router* r, Group* g, ForwardingEntry* e, ListKind kin
         }
         return kind == ListKind::Excluded ? remove_forwarding(r, g, src, ifp, kMarkExcluded) : 0;
     }
-    if (remove_source_from_group(g, g->mfdb, kind, src) != 0) {
+    if (remove_source_from_group(g, g->entry, kind, src) != 0) {
         log_message("\n FATAL Error - Cannot del src from group include list\n");
         return -1;
     }
@@ -162,7 +162,7 @@ void withdraw_whole_group(Router* r, Group* g, Link* ifp) {
 }
 
 void rewrite_kernel_forwarding(Router* r) {
-    for (ForwardingEntry* e = r->mfdb_list; e; e = e->next) {
+    for (ForwardingEntry* e = r->entries; e; e = e->next) {
         write_any_source_entry(r, e);
         write_source_entries(r, e);
     }

@@ -20,9 +20,9 @@ void free_host_state(HostState** hs) {
     }
 }
 
-ForwardingRecord* find_fwinfo(ForwardingRecord* list, const uint8_t* src) {
+ForwardingRecord* find_record(ForwardingRecord* list, const uint8_t* src) {
     for (; list; list = list->next) {
-        if (same_address(list->src_addr, src)) {
+        if (same_address(list->address, src)) {
             return list;
         }
     }
@@ -70,7 +70,7 @@ uint32_t forwarding_entry_count(const Router* r) {
 }
 
 ForwardingEntry* find_forwarding_entry(Router* r, const uint8_t* grp) {
-    return index_find(&r->mfdb_index, grp);
+    return index_find(&r->entry_index, grp);
 }
 
 ForwardingEntry* create_forwarding_entry(const uint8_t* grp) {
@@ -79,7 +79,7 @@ ForwardingEntry* create_forwarding_entry(const uint8_t* grp) {
         log_line("MLDRT: Mfdb create failed");
         return nullptr;
     }
-    std::memcpy(e->grp_addr, grp, 16);
+    std::memcpy(e->address, grp, 16);
     return e;
 }
 
@@ -96,31 +96,31 @@ ForwardingEntry* add_forwarding_entry(Router* r, const uint8_t* grp) {
     if (!e) {
         return nullptr;
     }
-    if (!index_insert(&r->mfdb_index, e)) {
+    if (!index_insert(&r->entry_index, e)) {
         log_line("MLDRT: Mfdb create failed");
         delete_forwarding_entry(r, e);
         return nullptr;
     }
-    e->next = r->mfdb_list;
-    if (r->mfdb_list) {
-        r->mfdb_list->pprev = &e->next;
+    e->next = r->entries;
+    if (r->entries) {
+        r->entries->pprev = &e->next;
     }
-    e->pprev = &r->mfdb_list;
-    r->mfdb_list = e;
+    e->pprev = &r->entries;
+    r->entries = e;
     r->forwarding_entries++;
     return e;
 }
 
 void delete_forwarding_entry(Router* r, ForwardingEntry* e) {
-    index_remove(&r->mfdb_index, e);
+    index_remove(&r->entry_index, e);
     forget_changed(e);
     free_srclist(&e->host_list);
     free_host_state(&e->new_host_state);
     free_pending_report(e);
-    while (e->fwinfo_list) {
-        ForwardingRecord* next = e->fwinfo_list->next;
-        free(e->fwinfo_list);
-        e->fwinfo_list = next;
+    while (e->records) {
+        ForwardingRecord* next = e->records->next;
+        free(e->records);
+        e->records = next;
     }
     if (e->pprev) {
         *e->pprev = e->next;
@@ -133,24 +133,24 @@ void delete_forwarding_entry(Router* r, ForwardingEntry* e) {
 }
 
 void free_forwarding_entries(Router* r) {
-    while (r->mfdb_list) {
-        delete_forwarding_entry(r, r->mfdb_list);
+    while (r->entries) {
+        delete_forwarding_entry(r, r->entries);
     }
 }
 
 void map_group_to_entry(Group* g, ForwardingEntry* e) {
-    if (g->mfdb) {
+    if (g->entry) {
         return;
     }
-    g->mfdb = e;
+    g->entry = e;
     mark_changed(e);  // a new group on a link: even an empty one must be looked at
-    if (!e->fwinfo_list) {
+    if (!e->records) {
         kernel_join_all_routers();
     }
 }
 
 ForwardingRecord* find_forwarding_record(Group* g, const uint8_t* src) {
-    return g->mfdb ? find_fwinfo(g->mfdb->fwinfo_list, src) : nullptr;
+    return g->entry ? find_record(g->entry->records, src) : nullptr;
 }
 
 bool has_forwarding_marks(Group* g, const uint8_t* src) {
@@ -164,32 +164,32 @@ ForwardingRecord* create_forwarding_record(const uint8_t* src) {
         log_line("MLDRT: Creating fwdinfo failed");
         return nullptr;
     }
-    std::memcpy(fw->src_addr, src, 16);
+    std::memcpy(fw->address, src, 16);
     return fw;
 }
 
 ForwardingRecord* add_forwarding_record(Group* g, const uint8_t* src) {
-    if (!g->mfdb) {
+    if (!g->entry) {
         return nullptr;
     }
-    ForwardingRecord* fw = find_fwinfo(g->mfdb->fwinfo_list, src);
+    ForwardingRecord* fw = find_record(g->entry->records, src);
     if (fw) {
         return fw;
     }
     fw = create_forwarding_record(src);
     if (fw) {
-        fw->next = g->mfdb->fwinfo_list;
-        g->mfdb->fwinfo_list = fw;
+        fw->next = g->entry->records;
+        g->entry->records = fw;
     }
     return fw;
 }
 
 void delete_forwarding_record(Group* g, const uint8_t* src) {
-    if (!g->mfdb) {
+    if (!g->entry) {
         return;
     }
-    for (ForwardingRecord** link = &g->mfdb->fwinfo_list; *link; link = &(*link)->next) {
-        if (same_address((*link)->src_addr, src)) {
+    for (ForwardingRecord** link = &g->entry->records; *link; link = &(*link)->next) {
+        if (same_address((*link)->address, src)) {
             ForwardingRecord* gone = *link;
             *link = gone->next;
             free(gone);
@@ -199,8 +199,8 @@ void delete_forwarding_record(Group* g, const uint8_t* src) {
 }
 
 void outgoing_mifs(const ForwardingEntry* e, const uint8_t* src, uint8_t* oifs) {
-    const ForwardingRecord* own = find_fwinfo(e->fwinfo_list, src);
-    const ForwardingRecord* any = find_fwinfo(e->fwinfo_list, kAddrAny);
+    const ForwardingRecord* own = find_record(e->records, src);
+    const ForwardingRecord* any = find_record(e->records, kAddrAny);
     for (uint32_t i = 0; i < kMifMarks; i++) {
         uint8_t mark = own ? mark_at(own, i) : 0;
         bool by_any = any && mark_at(any, i) == kMarkWanted;

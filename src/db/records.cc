@@ -51,7 +51,7 @@ uint32_t count_srcs(const Source* list) {
     return n;
 }
 
-uint32_t count_members(const Host* m) {
+uint32_t count_hosts(const Host* m) {
     uint32_t n = 0;
     for (; m; m = m->next) {
         n++;
@@ -92,8 +92,8 @@ Group* find_group(Link* ifp, const uint8_t* grp) {
 }
 
 Host* find_host(Group* g, const uint8_t* host) {
-    for (Host* m = g->member_list; m; m = m->next) {
-        if (same_address(m->member_addr, host)) {
+    for (Host* m = g->hosts; m; m = m->next) {
+        if (same_address(m->address, host)) {
             return m;
         }
     }
@@ -135,7 +135,7 @@ Group* add_group(Router* r, Link* ifp, const uint8_t* grp) {
 }
 
 bool hosts_full(const Group* g) {
-    return count_members(g->member_list) >= kMaxHosts;
+    return count_hosts(g->hosts) >= kMaxHosts;
 }
 
 Host* add_host(Group* g, const uint8_t* host) {
@@ -149,8 +149,8 @@ Host* add_host(Group* g, const uint8_t* host) {
     }
     m = create_host(host);
     if (m) {
-        m->next = g->member_list;
-        g->member_list = m;
+        m->next = g->hosts;
+        g->hosts = m;
     }
     return m;
 }
@@ -164,9 +164,9 @@ Source** select_list(Group* g, ForwardingEntry* e, ListKind kind) {
         case ListKind::Include:
             return &g->include_list;
         case ListKind::Requested:
-            return &g->req_list;
+            return &g->requested_list;
         case ListKind::Excluded:
-            return &g->exc_list;
+            return &g->excluded_list;
         case ListKind::QuerySuppressed:
             return query_list(g, &GroupQueries::suppressed);
         case ListKind::QueryNotSuppressed:
@@ -195,7 +195,7 @@ namespace {
 // host state is merged from; the query retransmission lists do not.
 void note_listener_change(const Group* g, ListKind kind) {
     if (g && kind <= ListKind::Excluded) {
-        mark_changed(g->mfdb);
+        mark_changed(g->entry);
     }
 }
 
@@ -257,7 +257,7 @@ void delete_group(Link* ifp, Group* g) {
 }
 
 void delete_host(Group* g, Host* m) {
-    for (Host** link = &g->member_list; *link; link = &(*link)->next) {
+    for (Host** link = &g->hosts; *link; link = &(*link)->next) {
         if (*link == m) {
             *link = m->next;
             free(m);

@@ -21,8 +21,8 @@ void reset_router(Router* r) {
     r->nl_buf_size = 0;
     r->nl_buf = nullptr;
     r->interfaces = nullptr;
-    r->mfdb_list = nullptr;
-    r->mfdb_index = {};
+    r->entries = nullptr;
+    r->entry_index = {};
     r->upstream = nullptr;
     r->report_batch = nullptr;
     r->robustness = 0;

@@ -49,8 +49,8 @@ struct Router {
     uint32_t nl_buf_size;
     uint8_t* nl_buf;
     Link* interfaces;
-    ForwardingEntry* mfdb_list;
-    AddressIndex<ForwardingEntry> mfdb_index;  // beside mfdb_list
+    ForwardingEntry* entries;
+    AddressIndex<ForwardingEntry> entry_index;  // beside entries
     Link* upstream;
     // While set, upstream records join this one report instead of leaving one report each.
     ReportBuilder* report_batch;
@@ -71,7 +71,7 @@ struct Router {
     Control* control;              // the control socket and its clients; null while there is none
     SystemLinkTable system_links;  // what routing netlink said of every system interface
     NetlinkDumps netlink_dumps;
-    uint32_t forwarding_entries;  // on mfdb_list
+    uint32_t forwarding_entries;  // on entries
     bool input_thread_joinable;
 };
 

@@ -8,7 +8,7 @@ namespace mldproxy {
 
 Source* find_source(Source* list, const uint8_t* src) {
     for (; list; list = list->next) {
-        if (same_address(list->src_addr, src)) {
+        if (same_address(list->address, src)) {
             return list;
         }
     }
@@ -17,7 +17,7 @@ Source* find_source(Source* list, const uint8_t* src) {
 
 bool list_has(const Source* list, const uint8_t* src) {
     for (; list; list = list->next) {
-        if (same_address(list->src_addr, src)) {
+        if (same_address(list->address, src)) {
             return true;
         }
     }
@@ -26,7 +26,7 @@ bool list_has(const Source* list, const uint8_t* src) {
 
 void remove_from_list(Source** list, const uint8_t* src) {
     for (Source** link = list; *link; link = &(*link)->next) {
-        if (same_address((*link)->src_addr, src)) {
+        if (same_address((*link)->address, src)) {
             Source* gone = *link;
             *link = gone->next;
             free(gone);

@@ -27,7 +27,7 @@ SystemLink* system_link_get(SystemLinkTable* table, uint32_t ifindex) {
     SystemLinkTable& t = *table;
     if (t.count == t.capacity) {
         uint32_t capacity = t.capacity ? 2 * t.capacity : 8;
-        if (capacity > kMaxSysif) {
+        if (capacity > kMaxSystemLinks) {
             return nullptr;
         }
         void* grown = realloc(t.entries, capacity * sizeof(SystemLink));

@@ -9,8 +9,8 @@ namespace mldproxy {
 
 // What the kernel told us about one system interface.
 struct SystemLink {
-    uint8_t state;             // kSysifFilled once a link message filled it
-    uint8_t event;             // bits kSysifEv*
+    uint8_t state;             // kSystemLinkFilled once a link message filled it
+    uint8_t event;             // bits kSystemLink* below
     uint8_t up;                // IFF_UP of the last link message
     uint8_t named_left_alone;  // its log line saying it is no downstream was printed
     uint32_t ifindex;
@@ -19,13 +19,13 @@ struct SystemLink {
     uint32_t mtu;      // IFLA_MTU of the last link message
 };
 
-constexpr uint8_t kSysifFilled = 2;
-constexpr uint8_t kSysifEvUp = 1;
-constexpr uint8_t kSysifEvByFlag = 2;
-constexpr uint8_t kSysifEvRestart = 4;
-constexpr uint8_t kSysifEvDown = 8;
-constexpr uint8_t kSysifNewlink = kSysifEvUp | kSysifEvByFlag;    // 3
-constexpr uint8_t kSysifDellink = kSysifEvDown | kSysifEvByFlag;  // 10
+constexpr uint8_t kSystemLinkFilled = 2;
+constexpr uint8_t kSystemLinkUp = 1;
+constexpr uint8_t kSystemLinkByFlag = 2;
+constexpr uint8_t kSystemLinkRestart = 4;
+constexpr uint8_t kSystemLinkDown = 8;
+constexpr uint8_t kSystemLinkNew = kSystemLinkUp | kSystemLinkByFlag;        // 3
+constexpr uint8_t kSystemLinkDeleted = kSystemLinkDown | kSystemLinkByFlag;  // 10
 
 // System interfaces by kernel index. Any index is accepted (kernel indexes grow without bound
 // as links come and go), so the table is a small growing array searched by index.
@@ -35,7 +35,7 @@ struct SystemLinkTable {
     uint32_t capacity;
 };
 
-constexpr uint32_t kMaxSysif = 4096;
+constexpr uint32_t kMaxSystemLinks = 4096;
 
 void system_link_reset(SystemLinkTable* t);  // empties the table and frees its memory
 SystemLink* system_link_find(SystemLinkTable* t, uint32_t ifindex);

@@ -28,17 +28,18 @@ void toin_on_exclude(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
     const uint8_t* b = record_sources(rec);
     uint32_t nb = record_source_count(rec);
     SourceSet left;
-    subtract_record(&left, g->req_list, b, nb, 1);
+    subtract_record(&left, g->requested_list, b, nb, 1);
     add_record_sources(r, g, ListKind::Requested, rec,
                        static_cast<int32_t>(group_membership_interval(r)), ifp);
     for (uint32_t i = 0; i < nb; i++) {
-        if (remove_from_group_list(r, g, g->mfdb, ListKind::Excluded, b + kAddrLen * i, ifp) != 0) {
+        if (remove_from_group_list(r, g, g->entry, ListKind::Excluded, b + kAddrLen * i, ifp) !=
+            0) {
             log_message("\n Deletion Failed in exclude list\n");
             return;
         }
     }
     query_result(r, ifp, g, &left);
-    lower_timers_and_query(r, ifp, g, g->grp_addr, nullptr, 0);
+    lower_timers_and_query(r, ifp, g, g->address, nullptr, 0);
 }
 
 // INCLUDE (A) + TO_EX(B), B non-empty -> EXCLUDE(A*B, B-A), filter timer GMI. RFC 3810 also
@@ -51,7 +52,7 @@ void toex_on_include(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
     intersect_with_record(&both, g->include_list, b, nb);
     subtract_record(&added, g->include_list, b, nb, 0);
     subtract_record(&gone, g->include_list, b, nb, 1);
-    if (empty_group_list(r, g, g->mfdb, ListKind::Include, ifp) != 0) {
+    if (empty_group_list(r, g, g->entry, ListKind::Include, ifp) != 0) {
         log_message("\n Couldnt empty include list\n");
         return;
     }
@@ -68,17 +69,17 @@ void toex_on_exclude(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
     const uint8_t* b = record_sources(rec);
     uint32_t nb = record_source_count(rec);
     SourceSet wanted, fresh, dropped, unexcluded;
-    subtract_record(&wanted, g->exc_list, b, nb, 0);
+    subtract_record(&wanted, g->excluded_list, b, nb, 0);
     take_requested_timers(g, &wanted);
-    subtract_lists(&fresh, set_list(&wanted), g->req_list);
-    subtract_record(&dropped, g->req_list, b, nb, 1);
-    if (empty_group_list(r, g, g->mfdb, ListKind::Requested, ifp) != 0) {
+    subtract_lists(&fresh, set_list(&wanted), g->requested_list);
+    subtract_record(&dropped, g->requested_list, b, nb, 1);
+    if (empty_group_list(r, g, g->entry, ListKind::Requested, ifp) != 0) {
         log_message("\n Couldnt empty req list\n");
         return;
     }
     add_set_sources(r, g, ListKind::Requested, &wanted, ifp);
     query_result(r, ifp, g, &wanted);
-    subtract_record(&unexcluded, g->exc_list, b, nb, 1);
+    subtract_record(&unexcluded, g->excluded_list, b, nb, 1);
     intersect_group_list_with_record(r, g, ListKind::Excluded, b, nb, ifp);
     remove_from_requested_and_excluded(r, g, &unexcluded, ifp);
     remove_from_requested_and_excluded(r, g, &dropped, ifp);
@@ -89,18 +90,18 @@ void toex_on_exclude(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
 // Either mode + TO_EX{} -> EXCLUDE({}, {}), filter timer GMI, no query: every source wanted.
 void toex_all(Router* r, Link* ifp, Group* g) {
     if (g->filter_mode == FilterMode::Include) {
-        if (empty_group_list(r, g, g->mfdb, ListKind::Include, ifp) != 0) {
+        if (empty_group_list(r, g, g->entry, ListKind::Include, ifp) != 0) {
             log_message("\n Couldnt empty include list\n");
             return;
         }
         enter_exclude(r, g, ifp);
         return;
     }
-    if (empty_group_list(r, g, g->mfdb, ListKind::Requested, ifp) != 0) {
+    if (empty_group_list(r, g, g->entry, ListKind::Requested, ifp) != 0) {
         log_message("\n Couldnt empty include list\n");
         return;
     }
-    if (empty_group_list(r, g, g->mfdb, ListKind::Excluded, ifp) != 0) {
+    if (empty_group_list(r, g, g->entry, ListKind::Excluded, ifp) != 0) {
         log_message("\n Couldnt empty EXCLUDE list\n");
         return;
     }

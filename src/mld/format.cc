@@ -64,7 +64,7 @@ uint32_t append_record_source(uint8_t* rec, const uint8_t* src) {
 uint32_t build_record(uint8_t* buf, const uint8_t* group, RecordType rec_type, const Source* list) {
     uint32_t len = encode_bare_record(buf, group, rec_type);
     for (const Source* s = list; s; s = s->next) {
-        len += append_record_source(buf, s->src_addr);
+        len += append_record_source(buf, s->address);
     }
     return len;
 }

@@ -27,7 +27,7 @@ uint32_t listed_sources(const uint8_t* msg, uint32_t len) {
 
 bool holds(const Source* list, const uint8_t* addr) {
     for (; list; list = list->next) {
-        if (same_address(list->src_addr, addr)) {
+        if (same_address(list->address, addr)) {
             return true;
         }
     }
@@ -44,7 +44,7 @@ const Source* match_sources(const uint8_t* msg, uint32_t asked, const Source* he
             continue;
         }
         std::memset(&matched[n], 0, sizeof matched[n]);
-        std::memcpy(matched[n].src_addr, src, kAddrLen);
+        std::memcpy(matched[n].address, src, kAddrLen);
         if (n > 0) {
             matched[n - 1].next = &matched[n];
         }
@@ -81,20 +81,20 @@ int handle_query(Router* r, Link* ifp, const uint8_t* src, const uint8_t* msg, u
     Source matched[kMaxQuerySources];  // this query's matches only
     ReportBuilder rb;
     report_init(&rb, r);
-    for (const ForwardingEntry* e = r->mfdb_list; e; e = e->next) {
+    for (const ForwardingEntry* e = r->entries; e; e = e->next) {
         const HostState state = reported_state(e);
         const HostState* hs = &state;
-        if (!hs || (!general && !same_address(e->grp_addr, grp)) || unheard_on_v1(ifp, hs)) {
+        if (!hs || (!general && !same_address(e->address, grp)) || unheard_on_v1(ifp, hs)) {
             continue;
         }
         RecordType rec_type = current_state_record_type(hs->mode);
         if (!with_sources) {
-            report_add(&rb, e->grp_addr, rec_type, hs->list);
+            report_add(&rb, e->address, rec_type, hs->list);
             continue;
         }
         const Source* list = hs->list ? match_sources(msg, nsrc, hs->list, matched) : nullptr;
         if (list) {
-            report_add(&rb, e->grp_addr, rec_type, list);
+            report_add(&rb, e->address, rec_type, list);
         }
     }
     report_flush(&rb);

@@ -48,7 +48,7 @@ int group_specific(Router* r, Link* ifp, Group* g, const uint8_t* grp) {
 // Puts one queried source on the retransmission list `kind` with the retransmissions still
 // due after the query about to go out; false after the message.
 bool schedule_source(Router* r, Group* g, const uint8_t* addr, ListKind kind) {
-    Source* e = add_source_to_group(g, g->mfdb, kind, addr);
+    Source* e = add_source_to_group(g, g->entry, kind, addr);
     if (!e) {
         log_message(kind == ListKind::QuerySuppressed
                         ? "\n FATAL: couldnt allocate entry in SRSP list\n"
@@ -69,10 +69,10 @@ bool being_queried(const Group* g, const uint8_t* addr) {
 void send_source_queries(Router* r, Link* ifp, const Group* g) {
     const GroupQueries* q = g->queries;
     if (q && q->suppressed) {
-        send_specific_query(r, ifp, g->grp_addr, q->suppressed, list_length(q->suppressed));
+        send_specific_query(r, ifp, g->address, q->suppressed, list_length(q->suppressed));
     }
     if (q && q->not_suppressed) {
-        send_specific_query(r, ifp, g->grp_addr, q->not_suppressed, list_length(q->not_suppressed));
+        send_specific_query(r, ifp, g->address, q->not_suppressed, list_length(q->not_suppressed));
     }
 }
 
@@ -83,7 +83,7 @@ int lower_timers_and_query(Router* r, Link* ifp, Group* g, const uint8_t* grp, c
     }
     Source* searched;
     if (g->filter_mode == FilterMode::Exclude) {
-        searched = g->req_list;
+        searched = g->requested_list;
     } else if (g->filter_mode == FilterMode::Include) {
         searched = g->include_list;
     } else {
@@ -92,11 +92,11 @@ int lower_timers_and_query(Router* r, Link* ifp, Group* g, const uint8_t* grp, c
     }
     bool scheduled = false;
     for (const Source* s = srcs; s; s = s->next) {
-        Source* found = find_source(searched, s->src_addr);
+        Source* found = find_source(searched, s->address);
         // A source already being asked about (a host repeats its leave before the router
         // repeats its query) keeps its timer and its retransmissions (RFC 3810 section
         // 7.6.3.2): it is neither lowered nor counted again.
-        if (!found || being_queried(g, s->src_addr)) {
+        if (!found || being_queried(g, s->address)) {
             continue;
         }
         // Timers compared as unsigned values, as routers have always compared them.
@@ -104,7 +104,7 @@ int lower_timers_and_query(Router* r, Link* ifp, Group* g, const uint8_t* grp, c
         if (lowered) {
             found->timer = static_cast<int32_t>(llqt(r));
         }
-        if (!schedule_source(r, g, s->src_addr,
+        if (!schedule_source(r, g, s->address,
                              lowered ? ListKind::QuerySuppressed : ListKind::QueryNotSuppressed)) {
             return -1;
         }

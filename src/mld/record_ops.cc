@@ -59,7 +59,7 @@ void want_record_sources(Router* r, Group* g, const uint8_t* rec, Link* ifp) {
         } else {
             // Wanted before it is no longer excluded: its (S,G) entry is rewritten, not dropped.
             add_to_group_list(r, g, ListKind::Requested, s, gmi, ifp);
-            remove_from_group_list(r, g, g->mfdb, ListKind::Excluded, s, ifp);
+            remove_from_group_list(r, g, g->entry, ListKind::Excluded, s, ifp);
         }
     }
 }
@@ -67,20 +67,20 @@ void want_record_sources(Router* r, Group* g, const uint8_t* rec, Link* ifp) {
 void add_set_sources(Router* r, Group* g, ListKind kind, const SourceSet* res, Link* ifp) {
     for (uint32_t i = 0; i < res->n; i++) {
         const Source& s = res->entries[i];
-        add_to_group_list(r, g, kind, s.src_addr, s.timer, ifp);
+        add_to_group_list(r, g, kind, s.address, s.timer, ifp);
     }
 }
 
 void add_set_with_timer(Router* r, Group* g, ListKind kind, const SourceSet* res, int32_t timer,
                         Link* ifp) {
     for (uint32_t i = 0; i < res->n; i++) {
-        add_to_group_list(r, g, kind, res->entries[i].src_addr, timer, ifp);
+        add_to_group_list(r, g, kind, res->entries[i].address, timer, ifp);
     }
 }
 
 void set_requested_timers(Group* g, const SourceSet* res, int32_t timer) {
     for (uint32_t i = 0; i < res->n; i++) {
-        Source* s = find_source(g->req_list, res->entries[i].src_addr);
+        Source* s = find_source(g->requested_list, res->entries[i].address);
         if (s) {
             s->timer = timer;
         }
@@ -89,7 +89,7 @@ void set_requested_timers(Group* g, const SourceSet* res, int32_t timer) {
 
 void take_requested_timers(const Group* g, SourceSet* res) {
     for (uint32_t i = 0; i < res->n; i++) {
-        const Source* s = find_source(g->req_list, res->entries[i].src_addr);
+        const Source* s = find_source(g->requested_list, res->entries[i].address);
         if (s) {
             res->entries[i].timer = s->timer;
         }
@@ -98,22 +98,22 @@ void take_requested_timers(const Group* g, SourceSet* res) {
 
 void remove_from_requested_and_excluded(Router* r, Group* g, const SourceSet* res, Link* ifp) {
     for (uint32_t i = 0; i < res->n; i++) {
-        const uint8_t* addr = res->entries[i].src_addr;
-        remove_from_group_list(r, g, g->mfdb, ListKind::Requested, addr, ifp);
-        remove_from_group_list(r, g, g->mfdb, ListKind::Excluded, addr, ifp);
+        const uint8_t* addr = res->entries[i].address;
+        remove_from_group_list(r, g, g->entry, ListKind::Requested, addr, ifp);
+        remove_from_group_list(r, g, g->entry, ListKind::Excluded, addr, ifp);
     }
 }
 
 void query_result(Router* r, Link* ifp, Group* g, const SourceSet* res) {
     if (res->n > 0) {
-        lower_timers_and_query(r, ifp, g, g->grp_addr, res->entries, res->n);
+        lower_timers_and_query(r, ifp, g, g->address, res->entries, res->n);
     }
 }
 
 void enter_exclude(Router* r, Group* g, Link* ifp) {
     g->filter_mode = FilterMode::Exclude;
-    g->mfdb->exclude_count++;
-    mark_changed(g->mfdb);
+    g->entry->exclude_count++;
+    mark_changed(g->entry);
     g->filter_timer = static_cast<int32_t>(group_membership_interval(r));
     forward_whole_group(r, g, ifp);
 }

@@ -86,7 +86,7 @@ void report_add(ReportBuilder* rb, const uint8_t* group, RecordType rec_type, co
             }
             rec = rb->r->scratch + rb->len - kMcastRecHdrLen;
         }
-        rb->len += append_record_source(rec, s->src_addr);
+        rb->len += append_record_source(rec, s->address);
     }
 }
 

@@ -110,7 +110,7 @@ int send_v2_query(Router* r, Link* ifp, const QueryParams* q) {
         uint32_t n = left < per_msg ? left : per_msg;
         write_query_header(r, ifp, q, n);
         for (uint32_t i = 0; i < n; i++, s = s->next) {
-            std::memcpy(ifp->buf + kQueryV2HdrLen + kAddrLen * i, s->src_addr, 16);
+            std::memcpy(ifp->buf + kQueryV2HdrLen + kAddrLen * i, s->address, 16);
         }
         uint32_t len = kQueryV2HdrLen + kAddrLen * n;
         result = query_sent(send_on(ifp, q->dst, ifp->addr, len));

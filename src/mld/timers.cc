@@ -20,8 +20,8 @@ uint32_t gmi(const Router* r) {
 
 void send_group_query(Router* r, Link* ifp, const Group* g, const Source* srcs, uint32_t count) {
     QueryParams q{};
-    std::memcpy(q.group, g->grp_addr, 16);
-    std::memcpy(q.dst, g->grp_addr, 16);
+    std::memcpy(q.group, g->address, 16);
+    std::memcpy(q.dst, g->address, 16);
     q.sources = srcs;
     q.src_count = count;
     send_query(r, ifp, &q);
@@ -60,41 +60,41 @@ void age_include(Router* r, Link* ifp, Group* g) {
             continue;
         }
         uint8_t addr[16];
-        std::memcpy(addr, s->src_addr, sizeof addr);
-        remove_from_group_list(r, g, g->mfdb, ListKind::Include, addr, ifp);
+        std::memcpy(addr, s->address, sizeof addr);
+        remove_from_group_list(r, g, g->entry, ListKind::Include, addr, ifp);
     }
 }
 
 // Filter timer expiry (RFC 3810 section 7.5): back to INCLUDE with the requested sources,
 // each restarted at GMI; the link no longer takes every source of the group.
 void expire_filter(Router* r, Link* ifp, Group* g) {
-    empty_group_list(r, g, g->mfdb, ListKind::Excluded, ifp);
-    for (Source* s = g->req_list; s; s = s->next) {
-        add_to_group_list(r, g, ListKind::Include, s->src_addr, static_cast<int32_t>(gmi(r)), ifp);
+    empty_group_list(r, g, g->entry, ListKind::Excluded, ifp);
+    for (Source* s = g->requested_list; s; s = s->next) {
+        add_to_group_list(r, g, ListKind::Include, s->address, static_cast<int32_t>(gmi(r)), ifp);
     }
-    free_srclist(&g->req_list);
+    free_srclist(&g->requested_list);
     withdraw_whole_group(r, g, ifp);
     g->filter_mode = FilterMode::Include;
-    if (g->mfdb) {
-        g->mfdb->exclude_count--;
+    if (g->entry) {
+        g->entry->exclude_count--;
     }
-    mark_changed(g->mfdb);
+    mark_changed(g->entry);
 }
 
 // EXCLUDE mode, filter timer running: requested sources that run out become excluded.
 void age_exclude(Router* r, Link* ifp, Group* g) {
     g->filter_timer--;
     Source* next = nullptr;
-    for (Source* s = g->req_list; s; s = next) {
+    for (Source* s = g->requested_list; s; s = next) {
         next = s->next;
         if (s->timer >= 2) {
             s->timer--;
             continue;
         }
         uint8_t addr[16];
-        std::memcpy(addr, s->src_addr, sizeof addr);
+        std::memcpy(addr, s->address, sizeof addr);
         add_to_group_list(r, g, ListKind::Excluded, addr, s->timer, ifp);
-        remove_from_group_list(r, g, g->mfdb, ListKind::Requested, addr, ifp);
+        remove_from_group_list(r, g, g->entry, ListKind::Requested, addr, ifp);
     }
 }
 
@@ -125,7 +125,7 @@ void tick_group(Router* r, Link* ifp, Group* g) {
     // A group that was left empty with its last query sent a tick ago can go: its entry is
     // looked at again for that. The tick between gives hosts time to answer that query.
     if (removable(g)) {
-        mark_changed(g->mfdb);
+        mark_changed(g->entry);
     }
     retransmit_group_query(r, ifp, g);
     retransmit_source_queries(r, ifp, g);
@@ -134,13 +134,13 @@ void tick_group(Router* r, Link* ifp, Group* g) {
 }
 
 void free_group(Link* ifp, Group* g) {
-    while (g->member_list) {
-        delete_host(g, g->member_list);
+    while (g->hosts) {
+        delete_host(g, g->hosts);
     }
     free_srclist(&g->include_list);
-    free_srclist(&g->req_list);
-    free_srclist(&g->exc_list);
-    g->mfdb = nullptr;
+    free_srclist(&g->requested_list);
+    free_srclist(&g->excluded_list);
+    g->entry = nullptr;
     delete_group(ifp, g);
 }
 
@@ -149,8 +149,8 @@ void free_group(Link* ifp, Group* g) {
 bool release_unused_groups(Router* r, ForwardingEntry* e) {
     bool in_use = false;
     for (Link* ifp = r->interfaces; ifp; ifp = ifp->next) {
-        Group* g = find_group(ifp, e->grp_addr);
-        if (!g || g->mfdb != e) {
+        Group* g = find_group(ifp, e->address);
+        if (!g || g->entry != e) {
             continue;
         }
         if (removable(g)) {
@@ -165,22 +165,22 @@ bool release_unused_groups(Router* r, ForwardingEntry* e) {
 void release_group(Router* r, Group* g, Link* ifp) {
     while (g->include_list) {
         uint8_t addr[16];
-        std::memcpy(addr, g->include_list->src_addr, sizeof addr);
-        remove_from_group_list(r, g, g->mfdb, ListKind::Include, addr, ifp);
+        std::memcpy(addr, g->include_list->address, sizeof addr);
+        remove_from_group_list(r, g, g->entry, ListKind::Include, addr, ifp);
     }
-    while (g->req_list) {
+    while (g->requested_list) {
         uint8_t addr[16];
-        std::memcpy(addr, g->req_list->src_addr, sizeof addr);
-        remove_from_group_list(r, g, g->mfdb, ListKind::Requested, addr, ifp);
+        std::memcpy(addr, g->requested_list->address, sizeof addr);
+        remove_from_group_list(r, g, g->entry, ListKind::Requested, addr, ifp);
     }
-    empty_group_list(r, g, g->mfdb, ListKind::Excluded, ifp);
+    empty_group_list(r, g, g->entry, ListKind::Excluded, ifp);
     if (g->filter_mode == FilterMode::Exclude) {
         withdraw_whole_group(r, g, ifp);
-        if (g->mfdb && g->mfdb->exclude_count > 0) {
-            g->mfdb->exclude_count--;
+        if (g->entry && g->entry->exclude_count > 0) {
+            g->entry->exclude_count--;
         }
     }
-    mark_changed(g->mfdb);
+    mark_changed(g->entry);
     free_group(ifp, g);
 }
 
@@ -189,14 +189,14 @@ void release_group(Router* r, Group* g, Link* ifp) {
 void age_retransmission_lists(Group* g) {
     static const ListKind kLists[2] = {ListKind::QuerySuppressed, ListKind::QueryNotSuppressed};
     for (ListKind kind : kLists) {
-        Source** list = select_list(g, g->mfdb, kind);
+        Source** list = select_list(g, g->entry, kind);
         Source* next = nullptr;
         for (Source* s = list ? *list : nullptr; s; s = next) {
             next = s->next;
             if (--s->rtx_count == 0) {
                 uint8_t addr[16];
-                std::memcpy(addr, s->src_addr, sizeof addr);
-                remove_source_from_group(g, g->mfdb, kind, addr);
+                std::memcpy(addr, s->address, sizeof addr);
+                remove_source_from_group(g, g->entry, kind, addr);
             }
         }
     }
@@ -218,7 +218,7 @@ void final_membership_pass(Router* r) {
 
 bool remove_if_unused(Router* r, ForwardingEntry* e) {
     // Upstream reports still under way: nothing is removed until they are sent.
-    if (state_change_pending(e) || e->fwinfo_list || release_unused_groups(r, e)) {
+    if (state_change_pending(e) || e->records || release_unused_groups(r, e)) {
         return false;
     }
     kernel_leave_all_routers();  // the upstream leave

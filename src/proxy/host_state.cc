@@ -28,8 +28,8 @@ HostState* new_state(FilterMode mode) {
 // it never enters the host state and never goes into a report.
 void add_sources(ForwardingEntry* e, const Source* list) {
     for (; list; list = list->next) {
-        if (!is_unspecified(list->src_addr)) {
-            add_source_to_group(nullptr, e, ListKind::NewHostState, list->src_addr);
+        if (!is_unspecified(list->address)) {
+            add_source_to_group(nullptr, e, ListKind::NewHostState, list->address);
         }
     }
 }
@@ -37,7 +37,7 @@ void add_sources(ForwardingEntry* e, const Source* list) {
 // True when every source of `a` is also in `b`.
 bool contained(const Source* a, const Source* b) {
     for (; a; a = a->next) {
-        if (!list_has(b, a->src_addr)) {
+        if (!list_has(b, a->address)) {
             return false;
         }
     }
@@ -50,8 +50,8 @@ bool contained(const Source* a, const Source* b) {
 template <typename Visit>
 void for_each_mapped_group(Router* r, const ForwardingEntry* e, Visit visit) {
     for (Link* ifp = r->interfaces; ifp; ifp = ifp->next) {
-        Group* g = find_group(ifp, e->grp_addr);
-        if (g && g->mfdb == e && !visit(g)) {
+        Group* g = find_group(ifp, e->address);
+        if (g && g->entry == e && !visit(g)) {
             return;
         }
     }
@@ -77,10 +77,10 @@ bool merge_exclude(Router* r, ForwardingEntry* e) {
         }
         HostState* hs = e->new_host_state;
         if (first) {
-            add_sources(e, g->exc_list);
+            add_sources(e, g->excluded_list);
             first = false;
         } else {
-            intersect_in_place(&hs->list, g->exc_list);
+            intersect_in_place(&hs->list, g->excluded_list);
         }
         return hs->list != nullptr;  // nothing left to exclude: nothing else matters
     });
@@ -119,7 +119,7 @@ void build_host_state(Router* r, ForwardingEntry* e) {
     for_each_mapped_group(r, e, [&](Group* g) {
         if (g->filter_mode == FilterMode::Include) {
             for (const Source* s = g->include_list; s; s = s->next) {
-                remove_source_from_group(nullptr, e, ListKind::NewHostState, s->src_addr);
+                remove_source_from_group(nullptr, e, ListKind::NewHostState, s->address);
             }
         }
         return true;
@@ -173,7 +173,7 @@ void report_changes(Router* r) {
 }
 
 void restart_host_state(Router* r) {
-    for (ForwardingEntry* e = r->mfdb_list; e; e = e->next) {
+    for (ForwardingEntry* e = r->entries; e; e = e->next) {
         free_srclist(&e->host_list);
         e->host_mode = FilterMode::Include;
         clear_pending_reports(e);

@@ -24,11 +24,11 @@ uint32_t add_scr(Router* r, ForwardingEntry* e, ListKind kind, const Source* fro
                  const Source* except = nullptr) {
     uint32_t n = 0;
     for (; from; from = from->next) {
-        if (list_has(except, from->src_addr)) {
+        if (list_has(except, from->address)) {
             continue;
         }
         n++;
-        Source* s = add_source_to_group(nullptr, e, kind, from->src_addr);
+        Source* s = add_source_to_group(nullptr, e, kind, from->address);
         if (s) {
             s->timer = retransmissions(r);
         }
@@ -44,8 +44,8 @@ uint32_t add_source_change(Router* r, ForwardingEntry* e, ListKind kind, const S
                            const Source* except) {
     ListKind opposite = kind == ListKind::Allow ? ListKind::Block : ListKind::Allow;
     for (const Source* s = from; s; s = s->next) {
-        if (!list_has(except, s->src_addr)) {
-            remove_source_from_group(nullptr, e, opposite, s->src_addr);
+        if (!list_has(except, s->address)) {
+            remove_source_from_group(nullptr, e, opposite, s->address);
         }
     }
     return add_scr(r, e, kind, from, except);
@@ -103,7 +103,7 @@ class record_sink {
     record_sink(const record_sink&) = delete;
     record_sink& operator=(const record_sink&) = delete;
     void add(const ForwardingEntry* e, RecordType rec_type, const Source* list) {
-        report_add(rb_, e->grp_addr, rec_type, list);
+        report_add(rb_, e->address, rec_type, list);
     }
 
   private:

@@ -16,8 +16,8 @@ namespace {
 const char* const kCacheLookupInterface = "eth1";
 
 bool has_any_source_record(const ForwardingEntry* e) {
-    for (const ForwardingRecord* fw = e->fwinfo_list; fw; fw = fw->next) {
-        if (same_address(fw->src_addr, kAddrAny)) {
+    for (const ForwardingRecord* fw = e->records; fw; fw = fw->next) {
+        if (same_address(fw->address, kAddrAny)) {
             return true;
         }
     }
@@ -52,7 +52,7 @@ void handle_upcall(Router* r, const uint8_t* msg, int len) {
         return;
     }
     ForwardingEntry* e = find_forwarding_entry(r, m.im6_dst);
-    if (!e || !e->fwinfo_list) {
+    if (!e || !e->records) {
         kernel_delete_mfc(r->router_sock, m.im6_dst, m.im6_src);
         return;
     }

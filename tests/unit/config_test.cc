@@ -14,7 +14,7 @@ namespace {
 
 class ConfigTest : public RouterTest {
   protected:
-    // What mldv2_init leaves before the file is read: every configured value 0. Byte 16 of
+    // What init_daemon leaves before the file is read: every configured value 0. Byte 16 of
     // the name is dirtied so that a name cut to 16 characters must be terminated by the reader.
     void clear_config() {
         router.robustness = router.query_interval = router.query_response_interval = 0;

@@ -66,7 +66,7 @@ class KernelTest : public RouterTest {
                                                           links[mif]),
                                         0);
                           } else {
-                              EXPECT_EQ(remove_from_group_list(&router, g, g->mfdb, kind,
+                              EXPECT_EQ(remove_from_group_list(&router, g, g->entry, kind,
                                                                source(src).data(), links[mif]),
                                         0);
                           }
@@ -186,7 +186,7 @@ TEST_F(KernelTest, EachCallWritesItsRecordAndNamesItsFailure) {
         add_to_group_list(&router, group(1), ListKind::Include, s1.data(), 9, links[1]);
     };
     auto del_s1 = [&] {
-        remove_from_group_list(&router, group(1), group(1)->mfdb, ListKind::Include, s1.data(),
+        remove_from_group_list(&router, group(1), group(1)->entry, ListKind::Include, s1.data(),
                                links[1]);
     };
     auto none = [] {};
@@ -288,7 +288,7 @@ using KernelDeathTest = KernelTest;
 // A signal's end is a clean one (status 0); a start that failed after its message exits 1, so
 // that a service manager sees the failure and may try again.
 TEST_F(KernelDeathTest, ExitStatusTellsASignalFromAFailedStart) {
-    EXPECT_EXIT(mldv2_done(&router), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(exit_daemon(&router), testing::ExitedWithCode(0), "");
     EXPECT_EXIT(fail_start(&router), testing::ExitedWithCode(1), "");
 }
 

@@ -99,13 +99,13 @@ class RecordHandlerTest : public ListenerTest {
         EXPECT_EQ(group(eth1, g) == nullptr, !row.after.exists || g != G1);
         if (Group* rec = group(eth1, G1)) {
             // One interface: the entry counts this group once while it is in EXCLUDE mode.
-            EXPECT_EQ(rec->mfdb->exclude_count, row.after.mode == FilterMode::Exclude ? 1u : 0u);
+            EXPECT_EQ(rec->entry->exclude_count, row.after.mode == FilterMode::Exclude ? 1u : 0u);
             // TO_IN{} is the member's leave; any other record keeps or makes it a member.
             const bool left = (row.type == DONE || (row.type == TO_IN && row.srcs.empty())) &&
                               !row.from_stranger && g == G1;
             EXPECT_EQ(find_host(rec, host.data()) == nullptr, left);
         } else {
-            EXPECT_EQ(router.mfdb_list, nullptr);
+            EXPECT_EQ(router.entries, nullptr);
         }
         EXPECT_EQ(queries_sent(), row.queries);
         EXPECT_EQ(mfc_calls(), k(row.kernel));
@@ -303,7 +303,7 @@ TEST_F(RecordHandlerTest, HostsBeyondTheMemberLimitAreServedButNotRecorded) {
     }
     handle_is_exclude_record(&router, eth1, late.data(), is_ex.data());
     EXPECT_NE(find_host(g, late.data()), nullptr);
-    EXPECT_EQ(g->member_list->next, nullptr);
+    EXPECT_EQ(g->hosts->next, nullptr);
 }
 
 // One MLDv1 report puts only its group in MLDv1 compatibility mode, for the Older Version Host
@@ -346,7 +346,7 @@ class TimerTest : public ListenerTest {
     std::string leave(Group* g, const std::vector<int>& ns) {
         std::vector<Source> chain(ns.size() + 1);
         for (size_t i = 0; i < ns.size(); i++) {
-            std::memcpy(chain[i].src_addr, src(ns[i]).data(), 16);
+            std::memcpy(chain[i].address, src(ns[i]).data(), 16);
             chain[i].next = i + 1 < ns.size() ? &chain[i + 1] : nullptr;
         }
         return stdout_of([&] {
@@ -456,7 +456,7 @@ TEST_F(TimerTest, GroupOutlivesItsLastSourceUntilItsQueriesAreSent) {
     EXPECT_NE(group(eth1, G1), nullptr);
     EXPECT_EQ(tick(), texts{});
     EXPECT_EQ(group(eth1, G1), nullptr);
-    EXPECT_EQ(router.mfdb_list, nullptr);
+    EXPECT_EQ(router.entries, nullptr);
 }
 
 struct ExpiryRow {

@@ -112,11 +112,11 @@ TEST_F(NetlinkTest, DumpRequestsShareOneSocketBoundToLinkAndAddressGroups) {
     int32_t sock = 0;
     auto& k = fake::kernel();
     k.socket_result = -1;
-    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK, 0), -1); }),
+    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(request_netlink_dump(&sock, RTM_GETLINK, 0), -1); }),
               "MLDRT: Can't open bcast socket: socket: Operation not permitted\n");
     k.socket_result = 0;
     k.bind_result = -1;
-    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(scan_available_interfaces(&sock, RTM_GETLINK, 0), -1); }),
+    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(request_netlink_dump(&sock, RTM_GETLINK, 0), -1); }),
               "MLDRT: Can't bind bcast socket: bind: Address already in use\n");
     EXPECT_EQ(k.closed, std::vector<int>{k.sockets.at(0).fd});
     EXPECT_TRUE(k.sent.empty());
@@ -124,8 +124,8 @@ TEST_F(NetlinkTest, DumpRequestsShareOneSocketBoundToLinkAndAddressGroups) {
     k.bind_result = 0;
     k.sockets.clear();
     k.bound.clear();
-    ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETLINK, 0), 0);
-    ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETADDR, 1), 0);
+    ASSERT_EQ(request_netlink_dump(&sock, RTM_GETLINK, 0), 0);
+    ASSERT_EQ(request_netlink_dump(&sock, RTM_GETADDR, 1), 0);
     ASSERT_EQ(k.sockets.size(), 1u);
     const fake::socket_call& s = k.sockets[0];
     EXPECT_EQ(std::vector<int>({sock, s.domain, s.type, s.protocol}),

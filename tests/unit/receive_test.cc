@@ -42,7 +42,7 @@ class ReceiveTest : public ListenerTest {
     texts groups(const Link* ifp) {
         texts out;
         for (const Group* g = ifp->groups; g; g = g->next) {
-            out.push_back(grp_name(g->grp_addr));
+            out.push_back(grp_name(g->address));
         }
         return out;
     }
@@ -230,15 +230,15 @@ TEST_F(ReceiveTest, MessagesAreTakenCountedAndSetTheVersionByTypeAndLength) {
                             " own" + std::to_string(rc.own) + " other" +
                             std::to_string(rc.not_ours) + " bad" + std::to_string(rc.malformed);
         for (const Group* g = ifp->groups; g; g = g->next) {
-            after += " " + grp_name(g->grp_addr);
+            after += " " + grp_name(g->address);
         }
         EXPECT_EQ(after, row.after);
         EXPECT_EQ(describe(group(eth1, G2)), g2);
         EXPECT_EQ(ifp->query_due_ms, due);
         EXPECT_TRUE(fake::kernel().sent_msgs.empty());
         if (row.upstream) {
-            EXPECT_EQ(router.mfdb_list, group(eth1, G2)->mfdb);
-            EXPECT_EQ(router.mfdb_list->next, nullptr);
+            EXPECT_EQ(router.entries, group(eth1, G2)->entry);
+            EXPECT_EQ(router.entries->next, nullptr);
             EXPECT_EQ(mfc_calls(), texts{});
         }
     }

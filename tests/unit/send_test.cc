@@ -192,7 +192,7 @@ TEST_F(SendTest, QueriesCarryHeaderFieldsAndSources) {
         router.last_listener_query_interval = row.llqi;
         std::vector<Source> srcs(static_cast<size_t>(row.nsrc) + 1);
         for (int i = 0; i < row.nsrc; i++) {
-            std::memcpy(srcs[i].src_addr, src(1, i).data(), 16);
+            std::memcpy(srcs[i].address, src(1, i).data(), 16);
             srcs[i].next = i + 1 < row.nsrc ? &srcs[i + 1] : nullptr;
         }
         const bool general = std::string(row.group) == "::";
@@ -217,7 +217,7 @@ TEST_F(SendTest, QueriesCarryHeaderFieldsAndSources) {
             EXPECT_EQ(bytes(p.begin(), p.begin() + 26), hex(g + "02 7d"));
             EXPECT_EQ(p[26] << 8 | p[27], static_cast<int>(n));
             for (size_t i = 0; i < n; i++, next++) {
-                EXPECT_EQ(std::memcmp(&p[28 + 16 * i], srcs[next].src_addr, 16), 0) << next;
+                EXPECT_EQ(std::memcmp(&p[28 + 16 * i], srcs[next].address, 16), 0) << next;
             }
         }
     }

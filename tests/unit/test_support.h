@@ -220,11 +220,11 @@ inline std::string describe(const Group* g) {
     if (g) {
         st = {true, g->filter_mode, {}, {}, {}, g->filter_timer};
         std::vector<src_timer>* lists[3] = {&st.inc, &st.req, &st.exc};
-        const Source* heads[3] = {g->include_list, g->req_list, g->exc_list};
+        const Source* heads[3] = {g->include_list, g->requested_list, g->excluded_list};
         for (int i = 0; i < 3; i++) {
             for (const Source* l = heads[i]; l; l = l->next) {
-                lists[i]->push_back({l->src_addr[15], l->timer});
-                EXPECT_EQ(std::memcmp(l->src_addr, src(l->src_addr[15]).data(), 16), 0);
+                lists[i]->push_back({l->address[15], l->timer});
+                EXPECT_EQ(std::memcmp(l->address, src(l->address[15]).data(), 16), 0);
             }
         }
     }
@@ -242,7 +242,7 @@ inline Group* make_group(Link* ifp, const addr6& g, const group_state& st, const
     }
     if (st.mode == FilterMode::Exclude) {
         forward_whole_group(&router, rec, ifp);
-        rec->mfdb->exclude_count++;
+        rec->entry->exclude_count++;
     }
     const std::vector<src_timer>* lists[3] = {&st.inc, &st.req, &st.exc};
     const ListKind kinds[3] = {ListKind::Include, ListKind::Requested, ListKind::Excluded};
@@ -461,13 +461,13 @@ class UpstreamTest : public ListenerTest {
     void set_state(Link* ifp, const addr6& g, const group_state& st) {
         if (Group* rec = group(ifp, g)) {
             for (ListKind kind : {ListKind::Include, ListKind::Requested, ListKind::Excluded}) {
-                empty_group_list(&router, rec, rec->mfdb, kind, ifp);
+                empty_group_list(&router, rec, rec->entry, kind, ifp);
             }
             if (rec->filter_mode == FilterMode::Exclude) {
                 withdraw_whole_group(&router, rec, ifp);
-                rec->mfdb->exclude_count--;
+                rec->entry->exclude_count--;
             }
-            mark_changed(rec->mfdb);  // a mode change alone is a change too
+            mark_changed(rec->entry);  // a mode change alone is a change too
         }
         make_group(ifp, g, st, host);
     }
