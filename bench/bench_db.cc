@@ -72,21 +72,21 @@ void group_addr(uint32_t i, bool ssm, uint8_t* out) {
 // source kSource when `ssm`, as many records as a 1500-byte report takes.
 std::vector<std::vector<uint8_t>> make_reports(uint32_t groups, RecordType type, bool ssm) {
     uint32_t per_report = ssm ? kMtuRecords / 2 : kMtuRecords;
-    uint32_t rec_len = kMcastRecHdrLen + (ssm ? kAddrLen : 0);
+    uint32_t rec_len = kRecordHeaderLen + (ssm ? kAddrLen : 0);
     std::vector<std::vector<uint8_t>> reports;
     for (uint32_t first = 0; first < groups; first += per_report) {
         uint32_t n = groups - first < per_report ? groups - first : per_report;
-        std::vector<uint8_t> msg(kReportHdrLen + n * rec_len, 0);
+        std::vector<uint8_t> msg(kReportHeaderLen + n * rec_len, 0);
         msg[0] = kTypeV2Report;
         msg[6] = static_cast<uint8_t>(n >> 8);
         msg[7] = static_cast<uint8_t>(n);
         for (uint32_t k = 0; k < n; k++) {
-            uint8_t* rec = msg.data() + kReportHdrLen + k * rec_len;
+            uint8_t* rec = msg.data() + kReportHeaderLen + k * rec_len;
             rec[0] = static_cast<uint8_t>(type);
             rec[3] = ssm ? 1 : 0;
             group_addr(first + k, ssm, rec + 4);
             if (ssm) {
-                std::memcpy(rec + kMcastRecHdrLen, kSource, 16);
+                std::memcpy(rec + kRecordHeaderLen, kSource, 16);
             }
         }
         reports.push_back(std::move(msg));

@@ -192,7 +192,7 @@ void delete_host(Group* g, Host* m);
 // unknown-code message; also nullptr when the entry has no such host-state pair.
 Source** select_list(Group* g, ForwardingEntry* e, ListKind kind);
 // Frees every entry of a list.
-void free_srclist(Source** list);
+void free_list(Source** list);
 
 // --- Forwarding-aware list operations: they keep the MIF marks and the kernel in step ---
 int add_to_group_list(Router* r, Group* g, ListKind kind, const uint8_t* src, int32_t timer,

@@ -14,7 +14,7 @@ namespace {
 
 void free_host_state(HostState** hs) {
     if (*hs) {
-        free_srclist(&(*hs)->list);
+        free_list(&(*hs)->list);
         free(*hs);
         *hs = nullptr;
     }
@@ -37,10 +37,10 @@ void free_pending_report(ForwardingEntry* e) {
     }
     forget_retransmission(p);
     if (p->sources) {
-        free_srclist(&p->sources->to_exclude);
-        free_srclist(&p->sources->to_include);
-        free_srclist(&p->sources->allow);
-        free_srclist(&p->sources->block);
+        free_list(&p->sources->to_exclude);
+        free_list(&p->sources->to_include);
+        free_list(&p->sources->allow);
+        free_list(&p->sources->block);
         free(p->sources);
     }
     free(p);
@@ -114,7 +114,7 @@ ForwardingEntry* add_forwarding_entry(Router* r, const uint8_t* grp) {
 void delete_forwarding_entry(Router* r, ForwardingEntry* e) {
     index_remove(&r->entry_index, e);
     forget_changed(e);
-    free_srclist(&e->host_list);
+    free_list(&e->host_list);
     free_host_state(&e->new_host_state);
     free_pending_report(e);
     while (e->records) {

@@ -66,8 +66,8 @@ Source** query_list(Group* g, Source* GroupQueries::*list) {
 
 void free_queries(Group* g) {
     if (g->queries) {
-        free_srclist(&g->queries->suppressed);
-        free_srclist(&g->queries->not_suppressed);
+        free_list(&g->queries->suppressed);
+        free_list(&g->queries->not_suppressed);
         free(g->queries);
         g->queries = nullptr;
     }

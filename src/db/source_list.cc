@@ -35,7 +35,7 @@ void remove_from_list(Source** list, const uint8_t* src) {
     }
 }
 
-void free_srclist(Source** list) {
+void free_list(Source** list) {
     while (*list) {
         Source* next = (*list)->next;
         free(*list);

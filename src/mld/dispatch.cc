@@ -27,7 +27,7 @@ int version_of(uint8_t type, int len) {
 // The fixed part of each message type (RFC 2710 section 3, RFC 3810 sections 5.1 and 5.2): a
 // shorter message is malformed and dropped before any field of it is read.
 uint32_t fixed_len(uint8_t type) {
-    return type == kTypeV2Report ? kReportHdrLen : kQueryV1Len;
+    return type == kTypeV2Report ? kReportHeaderLen : kQueryV1Len;
 }
 
 void dispatch(Router* r, Link* ifp, const uint8_t* msg, uint32_t len, const uint8_t* src) {

@@ -51,12 +51,12 @@ uint32_t encode_bare_record(uint8_t* buf, const uint8_t* group, RecordType rec_t
     buf[1] = 0;
     put_be16(buf + 2, 0);
     std::memcpy(buf + 4, group, kAddrLen);
-    return kMcastRecHdrLen;
+    return kRecordHeaderLen;
 }
 
 uint32_t append_record_source(uint8_t* rec, const uint8_t* src) {
     uint16_t n = get_be16(rec + 2);
-    std::memcpy(rec + kMcastRecHdrLen + kAddrLen * n, src, kAddrLen);
+    std::memcpy(rec + kRecordHeaderLen + kAddrLen * n, src, kAddrLen);
     put_be16(rec + 2, static_cast<uint16_t>(n + 1));
     return kAddrLen;
 }

@@ -26,9 +26,9 @@ enum class RecordType : uint8_t {
 };
 
 constexpr uint32_t kQueryV1Len = 24;
-constexpr uint32_t kQueryV2HdrLen = 28;
-constexpr uint32_t kReportHdrLen = 8;
-constexpr uint32_t kMcastRecHdrLen = 20;
+constexpr uint32_t kQueryV2HeaderLen = 28;
+constexpr uint32_t kReportHeaderLen = 8;
+constexpr uint32_t kRecordHeaderLen = 20;
 constexpr uint32_t kAddrLen = 16;
 constexpr uint8_t kQuerySFlag = 0x08;
 

@@ -15,13 +15,13 @@ namespace mldproxy {
 namespace {
 
 // A query in the 2048-byte receive buffer holds at most (2048 - 28) / 16 = 126 sources.
-constexpr uint32_t kMaxQuerySources = (kBufSize - kQueryV2HdrLen) / kAddrLen;
+constexpr uint32_t kMaxQuerySources = (kBufSize - kQueryV2HeaderLen) / kAddrLen;
 
 // The sources a query lists, as far as they arrived: a count that claims more is believed only
 // as far as the bytes go.
 uint32_t listed_sources(const uint8_t* msg, uint32_t len) {
     uint32_t asked = get_be16(msg + 26);
-    uint32_t arrived = (len - kQueryV2HdrLen) / kAddrLen;
+    uint32_t arrived = (len - kQueryV2HeaderLen) / kAddrLen;
     return asked < arrived ? asked : arrived;
 }
 
@@ -39,7 +39,7 @@ const Source* match_sources(const uint8_t* msg, uint32_t asked, const Source* he
                             Source* matched) {
     uint32_t n = 0;
     for (uint32_t i = 0; i < asked && n < kMaxQuerySources; i++) {
-        const uint8_t* src = msg + kQueryV2HdrLen + kAddrLen * i;
+        const uint8_t* src = msg + kQueryV2HeaderLen + kAddrLen * i;
         if (!holds(held, src)) {
             continue;
         }
@@ -69,8 +69,8 @@ int handle_query(Router* r, Link* ifp, const uint8_t* src, const uint8_t* msg, u
     }
     const uint8_t* grp = msg + 8;
     // An MLDv1 query (24 bytes) lists no sources; an MLDv2 one has at least its 28-byte header.
-    uint32_t nsrc = len >= kQueryV2HdrLen ? listed_sources(msg, len) : 0;
-    if (len >= kQueryV2HdrLen && get_be16(msg + 26) != 0 && nsrc == 0) {
+    uint32_t nsrc = len >= kQueryV2HeaderLen ? listed_sources(msg, len) : 0;
+    if (len >= kQueryV2HeaderLen && get_be16(msg + 26) != 0 && nsrc == 0) {
         return 0;  // sources announced but none arrived: nothing to answer for
     }
     bool general = is_unspecified(grp);

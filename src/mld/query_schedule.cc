@@ -119,8 +119,8 @@ int lower_timers_and_query(Router* r, Link* ifp, Group* g, const uint8_t* grp, c
     }
     if (g->queries && g->queries->source_count <= 0) {
         // One query and no retransmission: nothing is left to ask about later.
-        free_srclist(&g->queries->suppressed);
-        free_srclist(&g->queries->not_suppressed);
+        free_list(&g->queries->suppressed);
+        free_list(&g->queries->not_suppressed);
         drop_spent_queries(g);
     }
     return 0;

@@ -33,7 +33,7 @@ int handle_v1(Router* r, Link* ifp, const uint8_t* src, const uint8_t* msg, Reco
     if (ifp->is_upstream == 1 || grp[0] < 0xff) {
         return 0;
     }
-    uint8_t rec[kMcastRecHdrLen] = {};
+    uint8_t rec[kRecordHeaderLen] = {};
     rec[0] = static_cast<uint8_t>(rec_type);
     std::memcpy(rec + 4, grp, kAddrLen);
     if (rec_type == RecordType::ChangeToInclude) {

@@ -18,7 +18,7 @@ bool is_exclude_type(RecordType rec_type) {
 uint32_t capacity(const ReportBuilder* rb) {
     uint32_t cap = rb->r->scratch_size;
     if (rb->r->upstream) {
-        uint32_t link = max_message_length(rb->r->upstream) - kReportHdrLen;
+        uint32_t link = max_message_length(rb->r->upstream) - kReportHeaderLen;
         cap = link < cap ? link : cap;
     }
     return cap;
@@ -30,10 +30,10 @@ uint32_t room(const ReportBuilder* rb) {
 
 // Starts a record at the end of the buffer; false when not even its header fits.
 bool start_record(ReportBuilder* rb, const uint8_t* group, RecordType rec_type) {
-    if (room(rb) < kMcastRecHdrLen) {
+    if (room(rb) < kRecordHeaderLen) {
         report_flush(rb);
     }
-    if (room(rb) < kMcastRecHdrLen) {
+    if (room(rb) < kRecordHeaderLen) {
         return false;
     }
     rb->len += encode_bare_record(rb->r->scratch + rb->len, group, rec_type);
@@ -67,14 +67,14 @@ void report_flush(ReportBuilder* rb) {
 void report_add(ReportBuilder* rb, const uint8_t* group, RecordType rec_type, const Source* list) {
     // A record that fits a report as a whole is never split over two; an EXCLUDE-type record
     // that fits none starts a report of its own and keeps the first sources that fit.
-    uint32_t whole = kMcastRecHdrLen + kAddrLen * list_length(list);
+    uint32_t whole = kRecordHeaderLen + kAddrLen * list_length(list);
     if (whole > room(rb) && (whole <= capacity(rb) || is_exclude_type(rec_type))) {
         report_flush(rb);
     }
     if (!start_record(rb, group, rec_type)) {
         return;
     }
-    uint8_t* rec = rb->r->scratch + rb->len - kMcastRecHdrLen;
+    uint8_t* rec = rb->r->scratch + rb->len - kRecordHeaderLen;
     for (const Source* s = list; s; s = s->next) {
         if (room(rb) < kAddrLen) {
             if (is_exclude_type(rec_type)) {
@@ -84,7 +84,7 @@ void report_add(ReportBuilder* rb, const uint8_t* group, RecordType rec_type, co
             if (!start_record(rb, group, rec_type)) {
                 return;
             }
-            rec = rb->r->scratch + rb->len - kMcastRecHdrLen;
+            rec = rb->r->scratch + rb->len - kRecordHeaderLen;
         }
         rb->len += append_record_source(rec, s->address);
     }

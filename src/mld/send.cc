@@ -85,7 +85,7 @@ int report_sent(ssize_t rc) {
 // Header of a query with `n` sources; the sources follow at byte 28.
 void write_query_header(Router* r, Link* ifp, const QueryParams* q, uint32_t n) {
     uint8_t* b = ifp->buf;
-    std::memset(b, 0, kQueryV2HdrLen);
+    std::memset(b, 0, kQueryV2HeaderLen);
     b[0] = kTypeQuery;
     // Specific queries carry the last listener query interval, cut to 16 bits without the
     // floating form, as deployed routers have always sent it.
@@ -102,7 +102,7 @@ void write_query_header(Router* r, Link* ifp, const QueryParams* q, uint32_t n) 
 
 // MLDv2 query; a source list too long for one message goes out over several.
 int send_v2_query(Router* r, Link* ifp, const QueryParams* q) {
-    uint32_t per_msg = (max_message_length(ifp) - kQueryV2HdrLen) / kAddrLen;
+    uint32_t per_msg = (max_message_length(ifp) - kQueryV2HeaderLen) / kAddrLen;
     const Source* s = q->sources;
     uint32_t left = q->src_count;
     int result = 0;
@@ -110,9 +110,9 @@ int send_v2_query(Router* r, Link* ifp, const QueryParams* q) {
         uint32_t n = left < per_msg ? left : per_msg;
         write_query_header(r, ifp, q, n);
         for (uint32_t i = 0; i < n; i++, s = s->next) {
-            std::memcpy(ifp->buf + kQueryV2HdrLen + kAddrLen * i, s->address, 16);
+            std::memcpy(ifp->buf + kQueryV2HeaderLen + kAddrLen * i, s->address, 16);
         }
-        uint32_t len = kQueryV2HdrLen + kAddrLen * n;
+        uint32_t len = kQueryV2HeaderLen + kAddrLen * n;
         result = query_sent(send_on(ifp, q->dst, ifp->addr, len));
         left -= n;
     } while (left > 0);
@@ -122,26 +122,27 @@ int send_v2_query(Router* r, Link* ifp, const QueryParams* q) {
 // Length of the record at `rec` within `left` bytes; its source count is cut to what is there.
 uint32_t record_len(const uint8_t* rec, uint32_t left, uint32_t* nsrc) {
     uint32_t n = get_be16(rec + 2);
-    uint32_t room = (left - kMcastRecHdrLen) / kAddrLen;
+    uint32_t room = (left - kRecordHeaderLen) / kAddrLen;
     *nsrc = n < room ? n : room;
-    return kMcastRecHdrLen + kAddrLen * *nsrc;
+    return kRecordHeaderLen + kAddrLen * *nsrc;
 }
 
 // A record too large for one report (RFC 3810 section 5.2.15): its sources are spread over as
 // many records as needed, one report each; for an EXCLUDE-type record only the first sources
 // that fit are sent, because a split would exclude too little in every piece.
 int send_split_record(Router* r, Link* ifp, const uint8_t* dst, const uint8_t* rec, uint32_t nsrc) {
-    uint8_t* piece = ifp->buf + kReportHdrLen;
-    uint32_t per_msg = (max_message_length(ifp) - kReportHdrLen - kMcastRecHdrLen) / kAddrLen;
+    uint8_t* piece = ifp->buf + kReportHeaderLen;
+    uint32_t per_msg = (max_message_length(ifp) - kReportHeaderLen - kRecordHeaderLen) / kAddrLen;
     bool exclude = rec[0] == static_cast<uint8_t>(RecordType::ModeIsExclude) ||
                    rec[0] == static_cast<uint8_t>(RecordType::ChangeToExclude);
     int result = 0;
     for (uint32_t done = 0; done < nsrc; done += per_msg) {
         uint32_t n = nsrc - done < per_msg ? nsrc - done : per_msg;
-        std::memcpy(piece, rec, kMcastRecHdrLen);
+        std::memcpy(piece, rec, kRecordHeaderLen);
         put_be16(piece + 2, static_cast<uint16_t>(n));
-        std::memcpy(piece + kMcastRecHdrLen, rec + kMcastRecHdrLen + kAddrLen * done, kAddrLen * n);
-        result = send_mld_report(r, ifp, dst, piece, 1, kMcastRecHdrLen + kAddrLen * n);
+        std::memcpy(piece + kRecordHeaderLen, rec + kRecordHeaderLen + kAddrLen * done,
+                    kAddrLen * n);
+        result = send_mld_report(r, ifp, dst, piece, 1, kRecordHeaderLen + kAddrLen * n);
         if (exclude) {
             break;
         }
@@ -152,10 +153,10 @@ int send_split_record(Router* r, Link* ifp, const uint8_t* dst, const uint8_t* r
 // MLDv2: whole records packed into as few reports as fit the link.
 int send_v2_report(Router* r, Link* ifp, const uint8_t* dst, const uint8_t* records, uint32_t nrec,
                    uint32_t len) {
-    uint32_t room = max_message_length(ifp) - kReportHdrLen;
+    uint32_t room = max_message_length(ifp) - kReportHeaderLen;
     uint32_t start = 0, off = 0, count = 0;
     int result = 0;
-    for (uint32_t i = 0; i < nrec && off + kMcastRecHdrLen <= len; i++) {
+    for (uint32_t i = 0; i < nrec && off + kRecordHeaderLen <= len; i++) {
         uint32_t nsrc;
         uint32_t rec_len = record_len(records + off, len - off, &nsrc);
         if (count > 0 && off + rec_len - start > room) {
@@ -235,7 +236,7 @@ int send_report(Router* r, Link* ifp, const uint8_t* dst, const uint8_t* records
     // An MLDv1 link hears one report or done per record (RFC 3810 section 8.3.2).
     int result = 0;
     uint32_t off = 0;
-    for (uint32_t i = 0; i < nrec && off + kMcastRecHdrLen <= len; i++) {
+    for (uint32_t i = 0; i < nrec && off + kRecordHeaderLen <= len; i++) {
         uint32_t nsrc;
         uint32_t rec_len = record_len(records + off, len - off, &nsrc);
         result = send_mld_report(r, ifp, dst, records + off, 1, rec_len);
@@ -247,11 +248,11 @@ int send_report(Router* r, Link* ifp, const uint8_t* dst, const uint8_t* records
 int send_mld_report(Router* r, Link* ifp, const uint8_t* dst, const uint8_t* records, uint32_t nrec,
                     uint32_t len) {
     uint8_t* b = ifp->buf;
-    std::memset(b, 0, kReportHdrLen);
+    std::memset(b, 0, kReportHeaderLen);
     uint8_t to[16];
     std::memcpy(to, dst, 16);
     uint32_t msg_len = 0;
-    if (ifp->mld_version == 1 && len >= kMcastRecHdrLen) {
+    if (ifp->mld_version == 1 && len >= kRecordHeaderLen) {
         // An MLDv1 router knows no sources: a group nobody listens to any more gets a done to
         // all routers, whatever record told of the change; a group with listeners a report.
         bool leave = !group_listened(r, records + 4);
@@ -259,11 +260,11 @@ int send_mld_report(Router* r, Link* ifp, const uint8_t* dst, const uint8_t* rec
         std::memcpy(b + 8, records + 4, 16);
         std::memcpy(to, leave ? kAddrAllRouters : records + 4, 16);
         msg_len = kQueryV1Len;
-    } else if (ifp->mld_version == 2 && kReportHdrLen + len <= ifp->buf_size) {
+    } else if (ifp->mld_version == 2 && kReportHeaderLen + len <= ifp->buf_size) {
         b[0] = kTypeV2Report;
         put_be16(b + 6, static_cast<uint16_t>(nrec));
-        std::memmove(b + kReportHdrLen, records, len);
-        msg_len = kReportHdrLen + len;
+        std::memmove(b + kReportHeaderLen, records, len);
+        msg_len = kReportHeaderLen + len;
     } else {
         log_line("MLDV2: Fatal- Invalid MLDV2 version detected");
     }

@@ -72,7 +72,7 @@ void expire_filter(Router* r, Link* ifp, Group* g) {
     for (Source* s = g->requested_list; s; s = s->next) {
         add_to_group_list(r, g, ListKind::Include, s->address, static_cast<int32_t>(gmi(r)), ifp);
     }
-    free_srclist(&g->requested_list);
+    free_list(&g->requested_list);
     withdraw_whole_group(r, g, ifp);
     g->filter_mode = FilterMode::Include;
     if (g->entry) {
@@ -137,9 +137,9 @@ void free_group(Link* ifp, Group* g) {
     while (g->hosts) {
         delete_host(g, g->hosts);
     }
-    free_srclist(&g->include_list);
-    free_srclist(&g->requested_list);
-    free_srclist(&g->excluded_list);
+    free_list(&g->include_list);
+    free_list(&g->requested_list);
+    free_list(&g->excluded_list);
     g->entry = nullptr;
     delete_group(ifp, g);
 }

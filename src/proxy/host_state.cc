@@ -143,7 +143,7 @@ void finish_host_state_update(ForwardingEntry* e) {
     if (!e->new_host_state) {
         return;  // nothing was built: the last state stays the one acted upon
     }
-    free_srclist(&e->host_list);
+    free_list(&e->host_list);
     e->host_list = e->new_host_state->list;
     e->host_mode = e->new_host_state->mode;
     free(e->new_host_state);
@@ -174,7 +174,7 @@ void report_changes(Router* r) {
 
 void restart_host_state(Router* r) {
     for (ForwardingEntry* e = r->entries; e; e = e->next) {
-        free_srclist(&e->host_list);
+        free_list(&e->host_list);
         e->host_mode = FilterMode::Include;
         clear_pending_reports(e);
         mark_changed(e);

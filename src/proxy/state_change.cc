@@ -20,8 +20,8 @@ int32_t retransmissions(const Router* r) {
 // Adds every source of `from` that is not in `except` to the state-change list `kind`, each
 // with its own count, and returns how many there were. The difference is taken over the whole
 // lists: every changed source is reported, however many changed.
-uint32_t add_scr(Router* r, ForwardingEntry* e, ListKind kind, const Source* from,
-                 const Source* except = nullptr) {
+uint32_t add_pending_sources(Router* r, ForwardingEntry* e, ListKind kind, const Source* from,
+                             const Source* except = nullptr) {
     uint32_t n = 0;
     for (; from; from = from->next) {
         if (list_has(except, from->address)) {
@@ -48,7 +48,7 @@ uint32_t add_source_change(Router* r, ForwardingEntry* e, ListKind kind, const S
             remove_source_from_group(nullptr, e, opposite, s->address);
         }
     }
-    return add_scr(r, e, kind, from, except);
+    return add_pending_sources(r, e, kind, from, except);
 }
 
 // Removes the entries whose count is spent.
@@ -159,7 +159,8 @@ void exclude_to_exclude(Router* r, ForwardingEntry* e, const Source* old_list,
 void restate_filter_mode(Router* r, ForwardingEntry* e, FilterMode mode, const Source* list) {
     clear_pending_reports(e);
     bool exclude = mode == FilterMode::Exclude;
-    add_scr(r, e, exclude ? ListKind::ChangeToExclude : ListKind::ChangeToInclude, list);
+    add_pending_sources(r, e, exclude ? ListKind::ChangeToExclude : ListKind::ChangeToInclude,
+                        list);
     (exclude ? e->to_exclude_count : e->to_include_count) = retransmissions(r);
     const PendingSources p = pending_sources(e);
     send_one(r, e, exclude ? RecordType::ChangeToExclude : RecordType::ChangeToInclude,
@@ -171,10 +172,10 @@ void restate_filter_mode(Router* r, ForwardingEntry* e, FilterMode mode, const S
 void clear_pending_reports(ForwardingEntry* e) {
     e->to_exclude_count = e->to_include_count = e->allow_count = e->block_count = 0;
     if (PendingSources* p = e->pending ? e->pending->sources : nullptr) {
-        free_srclist(&p->to_exclude);
-        free_srclist(&p->to_include);
-        free_srclist(&p->allow);
-        free_srclist(&p->block);
+        free_list(&p->to_exclude);
+        free_list(&p->to_include);
+        free_list(&p->allow);
+        free_list(&p->block);
     }
 }
 

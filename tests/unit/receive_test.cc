@@ -25,10 +25,10 @@ class ReceiveTest : public ListenerTest {
     // A report header at the start of router.buf claiming `nrec` records (the rest of the
     // buffer left as it is); the first record goes at the offset returned.
     uint32_t report(uint16_t nrec) {
-        std::memset(router.buf, 0, kReportHdrLen);
+        std::memset(router.buf, 0, kReportHeaderLen);
         router.buf[0] = kTypeV2Report;
         router.buf[7] = static_cast<uint8_t>(nrec);
-        return kReportHdrLen;
+        return kReportHeaderLen;
     }
     // A record at `off` with Aux Data Len `aux`; returns the offset after its sources.
     uint32_t put(uint32_t off, uint8_t type, const addr6& g, const std::vector<int>& srcs,

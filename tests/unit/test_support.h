@@ -259,13 +259,13 @@ inline Group* make_group(Link* ifp, const addr6& g, const group_state& st, const
 // A multicast address record as it arrives: type, Aux Data Len 0, Number of Sources (network
 // order), group, sources.
 inline bytes record(uint8_t type, const addr6& g, const std::vector<int>& srcs) {
-    bytes r(kMcastRecHdrLen + kAddrLen * srcs.size());
+    bytes r(kRecordHeaderLen + kAddrLen * srcs.size());
     r[0] = type;
     r[2] = static_cast<uint8_t>(srcs.size() >> 8);
     r[3] = static_cast<uint8_t>(srcs.size());
     std::memcpy(&r[4], g.data(), 16);
     for (size_t i = 0; i < srcs.size(); i++) {
-        std::memcpy(&r[kMcastRecHdrLen + kAddrLen * i], src(srcs[i]).data(), 16);
+        std::memcpy(&r[kRecordHeaderLen + kAddrLen * i], src(srcs[i]).data(), 16);
     }
     return r;
 }
@@ -302,20 +302,20 @@ inline texts queries_sent() {
     for (const auto& m : fake::kernel().sent_msgs) {
         const bytes& p = m.payload;
         const std::string to = ip6_text(reinterpret_cast<const uint8_t*>(&m.dst.sin6_addr));
-        const uint32_t n = p.size() >= kQueryV2HdrLen ? (p[26] << 8 | p[27]) : 0;
+        const uint32_t n = p.size() >= kQueryV2HeaderLen ? (p[26] << 8 | p[27]) : 0;
         if (to == "ff02::16") {
             continue;
         } else if (p.size() < kQueryV1Len || p[0] != kTypeQuery) {
             out.push_back("not a query of " + std::to_string(p.size()) + " bytes to " + to);
         } else if (p.size() == kQueryV1Len) {
             out.push_back("v1 Q(" + ip6_text(&p[8]) + ") to " + to);
-        } else if (p.size() != kQueryV2HdrLen + kAddrLen * n) {
+        } else if (p.size() != kQueryV2HeaderLen + kAddrLen * n) {
             out.push_back("query of " + std::to_string(p.size()) + " bytes with N " +
                           std::to_string(n));
         } else {
             std::string s = "Q(" + ip6_text(&p[8]) + " {";
             for (uint32_t i = 0; i < n; i++) {
-                s += (i ? " " : "") + src_name(&p[kQueryV2HdrLen + kAddrLen * i]);
+                s += (i ? " " : "") + src_name(&p[kQueryV2HeaderLen + kAddrLen * i]);
             }
             out.push_back(s + "}) to " + to);
         }
@@ -332,20 +332,21 @@ inline std::vector<mrec> records_of(const bytes& p, std::string* error) {
     auto be16 = [&](size_t at) { return static_cast<uint32_t>(p[at] << 8 | p[at + 1]); };
     std::vector<mrec> out;
     *error = "";
-    if (p.size() < kReportHdrLen || p[0] != kTypeV2Report || p[1] || p[2] || p[3] || p[4] || p[5]) {
+    if (p.size() < kReportHeaderLen || p[0] != kTypeV2Report || p[1] || p[2] || p[3] || p[4] ||
+        p[5]) {
         *error = "bad report header of " + std::to_string(p.size()) + " bytes";
         return out;
     }
-    size_t off = kReportHdrLen;
+    size_t off = kReportHeaderLen;
     for (uint32_t i = 0; i < be16(6) && error->empty(); i++) {
-        uint32_t n = off + kMcastRecHdrLen <= p.size() ? be16(off + 2) : 0;
-        if (off + kMcastRecHdrLen + kAddrLen * n > p.size() || p[off] < 1 || p[off] > 6 ||
+        uint32_t n = off + kRecordHeaderLen <= p.size() ? be16(off + 2) : 0;
+        if (off + kRecordHeaderLen + kAddrLen * n > p.size() || p[off] < 1 || p[off] > 6 ||
             p[off + 1] != 0) {
             *error = "bad record " + std::to_string(i);
             break;
         }
         out.push_back({std::string(kTypes[p[off]]) + " " + grp_name(&p[off + 4]), {}});
-        off += kMcastRecHdrLen;
+        off += kRecordHeaderLen;
         for (uint32_t k = 0; k < n; k++, off += kAddrLen) {
             out.back().second.emplace_back();
             std::memcpy(out.back().second.back().data(), &p[off], kAddrLen);
