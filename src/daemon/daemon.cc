@@ -120,7 +120,7 @@ int init_daemon(Router* r, const char* config_path, const char* control_path) {
     r->nl_buf_size = kNlBufSize;
     if (!allocate_buffers(r) || get_config(r, config_path) == -1 ||
         !control_open(r, control_path) || !open_router_socket(r) ||
-        kernel_start_routing(r->router_sock) == -1) {
+        !kernel_start_routing(r->router_sock)) {
         return -1;
     }
     if (start_netlink(r) == -1) {

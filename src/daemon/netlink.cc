@@ -344,7 +344,7 @@ void handle_link_up(Router* r, const SystemLink* entry) {
     if (!ifp) {
         return;
     }
-    if (kernel_add_mif(r->router_sock, ifp->mifi, ifp->ifindex) == -1) {
+    if (!kernel_add_mif(r->router_sock, ifp->mifi, ifp->ifindex)) {
         delete_link(ifp);
         return;
     }

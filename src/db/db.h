@@ -206,9 +206,11 @@ void withdraw_whole_group(Router* r, Group* g, Link* ifp);
 // Writes the kernel entries of `e` after the marks of `src` changed; `record_gone` when its
 // forwarding record lost its last mark and was deleted.
 void sync_kernel_forwarding(Router* r, ForwardingEntry* e, const uint8_t* src, bool record_gone);
-// Installs or replaces the kernel entry (source, group) with the upstream MIF as its parent;
-// skipped (-1) while no upstream is known: every entry is written again when one appears.
-int write_kernel_entry(Router* r, const uint8_t* group, const uint8_t* source, const uint8_t* oifs);
+// Installs or replaces the kernel entry (source, group) with the upstream MIF as its parent.
+// False while no upstream is known: nothing is written then, and every entry is written again
+// when one appears.
+bool write_kernel_entry(Router* r, const uint8_t* group, const uint8_t* source,
+                        const uint8_t* oifs);
 
 // --- Forwarding database ---
 ForwardingEntry* find_forwarding_entry(Router* r, const uint8_t* grp);

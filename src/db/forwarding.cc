@@ -85,10 +85,10 @@ int remove_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_
 
 }  // namespace
 
-int write_kernel_entry(Router* r, const uint8_t* group, const uint8_t* source,
-                       const uint8_t* oifs) {
+bool write_kernel_entry(Router* r, const uint8_t* group, const uint8_t* source,
+                        const uint8_t* oifs) {
     if (!r->upstream) {
-        return -1;
+        return false;
     }
     return kernel_add_mfc(r->router_sock, r->upstream->mifi, group, source, oifs);
 }

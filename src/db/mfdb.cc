@@ -144,9 +144,6 @@ void map_group_to_entry(Group* g, ForwardingEntry* e) {
     }
     g->entry = e;
     mark_changed(e);  // a new group on a link: even an empty one must be looked at
-    if (!e->records) {
-        kernel_join_all_routers();
-    }
 }
 
 ForwardingRecord* find_forwarding_record(Group* g, const uint8_t* src) {

@@ -48,47 +48,47 @@ int set_mfc(int sock, int option, const Mf6cCtl* mc) {
 
 }  // namespace
 
-int kernel_start_routing(int sock) {
+bool kernel_start_routing(int sock) {
     int one = 1;
     int rc = setsockopt(sock, kKLevel, MRT6_INIT_OPT, &one, sizeof one);
     if (rc < 0) {
         print_failure("MLDRT: Setsockopt error on MRT6_INIT", "setsockopt");
-        return -1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
-int kernel_stop_routing(int sock) {
+bool kernel_stop_routing(int sock) {
     if (setsockopt(sock, kKLevel, MRT6_DONE_OPT, nullptr, 0) < 0) {
         print_failure("MLDRT: Setsockopt error on MRT_DONE", "setsockopt");
-        return -1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
-int kernel_add_mif(int sock, uint16_t mifi, uint32_t ifindex) {
+bool kernel_add_mif(int sock, uint16_t mifi, uint32_t ifindex) {
     // mif6c_pifi holds 16 bits and the kernel has 32 MIFs: never register a truncated index.
     if (ifindex > kMaxPifi || mifi >= kMaxmifs) {
         print_message("MLDRT: Setsockopt error on MRT_ADD_MIF\n");
-        return -1;
+        return false;
     }
     Mif6Ctl mc;
     fill_mif6ctl(&mc, mifi, ifindex);
     if (setsockopt(sock, kKLevel, MRT6_ADD_MIF_OPT, &mc, sizeof mc) < 0) {
         print_failure("MLDRT: Setsockopt error on MRT_ADD_MIF", "setsockopt");
-        return -1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
-int kernel_delete_mif(int sock, uint16_t mifi, uint32_t ifindex) {
+bool kernel_delete_mif(int sock, uint16_t mifi, uint32_t ifindex) {
     Mif6Ctl mc;
     fill_mif6ctl(&mc, mifi, ifindex);
     if (setsockopt(sock, kKLevel, MRT6_DEL_MIF_OPT, &mc, sizeof mc) < 0) {
         print_failure("MLDRT: Setsockopt error on MRT_DEL_VIF", "setsockopt");
-        return -1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
 uint32_t ifset_word(const uint8_t* oifs) {
@@ -101,8 +101,8 @@ uint32_t ifset_word(const uint8_t* oifs) {
     return word;
 }
 
-int kernel_add_mfc(int sock, uint16_t parent, const uint8_t* group, const uint8_t* source,
-                   const uint8_t* oifs) {
+bool kernel_add_mfc(int sock, uint16_t parent, const uint8_t* group, const uint8_t* source,
+                    const uint8_t* oifs) {
     Mf6cCtl mc;
     fill_mf6cctl(&mc, group, source);
     mc.mf6cc_parent = parent;
@@ -112,12 +112,12 @@ int kernel_add_mfc(int sock, uint16_t parent, const uint8_t* group, const uint8_
     }
     if (set_mfc(sock, MRT6_ADD_MFC_OPT, &mc) < 0) {
         log_message("MLDRT: Setsockopt error on MRT_ADD_MFC: setsockopt: %s\n", strerror(errno));
-        return -1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
-int kernel_delete_mfc(int sock, const uint8_t* group, const uint8_t* source) {
+bool kernel_delete_mfc(int sock, const uint8_t* group, const uint8_t* source) {
     Mf6cCtl mc;
     fill_mf6cctl(&mc, group, source);
     if (set_mfc(sock, MRT6_DEL_MFC_OPT, &mc) < 0) {
@@ -125,17 +125,9 @@ int kernel_delete_mfc(int sock, const uint8_t* group, const uint8_t* source) {
             log_message("MLDRT: Setsockopt error on MRT_DEL_ADD_MFC: setsockopt: %s\n",
                         strerror(errno));
         }
-        return -1;
+        return false;
     }
-    return 0;
-}
-
-int kernel_join_all_routers() {
-    return 0;
-}
-
-int kernel_leave_all_routers() {
-    return 0;
+    return true;
 }
 
 bool kernel_sg_counts(int sock, const uint8_t* group, const uint8_t* source,

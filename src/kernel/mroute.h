@@ -52,11 +52,12 @@ struct Mrt6Msg {
 };
 static_assert(sizeof(Mrt6Msg) == 40, "mrt6msg is 40 bytes");
 
-int kernel_start_routing(int sock);
-int kernel_stop_routing(int sock);
+bool kernel_start_routing(int sock);
+bool kernel_stop_routing(int sock);
+// Each returns true when the kernel took the request (a failure prints its message).
 // Registers (or removes) MIF `mifi` for the system interface `ifindex`.
-int kernel_add_mif(int sock, uint16_t mifi, uint32_t ifindex);
-int kernel_delete_mif(int sock, uint16_t mifi, uint32_t ifindex);
+bool kernel_add_mif(int sock, uint16_t mifi, uint32_t ifindex);
+bool kernel_delete_mif(int sock, uint16_t mifi, uint32_t ifindex);
 
 // First ifset word for a 32-byte output-interface array (byte i non-zero: forward on MIF i).
 uint32_t ifset_word(const uint8_t* oifs);
@@ -64,10 +65,10 @@ uint32_t ifset_word(const uint8_t* oifs);
 // Installs or replaces (source, group). A source of :: is the group's any-source entry: a real
 // (*,G) entry whose set also holds the upstream MIF, because Linux forwards with a (*,G) entry
 // only packets that arrive on a MIF of its set. `parent` is the upstream MIF.
-int kernel_add_mfc(int sock, uint16_t parent, const uint8_t* group, const uint8_t* source,
-                   const uint8_t* oifs);
+bool kernel_add_mfc(int sock, uint16_t parent, const uint8_t* group, const uint8_t* source,
+                    const uint8_t* oifs);
 // Removes (source, group); silent for a specific source, which may never have been installed.
-int kernel_delete_mfc(int sock, const uint8_t* group, const uint8_t* source);
+bool kernel_delete_mfc(int sock, const uint8_t* group, const uint8_t* source);
 
 // What the kernel counted for one forwarding entry (SIOCGETSGCNT_IN6).
 struct SourceGroupCounts {
@@ -79,11 +80,6 @@ struct SourceGroupCounts {
 // such entry.
 bool kernel_sg_counts(int sock, const uint8_t* group, const uint8_t* source,
                       SourceGroupCounts* out);
-
-// Hooks where joining and leaving groups on the links would go; the proxy never joins, so they
-// do nothing.
-int kernel_join_all_routers();
-int kernel_leave_all_routers();
 
 }  // namespace mldproxy
 

@@ -221,7 +221,6 @@ bool remove_if_unused(Router* r, ForwardingEntry* e) {
     if (state_change_pending(e) || e->records || release_unused_groups(r, e)) {
         return false;
     }
-    kernel_leave_all_routers();  // the upstream leave
     delete_forwarding_entry(r, e);
     return true;
 }
