@@ -126,11 +126,11 @@ int intersect_in_place(Source** a, const Source* b) {
     return kept;
 }
 
-int intersect_group_list_with_record(Router* r, Group* g, ListKind kind, const uint8_t* rec_srcs,
-                                     uint32_t nsrc, Link* ifp) {
+bool intersect_group_list_with_record(Router* r, Group* g, ListKind kind, const uint8_t* rec_srcs,
+                                      uint32_t nsrc, Link* ifp) {
     if (kind > ListKind::Excluded) {
         log_message("\n Invalid List Type\n");
-        return -1;
+        return false;
     }
     Source* next = nullptr;
     for (Source* s = *select_list(g, g->entry, kind); s; s = next) {
@@ -140,12 +140,12 @@ int intersect_group_list_with_record(Router* r, Group* g, ListKind kind, const u
         }
         uint8_t addr[16];
         std::memcpy(addr, s->address, sizeof addr);  // the entry is freed by the removal
-        if (remove_from_group_list(r, g, g->entry, kind, addr, ifp) != 0) {
+        if (!remove_from_group_list(r, g, g->entry, kind, addr, ifp)) {
             log_message("\n Removal of entry failed\n");
-            return -1;
+            return false;
         }
     }
-    return 0;
+    return true;
 }
 
 int empty_group_list(Router* r, Group* g, ForwardingEntry* e, ListKind kind, Link* ifp) {

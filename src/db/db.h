@@ -185,7 +185,7 @@ Host* add_host(Group* g, const uint8_t* host);
 bool hosts_full(const Group* g);
 Source* add_source_to_group(Group* g, ForwardingEntry* e, ListKind kind, const uint8_t* src);
 void remove_from_list(Source** list, const uint8_t* src);
-int remove_source_from_group(Group* g, ForwardingEntry* e, ListKind kind, const uint8_t* src);
+bool remove_source_from_group(Group* g, ForwardingEntry* e, ListKind kind, const uint8_t* src);
 void delete_group(Link* ifp, Group* g);
 void delete_host(Group* g, Host* m);
 // The list a code names (codes 0-4 in the group, 5-10 in the entry), or nullptr after the
@@ -195,10 +195,10 @@ Source** select_list(Group* g, ForwardingEntry* e, ListKind kind);
 void free_list(Source** list);
 
 // --- Forwarding-aware list operations: they keep the MIF marks and the kernel in step ---
-int add_to_group_list(Router* r, Group* g, ListKind kind, const uint8_t* src, int32_t timer,
-                      Link* ifp);
-int remove_from_group_list(Router* r, Group* g, ForwardingEntry* e, ListKind kind,
-                           const uint8_t* src, Link* ifp);
+bool add_to_group_list(Router* r, Group* g, ListKind kind, const uint8_t* src, int32_t timer,
+                       Link* ifp);
+bool remove_from_group_list(Router* r, Group* g, ForwardingEntry* e, ListKind kind,
+                            const uint8_t* src, Link* ifp);
 // A group in EXCLUDE mode forwards every source its link does not exclude: while the mode lasts
 // the link is marked in the group's (::) record, so the kernel's (*,G) entry lists it.
 void forward_whole_group(Router* r, Group* g, Link* ifp);
@@ -271,8 +271,8 @@ uint32_t intersect_with_record(SourceSet* result, const Source* list, const uint
                                uint32_t nsrc);
 uint32_t unite_lists(SourceSet* result, const Source* a, const Source* b);
 int intersect_in_place(Source** a, const Source* b);
-int intersect_group_list_with_record(Router* r, Group* g, ListKind kind, const uint8_t* rec_srcs,
-                                     uint32_t nsrc, Link* ifp);
+bool intersect_group_list_with_record(Router* r, Group* g, ListKind kind, const uint8_t* rec_srcs,
+                                      uint32_t nsrc, Link* ifp);
 int empty_group_list(Router* r, Group* g, ForwardingEntry* e, ListKind kind, Link* ifp);
 
 // --- Work lists of the event loop (db/queues.cc) ---

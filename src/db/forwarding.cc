@@ -48,26 +48,26 @@ void write_source_entries(Router* r, ForwardingEntry* e) {
     }
 }
 
-int add_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_t mark) {
+bool add_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_t mark) {
     ForwardingRecord* fw = add_forwarding_record(g, src);
     if (!fw) {
         log_line("MLDRT: Couldnt add src info to MDB");
-        return -1;
+        return false;
     }
     if (ifp->mifi >= kMifMarks || mark_at(fw, ifp->mifi) == mark) {
-        return 0;  // already marked so there
+        return true;  // already marked so there
     }
     set_mark(fw, ifp->mifi, mark);
     sync_kernel_forwarding(r, g->entry, src, false);
-    return 0;
+    return true;
 }
 
 // Clears the link's mark of `src` when it is `mark`: a source moved between the wanted and the
 // excluded list has taken the other mark already, whichever list it was added to first.
-int remove_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_t mark) {
+bool remove_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_t mark) {
     ForwardingRecord* fw = find_forwarding_record(g, src);
     if (!fw || (ifp->mifi < kMifMarks && mark_at(fw, ifp->mifi) != mark)) {
-        return 0;
+        return true;
     }
     if (ifp->mifi < kMifMarks) {
         set_mark(fw, ifp->mifi, 0);
@@ -80,7 +80,7 @@ int remove_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8_
         r->del_mifi = ifp->mifi;
     }
     sync_kernel_forwarding(r, g->entry, src, gone);
-    return 0;
+    return true;
 }
 
 }  // namespace
@@ -113,42 +113,42 @@ void sync_kernel_forwarding(Router* r, ForwardingEntry* e, const uint8_t* src, b
     write_source_entries(r, e);
 }
 
-int add_to_group_list(Router* r, Group* g, ListKind kind, const uint8_t* src, int32_t timer,
-                      Link* ifp) {
+bool add_to_group_list(Router* r, Group* g, ListKind kind, const uint8_t* src, int32_t timer,
+                       Link* ifp) {
     if (kind > ListKind::Excluded) {
         log_message("\n Invalid list type\n");
-        return 0;
+        return true;
     }
     // :: is the forwarding database's whole-group mark: a record naming it as a source names
     // no host that could send, and must not turn into a (*,G) entry.
     if (is_unspecified(src)) {
-        return 0;
+        return true;
     }
     Source* s = add_source_to_group(g, g->entry, kind, src);
     if (!s) {
         log_line("MLDRT: Couldnt add src to grp include list");
-        return -1;
+        return false;
     }
     s->timer = timer;  // a report refreshes the timer of a source it names again
     return add_forwarding(r, g, src, ifp, kind == ListKind::Excluded ? kMarkExcluded : kMarkWanted);
 }
 
-int remove_from_group_list(Router* r, Group* g, ForwardingEntry* e, ListKind kind,
-                           const uint8_t* src, Link* ifp) {
+bool remove_from_group_list(Router* r, Group* g, ForwardingEntry* e, ListKind kind,
+                            const uint8_t* src, Link* ifp) {
     if (kind > ListKind::Block) {
         log_message("\n Invalid ltype\n");
-        return 0;
+        return true;
     }
     if (kind >= ListKind::Excluded) {
-        if (remove_source_from_group(g, e, kind, src) != 0) {
+        if (!remove_source_from_group(g, e, kind, src)) {
             log_message("\n FATAL Error - Cannot del src from group exclude list\n");
-            return -1;
+            return false;
         }
-        return kind == ListKind::Excluded ? remove_forwarding(r, g, src, ifp, kMarkExcluded) : 0;
+        return kind == ListKind::Excluded ? remove_forwarding(r, g, src, ifp, kMarkExcluded) : true;
     }
-    if (remove_source_from_group(g, g->entry, kind, src) != 0) {
+    if (!remove_source_from_group(g, g->entry, kind, src)) {
         log_message("\n FATAL Error - Cannot del src from group include list\n");
-        return -1;
+        return false;
     }
     return remove_forwarding(r, g, src, ifp, kMarkWanted);
 }

@@ -225,14 +225,14 @@ Source* add_source_to_group(Group* g, ForwardingEntry* e, ListKind kind, const u
     return s;
 }
 
-int remove_source_from_group(Group* g, ForwardingEntry* e, ListKind kind, const uint8_t* src) {
+bool remove_source_from_group(Group* g, ForwardingEntry* e, ListKind kind, const uint8_t* src) {
     Source** list = select_list(g, e, kind);
     if (!list) {
-        return -1;
+        return false;
     }
     remove_from_list(list, src);
     note_listener_change(g, kind);
-    return 0;
+    return true;
 }
 
 GroupQueries* group_queries(Group* g) {

@@ -32,8 +32,7 @@ void toin_on_exclude(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
     add_record_sources(r, g, ListKind::Requested, rec,
                        static_cast<int32_t>(group_membership_interval(r)), ifp);
     for (uint32_t i = 0; i < nb; i++) {
-        if (remove_from_group_list(r, g, g->entry, ListKind::Excluded, b + kAddrLen * i, ifp) !=
-            0) {
+        if (!remove_from_group_list(r, g, g->entry, ListKind::Excluded, b + kAddrLen * i, ifp)) {
             log_message("\n Deletion Failed in exclude list\n");
             return;
         }

@@ -248,7 +248,7 @@ inline Group* make_group(Link* ifp, const addr6& g, const group_state& st, const
     const ListKind kinds[3] = {ListKind::Include, ListKind::Requested, ListKind::Excluded};
     for (int i = 0; i < 3; i++) {
         for (const auto& s : *lists[i]) {
-            EXPECT_EQ(add_to_group_list(&router, rec, kinds[i], src(s.n).data(), s.timer, ifp), 0);
+            EXPECT_TRUE(add_to_group_list(&router, rec, kinds[i], src(s.n).data(), s.timer, ifp));
         }
     }
     rec->filter_mode = st.mode;
