@@ -52,14 +52,13 @@ export MLD_LAB_STATE=/run/mldlab/bench-$$
 # shellcheck source=tools/lab.sh
 . "$ROOT/tools/lab.sh"
 
-PROBE=$ROOT/tools/bench/probe.py
 WORK=$(mktemp -d /tmp/mldbench.XXXXXX) || exit 1
-SEND_PID=''
+LAB_WORK=$WORK
 
 say() { printf 'bench: %s\n' "$*" >&2; }
 
 cleanup() {
-  [[ -n $SEND_PID ]] && kill -TERM "$SEND_PID" 2>/dev/null && wait "$SEND_PID" 2>/dev/null
+  flow_stop_all
   lab_down >/dev/null 2>&1
   rm -rf -- "$LAB_STATE" "$WORK"
 }
@@ -81,21 +80,9 @@ need() {
   fi
 }
 
-write_conf() { # FILE QUERY_INTERVAL
-  cat >"$1" <<EOF
-UPSTREAM_IFNAME $LAB_UPSTREAM
-ROBUSTNESS_VARIABLE 2
-QUERY_INTERVAL $2
-QUERY_RESPONSE_INTERVAL 10000
-LAST_LISTENER_QUERY_INTERVAL 1
-LAST_LISTENER_QUERY_COUNT 2
-VERBOSE 0
-EOF
-}
-
 start_daemon() { # QUERY_INTERVAL [nowait]
   [[ -n $LAB_DAEMON_PID ]] && stop_daemon
-  write_conf "$WORK/mld.conf" "$1"
+  lab_write_conf "$WORK/mld.conf" QUERY_INTERVAL="$1" QUERY_RESPONSE_INTERVAL=10000
   lab_start_daemon -c "$WORK/mld.conf" -l "$WORK/daemon-$1-$RANDOM.log" || { say "the daemon did not start"; exit 1; }
   [[ ${2:-} == nowait ]] || lab_wait_started 60 || { say "the daemon did not start"; exit 1; }
 }
@@ -103,28 +90,15 @@ start_daemon() { # QUERY_INTERVAL [nowait]
 # The upstream bridge sends the router only what the router's reports asked for. Its mdb takes
 # the 20,000 groups of the runs below: at Linux's default of 4,096 entries a bridge turns
 # snooping off, and with flooding off the router would then get nothing at all.
-flood_off() {
-  ip netns exec "$(ns "$LAB_UP")" bridge link set dev p-rt mcast_flood off &&
-    ip -n "$(ns "$LAB_UP")" link set br0 type bridge mcast_hash_max 65536
-}
-
-# add_addresses COUNT GAP: addresses on dn2 of the router, GAP seconds apart (netlink churn).
-add_addresses() {
-  local i
-  for ((i = 1; i <= $1; i++)); do
-    ip -n "$(ns "$LAB_RT")" addr add "2001:db8:77::$i/64" dev dn2 nodad
-    sleep "$2"
-  done
+snoop_upstream() {
+  lab_snoop_upstream && ip -n "$(ns "$LAB_UP")" link set br0 type bridge mcast_hash_max 65536
 }
 
 bench_startup() {
   say "start-up (query interval 8 s), a hot-plugged link, joins during address churn"
-  lab_with_probe ready "$WORK/ready.json" --rt "$(ns "$LAB_RT")" --links dn1,dn2 -- start_daemon 8 nowait
-  lab_with_probe hotplug "$WORK/hotplug.json" --rt "$(ns "$LAB_RT")" --link dn3 -- lab_add_downstream dn3 h3
-  add_addresses 20 0.05 &
-  local churn=$!
-  probe churn --rt "$(ns "$LAB_RT")" --h1 "$(ns "$LAB_H1")" --prefix ff0e::e: --tries 8 --gap 0.05 >"$WORK/churn.json"
-  wait "$churn"
+  lab_with_probe ready "$WORK/ready.json" --links dn1,dn2 -- start_daemon 8 nowait
+  lab_with_probe hotplug "$WORK/hotplug.json" --link dn3 -- lab_add_downstream dn3 h3
+  lab_joins_during_churn "$WORK/churn.json"
   stop_daemon
 }
 
@@ -133,38 +107,32 @@ stop_daemon() {
   LAB_DAEMON_PID=''
 }
 
-probe() { "$LAB_PYTHON" "$PROBE" "$@"; }
-
 ns() { lab_ns "$1"; }
 
 # Latency rows: src sends 100 datagrams a second to one group throughout.
 bench_latency() {
   local group=ff0e::b:1 port=5101
-  ip netns exec "$(ns "$LAB_SRC")" "$LAB_PYTHON" "$LAB_FLOW_PY" send --iface eth0 --rate 100 \
-    --hops 16 "$LAB_SRC_ADDR1,$group,$port" >"$WORK/send.log" 2>&1 &
-  SEND_PID=$!
+  flow_send_start "$LAB_SRC_ADDR1,$group,$port"
   sleep 1
   say "latency: $TRIES tries of join, late join and leave"
-  probe latency --rt "$(ns "$LAB_RT")" --h1 "$(ns "$LAB_H1")" --h2 "$(ns "$LAB_H2")" \
+  lab_probe latency --rt "$(ns "$LAB_RT")" --h1 "$(ns "$LAB_H1")" --h2 "$(ns "$LAB_H2")" \
     --group "$group" --port "$port" --tries "$TRIES" >"$WORK/latency.json"
-  kill -TERM "$SEND_PID" 2>/dev/null
-  wait "$SEND_PID" 2>/dev/null
-  SEND_PID=''
+  flow_send_stop
 }
 
 # many COUNT HOSTS LINKS PREFIX FILE: COUNT groups joined at once on the links.
 bench_many() {
   say "$1 groups joined at once on $3"
-  probe many --rt "$(ns "$LAB_RT")" --pid "$LAB_DAEMON_PID" --host "$2" --links "$3" \
+  lab_probe many --rt "$(ns "$LAB_RT")" --pid "$LAB_DAEMON_PID" --host "$2" --links "$3" \
     --prefix "$4" --count "$1" >"$5"
 }
 
-stats() { probe stats --pid "$LAB_DAEMON_PID" >"$1"; }
+stats() { lab_probe stats --pid "$LAB_DAEMON_PID" >"$1"; }
 
 main() {
   need
   say "lab up (namespaces $MLD_LAB_PREFIX*), daemon $LAB_DAEMON"
-  lab_up && lab_add_source_addrs && flood_off || { say "the lab could not be built"; exit 1; }
+  lab_up && lab_add_source_addrs && snoop_upstream || { say "the lab could not be built"; exit 1; }
 
   bench_startup
 
@@ -195,13 +163,13 @@ main() {
   start_daemon "$STORM_QI"
   sleep "$STORM_QI"
   say "storm for ${STORM_SECONDS}s"
-  probe storm --rt "$(ns "$LAB_RT")" --pid "$LAB_DAEMON_PID" --h1 "$(ns "$LAB_H1")" \
+  lab_probe storm --rt "$(ns "$LAB_RT")" --pid "$LAB_DAEMON_PID" --h1 "$(ns "$LAB_H1")" \
     --h2 "$(ns "$LAB_H2")" --seconds "$STORM_SECONDS" --qi "$STORM_QI" --rate "$STORM_RATE" \
     >"$WORK/storm.json"
   stop_daemon
   echo "{\"status\": \"${LAB_DAEMON_STATUS:-none}\"}" >"$WORK/storm-exit.json"
 
-  probe table --dir "$WORK" --out "$OUT" --tries "$TRIES" --idle-seconds "$IDLE_SECONDS"
+  lab_probe table --dir "$WORK" --out "$OUT" --tries "$TRIES" --idle-seconds "$IDLE_SECONDS"
 }
 
 main "$@"

@@ -50,8 +50,7 @@ fi
 
 T0=$(lab_now_us)
 TAIL_PID=''
-SENDER='' RECEIVER=''
-CAPTURES=() FOLLOWERS=()
+FOLLOWERS=() # decoders of the captures, printing as packets come
 VERDICT='' # "PASS ..." once every step happened; otherwise the step that did not
 FIGURES=()
 
@@ -68,16 +67,8 @@ die() {
 }
 
 cleanup() {
-  local pid
-  for pid in $RECEIVER $SENDER "${FOLLOWERS[@]}"; do
-    kill "$pid" 2>/dev/null
-    wait "$pid" 2>/dev/null
-  done
-  lab_capture_stop "${CAPTURES[@]}"
-  if [[ -n $TAIL_PID ]]; then
-    kill "$TAIL_PID" 2>/dev/null
-    wait "$TAIL_PID" 2>/dev/null
-  fi
+  lab_stop "${FOLLOWERS[@]}" "$TAIL_PID"
+  flow_stop_all
   lab_down >/dev/null 2>&1 || lab_down
   rm -rf -- "$LAB_STATE"
   # The verdict is the last line, whatever ended the demo.
@@ -122,8 +113,7 @@ watch_mifs() {
 step "1. The daemon"
 
 needed=()
-for tool in cmake g++ make ip unshare strace tcpdump; do command -v "$tool" >/dev/null || needed+=("$tool"); done
-/usr/bin/python3 -c 'import scapy' 2>/dev/null || needed+=(python3-scapy)
+for tool in cmake g++ make ip unshare strace tcpdump "$LAB_PYTHON"; do command -v "$tool" >/dev/null || needed+=("$tool"); done
 if [[ ${#needed[@]} -gt 0 ]]; then
   info "missing: ${needed[*]}; installing the project's packages (tools/test.sh packages)"
   bash "$ROOT/tools/test.sh" packages || die "could not install the packages"
@@ -166,14 +156,13 @@ t0s=$(awk -v t="$T0" 'BEGIN { printf "%.6f", t / 1000000 }')
 step "3. Start mldproxyd in the router namespace"
 CONF=$LAB_STATE/mld.conf
 mkdir -p "$LAB_STATE"
-lab_write_conf "$CONF" "${MLD_DEMO_UPSTREAM:-$LAB_UPSTREAM}"
+lab_write_conf "$CONF" UPSTREAM_IFNAME="${MLD_DEMO_UPSTREAM:-$LAB_UPSTREAM}"
 info "/etc/mld/mld.conf (bind-mounted in the daemon's own mount namespace):"
 sed 's/^/               /' "$CONF"
 # What the router sends on dn1 from its start on, decoded as it goes out (seen from h1's side).
-lab_capture "$LAB_H1" eth0 "$LAB_STATE/dn1-start.pcap" "ip6 and not udp" || die "no capture on dn1"
-CAPTURES+=("$LAB_CAPTURE_PID")
-"$LAB_PYTHON" "$LAB_PCAP_PY" --follow --human --key --grep "src=$RT_DN1 " --t0 "$t0s" --label '    dn1| ' "${names[@]}" \
-  "$LAB_STATE/dn1-start.pcap" &
+mld_capture_start dn1-start "$LAB_H1" eth0 || die "no capture on dn1"
+"$LAB_PYTHON" "$LAB_PY" decode --follow --human --key --grep "src=$RT_DN1 " --t0 "$t0s" --label '    dn1| ' "${names[@]}" \
+  "$LAB_WORK/mld-dn1-start.pcap" &
 FOLLOWERS+=("$!")
 lab_start_daemon -c "$CONF" || die "the daemon did not start"
 info "mldproxyd runs, PID $LAB_DAEMON_PID; its output follows, marked 'mldproxyd|'"
@@ -192,10 +181,9 @@ info "seconds after the first (1 s here), then one every QUERY_INTERVAL (4 s); t
 info "own reports carry several records"
 lab_wait_started 40 || info "(the router did not fall quiet; going on)"
 sleep 9
-for pid in "${FOLLOWERS[@]}"; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done
+lab_stop "${FOLLOWERS[@]}"
 FOLLOWERS=()
-lab_capture_stop "${CAPTURES[@]}"
-CAPTURES=()
+lab_capture_stop
 for host in "$LAB_H1" "$LAB_H2"; do
   info "  $host has received $(lab_counter "$host" eth0 Icmp6InGroupMembQueries) MLD queries from the router"
 done
@@ -214,60 +202,51 @@ PORT=5001
 lab_add_source_addrs || die "cannot give src its address"
 # What is shown as it happens: the MLD messages about $G on dn1 (host side) and on the bridge
 # side of up0, decoded; once a second the datagrams that reached up0, h1's socket and h2's link.
-lab_capture "$LAB_H1" eth0 "$LAB_STATE/dn1.pcap" "ip6 and not udp" || die "no capture on dn1"
-CAPTURES+=("$LAB_CAPTURE_PID")
-lab_capture "$LAB_UP" p-rt "$LAB_STATE/up0.pcap" "ip6 and not udp" || die "no capture on up0"
-CAPTURES+=("$LAB_CAPTURE_PID")
-for where in up0 h1 h2; do
-  case $where in
-    up0) lab_capture_lines "$LAB_UP" p-rt "$LAB_STATE/udp-$where.txt" udp ;;
-    *) lab_capture_lines "$where" eth0 "$LAB_STATE/udp-$where.txt" udp ;;
-  esac || die "no capture of the traffic at $where"
-  CAPTURES+=("$LAB_CAPTURE_PID")
+mld_capture_start dn1 "$LAB_H1" eth0 || die "no capture on dn1"
+mld_capture_start up0 "$LAB_UP" "$LAB_RT_PORT" || die "no capture on up0"
+flow_wire_start up0 "$LAB_UP" "$LAB_RT_PORT" || die "no capture of the traffic at up0"
+flow_wire_start h1 "$LAB_H1" eth0 || die "no capture of the traffic at h1"
+flow_wire_start h2 "$LAB_H2" eth0 || die "no capture of the traffic at h2"
+for where in dn1 up0; do
+  "$LAB_PYTHON" "$LAB_PY" decode --follow --human --grep "$G" --t0 "$t0s" --label "    $where| " "${names[@]}" "$LAB_WORK/mld-$where.pcap" &
+  FOLLOWERS+=("$!")
 done
-"$LAB_PYTHON" "$LAB_PCAP_PY" --follow --human --grep "$G" --t0 "$t0s" --label '    dn1| ' "${names[@]}" "$LAB_STATE/dn1.pcap" &
-FOLLOWERS+=("$!")
-"$LAB_PYTHON" "$LAB_PCAP_PY" --follow --human --grep "$G" --t0 "$t0s" --label '    up0| ' "${names[@]}" "$LAB_STATE/up0.pcap" &
-FOLLOWERS+=("$!")
 
 # upstream_record TYPE AFTER: the time of the daemon's first report on up0 (bridge side) with a
 # record of TYPE (4 TO_EX, 3 TO_IN) for $G after the epoch time AFTER.
 upstream_record() {
-  lab_mld_lines "$LAB_STATE/up0.pcap" 2>/dev/null |
+  mld up0 2>/dev/null |
     awk -v a="$2" -v rec="$1/$G/" -v src="src=$RT_UP" '$1 > a && index($0, src) && / type=143 / && index($0, rec) { print $1; exit }'
 }
-ms() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%d", (b - a) * 1000 + 0.5 }'; }
 
 # check_story: every step of the join and the leave happened; their figures for the verdict.
 check_story() {
   local joined left report first last to_in h2
-  joined=$(awk '$1 == "JOINED" { print $2; exit }' "$RECV_LOG")
-  left=$(awk '$1 == "LEFT" { print $2; exit }' "$RECV_LOG")
+  joined=$(flow_joined_at "$LAB_H1" "$G") left=$(flow_left_at "$LAB_H1" "$G")
   [[ -n $joined && -n $left ]] || die "h1 did not join and leave $G"
   report=$(upstream_record 4 "$joined")
   [[ -n $report ]] || die "the router did not report h1's join of $G upstream (no CHANGE_TO_EXCLUDE on up0)"
-  first=$(awk -v j="$joined" '$1 != "JOINED" && $1 != "LEFT" && $1 > j { print $1; exit }' "$RECV_LOG")
+  first=$(flow_received "$LAB_H1" "$G" | awk -v j="$joined" '$1 > j { print; exit }')
   [[ -n $first ]] || die "h1 received no datagram of $G after joining it"
-  last=$(lab_udp_times "$LAB_STATE/udp-h1.txt" "$G" | tail -n 1)
-  awk -v l="$left" -v t="$last" 'BEGIN { exit !(t - l < 4.5) }' || die "$G still reached h1's link $(ms "$left" "$last") ms after the leave"
+  last=$(flow_wire h1 "$G" | tail -n 1)
+  awk -v l="$left" -v t="$last" 'BEGIN { exit !(t - l < 4.5) }' || die "$G still reached h1's link $(lab_ms "$left" "$last") ms after the leave"
   to_in=$(upstream_record 3 "$left")
   [[ -n $to_in ]] || die "the router did not report h1's leave of $G upstream (no CHANGE_TO_INCLUDE on up0)"
-  h2=$(lab_udp_times "$LAB_STATE/udp-h2.txt" "$G" | wc -l)
+  h2=$(flow_wire h2 "$G" | wc -l)
   [[ $h2 -eq 0 ]] || die "h2's link, where nobody listens, got $h2 datagrams of $G"
-  FIGURES=("join -> upstream report $(ms "$joined" "$report") ms" "join -> first datagram at h1 $(ms "$joined" "$first") ms"
-    "leave -> last datagram $(ms "$left" "$last") ms" "leave -> upstream CHANGE_TO_INCLUDE $(ms "$left" "$to_in") ms"
+  FIGURES=("join -> upstream report $(lab_ms "$joined" "$report") ms" "join -> first datagram at h1 $(lab_ms "$joined" "$first") ms"
+    "leave -> last datagram $(lab_ms "$left" "$last") ms" "leave -> upstream CHANGE_TO_INCLUDE $(lab_ms "$left" "$to_in") ms"
     "datagrams on h2's link (no listener) $h2")
 }
 
 # counts SECONDS: print once a second how many datagrams of $G arrived in that second.
-RECV_LOG=$LAB_STATE/h1-recv.log
 counts() {
   local i a b c na nb nc
-  na=$(lab_udp_times "$LAB_STATE/udp-up0.txt" "$G" | wc -l) nb=$(grep -vc -e JOINED -e LEFT "$RECV_LOG" 2>/dev/null) nc=$(lab_udp_times "$LAB_STATE/udp-h2.txt" "$G" | wc -l)
+  na=$(flow_wire up0 "$G" | wc -l) nb=$(flow_received_count "$LAB_H1" "$G") nc=$(flow_wire h2 "$G" | wc -l)
   for ((i = 0; i < $1; i++)); do
     sleep 1
-    a=$(lab_udp_times "$LAB_STATE/udp-up0.txt" "$G" | wc -l) b=$(grep -vc -e JOINED -e LEFT "$RECV_LOG" 2>/dev/null) c=$(lab_udp_times "$LAB_STATE/udp-h2.txt" "$G" | wc -l)
-    info "  datagrams in the last second: reaching up0 $((a - na)), received by h1's socket $((${b:-0} - ${nb:-0})), on h2's link $((c - nc))"
+    a=$(flow_wire up0 "$G" | wc -l) b=$(flow_received_count "$LAB_H1" "$G") c=$(flow_wire h2 "$G" | wc -l)
+    info "  datagrams in the last second: reaching up0 $((a - na)), received by h1's socket $((b - nb)), on h2's link $((c - nc))"
     na=$a nb=$b nc=$c
   done
 }
@@ -282,39 +261,30 @@ show_entry() {
 }
 
 info "src sends UDP to $G from $LAB_SRC_ADDR1, 100 datagrams a second, hop limit 16; nobody listens yet"
-ip netns exec "$(lab_ns "$LAB_SRC")" "$LAB_PYTHON" "$LAB_FLOW_PY" send --iface eth0 --rate 100 --hops 16 \
-  "$LAB_SRC_ADDR1,$G,$PORT" >"$LAB_STATE/send.log" 2>&1 &
-SENDER=$!
+flow_send_start "$LAB_SRC_ADDR1,$G,$PORT"
 info "(the bridge snoops MLD: it sends $G to the router only once the router has reported it upstream)"
 counts 2
 show_entry
 
 info "h1 opens a socket and joins $G (its kernel sends an MLDv2 report)"
-ip netns exec "$(lab_ns "$LAB_H1")" "$LAB_PYTHON" "$LAB_FLOW_PY" recv --iface eth0 --group "$G" --port "$PORT" \
-  --log "$RECV_LOG" 2>/dev/null &
-RECEIVER=$!
+flow_recv_launch "$LAB_H1" "$G" "$PORT"
 counts 4
 show_entry
 
 info "h1 closes its socket: its kernel reports the leave; the router asks the link whether anybody"
 info "else still listens (group-specific queries, max response 1 s, sent twice) and, with no answer,"
 info "stops forwarding $G to dn1 and reports the leave upstream"
-kill -TERM "$RECEIVER" 2>/dev/null
-wait "$RECEIVER" 2>/dev/null
-RECEIVER=''
+flow_recv_stop "$LAB_H1" "$G"
 info "(once the leave is reported upstream the bridge prunes: traffic stops reaching up0 too)"
 counts 6
 show_entry
-kill -TERM "$SENDER" 2>/dev/null
-wait "$SENDER" 2>/dev/null
-SENDER=''
-info "h1's link got $(lab_udp_times "$LAB_STATE/udp-h1.txt" "$G" | wc -l) datagrams of $G in all, h2's link $(lab_udp_times "$LAB_STATE/udp-h2.txt" "$G" | wc -l)"
+flow_send_stop
+info "h1's link got $(flow_wire h1 "$G" | wc -l) datagrams of $G in all, h2's link $(flow_wire h2 "$G" | wc -l)"
 check_story
 sleep 0.3 # the decoders print what is left
-for pid in "${FOLLOWERS[@]}"; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done
+lab_stop "${FOLLOWERS[@]}"
 FOLLOWERS=()
-lab_capture_stop "${CAPTURES[@]}"
-CAPTURES=()
+lab_capture_stop
 
 # ---------------------------------------------------------------------------------------------
 step "7. SIGTERM: clean shutdown"
@@ -329,8 +299,7 @@ show_mifs
 [[ $LAB_DAEMON_STATUS -eq 0 ]] || die "exit status $LAB_DAEMON_STATUS (want 0)"
 
 step "8. Removing the lab"
-kill "$TAIL_PID" 2>/dev/null
-wait "$TAIL_PID" 2>/dev/null
+lab_stop "$TAIL_PID"
 TAIL_PID=''
 lab_down || die "the lab could not be removed"
 info "done"

@@ -52,7 +52,7 @@ fi
 # too, each saying why).
 missing=()
 for tool in ip unshare strace tcpdump timeout; do command -v "$tool" >/dev/null || missing+=("$tool"); done
-"$LAB_PYTHON" -c 'import scapy' 2>/dev/null || missing+=("python3-scapy ($LAB_PYTHON)")
+[[ -x $LAB_PYTHON ]] || missing+=("python3 ($LAB_PYTHON)")
 if [[ ${#missing[@]} -gt 0 ]]; then
   result "not ok" lab_tools_present "missing: ${missing[*]}"
 fi

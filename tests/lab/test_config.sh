@@ -14,8 +14,8 @@
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
 NS=cfg
 
@@ -28,7 +28,7 @@ config_message() {
   printf "$expected" >"$want"
   lab_start_daemon -x -n "$NS" -c "$conf" -l "$out" -e "$err" || fail "the daemon did not start" || return 1
   if ! lab_wait_exit "$LAB_DAEMON_PID" 15; then
-    t_stop "$LAB_DAEMON_PID"
+    lab_stop "$LAB_DAEMON_PID"
     fail "still running 15 s after start (it should have given up on its configuration)"
     show_file "$out" 10 "standard output"
     return 1

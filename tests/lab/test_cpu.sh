@@ -6,8 +6,8 @@
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
 WINDOW=10      # seconds measured
 LIMIT_MS=50    # CPU time allowed in the window
@@ -18,31 +18,25 @@ reports_arriving() { [[ $(lab_counter "$LAB_RT" dn1 Icmp6InMLDv2Reports) -ge $((
 cpu_without_upstream() {
   local conf=$T_WORK/no-such-upstream.conf log=$T_WORK/daemon.log sender=$T_WORK/sender.log
   local spid c0 c1 r0 r1 t0 t1 hz used_ms got
-  t_need_daemon || return 1
-  [[ -x $LAB_PYTHON ]] && "$LAB_PYTHON" -c 'import scapy' 2>/dev/null || fail "$LAB_PYTHON has no scapy" || return 1
-  lab_up || fail "the lab could not be built" || return 1
-  lab_write_conf "$conf" nosuch0
-  lab_start_daemon -c "$conf" -l "$log" || fail "the daemon did not start" || return 1
-  if ! lab_wait_started 40; then
-    fail "the daemon did not take up its links; MIFs [$(t_mif_table)]"
-    show_file "$log" 20 "daemon output"
-    return 1
-  fi
+  t_lab_up || return 1
+  lab_write_conf "$conf" UPSTREAM_IFNAME=nosuch0
+  t_start 40 -c "$conf" -l "$log" || { show_file "$log" 20 "daemon output"; return 1; }
   r0=$(lab_counter "$LAB_RT" dn1 Icmp6InMLDv2Reports)
-  # 15 s of reports: scapy needs a moment to start, the window begins once reports arrive.
-  lab_send_mld_report "$LAB_H1" --count 150 --interval 0.1 is_ex:ff0e::1:101 >"$sender" 2>&1 &
+  # 15 s of reports: the sender needs a moment to start, the window begins once reports arrive.
+  ip netns exec "$(lab_ns "$LAB_H1")" "$LAB_PYTHON" "$LAB_PY" report --iface eth0 --count 150 --interval 0.1 is_ex:ff0e::1:101 \
+    >"$sender" 2>&1 &
   spid=$!
   if ! lab_wait_for 15 reports_arriving "$r0"; then
-    t_stop "$spid"
+    lab_stop "$spid"
     fail "the host's reports do not reach the router's dn1"
-    show_file "$sender" 10 "scapy"
+    show_file "$sender" 10 "sender"
     return 1
   fi
   hz=$(getconf CLK_TCK)
   c0=$(lab_cpu_ticks "$LAB_DAEMON_PID") r0=$(lab_counter "$LAB_RT" dn1 Icmp6InMLDv2Reports) t0=$(lab_now_us)
   sleep "$WINDOW"
   c1=$(lab_cpu_ticks "$LAB_DAEMON_PID") r1=$(lab_counter "$LAB_RT" dn1 Icmp6InMLDv2Reports) t1=$(lab_now_us)
-  t_stop "$spid"
+  lab_stop "$spid"
   [[ -n $c0 && -n $c1 ]] || fail "the daemon ended during the measurement" || return 1
   got=$((r1 - r0))
   used_ms=$(((c1 - c0) * 1000 / hz))
@@ -53,6 +47,6 @@ cpu_without_upstream() {
 }
 
 check cpu_below_50ms_in_10s_without_upstream_under_reports cpu_without_upstream
-if t_daemon_alive; then lab_stop_daemon TERM 10 || say "the daemon did not end on SIGTERM"; fi
+t_end
 
 exit 0

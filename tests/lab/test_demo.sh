@@ -6,8 +6,8 @@
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
 # run_demo OUT [ENV...]: the demo in a lab of its own (a prefix of this run's), the daemon
 # under test; its exit status.

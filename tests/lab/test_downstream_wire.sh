@@ -20,14 +20,14 @@
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
 LOG=$T_WORK/daemon.log
 ROBUSTNESS=2 QUERY_INTERVAL=4
 WANT_QUERIES=4 # general queries to see on each downstream link
 THREADS=$T_WORK/threads.txt
-CAPTURES=() TRACKER='' SETUP_OK=0
+TRACKER='' SETUP_OK=0
 declare -A RT_LL=() HOST_OF=([dn1]=$LAB_H1 [dn2]=$LAB_H2)
 UP_SN=''
 
@@ -37,14 +37,13 @@ count_queries() { grep -c " MLD src=$2 .* type=130 .* group=:: " "$1" 2>/dev/nul
 enough_queries() {
   local link
   for link in dn1 dn2; do
-    lab_mld_lines "$T_WORK/$link.pcap" >"$T_WORK/$link.txt" 2>/dev/null || return 1
+    lab_mld_lines "$T_WORK/mld-$link.pcap" >"$T_WORK/$link.txt" 2>/dev/null || return 1
     [[ $(count_queries "$T_WORK/$link.txt" "${RT_LL[$link]}") -ge $WANT_QUERIES ]] || return 1
   done
 }
 
 setup() {
-  t_need_daemon || return 1
-  lab_up || fail "the lab could not be built" || return 1
+  t_lab_up || return 1
   local link
   for link in dn1 dn2 up0; do RT_LL[$link]=$(lab_ll_addr "$LAB_RT" "$link"); done
   # ff02::1:ff00:0 with the last three bytes of the upstream link-local address.
@@ -53,28 +52,23 @@ b = ipaddress.IPv6Address(sys.argv[1]).packed
 print(ipaddress.IPv6Address(bytes.fromhex("ff0200000000000000000001ff") + b[13:]))' "${RT_LL[up0]}") ||
     fail "cannot compute the solicited-node group of ${RT_LL[up0]}" || return 1
   for link in dn1 dn2; do
-    lab_capture "${HOST_OF[$link]}" eth0 "$T_WORK/$link.pcap" || fail "no capture on $link" || return 1
-    CAPTURES+=("$LAB_CAPTURE_PID")
+    mld_capture_start "$link" "${HOST_OF[$link]}" eth0 || fail "no capture on $link" || return 1
   done
-  lab_capture "$LAB_UP" p-rt "$T_WORK/up0.pcap" || fail "no capture on the bridge side of up0" || return 1
-  CAPTURES+=("$LAB_CAPTURE_PID")
+  mld_capture_start up0 "$LAB_UP" "$LAB_RT_PORT" || fail "no capture on the bridge side of up0" || return 1
   lab_start_daemon -l "$LOG" || fail "the daemon did not start" || return 1
-  "$LAB_PYTHON" "$LAB_TESTS_DIR/thread_starts.py" "$LAB_DAEMON_PID" >"$THREADS" 2>&1 &
+  "$LAB_PYTHON" "$LAB_ROOT/tests/lab/thread_starts.py" "$LAB_DAEMON_PID" >"$THREADS" 2>&1 &
   TRACKER=$!
   say "router: up0 ${RT_LL[up0]}, dn1 ${RT_LL[dn1]}, dn2 ${RT_LL[dn2]}; upstream solicited-node group $UP_SN"
   if ! lab_wait_for 45 enough_queries; then
     fail "fewer than $WANT_QUERIES general queries on dn1/dn2 within 45 s (dn1: $(count_queries "$T_WORK/dn1.txt" "${RT_LL[dn1]}"), dn2: $(count_queries "$T_WORK/dn2.txt" "${RT_LL[dn2]}"))"
     return 1
   fi
-  t_stop "$TRACKER"
-  lab_capture_stop "${CAPTURES[@]}"
-  for link in dn1 dn2 up0; do lab_mld_lines "$T_WORK/$link.pcap" >"$T_WORK/$link.txt" || fail "cannot decode $link.pcap" || return 1; done
+  lab_stop "$TRACKER"
+  lab_capture_stop
+  for link in dn1 dn2 up0; do lab_mld_lines "$T_WORK/mld-$link.pcap" >"$T_WORK/$link.txt" || fail "cannot decode mld-$link.pcap" || return 1; done
   t_daemon_alive || fail "the daemon ended" || return 1
   SETUP_OK=1
 }
-
-# field LINE KEY: the value of key=value in a decoded line.
-field() { awk -v k="$2" '{ for (i = 3; i <= NF; i++) if (index($i, k "=") == 1) { print substr($i, length(k) + 2); exit } }' <<<"$1"; }
 
 # The daemon's reports on a link: from the router's address there, non-zero flow label.
 daemon_reports() { grep " MLD src=$2 .* fl=0x[1-9a-f][0-9a-f]* .* type=143 " "$1"; }
@@ -87,11 +81,11 @@ startup_reports() {
   got=''
   while read -r line; do
     [[ -n $line ]] || continue
-    got+="$(field "$line" recs) "
-    [[ $(field "$line" nrec) == 1 ]] || fail "$link: a daemon report with $(field "$line" nrec) records: $line" || return 1
-    [[ $(field "$line" dst) == ff02::16 && $(field "$line" hlim) == 1 && $(field "$line" ra) == 1 ]] ||
+    got+="$(field recs <<<"$line") "
+    [[ $(field nrec <<<"$line") == 1 ]] || fail "$link: a daemon report with $(field nrec <<<"$line") records: $line" || return 1
+    [[ $(field dst <<<"$line") == ff02::16 && $(field hlim <<<"$line") == 1 && $(field ra <<<"$line") == 1 ]] ||
       fail "$link: report not to ff02::16 with hop limit 1 and Router Alert: $line" || return 1
-    g=$(field "$line" recs) t=${line%% *}
+    g=$(field recs <<<"$line") t=${line%% *}
     if [[ -n ${last[$g]:-} ]]; then
       # Copies of one group are 1 s / robustness apart.
       awk -v a="${last[$g]}" -v b="$t" 'BEGIN { d = b - a; exit !(d > 0.3 && d < 0.8) }' ||
@@ -112,14 +106,14 @@ general_queries() {
   while read -r line; do
     n=$((n + 1))
     bad=''
-    [[ $(field "$line" dst) == ff02::1 ]] || bad+=" destination"
-    [[ $(field "$line" hlim) == 1 ]] || bad+=" hop-limit"
-    [[ $(field "$line" ra) == 1 ]] || bad+=" router-alert"
-    [[ $(field "$line" len) == 28 && $(field "$line" v) == 2 ]] || bad+=" length"
-    [[ $(field "$line" mrc) == 1000 ]] || bad+=" MRC"
-    [[ $(field "$line" qqic) == "$QUERY_INTERVAL" ]] || bad+=" QQIC"
-    [[ $(field "$line" qrv) == "$ROBUSTNESS" ]] || bad+=" QRV"
-    [[ $(field "$line" s) == 0 && $(field "$line" nsrc) == 0 ]] || bad+=" S/sources"
+    [[ $(field dst <<<"$line") == ff02::1 ]] || bad+=" destination"
+    [[ $(field hlim <<<"$line") == 1 ]] || bad+=" hop-limit"
+    [[ $(field ra <<<"$line") == 1 ]] || bad+=" router-alert"
+    [[ $(field len <<<"$line") == 28 && $(field v <<<"$line") == 2 ]] || bad+=" length"
+    [[ $(field mrc <<<"$line") == 1000 ]] || bad+=" MRC"
+    [[ $(field qqic <<<"$line") == "$QUERY_INTERVAL" ]] || bad+=" QQIC"
+    [[ $(field qrv <<<"$line") == "$ROBUSTNESS" ]] || bad+=" QRV"
+    [[ $(field s <<<"$line") == 0 && $(field nsrc <<<"$line") == 0 ]] || bad+=" S/sources"
     [[ -z $bad ]] || fail "$link: general query with wrong$bad: $line" || return 1
   done < <(grep " MLD src=$addr .* type=130 .* group=:: " "$file")
   [[ $n -ge $WANT_QUERIES ]] || fail "$link: $n general queries from $addr, want $WANT_QUERIES" || return 1
@@ -181,9 +175,8 @@ done
 check input_thread_never_restarted thread_never_restarted
 check no_startup_report_or_query_on_upstream nothing_upstream
 
-t_stop "$TRACKER"
-lab_capture_stop "${CAPTURES[@]}"
-if t_daemon_alive; then lab_stop_daemon TERM 10 || say "the daemon did not end on SIGTERM"; fi
+lab_stop "$TRACKER"
+t_end
 [[ $SETUP_OK == 1 ]] || show_file "$LOG" 20 "daemon output"
 
 exit 0

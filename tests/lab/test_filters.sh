@@ -14,11 +14,8 @@
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
-# shellcheck source=tests/lab/upstream_lib.sh
-. "$LAB_TESTS_DIR/upstream_lib.sh"
-trap 'up_stop_all; flow_stop_all; t_cleanup' EXIT
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
 LOG=$T_WORK/daemon.log
 S1=$LAB_SRC_ADDR1 S2=$LAB_SRC_ADDR2 S3=$LAB_SRC_ADDR3
@@ -32,15 +29,6 @@ SETUP_OK=0
 
 # ---------------------------------------------------------------------------------------------
 # helpers
-
-now_s() { printf '%s' "$EPOCHREALTIME"; }
-
-# mld LINK: the MLD messages on the host side of LINK so far, decoded (tests/lab/wire_pcap.py).
-mld() { lab_mld_lines "$T_WORK/mld-$1.pcap" | grep ' MLD '; }
-
-# oif_has GROUP ORIGIN LINK: the kernel entry (ORIGIN, GROUP) forwards to LINK.
-oif_has() { lab_mfc_oifs "$1" "$2" | tr ' ' '\n' | grep -qx "$(lab_mif_index "$3")"; }
-entries() { lab_mfc_group "$1" | sed 's/^0000:0000:0000:0000:0000:0000:0000:0000/::/' | paste -sd ';'; }
 
 # link_gets LINK GROUP WANTED... -- UNWANTED...: the link carried at least 50 packets of GROUP
 # from each wanted source and none from the others.
@@ -77,32 +65,22 @@ recorded_hosts() {
   json_query "$T_WORK/status.json" "[g['hosts'] for l in s['links'] if l['name'] == '$1' for g in l['groups'] if g['group'] == '$2']"
 }
 
-need_setup() {
-  if [[ $SETUP_OK == 1 ]] && t_daemon_alive; then return 0; fi
-  fail "no daemon running (set-up or an earlier check failed)"
-}
-
 # ---------------------------------------------------------------------------------------------
 # set-up
 
 setup() {
-  t_need_daemon || return 1
-  lab_up || fail "the lab could not be built" || return 1
-  lab_add_downstream dn3 h3 && lab_add_lan_host h3 h3b || fail "could not add dn3 with h3 and h3b" || return 1
+  t_lab_up sources flood || return 1
+  lab_add_downstream dn3 h3 && lab_add_lan h3 h3b eth0 || fail "could not add dn3 with h3 and h3b" || return 1
   lab_exec h3b sysctl -qw net.ipv6.conf.eth0.force_mld_version=1 || fail "cannot make h3b an MLDv1 host" || return 1
-  lab_add_lan_ifaces "$LAB_H2" many "$N_HOSTS" || fail "could not put $N_HOSTS hosts on dn2" || return 1
-  lab_add_source_addrs && lab_flood_upstream || fail "cannot make src's addresses or flood up0" || return 1
-  up_learn_ifnames
-  flow_wire_start up0 "$LAB_UP" p-rt && flow_wire_start dn1 "$LAB_H1" eth0 &&
+  lab_add_lan "$LAB_H2" many $(seq -f 'mv%g' 0 $((N_HOSTS - 1))) || fail "could not put $N_HOSTS hosts on dn2" || return 1
+  flow_wire_start up0 "$LAB_UP" "$LAB_RT_PORT" && flow_wire_start dn1 "$LAB_H1" eth0 &&
     flow_wire_start dn2 "$LAB_H2" eth0 && flow_wire_start dn3 h3 eth0 || fail "no UDP capture" || return 1
   local link host
   for link in dn1:"$LAB_H1" dn2:"$LAB_H2" dn3:h3; do
     host=${link#*:} link=${link%%:*}
-    lab_capture "$host" eth0 "$T_WORK/mld-$link.pcap" "ip6 and not udp" || fail "no MLD capture on $link" || return 1
-    FLOW_CAPTURES+=("$LAB_CAPTURE_PID")
+    mld_capture_start "$link" "$host" eth0 || fail "no MLD capture on $link" || return 1
   done
-  lab_start_daemon -l "$LOG" || fail "the daemon did not start" || return 1
-  lab_wait_started 60 || fail "the daemon did not take up its links; MIFs [$(t_mif_table)]" || return 1
+  t_start 60 || return 1
   say "MIFs: $(t_mif_table); $N_HOSTS hosts more on dn2; h3b (MLDv1) beside h3 on dn3"
   SETUP_OK=1
 }
@@ -115,7 +93,7 @@ setup() {
 # nothing to an EXCLUDE{S1} link fails it, and so does one that ignored the filter and put S1
 # on dn1 (the capture shows it, whatever h1's socket drops).
 exclude_one_source() {
-  need_setup || return 1
+  t_need_setup || return 1
   flow_send_start "$S1,$G1,$P1" "$S2,$G1,$P1"
   flow_wait_more up0 "$G1" 100 "$S1" "$S2" || return 1
   flow_recv_start "$LAB_H1" "$G1" "$P1" --block "$S1" || return 1
@@ -123,10 +101,10 @@ exclude_one_source() {
     fail "h1 received $(flow_received_count "$LAB_H1" "$G1" "$S2") datagrams from $S2 after joining $G1 with $S1 blocked" || return 1
   flow_wait_more up0 "$G1" 200 "$S1" || return 1 # 2 s more of S1 on up0
   link_gets dn1 "$G1" "$S2" -- "$S1" || return 1
-  say "dn1: $(flow_wire_count dn1 "$G1" "$S2" 0) packets from $S2, none from $S1 (up0: $(flow_wire_count up0 "$G1" "$S1" 0)); entries: $(entries "$G1")"
-  oif_has "$G1" :: dn1 || fail "(*,$G1) does not forward to dn1: $(entries "$G1")" || return 1
-  [[ -n $(lab_mfc "$G1" "$S1") ]] && ! oif_has "$G1" "$S1" dn1 ||
-    fail "no ($S1,$G1) entry that leaves dn1 out: $(entries "$G1")" || return 1
+  say "dn1: $(flow_wire_count dn1 "$G1" "$S2" 0) packets from $S2, none from $S1 (up0: $(flow_wire_count up0 "$G1" "$S1" 0)); entries: $(lab_mfc_text "$G1")"
+  lab_mfc_has_oif "$G1" :: dn1 || fail "(*,$G1) does not forward to dn1: $(lab_mfc_text "$G1")" || return 1
+  [[ -n $(lab_mfc "$G1" "$S1") ]] && ! lab_mfc_has_oif "$G1" "$S1" dn1 ||
+    fail "no ($S1,$G1) entry that leaves dn1 out: $(lab_mfc_text "$G1")" || return 1
   flow_send_stop
 }
 
@@ -136,7 +114,7 @@ exclude_one_source() {
 # IS_EX{S1}, and the bridge upstream would then hold S1 back from every link. Each link gets
 # the two sources it does not exclude.
 exclude_merge_upstream() {
-  need_setup || return 1
+  t_need_setup || return 1
   up_capture_start "$T_WORK/up.pcap" || fail "cannot capture in the router namespace" || return 1
   flow_send_start "$S1,$G2,$P2" "$S2,$G2,$P2" "$S3,$G2,$P2"
   flow_wait_more up0 "$G2" 100 "$S1" "$S2" "$S3" || return 1
@@ -164,8 +142,7 @@ exclude_merge_upstream() {
   [[ $(tail -n 1 <<<"$recs" | cut -d' ' -f2-) == "4 -" ]] || fail "the last record for $G2 is not CHANGE_TO_EXCLUDE{}: $(tail -n 1 <<<"$recs")" || return 1
   # The state itself, as the answer to a query (an unusual MRC marks it; a source above the
   # bridge's address leaves the bridge the querier).
-  tq=$(lab_exec "$LAB_UP" "$UP_PY" "$UP_DIR/upstream_query.py" --iface "$UP_BRIDGE" --mrc 1234 \
-    --src fe80::ffff:ffff:ffff:fffe 2>"$T_WORK/query.err") || fail "cannot send a query from the bridge: $(tail -n 1 "$T_WORK/query.err")" || return 1
+  tq=$(up_query 1234) || fail "cannot send a query from the bridge: $(tail -n 1 "$T_WORK/query.err")" || return 1
   lab_wait_for 3 up_has_records 1 2 "$G2" '*' "$tq" || fail "no MODE_IS_EXCLUDE for $G2 within 3 s of the query" || return 1
   answer=$(up_group_records "$G2" "$tq" | awk '$2 == 2 { print; exit }')
   [[ ${answer#* } == "2 -" ]] || fail "the query was answered with ${answer#* } for $G2 (want \"2 -\", MODE_IS_EXCLUDE{})" || return 1
@@ -184,7 +161,7 @@ exclude_merge_upstream() {
 # ends, and comes back only with a later report, after a pause), when a leave does not free its
 # place, or when the leaves end the group for all.
 member_limit() {
-  need_setup || return 1
+  t_need_setup || return 1
   local i ifaces=() t_left last_leave q n gap
   for ((i = 0; i < N_HOSTS; i++)); do ifaces+=(--iface "mv$i"); done
   flow_send_start "$S1,$G3,$P3"
@@ -197,7 +174,7 @@ member_limit() {
   for ((i = LIMIT; i < N_HOSTS; i++)); do
     lab_wait_for 3 flow_has_received many "$G3" 20 "$S1" "mv$i" || fail "host mv$i received $(flow_received_count many "$G3" "$S1" "mv$i") datagrams of $G3 before any leave" || return 1
   done
-  t_left=$(now_s)
+  t_left=$EPOCHREALTIME
   flow_recv_signal many "$G3" USR1
   lab_wait_for 10 hosts_at_least dn2 "$G3" "3/$G3/0" "$LIMIT" ||
     fail "only $(hosts_with_record dn2 "$G3" "3/$G3/0") hosts sent TO_IN{} for $G3 after the first $LIMIT left" || return 1
@@ -205,7 +182,7 @@ member_limit() {
   last_leave=$(mld dn2 | grep ' type=143 ' | grep -F "3/$G3/0" | tail -n 1 | cut -d' ' -f1)
   q=$(router_queries dn2 "$t_left" | grep -c " group=$G3 ")
   [[ $q -ge 1 ]] || fail "no query for $G3 on dn2 after the leaves: the last-listener queries cannot be over" || return 1
-  sleep "$(awk -v t="$last_leave" -v now="$(now_s)" 'BEGIN { d = t + 4 - now; printf "%.3f", (d > 0 ? d : 0) }')"
+  lab_sleep_until "$last_leave" 4
   say "$LIMIT hosts left $G3 (last leave report at $last_leave, $q queries for $G3 since); 4 s later:"
   n=$(flow_wire_count dn2 "$G3" "$S1" "$(awk -v t="$last_leave" 'BEGIN { printf "%.6f", t + 3 }')")
   [[ $n -ge 50 ]] || fail "dn2 got $n packets of $G3 3-4 s after the last leave (want 50 or more)" || return 1
@@ -213,7 +190,7 @@ member_limit() {
     [[ $(flow_received many "$G3" "$S1" "mv$i" | awk -v t="$last_leave" '$1 > t + 3' | wc -l) -ge 20 ]] ||
       fail "host mv$i got $(flow_received many "$G3" "$S1" "mv$i" | awk -v t="$last_leave" '$1 > t + 3' | wc -l) datagrams of $G3 3-4 s after the last leave (want 20 or more)" || return 1
   done
-  gap=$(flow_wire dn2 "$G3" "$S1" | awk -v a="$t_left" -v b="$(now_s)" '
+  gap=$(flow_wire dn2 "$G3" "$S1" | awk -v a="$t_left" -v b="$EPOCHREALTIME" '
     $1 > a && $1 <= b { if ($1 - a > g) g = $1 - a; a = $1 } END { if (b - a > g) g = b - a; printf "%.3f", g }')
   say "dn2 carried $n packets of $G3 in that second, its longest pause since the leaves ${gap} s; each of mv$LIMIT..mv$((N_HOSTS - 1)) received them"
   awk -v g="$gap" 'BEGIN { exit !(g < 0.5) }' || fail "dn2's packets of $G3 paused for $gap s after the leaves" || return 1
@@ -231,7 +208,7 @@ member_limit() {
 # with no MLDv2 report between them: a router that put the whole link in MLDv1 mode on that
 # report would send it in the 24-byte form.
 v1_beside_ssm() {
-  need_setup || return 1
+  t_need_setup || return 1
   local t_a tq report t_v1 q short between
   flow_send_start "$S1,$G4,$P4" "$S2,$G4,$P4" "$S1,$G5,$P5" "$S2,$G5,$P5"
   flow_wait_more up0 "$G4" 100 "$S2" && flow_wait_more up0 "$G5" 100 "$S2" || return 1
@@ -244,7 +221,7 @@ v1_beside_ssm() {
   lab_wait_for 7 general_query_after dn3 "$t_a" ||
     fail "no general query on dn3 within 7 s of h3's join" || return 1
   tq=$(router_queries dn3 "$t_a" | grep ' group=:: ' | head -n 1 | cut -d' ' -f1)
-  sleep "$(awk -v t="$tq" -v now="$(now_s)" 'BEGIN { d = t + 1.2 - now; printf "%.3f", (d > 0 ? d : 0) }')"
+  lab_sleep_until "$tq" 1.2
   flow_recv_start h3b "$G5" "$P5" || return 1
   lab_wait_for 5 flow_has_received h3b "$G5" 30 "$S1" && lab_wait_for 2 flow_has_received h3b "$G5" 30 "$S2" ||
     fail "the MLDv1 host h3b received $(flow_received_count h3b "$G5" "$S1")/$(flow_received_count h3b "$G5" "$S2") datagrams of $G5 from $S1/$S2" || return 1
@@ -270,10 +247,5 @@ check exclude_lists_of_three_links_merge_to_exclude_nothing_upstream exclude_mer
 check hosts_beyond_the_member_limit_served_after_the_others_leave member_limit
 check mldv1_host_beside_source_specific_host_queries_stay_mldv2 v1_beside_ssm
 
-flow_stop_all
-if t_daemon_alive; then
-  lab_stop_daemon TERM 10 || say "the daemon did not end on SIGTERM"
-  say "daemon ended with status ${LAB_DAEMON_STATUS:-?}"
-fi
-show_file "$LOG" 10 "daemon output"
+t_end "$LOG" 10
 exit 0

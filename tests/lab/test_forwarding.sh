@@ -20,8 +20,8 @@
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
 LOG=$T_WORK/daemon.log
 GMI=9
@@ -52,29 +52,14 @@ times_stats() {
     }'
 }
 
-# mld LINK: the MLD messages captured on LINK so far, decoded (tests/lab/wire_pcap.py).
-mld() { lab_mld_lines "$T_WORK/mld-$1.pcap" | grep ' MLD '; }
-
-# field KEY: the value of key=value in the decoded line on standard input.
-field() { awk -v k="$1" '{ for (i = 3; i <= NF; i++) if (index($i, k "=") == 1) { print substr($i, length(k) + 2); exit } }'; }
-
-now_s() { printf '%s' "$EPOCHREALTIME"; }
-ms_between() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%d", (b - a) * 1000 + ((b - a) >= 0 ? 0.5 : -0.5) }'; }
 # within A B LOW HIGH: B - A lies in [LOW, HIGH] seconds.
 within() { awk -v a="$1" -v b="$2" -v lo="$3" -v hi="$4" 'BEGIN { d = b - a; exit !(d >= lo && d <= hi) }'; }
-
-# watch_until T SECONDS: let SECONDS pass after the time T (for watching that something lasts).
-watch_until() {
-  local left
-  left=$(awk -v t="$1" -v d="$2" -v now="$(now_s)" 'BEGIN { l = t + d - now; if (l < 0) l = 0; if (l > 60) l = 60; printf "%.3f", l }')
-  sleep "$left"
-}
 
 # left_at HOST GROUP: when the receiver closed its socket (the time of the leave), else now.
 left_at() {
   local t
-  t=$(awk '$1 == "LEFT" { print $2; exit }' "$(flow_recv_log "$1" "$2")" 2>/dev/null)
-  printf '%s' "${t:-$(now_s)}"
+  t=$(flow_left_at "$1" "$2")
+  printf '%s' "${t:-$EPOCHREALTIME}"
 }
 
 # flowing GROUP SOURCE N: at least N packets of the flow reached the router's upstream link.
@@ -95,11 +80,6 @@ mfc_is() {
   iif=${entry%% *}
   [[ $iif == "$(lab_mif_index up0)" && $(lab_mfc_oifs "$group" "$origin") == "$want" ]]
 }
-mfc_text() { # GROUP: the group's kernel entries for messages
-  local e
-  e=$(lab_mfc_group "$1" | sed 's/^0000:0000:0000:0000:0000:0000:0000:0000/::/' | tr '\n' ';')
-  printf '%s' "${e:-none}"
-}
 
 # forwards_to_no_link GROUP: no kernel entry of the group has a downstream link among its outputs.
 forwards_to_no_link() {
@@ -112,7 +92,7 @@ forwards_to_no_link() {
 stopped() {
   local last
   last=$(flow_wire "$1" "$2" | tail -n 1)
-  [[ -n $last ]] && ! within "$last" "$(now_s)" 0 "$3"
+  [[ -n $last ]] && ! within "$last" "$EPOCHREALTIME" 0 "$3"
 }
 
 # has_report_for LINK HOST_LL GROUP: a report of the host with a record for GROUP on LINK.
@@ -191,43 +171,33 @@ check_specific_queries() {
 # set-up
 
 setup() {
-  t_need_daemon || return 1
-  lab_up || fail "the lab could not be built" || return 1
+  t_lab_up sources flood || return 1
   lab_add_downstream dn3 h3 || fail "could not add dn3 and h3" || return 1
-  lab_add_lan_host "$LAB_H1" h1b || fail "could not add h1b on dn1" || return 1
+  lab_add_lan "$LAB_H1" h1b eth0 || fail "could not add h1b on dn1" || return 1
   lab_exec h3 sysctl -qw net.ipv6.conf.eth0.force_mld_version=1 || fail "cannot make h3 an MLDv1 host" || return 1
-  lab_add_source_addrs || fail "cannot give src its addresses" || return 1
-  lab_flood_upstream || fail "cannot make the bridge send all multicast to up0" || return 1
   local link
   for link in "${LINKS[@]}" up0; do RT_LL[$link]=$(lab_ll_addr "$LAB_RT" "$link"); done
   for link in "${LINKS[@]}"; do HOST_LL[$link]=$(lab_ll_addr "${HOST_OF[$link]}" eth0); done
   HOST_LL[h1b]=$(lab_ll_addr h1b eth0)
   for link in "${LINKS[@]}"; do
-    lab_capture "${HOST_OF[$link]}" eth0 "$T_WORK/mld-$link.pcap" "ip6 and not udp" || fail "no capture on $link" || return 1
-    FLOW_CAPTURES+=("$LAB_CAPTURE_PID")
+    mld_capture_start "$link" "${HOST_OF[$link]}" eth0 || fail "no capture on $link" || return 1
     flow_wire_start "$link" "${HOST_OF[$link]}" eth0 || fail "no capture on $link" || return 1
   done
-  flow_wire_start up0 "$LAB_UP" p-rt || fail "no capture on the bridge side of up0" || return 1
-  lab_start_daemon -l "$LOG" || fail "the daemon did not start" || return 1
-  lab_wait_started 40 || fail "the daemon did not take up its links; MIFs [$(t_mif_table)]" || return 1
+  flow_wire_start up0 "$LAB_UP" "$LAB_RT_PORT" || fail "no capture on the bridge side of up0" || return 1
+  t_start 40 || return 1
   say "MIFs: $(t_mif_table); h1 ${HOST_LL[dn1]} and h1b ${HOST_LL[h1b]} on dn1, h2 ${HOST_LL[dn2]}, h3 ${HOST_LL[dn3]} (MLDv1)"
   SETUP_OK=1
-}
-
-need_setup() {
-  if [[ $SETUP_OK == 1 ]] && t_daemon_alive; then return 0; fi
-  fail "no daemon running (set-up or an earlier check failed)"
 }
 
 # ---------------------------------------------------------------------------------------------
 # checks
 
 any_source_join() {
-  need_setup || return 1
+  t_need_setup || return 1
   flow_send_start "$S1,$G1,$P1" "$S2,$G1,$P1"
   flow_wait_more up0 "$G1" 100 "$S1" "$S2" || return 1
   local t0 link stats first
-  t0=$(now_s)
+  t0=$EPOCHREALTIME
   for link in "${LINKS[@]}"; do
     [[ $(flow_wire_count "$link" "$G1" '' 0) -eq 0 ]] || fail "$link got $G1 before anybody joined" || return 1
   done
@@ -235,73 +205,73 @@ any_source_join() {
   lab_wait_for 5 flow_has_received "$LAB_H1" "$G1" 20 "$S1" && lab_wait_for 3 flow_has_received "$LAB_H1" "$G1" 20 "$S2" ||
     fail "h1 received $(flow_received_count "$LAB_H1" "$G1" "$S1") datagrams from $S1 and $(flow_received_count "$LAB_H1" "$G1" "$S2") from $S2 after joining $G1" || return 1
   first=$(flow_received "$LAB_H1" "$G1" | head -n 1)
-  TIMINGS+=("join to first forwarded packet (h1, $G1): $(ms_between "$(flow_joined_at "$LAB_H1" "$G1")" "$first") ms")
-  say "h1 joined $G1; first datagram $(ms_between "$(flow_joined_at "$LAB_H1" "$G1")" "$first") ms later; from both sources: $(flow_received_count "$LAB_H1" "$G1" "$S1") / $(flow_received_count "$LAB_H1" "$G1" "$S2")"
-  within "$(flow_joined_at "$LAB_H1" "$G1")" "$first" 0 1 || fail "h1's first datagram came $(ms_between "$(flow_joined_at "$LAB_H1" "$G1")" "$first") ms after the join (want under 1 s)" || return 1
+  TIMINGS+=("join to first forwarded packet (h1, $G1): $(lab_ms "$(flow_joined_at "$LAB_H1" "$G1")" "$first") ms")
+  say "h1 joined $G1; first datagram $(lab_ms "$(flow_joined_at "$LAB_H1" "$G1")" "$first") ms later; from both sources: $(flow_received_count "$LAB_H1" "$G1" "$S1") / $(flow_received_count "$LAB_H1" "$G1" "$S2")"
+  within "$(flow_joined_at "$LAB_H1" "$G1")" "$first" 0 1 || fail "h1's first datagram came $(lab_ms "$(flow_joined_at "$LAB_H1" "$G1")" "$first") ms after the join (want under 1 s)" || return 1
   for link in dn2 dn3; do
-    stats=$(flow_wire "$link" "$G1" | times_stats 0 "$(now_s)")
+    stats=$(flow_wire "$link" "$G1" | times_stats 0 "$EPOCHREALTIME")
     [[ ${stats%% *} -eq 0 ]] || fail "$link (no listener) got ${stats%% *} packets of $G1" || return 1
   done
   [[ $(flow_wire_count dn1 "$G1" '' 0) -gt 0 ]] || fail "the dn1 capture saw no packet of $G1 although h1's socket got some" || return 1
   say "kernel entry (*,$G1): Iif and Oifs $(lab_mfc "$G1"); MIFs $(t_mif_table)"
-  mfc_is "$G1" :: up0 dn1 || fail "(*,$G1) should have parent up0 and output up0 + dn1: $(mfc_text "$G1")" || return 1
+  mfc_is "$G1" :: up0 dn1 || fail "(*,$G1) should have parent up0 and output up0 + dn1: $(lab_mfc_text "$G1")" || return 1
 }
 
 late_join() {
-  need_setup || return 1
+  t_need_setup || return 1
   [[ -n $FLOW_SEND_PID ]] || fail "no traffic (the previous check failed)" || return 1
   local first
   flow_recv_start "$LAB_H2" "$G1" "$P1" || return 1
   lab_wait_for 3 flow_has_received "$LAB_H2" "$G1" 10 || fail "h2 received $(flow_received_count "$LAB_H2" "$G1") datagrams within 3 s of joining $G1" || return 1
   first=$(flow_received "$LAB_H2" "$G1" | head -n 1)
-  TIMINGS+=("late join to first packet (h2, $G1, traffic flowing): $(ms_between "$(flow_joined_at "$LAB_H2" "$G1")" "$first") ms")
-  say "h2 joined $G1 while traffic flows: first datagram $(ms_between "$(flow_joined_at "$LAB_H2" "$G1")" "$first") ms later"
-  within "$(flow_joined_at "$LAB_H2" "$G1")" "$first" 0 1 || fail "h2's first datagram came $(ms_between "$(flow_joined_at "$LAB_H2" "$G1")" "$first") ms after its join (want under 1 s)" || return 1
-  mfc_is "$G1" :: up0 dn1 dn2 || fail "(*,$G1) should output to up0 + dn1 + dn2: $(mfc_text "$G1")" || return 1
+  TIMINGS+=("late join to first packet (h2, $G1, traffic flowing): $(lab_ms "$(flow_joined_at "$LAB_H2" "$G1")" "$first") ms")
+  say "h2 joined $G1 while traffic flows: first datagram $(lab_ms "$(flow_joined_at "$LAB_H2" "$G1")" "$first") ms later"
+  within "$(flow_joined_at "$LAB_H2" "$G1")" "$first" 0 1 || fail "h2's first datagram came $(lab_ms "$(flow_joined_at "$LAB_H2" "$G1")" "$first") ms after its join (want under 1 s)" || return 1
+  mfc_is "$G1" :: up0 dn1 dn2 || fail "(*,$G1) should output to up0 + dn1 + dn2: $(lab_mfc_text "$G1")" || return 1
   [[ $(flow_wire_count dn3 "$G1" '' 0) -eq 0 ]] || fail "dn3 (no listener) got $G1" || return 1
 }
 
 leave_one() {
-  need_setup || return 1
+  t_need_setup || return 1
   [[ -n $FLOW_SEND_PID ]] || fail "no traffic (an earlier check failed)" || return 1
   local last stats
   flow_recv_stop "$LAB_H1" "$G1"
   lab_wait_for 8 stopped dn1 "$G1" 1.5 || fail "dn1 still gets $G1 8 s after h1 left" || return 1
   check_specific_queries dn1 "$G1" "${HOST_LL[dn1]}" "3/$G1/0" 2 || return 1
   last=$(flow_wire dn1 "$G1" | tail -n 1)
-  TIMINGS+=("leave to last packet (h1 leaves $G1, h2 stays): $(ms_between "$LEAVE_AT" "$last") ms")
-  say "h1 left $G1: its link got the last packet $(ms_between "$LEAVE_AT" "$last") ms after the leave report"
-  within "$LEAVE_AT" "$last" 0.9 4 || fail "dn1 got its last $G1 packet $(ms_between "$LEAVE_AT" "$last") ms after the leave (want 0.9 s to 4 s)" || return 1
+  TIMINGS+=("leave to last packet (h1 leaves $G1, h2 stays): $(lab_ms "$LEAVE_AT" "$last") ms")
+  say "h1 left $G1: its link got the last packet $(lab_ms "$LEAVE_AT" "$last") ms after the leave report"
+  within "$LEAVE_AT" "$last" 0.9 4 || fail "dn1 got its last $G1 packet $(lab_ms "$LEAVE_AT" "$last") ms after the leave (want 0.9 s to 4 s)" || return 1
   lab_wait_for 3 flow_has_received "$LAB_H2" "$G1" "$(($(flow_received_count "$LAB_H2" "$G1") + 50))" || fail "h2 stopped receiving when h1 left" || return 1
-  stats=$(flow_received "$LAB_H2" "$G1" | times_stats "$LEAVE_AT" "$(now_s)")
+  stats=$(flow_received "$LAB_H2" "$G1" | times_stats "$LEAVE_AT" "$EPOCHREALTIME")
   [[ $(awk '{ print ($4 < 0.5) }' <<<"$stats") == 1 ]] || fail "h2's datagrams paused for ${stats##* } s around h1's leave" || return 1
-  mfc_is "$G1" :: up0 dn2 || fail "(*,$G1) should output to up0 + dn2 after h1 left: $(mfc_text "$G1")" || return 1
+  mfc_is "$G1" :: up0 dn2 || fail "(*,$G1) should output to up0 + dn2 after h1 left: $(lab_mfc_text "$G1")" || return 1
 }
 
 leave_last() {
-  need_setup || return 1
+  t_need_setup || return 1
   [[ -n $FLOW_SEND_PID ]] || fail "no traffic (an earlier check failed)" || return 1
   local t_left last t0 link n
   flow_recv_stop "$LAB_H2" "$G1"
   t_left=$(left_at "$LAB_H2" "$G1")
-  lab_wait_for 8 forwards_to_no_link "$G1" || fail "8 s after the last listener left, the kernel still forwards $G1: $(mfc_text "$G1")" || return 1
+  lab_wait_for 8 forwards_to_no_link "$G1" || fail "8 s after the last listener left, the kernel still forwards $G1: $(lab_mfc_text "$G1")" || return 1
   lab_wait_for 5 stopped dn2 "$G1" 1 || fail "dn2 still gets $G1 after the last listener left" || return 1
   last=$(flow_wire dn2 "$G1" | tail -n 1)
-  say "h2 (the last listener) left $G1: dn2 got the last packet $(ms_between "$t_left" "$last") ms later; entries now: $(mfc_text "$G1")"
-  within "$t_left" "$last" 0.9 4 || fail "dn2 got its last $G1 packet $(ms_between "$t_left" "$last") ms after the leave (want 0.9 s to 4 s)" || return 1
+  say "h2 (the last listener) left $G1: dn2 got the last packet $(lab_ms "$t_left" "$last") ms later; entries now: $(lab_mfc_text "$G1")"
+  within "$t_left" "$last" 0.9 4 || fail "dn2 got its last $G1 packet $(lab_ms "$t_left" "$last") ms after the leave (want 0.9 s to 4 s)" || return 1
   # A window of 1.5 s in which the traffic still reaches up0 and no downstream link gets any.
-  t0=$(now_s)
+  t0=$EPOCHREALTIME
   n=$(($(flow_wire up0 "$G1" | wc -l) + 150))
   lab_wait_for 5 flowing "$G1" '' "$n" || fail "the traffic stopped reaching up0: the window proves nothing" || return 1
   for link in "${LINKS[@]}"; do
     [[ $(flow_wire_count "$link" "$G1" '' "$t0") -eq 0 ]] || fail "$link got $(flow_wire_count "$link" "$G1" '' "$t0") packets of $G1 after the last listener left" || return 1
   done
-  mfc_is "$G1" :: || fail "(*,$G1) still forwards downstream: $(mfc_text "$G1")" || return 1
+  mfc_is "$G1" :: || fail "(*,$G1) still forwards downstream: $(lab_mfc_text "$G1")" || return 1
   flow_send_stop
 }
 
 two_hosts_one_link() {
-  need_setup || return 1
+  t_need_setup || return 1
   local t_leave q answer stats gap
   flow_send_start "$S1,$G2,$P2"
   flow_wait_more up0 "$G2" 100 "$S1" || return 1
@@ -311,19 +281,19 @@ two_hosts_one_link() {
   flow_recv_stop "$LAB_H1" "$G2"
   t_leave=$(left_at "$LAB_H1" "$G2")
   # Watch for longer than the group membership interval.
-  watch_until "$t_leave" $((GMI + 2))
+  lab_sleep_until "$t_leave" $((GMI + 2))
   q=$(queries_for dn1 "$G2" | grep " nsrc=0 " | awk -v t="$t_leave" '$1 >= t' | head -n 1)
   [[ -n $q ]] || fail "no group-specific query for $G2 on dn1 after h1 left" || return 1
   answer=$(mld dn1 | grep " src=${HOST_LL[h1b]} " | grep -E " recs=([^ ]*,)?2/$G2/0" | awk -v t="${q%% *}" '$1 >= t && $1 <= t + 1.2' | head -n 1)
   [[ -n $answer ]] || fail "h1b did not answer the group-specific query at ${q%% *} with a MODE_IS_EXCLUDE record for $G2 within its 1 s" || return 1
-  say "h1 left $G2; the router asked at ${q%% *}; h1b answered $(ms_between "${q%% *}" "${answer%% *}") ms later: ${answer#* }"
-  stats=$(flow_received h1b "$G2" | times_stats "$t_leave" "$(now_s)")
+  say "h1 left $G2; the router asked at ${q%% *}; h1b answered $(lab_ms "${q%% *}" "${answer%% *}") ms later: ${answer#* }"
+  stats=$(flow_received h1b "$G2" | times_stats "$t_leave" "$EPOCHREALTIME")
   gap=${stats##* }
   say "h1b over the $((GMI + 2)) s after h1's leave: ${stats%% *} datagrams, longest pause ${gap} s"
   awk -v g="$gap" 'BEGIN { exit !(g < 0.5) }' || fail "h1b's datagrams paused for $gap s after h1 left" || return 1
-  stats=$(flow_wire dn1 "$G2" | times_stats "$t_leave" "$(now_s)")
+  stats=$(flow_wire dn1 "$G2" | times_stats "$t_leave" "$EPOCHREALTIME")
   awk -v g="${stats##* }" 'BEGIN { exit !(g < 0.5) }' || fail "dn1's packets of $G2 paused for ${stats##* } s after h1 left" || return 1
-  mfc_is "$G2" :: up0 dn1 || fail "(*,$G2) should still output to up0 + dn1 after GMI: $(mfc_text "$G2")" || return 1
+  mfc_is "$G2" :: up0 dn1 || fail "(*,$G2) should still output to up0 + dn1 after GMI: $(lab_mfc_text "$G2")" || return 1
   flow_recv_stop h1b "$G2"
   flow_send_stop
 }
@@ -333,7 +303,7 @@ general_query_after() { mld "$1" | grep " src=${RT_LL[$1]} " | grep " type=130 .
 has_general_query_after() { [[ -n $(general_query_after "$1" "$2") ]]; }
 
 mldv1_host() {
-  need_setup || return 1
+  t_need_setup || return 1
   local before report t_report q q1 t_done last
   before=$(mld dn3 | grep " src=${RT_LL[dn3]} " | grep " type=130 .* group=:: " | tail -n 1)
   [[ $(field len <<<"$before") == 28 ]] || fail "before the MLDv1 host joins, dn3's general query is not the 28-byte form: ${before:-none seen}" || return 1
@@ -345,8 +315,8 @@ mldv1_host() {
   report=$(mld dn3 | grep " src=${HOST_LL[dn3]} " | grep " type=131 .* group=$G3$" | head -n 1)
   [[ -n $report ]] || fail "no MLDv1 report of h3 for $G3 on dn3" || return 1
   t_report=${report%% *}
-  say "h3 (MLDv1) joined $G3: ${report#* }; first datagram $(ms_between "$(flow_joined_at h3 "$G3")" "$(flow_received h3 "$G3" | head -n 1)") ms after the join"
-  mfc_is "$G3" :: up0 dn3 || fail "(*,$G3) should output to up0 + dn3: $(mfc_text "$G3")" || return 1
+  say "h3 (MLDv1) joined $G3: ${report#* }; first datagram $(lab_ms "$(flow_joined_at h3 "$G3")" "$(flow_received h3 "$G3" | head -n 1)") ms after the join"
+  mfc_is "$G3" :: up0 dn3 || fail "(*,$G3) should output to up0 + dn3: $(lab_mfc_text "$G3")" || return 1
   lab_wait_for 7 has_general_query_after dn3 "$t_report" || fail "no general query on dn3 within 7 s of the MLDv1 report" || return 1
   q=$(general_query_after dn3 "$t_report")
   q1=$(general_query_after dn1 "$(awk -v t="${q%% *}" 'BEGIN { printf "%.6f", t - 0.5 }')")
@@ -362,14 +332,14 @@ mldv1_host() {
   check_specific_queries dn3 "$G3" "${HOST_LL[dn3]}" type=132 2 || return 1
   t_done=$LEAVE_AT
   last=$(flow_wire dn3 "$G3" | tail -n 1)
-  say "h3 sent its Done: dn3 got the last packet $(ms_between "$t_done" "$last") ms later"
-  within "$t_done" "$last" 0.9 4 || fail "dn3 got its last $G3 packet $(ms_between "$t_done" "$last") ms after the Done (want 0.9 s to 4 s)" || return 1
-  mfc_is "$G3" :: || fail "(*,$G3) still forwards to a downstream link: $(mfc_text "$G3")" || return 1
+  say "h3 sent its Done: dn3 got the last packet $(lab_ms "$t_done" "$last") ms later"
+  within "$t_done" "$last" 0.9 4 || fail "dn3 got its last $G3 packet $(lab_ms "$t_done" "$last") ms after the Done (want 0.9 s to 4 s)" || return 1
+  mfc_is "$G3" :: || fail "(*,$G3) still forwards to a downstream link: $(lab_mfc_text "$G3")" || return 1
   flow_send_stop
 }
 
 source_specific_join() {
-  need_setup || return 1
+  t_need_setup || return 1
   local report first link
   flow_send_start "$S1,$G4,$P4" "$S2,$G4,$P4"
   flow_wait_more up0 "$G4" 100 "$S1" "$S2" || return 1
@@ -381,8 +351,8 @@ source_specific_join() {
   say "h2 joined ($S1, $G4): ${report#* }"
   grep -Eq "recs=([^ ]*,)?[135]/$G4/1/$S1(,| |$)" <<<"$report" ||
     fail "h2's report is no INCLUDE-type record for $G4 with source $S1: ${report:-none seen}" || return 1
-  TIMINGS+=("source-specific join to first packet (h2, $S1 -> $G4): $(ms_between "$(flow_joined_at "$LAB_H2" "$G4")" "$first") ms")
-  within "$(flow_joined_at "$LAB_H2" "$G4")" "$first" 0 1 || fail "the first datagram from $S1 came $(ms_between "$(flow_joined_at "$LAB_H2" "$G4")" "$first") ms after the join (want under 1 s)" || return 1
+  TIMINGS+=("source-specific join to first packet (h2, $S1 -> $G4): $(lab_ms "$(flow_joined_at "$LAB_H2" "$G4")" "$first") ms")
+  within "$(flow_joined_at "$LAB_H2" "$G4")" "$first" 0 1 || fail "the first datagram from $S1 came $(lab_ms "$(flow_joined_at "$LAB_H2" "$G4")" "$first") ms after the join (want under 1 s)" || return 1
   # Another 1.5 s of both flows.
   lab_wait_for 5 flow_has_received "$LAB_H2" "$G4" "$(($(flow_received_count "$LAB_H2" "$G4" "$S1") + 150))" "$S1" ||
     fail "h2 stopped receiving $S1" || return 1
@@ -391,36 +361,36 @@ source_specific_join() {
   for link in dn1 dn3; do
     [[ $(flow_wire_count "$link" "$G4" '' 0) -eq 0 ]] || fail "$link (no listener) got $G4" || return 1
   done
-  say "kernel entries of $G4: $(mfc_text "$G4")"
-  [[ -z $(lab_mfc "$G4") ]] || fail "a (*,$G4) entry exists for a source-specific listener: $(mfc_text "$G4")" || return 1
-  lab_mfc_oifs "$G4" "$S1" | tr ' ' '\n' | grep -qx "$(lab_mif_index dn2)" || fail "($S1, $G4) does not output to dn2: $(mfc_text "$G4")" || return 1
-  [[ $(lab_mfc "$G4" "$S1" | cut -d' ' -f1) == "$(lab_mif_index up0)" ]] || fail "($S1, $G4) has not parent up0: $(mfc_text "$G4")" || return 1
+  say "kernel entries of $G4: $(lab_mfc_text "$G4")"
+  [[ -z $(lab_mfc "$G4") ]] || fail "a (*,$G4) entry exists for a source-specific listener: $(lab_mfc_text "$G4")" || return 1
+  lab_mfc_has_oif "$G4" "$S1" dn2 || fail "($S1, $G4) does not output to dn2: $(lab_mfc_text "$G4")" || return 1
+  [[ $(lab_mfc "$G4" "$S1" | cut -d' ' -f1) == "$(lab_mif_index up0)" ]] || fail "($S1, $G4) has not parent up0: $(lab_mfc_text "$G4")" || return 1
   ! lab_mfc_oifs "$G4" "$S1" | tr ' ' '\n' | grep -qvx -e "$(lab_mif_index up0)" -e "$(lab_mif_index dn2)" ||
-    fail "($S1, $G4) outputs to links without listener: $(mfc_text "$G4")" || return 1
-  mfc_is "$G4" "$S2" || fail "($S2, $G4) forwards downstream: $(mfc_text "$G4")" || return 1
+    fail "($S1, $G4) outputs to links without listener: $(lab_mfc_text "$G4")" || return 1
+  mfc_is "$G4" "$S2" || fail "($S2, $G4) forwards downstream: $(lab_mfc_text "$G4")" || return 1
   flow_recv_stop "$LAB_H2" "$G4"
   flow_send_stop
 }
 
 link_deleted() {
-  need_setup || return 1
+  t_need_setup || return 1
   local bytes_before t_del stats extra
   flow_send_start "$S1,$G5,$P5"
   flow_wait_more up0 "$G5" 100 "$S1" || return 1
   flow_recv_start h3 "$G5" "$P5" && flow_recv_start "$LAB_H2" "$G5" "$P5" || return 1
   lab_wait_for 5 flow_has_received h3 "$G5" 20 && lab_wait_for 5 flow_has_received "$LAB_H2" "$G5" 20 ||
     fail "h3 / h2 received $(flow_received_count h3 "$G5") / $(flow_received_count "$LAB_H2" "$G5") datagrams of $G5" || return 1
-  mfc_is "$G5" :: up0 dn2 dn3 || fail "(*,$G5) should output to up0 + dn2 + dn3: $(mfc_text "$G5")" || return 1
+  mfc_is "$G5" :: up0 dn2 dn3 || fail "(*,$G5) should output to up0 + dn2 + dn3: $(lab_mfc_text "$G5")" || return 1
   # Messages may lack a final newline (some start with one instead): compare bytes, not lines.
   bytes_before=$(stat -c %s "$LOG")
   FREED_MIF=$(lab_mif_index dn3)
-  t_del=$(now_s)
+  t_del=$EPOCHREALTIME
   lab_del_downstream dn3 h3 || fail "could not delete dn3" || return 1
   unset "FLOW_RECV_PID[h3/$G5]" # gone with its namespace
   say "dn3 (MIF $FREED_MIF) deleted while $G5 flows to h3 and h2"
-  watch_until "$t_del" 3
+  lab_sleep_until "$t_del" 3
   t_daemon_alive || fail "the daemon ended after dn3 was deleted" || return 1
-  stats=$(flow_received "$LAB_H2" "$G5" | times_stats "$t_del" "$(now_s)")
+  stats=$(flow_received "$LAB_H2" "$G5" | times_stats "$t_del" "$EPOCHREALTIME")
   say "h2 over the 3 s after the deletion: ${stats%% *} datagrams, longest pause ${stats##* } s"
   awk -v g="${stats##* }" 'BEGIN { exit !(g < 0.5) }' || fail "h2's datagrams paused for ${stats##* } s when dn3 was deleted" || return 1
   extra=$(tail -c +"$((bytes_before + 1))" "$LOG" | grep -v -e '^$' -e '^MLDRT: Setsockopt error on MRT_DEL_VIF: ' -e '^MLDV2: Fatal- Couldnt send ' | head -n 3)
@@ -432,7 +402,7 @@ link_deleted() {
 # output sets; the daemon must take the deleted link's listeners out of the (*,G) entry. A new
 # link that gets the freed MIF index shows whether it did: it must get nothing of the group.
 deleted_links_listeners_released() {
-  need_setup || return 1
+  t_need_setup || return 1
   [[ -n $FLOW_SEND_PID && -n $FREED_MIF ]] || fail "no traffic or no deleted link (the previous check failed)" || return 1
   local t0 n got
   lab_add_downstream dn4 h4 || fail "could not add dn4" || return 1
@@ -440,15 +410,15 @@ deleted_links_listeners_released() {
   lab_wait_for 30 lab_has_mif dn4 || fail "dn4 did not become a MIF within 30 s; MIFs [$(t_mif_table)]" || return 1
   got=$(lab_mif_index dn4)
   [[ $got == "$FREED_MIF" ]] || fail "dn4 got MIF $got, not the freed $FREED_MIF: the check cannot be made" || return 1
-  say "dn4 (no listener) got the freed MIF $got; (*,$G5): $(mfc_text "$G5")"
-  t0=$(now_s)
+  say "dn4 (no listener) got the freed MIF $got; (*,$G5): $(lab_mfc_text "$G5")"
+  t0=$EPOCHREALTIME
   n=$(($(flow_wire up0 "$G5" | wc -l) + 150))
   lab_wait_for 5 flowing "$G5" '' "$n" || fail "the traffic stopped reaching up0" || return 1
   [[ $(flow_wire_count dn4 "$G5" '' 0) -eq 0 ]] || fail "dn4, without listeners, got $(flow_wire_count dn4 "$G5" '' 0) packets of $G5 through the deleted link's MIF" || return 1
-  mfc_is "$G5" :: up0 dn2 || fail "(*,$G5) should output to up0 + dn2 only: $(mfc_text "$G5"); MIFs [$(t_mif_table)]" || return 1
+  mfc_is "$G5" :: up0 dn2 || fail "(*,$G5) should output to up0 + dn2 only: $(lab_mfc_text "$G5"); MIFs [$(t_mif_table)]" || return 1
   # The last listener leaves: no mark of the deleted link may keep the entry.
   flow_recv_stop "$LAB_H2" "$G5"
-  lab_wait_for 8 mfc_gone "$G5" || fail "(*,$G5) stays after its last listener left: $(mfc_text "$G5")" || return 1
+  lab_wait_for 8 mfc_gone "$G5" || fail "(*,$G5) stays after its last listener left: $(lab_mfc_text "$G5")" || return 1
   [[ $(flow_wire_count dn4 "$G5" '' 0) -eq 0 ]] || fail "dn4 got $(flow_wire_count dn4 "$G5" '' 0) packets of $G5" || return 1
   say "h2 left: (*,$G5) is gone"
   flow_send_stop
@@ -468,11 +438,6 @@ check link_with_listener_deleted_while_traffic_flows link_deleted
 check deleted_links_listeners_leave_the_group_entry deleted_links_listeners_released
 
 for t in "${TIMINGS[@]}"; do say "timing: $t"; done
-flow_stop_all
-if t_daemon_alive; then
-  lab_stop_daemon TERM 10 || say "the daemon did not end on SIGTERM"
-  say "daemon ended with status ${LAB_DAEMON_STATUS:-?}"
-fi
-show_file "$LOG" 15 "daemon output"
+t_end "$LOG" 15
 
 exit 0

@@ -10,8 +10,8 @@
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
 LOG=$T_WORK/daemon.log
 # A new link is taken up as soon as its link-local address is reported; the bound is for a
@@ -20,8 +20,7 @@ MIF_TIMEOUT=30
 
 # A fresh daemon registers every router link except lo, with indexes 0 .. n-1.
 every_link_becomes_a_mif() {
-  t_need_daemon || return 1
-  lab_up || fail "the lab could not be built" || return 1
+  t_lab_up || return 1
   lab_start_daemon -l "$LOG" || fail "the daemon did not start" || return 1
   if ! lab_wait_for 30 lab_all_links_are_mifs; then
     fail "after 30 s the MIFs are [$(t_mif_table)], the router's links [$(lab_router_links | tr '\n' ' ')]"
@@ -100,33 +99,29 @@ lowest_free_index_is_reused() {
   t_daemon_alive || fail "the daemon ended" || return 1
 }
 
-# general_queries PCAP: the number of MLD queries captured in PCAP.
-general_queries() { lab_mld_lines "$1" | grep -c ' type=130 '; }
+# general_queries LINK: the number of MLD queries captured on the link (mld_capture_start).
+general_queries() { mld "$1" | grep -c ' type=130 '; }
 general_queries_at_least() { [[ $(general_queries "$2") -ge $1 ]]; }
 
 # Three links to hosts, dn1 and dn2 named by DOWNSTREAM_IFNAME, dn3 not. The daemon must be seen
 # querying dn1 (so that a query on dn3 would have been sent by then) before dn3's wire and MIF
 # table are judged.
 only_named_downstream_links_are_taken_up() {
-  local conf=$T_WORK/chosen.conf log=$T_WORK/chosen.log pcap1=$T_WORK/chosen-dn1.pcap pcap3=$T_WORK/chosen-dn3.pcap
-  local cap1 cap3 queries1 queries3 named
-  t_need_daemon || return 1
-  lab_up || fail "the lab could not be built" || return 1
+  local conf=$T_WORK/chosen.conf log=$T_WORK/chosen.log queries1 queries3 named
+  t_lab_up || return 1
   lab_add_downstream dn3 h3 || fail "cannot add the third link" || return 1
   lab_write_conf "$conf"
   printf 'DOWNSTREAM_IFNAME dn1\nDOWNSTREAM_IFNAME dn2\n' >>"$conf"
-  lab_capture "$LAB_H1" eth0 "$pcap1" || fail "cannot capture on dn1's wire" || return 1
-  cap1=$LAB_CAPTURE_PID
-  lab_capture h3 eth0 "$pcap3" || { lab_capture_stop "$cap1"; fail "cannot capture on dn3's wire"; return 1; }
-  cap3=$LAB_CAPTURE_PID
-  lab_start_daemon -c "$conf" -l "$log" || { lab_capture_stop "$cap1" "$cap3"; fail "the daemon did not start"; return 1; }
+  mld_capture_start chosen-dn1 "$LAB_H1" eth0 || fail "cannot capture on dn1's wire" || return 1
+  mld_capture_start chosen-dn3 h3 eth0 || fail "cannot capture on dn3's wire" || return 1
+  lab_start_daemon -c "$conf" -l "$log" || fail "the daemon did not start" || return 1
   local ok=1
   lab_wait_for 30 lab_has_mif dn2 || ok=0
-  lab_wait_for 10 general_queries_at_least 2 "$pcap1" || ok=0
+  lab_wait_for 10 general_queries_at_least 2 chosen-dn1 || ok=0
   sleep 1 # dn3 would have had its first queries at the same moments as dn1
-  lab_capture_stop "$cap1" "$cap3"
-  queries1=$(general_queries "$pcap1")
-  queries3=$(general_queries "$pcap3")
+  lab_capture_stop
+  queries1=$(general_queries chosen-dn1)
+  queries3=$(general_queries chosen-dn3)
   named=$(grep -c '^MLDRT: Link dn3 is not a DOWNSTREAM_IFNAME, left alone$' "$log")
   say "MIFs [$(t_mif_table)]; general queries on dn1 $queries1, on dn3 $queries3"
   [[ $ok == 1 ]] || fail "the daemon did not take up dn1 and dn2 and query dn1 (MIFs [$(t_mif_table)], $queries1 queries on dn1)" || return 1
@@ -143,10 +138,7 @@ check added_link_becomes_a_mif added_link_becomes_a_mif
 check deleted_link_frees_its_mif_index deleted_link_frees_its_index
 check lowest_free_mif_index_is_reused lowest_free_index_is_reused
 
-if t_daemon_alive; then
-  lab_stop_daemon TERM 10 || say "the daemon did not end on SIGTERM"
-  say "daemon ended with status ${LAB_DAEMON_STATUS:-?}"
-fi
+t_end
 check only_named_downstream_links_are_taken_up only_named_downstream_links_are_taken_up
 # Failures are easier to read with the daemon's own words.
 show_file "$LOG" 20 "daemon output"

@@ -6,7 +6,7 @@
 # claims many records never replays the records an earlier report left in the receive buffer.
 #
 # Real hosts' kernels send the reports where they can (a new address's solicited-node group,
-# application joins and leaves); scapy sends what no kernel host sends (twelve sources at
+# application joins and leaves); tools/mldlab.py sends what no kernel host sends (twelve sources at
 # once, :: as a source, a leave repeated within a few milliseconds). What the daemon sends is
 # seen in a capture of the router namespace (its reports carry a non-zero flow label, the
 # router kernel's own 0), what the bridge learned in `bridge mdb`.
@@ -16,12 +16,8 @@
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
-# shellcheck source=tests/lab/upstream_lib.sh
-. "$LAB_TESTS_DIR/upstream_lib.sh"
-
-trap 'up_stop_all; t_cleanup' EXIT
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
 LOG=$T_WORK/daemon.log
 
@@ -29,37 +25,26 @@ H1_ADDR=2001:db8:7::1234 # h1 takes this address: its kernel joins the solicited
 GS=ff02::1:ff00:1234     # ... ff02::1:ff00:1234
 GL=ff02::db8:1           # an application on h1 joins this link-scope group
 GC=ff0e::7541            # and this global one, which is proxied (shows the daemon listened)
-GA=ff0e::7542            # h2 (scapy) allows 3 sources, then 12 more
+GA=ff0e::7542            # h2 (hand-made) allows 3 sources, then 12 more
 GW=ff0e::7543            # an application on h1 joins and leaves (any source)
-GX=ff0e::7544            # h2 (scapy) sends CHANGE_TO_EXCLUDE with :: as its source
-GD=ff0e::7545            # h2 (scapy) joins, then leaves twice within milliseconds
-GB=ff0e::7546            # h2 (scapy) allows one source, then blocks it twice within milliseconds
+GX=ff0e::7544            # h2 (hand-made) sends CHANGE_TO_EXCLUDE with :: as its source
+GD=ff0e::7545            # h2 (hand-made) joins, then leaves twice within milliseconds
+GB=ff0e::7546            # h2 (hand-made) allows one source, then blocks it twice within milliseconds
 SB=2001:db8:9::1
-GR=ff0e::b:1 # h2 (scapy) sends a short TO_EX for it claiming twelve records, right after ...
-GR_EARLIER=() # ... h1 (scapy) sent twelve ALLOW records for ff0e::a:1 ... ff0e::a:c
+GR=ff0e::b:1 # h2 (hand-made) sends a short TO_EX for it claiming twelve records, right after ...
+GR_EARLIER=() # ... h1 (hand-made) sent twelve ALLOW records for ff0e::a:1 ... ff0e::a:c
 for i in 1 2 3 4 5 6 7 8 9 a b c; do GR_EARLIER+=("ff0e::a:$i"); done
 
 THREE=2001:db8:9::1,2001:db8:9::2,2001:db8:9::3
 TWELVE=2001:db8:9::4,2001:db8:9::5,2001:db8:9::6,2001:db8:9::7,2001:db8:9::8,2001:db8:9::9
 TWELVE+=,2001:db8:9::a,2001:db8:9::b,2001:db8:9::c,2001:db8:9::d,2001:db8:9::e,2001:db8:9::f
 
-LAB_OK=0
+SETUP_OK=0
 
 # ---------------------------------------------------------------------------------------------
 # helpers of this file
 
 
-
-need_lab() {
-  [[ $LAB_OK -eq 1 ]] || fail "no lab (the set-up failed)" || return 1
-  t_daemon_alive || fail "the daemon is not running" || return 1
-}
-
-# show_reports SINCE_US: the daemon's reports on up0 since then, as commentary (for failures).
-show_reports() {
-  say "---- the daemon's reports on up0 since $1 (time if dir kind flowlabel src nrec records):"
-  up_daemon_reports | awk -v t="$1" '$1 >= t' | head -n 20 | sed 's/^/#   /'
-}
 
 # heard_on IFNAME TYPE GROUP SINCE_US: number of reports that reached the router on IFNAME
 # with a record of TYPE for GROUP since then (what the hosts sent, as the daemon got it).
@@ -96,7 +81,7 @@ allow_with_sources() {
 }
 
 # mdb_sources GROUP: the source entries the bridge holds for GROUP on the router's port.
-mdb_sources() { up_mdb | awk -v p="$UP_PORT" -v g="$1" '$1 == p && $2 == g && $3 != ""' | wc -l; }
+mdb_sources() { up_mdb | awk -v p="$LAB_RT_PORT" -v g="$1" '$1 == p && $2 == g && $3 != ""' | wc -l; }
 mdb_sources_at_least() { [[ $(mdb_sources "$1") -ge $2 ]]; }
 
 # queries_for IFNAME GROUP SINCE_US: group-specific queries (no sources) the router sent on
@@ -128,9 +113,6 @@ unspecified_sources() {
     }'
 }
 
-# listener_left NAME: the listener has left its group.
-listener_left() { [[ $(up_listen_value "$1" leave_us) != 0 ]]; }
-
 # ---------------------------------------------------------------------------------------------
 # checks
 
@@ -139,20 +121,20 @@ listener_left() { [[ $(up_listen_value "$1" leave_us) != 0 ]]; }
 # three reports on dn1 and reports only ff0e::7541 upstream; the link-scope groups get no
 # kernel forwarding entry either.
 link_scope_groups_stay_on_their_link() {
-  need_lab || return 1
+  t_need_setup || return 1
   local t0 rec
   t0=$(lab_now_us)
   ip -n "$(lab_ns "$LAB_H1")" -6 addr add "$H1_ADDR/64" dev eth0 nodad ||
     fail "cannot give h1 the address $H1_ADDR" || return 1
-  up_listen ll "$LAB_H1" "$GL" 5011 || fail "the listener of $GL on h1 did not start" || return 1
-  up_listen lc "$LAB_H1" "$GC" 5012 || fail "the listener of $GC on h1 did not start" || return 1
+  flow_recv_start "$LAB_H1" "$GL" 5011 || fail "the listener of $GL on h1 did not start" || return 1
+  flow_recv_start "$LAB_H1" "$GC" 5012 || fail "the listener of $GC on h1 did not start" || return 1
   lab_wait_for 10 heard_at_least 1 dn1 4 "$GS" "$t0" ||
     fail "h1's kernel never reported $GS on dn1 (the check cannot show what the daemon does with it)" || return 1
   lab_wait_for 10 heard_at_least 1 dn1 4 "$GL" "$t0" ||
     fail "h1's kernel never reported $GL on dn1" || return 1
   lab_wait_for 10 up_has_records 2 4 "$GC" - "$t0" ||
     fail "10 s after h1 joined $GC the daemon had not reported it upstream twice (it did not get h1's reports?)" ||
-    { show_reports "$t0"; return 1; }
+    { up_show_reports "$t0"; return 1; }
   # The link-scope reports came before or with the one for $GC; two more ticks for any late copy.
   sleep 2.5
   rec=$(upstream_mentions "$GS"; upstream_mentions "$GL")
@@ -166,19 +148,19 @@ link_scope_groups_stay_on_their_link() {
 # 2. h2 allows three sources of ff0e::7542, then twelve more in one ALLOW record: the daemon's
 # ALLOW upstream carries all twelve, and the bridge lists all fifteen sources on its port.
 twelve_sources_on_top_of_three_heard_whole() {
-  need_lab || return 1
+  t_need_setup || return 1
   local t0 t1
   t0=$(lab_now_us)
-  lab_send_mld_report "$LAB_H2" "allow:$GA/$THREE" >/dev/null 2>>"$T_WORK/scapy.err" || fail "scapy could not send from h2" || return 1
+  lab_send_mld_report "$LAB_H2" "allow:$GA/$THREE" >/dev/null 2>>"$T_WORK/report.err" || fail "cannot send the report from h2" || return 1
   lab_wait_for 5 allow_with_sources "$GA" "$THREE" "$t0" ||
-    fail "the daemon did not report the first three sources of $GA upstream" || { show_reports "$t0"; return 1; }
+    fail "the daemon did not report the first three sources of $GA upstream" || { up_show_reports "$t0"; return 1; }
   t1=$(lab_now_us)
-  lab_send_mld_report "$LAB_H2" "allow:$GA/$TWELVE" >/dev/null 2>>"$T_WORK/scapy.err" || fail "scapy could not send from h2" || return 1
+  lab_send_mld_report "$LAB_H2" "allow:$GA/$TWELVE" >/dev/null 2>>"$T_WORK/report.err" || fail "cannot send the report from h2" || return 1
   lab_wait_for 5 heard_at_least 1 dn2 5 "$GA" "$t1" || fail "the twelve-source ALLOW never reached dn2" || return 1
   lab_wait_for 5 allow_with_sources "$GA" "$TWELVE" "$t1" ||
-    fail "the daemon's ALLOW for $GA upstream did not carry the twelve new sources" || { show_reports "$t1"; return 1; }
+    fail "the daemon's ALLOW for $GA upstream did not carry the twelve new sources" || { up_show_reports "$t1"; return 1; }
   lab_wait_for 10 mdb_sources_at_least "$GA" 15 ||
-    fail "the bridge holds $(mdb_sources "$GA") sources of $GA on $UP_PORT (want 15): $(up_mdb_line "$GA")" || return 1
+    fail "the bridge holds $(mdb_sources "$GA") sources of $GA on $LAB_RT_PORT (want 15): $(up_mdb_line "$GA")" || return 1
   say "ALLOW of 12 on top of 3: all 12 in the daemon's upstream ALLOW, the bridge holds $(mdb_sources "$GA") sources of $GA"
 }
 
@@ -188,25 +170,25 @@ twelve_sources_on_top_of_three_heard_whole() {
 # retransmission, which once printed "numSrc and list inconsistent 1 0"). Each leave is
 # confirmed with queries and reported upstream; the daemon's log gains no line.
 leave_leaves_no_line() {
-  need_lab || return 1
+  t_need_setup || return 1
   local t0 tl lines_before lines_after
   lines_before=$(wc -l <"$LOG")
   t0=$(lab_now_us)
-  up_listen lw "$LAB_H1" "$GW" 5013 || fail "the listener of $GW on h1 did not start" || return 1
-  lab_send_mld_report "$LAB_H2" "to_ex:$GD" "allow:$GB/$SB" >/dev/null 2>>"$T_WORK/scapy.err" || fail "scapy could not send from h2" || return 1
+  flow_recv_start "$LAB_H1" "$GW" 5013 || fail "the listener of $GW on h1 did not start" || return 1
+  lab_send_mld_report "$LAB_H2" "to_ex:$GD" "allow:$GB/$SB" >/dev/null 2>>"$T_WORK/report.err" || fail "cannot send the report from h2" || return 1
   lab_wait_for 5 up_has_records 2 4 "$GW" - "$t0" || fail "the join of $GW was not reported upstream" || return 1
   lab_wait_for 5 up_has_records 2 4 "$GD" - "$t0" || fail "the join of $GD was not reported upstream" || return 1
   lab_wait_for 5 up_has_records 2 5 "$GB" "$SB" "$t0" || fail "the join of $GB from $SB was not reported upstream" || return 1
   tl=$(lab_now_us)
-  up_listen_signal lw USR1 || fail "cannot signal the listener" || return 1
-  lab_wait_for 5 listener_left lw || fail "the listener did not leave $GW" || return 1
-  lab_send_mld_report "$LAB_H2" --count 2 --interval 0.02 "to_in:$GD" "block:$GB/$SB" >/dev/null 2>>"$T_WORK/scapy.err" ||
-    fail "scapy could not send from h2" || return 1
+  flow_recv_stop "$LAB_H1" "$GW"
+  [[ -n $(flow_left_at "$LAB_H1" "$GW") ]] || fail "the listener did not leave $GW" || return 1
+  lab_send_mld_report "$LAB_H2" --count 2 --interval 0.02 "to_in:$GD" "block:$GB/$SB" >/dev/null 2>>"$T_WORK/report.err" ||
+    fail "cannot send the report from h2" || return 1
   lab_wait_for 5 heard_at_least 2 dn1 3 "$GW" "$tl" || fail "h1's kernel did not send its two leave copies" || return 1
   lab_wait_for 5 heard_at_least 2 dn2 3 "$GD" "$tl" || fail "dn2 did not get h2's two leave copies" || return 1
-  lab_wait_for 10 up_has_records 2 3 "$GW" - "$tl" || fail "the leave of $GW was not reported upstream" || { show_reports "$tl"; return 1; }
-  lab_wait_for 10 up_has_records 2 3 "$GD" - "$tl" || fail "the leave of $GD was not reported upstream" || { show_reports "$tl"; return 1; }
-  lab_wait_for 10 up_has_records 2 6 "$GB" "$SB" "$tl" || fail "the block of $SB in $GB was not reported upstream" || { show_reports "$tl"; return 1; }
+  lab_wait_for 10 up_has_records 2 3 "$GW" - "$tl" || fail "the leave of $GW was not reported upstream" || { up_show_reports "$tl"; return 1; }
+  lab_wait_for 10 up_has_records 2 3 "$GD" - "$tl" || fail "the leave of $GD was not reported upstream" || { up_show_reports "$tl"; return 1; }
+  lab_wait_for 10 up_has_records 2 6 "$GB" "$SB" "$tl" || fail "the block of $SB in $GB was not reported upstream" || { up_show_reports "$tl"; return 1; }
   queries_at_least 2 dn1 "$GW" "$tl" || fail "$(queries_for dn1 "$GW" "$tl") group-specific queries for $GW on dn1 (want 2)" || return 1
   queries_at_least 2 dn2 "$GD" "$tl" || fail "$(queries_for dn2 "$GD" "$tl") group-specific queries for $GD on dn2 (want 2)" || return 1
   [[ $(source_queries_for dn2 "$GB" "$SB" "$tl") -ge 2 ]] ||
@@ -216,7 +198,6 @@ leave_leaves_no_line() {
   if grep -q 'numSrc' "$LOG" || [[ $lines_after -ne $lines_before ]]; then
     fail "the leaves left lines in the daemon's log ($lines_before lines before, $lines_after after)"
     show_file "$LOG" 10 "daemon output"
-    [[ -n $(tail -c 1 "$LOG") ]] && echo # its last line may lack its newline
     return 1
   fi
   say "leaves of $GW (h1's kernel) and $GD (twice in 20 ms): $(queries_for dn1 "$GW" "$tl") and $(queries_for dn2 "$GD" "$tl") group-specific queries, CHANGE_TO_INCLUDE{} upstream; block of $SB in $GB (twice in 20 ms): $(source_queries_for dn2 "$GB" "$SB" "$tl") source-specific queries, BLOCK upstream; no log line"
@@ -226,13 +207,13 @@ leave_leaves_no_line() {
 # group upstream without it, and nothing the router sent during the whole run (the queries of
 # check 3's leaves included) lists :: as a source.
 no_unspecified_source_sent() {
-  need_lab || return 1
+  t_need_setup || return 1
   local t0 bad
   t0=$(lab_now_us)
-  lab_send_mld_report "$LAB_H2" "to_ex:$GX/::" >/dev/null 2>>"$T_WORK/scapy.err" || fail "scapy could not send from h2" || return 1
+  lab_send_mld_report "$LAB_H2" "to_ex:$GX/::" >/dev/null 2>>"$T_WORK/report.err" || fail "cannot send the report from h2" || return 1
   lab_wait_for 5 heard_at_least 1 dn2 4 "$GX" "$t0" || fail "the report naming :: never reached dn2" || return 1
   lab_wait_for 5 up_has_records 2 4 "$GX" '*' "$t0" ||
-    fail "the daemon did not report $GX upstream" || { show_reports "$t0"; return 1; }
+    fail "the daemon did not report $GX upstream" || { up_show_reports "$t0"; return 1; }
   sleep 2.5 # the retransmissions of everything still pending
   up_capture_stop
   [[ $(queries_for dn1 "$GW" 0) -ge 2 ]] ||
@@ -246,12 +227,9 @@ no_unspecified_source_sent() {
 # set-up and the run
 
 setup() {
-  t_need_daemon || return 1
-  up_lab_up || fail "the lab could not be built" || return 1
-  lab_start_daemon -l "$LOG" || fail "the daemon did not start" || return 1
-  lab_wait_started 40 || fail "the daemon did not finish starting up; MIFs [$(t_mif_table)]" || return 1
+  t_lab_up snoop && t_start 40 || return 1
   up_capture_start "$T_WORK/cap.pcap" || fail "cannot capture in the router namespace" || return 1
-  LAB_OK=1
+  SETUP_OK=1
 }
 
 START_US=$(lab_now_us)
@@ -262,7 +240,7 @@ START_US=$(lab_now_us)
 # the router's one receive buffer, the second over the first: the rest of the earlier report,
 # from byte 140 on, is never read again, so dn2 gets ff0e::b:1 and none of the twelve groups.
 short_report_replays_nothing() {
-  need_lab || return 1
+  t_need_setup || return 1
   local recs=() g i=1 groups seven=2001:db8:b::1,2001:db8:b::2,2001:db8:b::3,2001:db8:b::4
   seven+=,2001:db8:b::5,2001:db8:b::6,2001:db8:b::7
   # The first record has seven sources, like the short report's one record: the earlier
@@ -271,15 +249,12 @@ short_report_replays_nothing() {
     if [[ $i -eq 1 ]]; then recs+=("allow:$g/$seven"); else recs+=("allow:$g/2001:db8:a::$i"); fi
     i=$((i + 1))
   done
-  lab_send_mld_report "$LAB_H1" "${recs[@]}" >/dev/null 2>>"$T_WORK/scapy.err" || fail "scapy could not send from h1" || return 1
-  lab_send_mld_report "$LAB_H2" --claim 12 "to_ex:$GR/$seven" >/dev/null 2>>"$T_WORK/scapy.err" || fail "scapy could not send from h2" || return 1
+  lab_send_mld_report "$LAB_H1" "${recs[@]}" >/dev/null 2>>"$T_WORK/report.err" || fail "cannot send the report from h1" || return 1
+  lab_send_mld_report "$LAB_H2" --claim 12 "to_ex:$GR/$seven" >/dev/null 2>>"$T_WORK/report.err" || fail "cannot send the report from h2" || return 1
   sleep 1
-  groups=$(lab_exec "$LAB_RT" "$LAB_DAEMON" status --json -s "$LAB_CONTROL_SOCKET" | "$LAB_PYTHON" -c '
-import json, sys
-s = json.load(sys.stdin)
-for l in s["links"]:
-    if l["name"] in ("dn1", "dn2"):
-        print(l["name"] + ":" + ",".join(sorted(g["group"] for g in l["groups"] if g["group"].startswith("ff0e::a:") or g["group"] == "ff0e::b:1")))')
+  status_json "$T_WORK/status.json" >/dev/null
+  groups=$(json_query "$T_WORK/status.json" "'\\n'.join(l['name'] + ':' + ','.join(sorted(g['group'] for g in l['groups']
+    if g['group'].startswith('ff0e::a:') or g['group'] == 'ff0e::b:1')) for l in s['links'] if l['name'] in ('dn1', 'dn2'))")
   say "groups the two reports left: $(tr '\n' ' ' <<<"$groups")"
   grep -qx "dn1:ff0e::a:1,ff0e::a:2,ff0e::a:3,ff0e::a:4,ff0e::a:5,ff0e::a:6,ff0e::a:7,ff0e::a:8,ff0e::a:9,ff0e::a:a,ff0e::a:b,ff0e::a:c" <<<"$groups" ||
     fail "dn1 does not hold the twelve groups of h1's report: $groups" || return 1
@@ -299,11 +274,6 @@ check ordinary_leaves_leave_no_log_line leave_leaves_no_line
 check short_report_never_replays_an_earlier_one short_report_replays_nothing
 check no_unspecified_address_as_a_source_in_any_message no_unspecified_source_sent
 
-up_stop_all
-if t_daemon_alive; then
-  lab_stop_daemon TERM 10 || say "the daemon did not end on SIGTERM"
-fi
-show_file "$LOG" 12 "daemon output"
-[[ -s $LOG && -n $(tail -c 1 "$LOG") ]] && echo # the daemon's last line may lack its newline
+t_end "$LOG"
 say "lab time: $(elapsed_ms "$START_US") ms"
 exit 0

@@ -13,8 +13,8 @@
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
 # The unit as `cmake --install --prefix /usr` installs it (the template with its path filled in).
 UNIT_TEMPLATE=$LAB_ROOT/packaging/systemd/mldproxyd.service.in
@@ -32,9 +32,9 @@ WANT_CAP_MASK=0000000000003000 # bits 12 (CAP_NET_ADMIN) and 13 (CAP_NET_RAW)
 BIG_QUEUE=2097152              # the kernel's accounting of a 1 MiB SO_RCVBUFFORCE
 
 # rcvbuf PID: the largest SO_RCVBUF among the process's raw ICMPv6 sockets.
-rcvbuf() { "$LAB_PYTHON" "$LAB_TESTS_DIR/sock_rcvbuf.py" "$1" 2>&1; }
+rcvbuf() { "$LAB_PYTHON" "$LAB_ROOT/tests/lab/sock_rcvbuf.py" "$1" 2>&1; }
 
-EXEC_ARGS=() CAPS='' SETPRIV='' BIN='' CONF='' DAEMON='' SEND_PID='' RECV_PID='' SETUP_OK=0
+EXEC_ARGS=() CAPS='' SETPRIV='' BIN='' CONF='' DAEMON='' SETUP_OK=0
 
 # unit_value KEY: the value of KEY= in the unit (the last line with it), without blanks around.
 unit_value() { sed -nE "s/^[[:space:]]*$1[[:space:]]*=[[:space:]]*(.*[^[:space:]])?[[:space:]]*$/\\1/p" "$UNIT" | tail -n 1; }
@@ -105,9 +105,7 @@ setup() {
   CONF=$T_WORK/mld.conf
   sed -E 's/^UPSTREAM_IFNAME[[:space:]].*/UPSTREAM_IFNAME up0/' "$EXAMPLE_CONF" >"$CONF" || fail "no $EXAMPLE_CONF" || return 1
   say "configuration: $EXAMPLE_CONF with UPSTREAM_IFNAME up0: $(grep -v '^#' "$CONF" | tr '\n' ';')"
-  lab_up || fail "the lab could not be built" || return 1
-  lab_add_source_addrs || fail "cannot give src its addresses" || return 1
-  lab_flood_upstream || fail "cannot make the bridge send all multicast to up0" || return 1
+  t_lab_up sources flood || return 1
   SETUP_OK=1
 }
 
@@ -154,25 +152,17 @@ runs_without_root() {
 # the unprivileged daemon wrote; h2 (no listener) is not in it.
 forwards_joined_group() {
   [[ -n $DAEMON ]] && t_daemon_alive || fail "no daemon running (an earlier check failed)" || return 1
-  local recv_log=$T_WORK/recv-h1.log n oifs want
-  ip netns exec "$(lab_ns "$LAB_SRC")" "$LAB_PYTHON" "$LAB_FLOW_PY" send --iface eth0 --rate 100 --hops 16 "$LAB_SRC_ADDR1,$G,$PORT" \
-    >"$T_WORK/send.log" 2>&1 &
-  SEND_PID=$!
-  ip netns exec "$(lab_ns "$LAB_H1")" "$LAB_PYTHON" "$LAB_FLOW_PY" recv --iface eth0 --group "$G" --port "$PORT" --log "$recv_log" \
-    2>"$recv_log.err" &
-  RECV_PID=$!
-  lab_wait_for 5 grep -qs '^JOINED' "$recv_log" || fail "the receiver in h1 did not join $G: $(head -c 300 "$recv_log.err" 2>/dev/null)" || return 1
-  lab_wait_for 10 received_at_least "$recv_log" 50 ||
-    fail "h1 received $(received_count "$recv_log") datagrams of $G in 10 s (sender: $(head -c 200 "$T_WORK/send.log")); entries: $(lab_mfc_group "$G" | tr '\n' ';')" || return 1
-  n=$(received_count "$recv_log")
-  oifs=$(lab_mfc_oifs "$G") want=$(lab_mif_set up0 "$LAB_H1_LINK")
+  local n oifs want
+  flow_send_start "$LAB_SRC_ADDR1,$G,$PORT"
+  flow_recv_start "$LAB_H1" "$G" "$PORT" || return 1
+  lab_wait_for 10 flow_has_received "$LAB_H1" "$G" 50 ||
+    fail "h1 received $(flow_received_count "$LAB_H1" "$G") datagrams of $G in 10 s (sender: $(head -c 200 "$T_WORK/send.log")); entries: $(lab_mfc_text "$G")" || return 1
+  n=$(flow_received_count "$LAB_H1" "$G")
+  oifs=$(lab_mfc_oifs "$G") want=$(lab_mif_set up0 dn1)
   say "h1 joined $G and received $n datagrams from $LAB_SRC_ADDR1; (*,$G) parent $(lab_mfc "$G" | cut -d' ' -f1) outputs [$oifs]; MIFs [$(t_mif_table)]"
   [[ $(lab_mfc "$G" | cut -d' ' -f1) == "$(lab_mif_index up0)" && $oifs == "$want" ]] ||
     fail "(*,$G) should have parent up0 and output to up0 + dn1 ([$want]): $(lab_mfc "$G")" || return 1
 }
-LAB_H1_LINK=dn1
-received_count() { grep -cvE '^(JOINED|LEFT)' "$1" 2>/dev/null || true; }
-received_at_least() { [[ $(received_count "$1") -ge $2 ]]; }
 
 # sigterm_ends_cleanly: SIGTERM (while h1 still listens and the traffic flows) ends it within
 # 3 s with status 0, its MIFs are gone, and with the example configuration (VERBOSE 0) it
@@ -182,8 +172,7 @@ sigterm_ends_cleanly() {
   local t0
   t0=$(lab_now_us)
   lab_stop_daemon TERM 10 || fail "the daemon did not end within 10 s of SIGTERM" || return 1
-  t_stop "$RECV_PID"
-  t_stop "$SEND_PID"
+  flow_stop_all
   say "SIGTERM: ended after $(elapsed_ms "$t0") ms with status $LAB_DAEMON_STATUS"
   [[ $LAB_DAEMON_STATUS == 0 ]] || { fail "exit status $LAB_DAEMON_STATUS after SIGTERM (want 0)"; show_file "$LOG" 20 "daemon output"; return 1; }
   [[ $(elapsed_ms "$t0") -le 3000 ]] || fail "took $(elapsed_ms "$t0") ms" || return 1
@@ -296,15 +285,13 @@ syscalls_within_filter() {
   # The daemon itself is what the other helpers (and the clean-up at the end) watch and stop.
   DAEMON=$daemon LAB_DAEMON_PID=$daemon
   lab_wait_started 40 || fail "not every link became a MIF under strace: [$(t_mif_table)]; output: $(head -c 300 "$log")" || return 1
-  rm -f "$T_WORK/recv-h1.log" # what h1 received from the earlier daemon must not count
-  forwards_joined_group || return 1
+  forwards_joined_group || return 1 # (a receiver's log starts anew: what came before does not count)
   lab_exec "$LAB_RT" "$BIN" status -s "$sock" >"$T_WORK/status.txt" 2>&1 ||
     fail "mldproxyd status: $(head -c 200 "$T_WORK/status.txt")" || return 1
   kill -TERM "$daemon"
   lab_wait_exit "$tracer" 10 || { show_file "$trace" 10 strace; kill -KILL "$daemon"; fail "the traced daemon did not end on SIGTERM"; return 1; }
   wait "$tracer" 2>/dev/null || status=$? # strace ends with its tracee's status
-  t_stop "$RECV_PID"
-  t_stop "$SEND_PID"
+  flow_stop_all
   [[ $status == 0 ]] || fail "the traced daemon ended with status $status" || return 1
   # From the daemon's exec on: before it, strace saw setpriv (whose work systemd does itself).
   used=$(awk -v bin="$BIN" 'started { if (match($2, /^[a-z0-9_]+\(/)) print substr($2, 1, RLENGTH - 1); next }
@@ -324,8 +311,6 @@ check sigterm_ends_unprivileged_daemon_with_status_0 sigterm_ends_cleanly
 check each_capability_of_the_unit_is_needed each_capability_needed
 check every_system_call_of_the_daemon_is_in_the_units_filter syscalls_within_filter
 
-t_stop "$RECV_PID"
-t_stop "$SEND_PID"
-if t_daemon_alive; then lab_stop_daemon TERM 10 || true; fi
+t_end
 
 exit 0

@@ -9,10 +9,10 @@
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
-MRT6_CALLS=("$LAB_PYTHON" "$LAB_TESTS_DIR/mrt6_calls.py")
+MRT6_CALLS=("$LAB_PYTHON" "$LAB_ROOT/tests/lab/mrt6_calls.py")
 
 # signal_ends_daemon SIGNAL
 signal_ends_daemon() {
@@ -32,14 +32,14 @@ signal_ends_daemon() {
   kill -"$sig" "$daemon" || fail "cannot send SIG$sig" || return 1
   if ! lab_wait_exit "$daemon" 3; then
     lab_wait_exit "$daemon" 10 || kill -KILL "$daemon" 2>/dev/null
-    t_stop "$LAB_DAEMON_PID"
+    lab_stop "$LAB_DAEMON_PID"
     fail "still running 3 s after SIG$sig"
     show_file "$log" 20 "daemon output"
     return 1
   fi
   ms=$(elapsed_ms "$t_sig")
   # strace ends with the traced program's exit status (or dies of the same signal).
-  lab_wait_exit "$LAB_DAEMON_PID" 10 || { t_stop "$LAB_DAEMON_PID"; fail "strace did not end after the daemon"; return 1; }
+  lab_wait_exit "$LAB_DAEMON_PID" 10 || { lab_stop "$LAB_DAEMON_PID"; fail "strace did not end after the daemon"; return 1; }
   status=0
   wait "$LAB_DAEMON_PID" || status=$?
   [[ $status -eq 0 ]] || { fail "exit status $status after SIG$sig (want 0)"; show_file "$log" 20 "daemon output"; return 1; }
@@ -82,23 +82,18 @@ state_printed_since() {
 # The configuration leaves out two keys, so that start-up prints the lines of their defaults:
 # messages whose newline can be checked.
 sigusr2_prints_state_and_daemon_goes_on() {
-  local conf=$T_WORK/usr2.conf log=$T_WORK/daemon-usr2.log g=ff0e::7602 recv offset
+  local conf=$T_WORK/usr2.conf log=$T_WORK/daemon-usr2.log g=ff0e::7602 offset
   t_need_daemon || return 1
-  lab_write_conf "$conf"
-  sed -i '/^LAST_LISTENER_QUERY_/d' "$conf"
-  lab_start_daemon -c "$conf" -l "$log" || fail "the daemon did not start" || return 1
-  lab_wait_started 40 || fail "the daemon did not finish starting up; MIFs [$(t_mif_table)]" || return 1
+  lab_write_conf "$conf" LAST_LISTENER_QUERY_INTERVAL= LAST_LISTENER_QUERY_COUNT=
+  t_start 40 -c "$conf" -l "$log" || return 1
   grep -q '^MLDRT: LAST_LISTENER_QUERY_INTERVAL not set' "$log" || fail "no line for the default taken" || { show_file "$log" 10 "daemon output"; return 1; }
   ends_with_newline "$log" || fail "the start-up messages do not end with a newline" || { show_bytes "$log" "daemon output"; return 1; }
-  ip netns exec "$(lab_ns "$LAB_H1")" "$LAB_PYTHON" "$LAB_FLOW_PY" recv --iface eth0 --group "$g" --port 5602 \
-    >/dev/null 2>&1 &
-  recv=$!
-  lab_wait_for 10 t_has_mfc "$g" || { kill "$recv"; fail "h1's join of $g made no forwarding entry"; return 1; }
+  flow_recv_launch "$LAB_H1" "$g" 5602
+  lab_wait_for 10 t_has_mfc "$g" || fail "h1's join of $g made no forwarding entry" || return 1
   offset=$(stat -c %s "$log")
-  kill -USR2 "$LAB_DAEMON_PID" || { kill "$recv"; fail "cannot send SIGUSR2"; return 1; }
-  lab_wait_for 3 state_printed_since "$log" "$offset" "$g" || { kill "$recv"; fail "no state with $g on dn1 printed within 3 s of SIGUSR2"; show_file "$log" 20 "daemon output"; return 1; }
-  kill "$recv"
-  wait "$recv" 2>/dev/null
+  kill -USR2 "$LAB_DAEMON_PID" || fail "cannot send SIGUSR2" || return 1
+  lab_wait_for 3 state_printed_since "$log" "$offset" "$g" || { fail "no state with $g on dn1 printed within 3 s of SIGUSR2"; show_file "$log" 20 "daemon output"; return 1; }
+  flow_recv_stop "$LAB_H1" "$g"
   sleep 1
   t_daemon_alive || fail "the daemon ended after SIGUSR2" || return 1
   ends_with_newline "$log" || fail "the state printed does not end with a newline" || return 1

@@ -7,33 +7,24 @@
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
 LOG=$T_WORK/daemon.log
 CLIENTS=$LAB_ROOT/tests/lab/control_clients.py
 G=ff0e::1:201 PORT=5201
-SETUP_OK=0 SEND_PID='' RECV_PID=''
+SETUP_OK=0
 
 setup() {
-  t_need_daemon || return 1
-  lab_up || fail "the lab could not be built" || return 1
-  lab_add_source_addrs || fail "cannot give src its addresses" || return 1
-  lab_flood_upstream || fail "cannot make the bridge send all multicast to up0" || return 1
-  lab_start_daemon -l "$LOG" || fail "the daemon did not start" || return 1
-  lab_wait_started 20 || fail "the daemon did not take up its links; MIFs [$(t_mif_table)]" || return 1
+  t_lab_up sources flood && t_start 20 || return 1
   SETUP_OK=1
 }
 
 listened_group_is_shown_with_its_forwarding() {
   [[ $SETUP_OK == 1 ]] || fail "no lab" || return 1
-  ip netns exec "$(lab_ns "$LAB_H1")" "$LAB_PYTHON" "$LAB_FLOW_PY" recv --iface eth0 --group "$G" \
-    --port "$PORT" --log "$T_WORK/recv.log" 2>/dev/null &
-  RECV_PID=$!
-  ip netns exec "$(lab_ns "$LAB_SRC")" "$LAB_PYTHON" "$LAB_FLOW_PY" send --iface eth0 --rate 100 \
-    --hops 16 "$LAB_SRC_ADDR1,$G,$PORT" >/dev/null 2>&1 &
-  SEND_PID=$!
-  lab_wait_for 5 grep -qs "$LAB_SRC_ADDR1" "$T_WORK/recv.log" || fail "h1 received nothing of $G" || return 1
+  flow_recv_launch "$LAB_H1" "$G" "$PORT"
+  flow_send_start "$LAB_SRC_ADDR1,$G,$PORT"
+  lab_wait_for 5 flow_has_received "$LAB_H1" "$G" 1 "$LAB_SRC_ADDR1" || fail "h1 received nothing of $G" || return 1
   local out=$T_WORK/status.json ms dn1 dn2 q
   ms=$(status_json "$out") || fail "status --json failed: $(head -c 300 "$out.err")" || return 1
   say "status --json answered in $ms ms with $(wc -c <"$out") bytes"
@@ -47,14 +38,13 @@ listened_group_is_shown_with_its_forwarding() {
   q="[(f['mifs'], f['packets'] > 0) for f in s['forwarding'] if f['group'] == '$G' and f['source'] == '*']"
   [[ $(json_query "$out" "$q") == "[([$dn1], True)]" ]] || fail "forwarding of $G: $(json_query "$out" "$q"), want [([$dn1], True)] (dn1 MIF $dn1, dn2 MIF $dn2)" || return 1
   say "forwarding of $G: $(json_query "$out" "[f for f in s['forwarding'] if f['group'] == '$G']")"
-  lab_exec "$LAB_RT" "$LAB_DAEMON" status -s "$LAB_CONTROL_SOCKET" >"$T_WORK/status.txt" || fail "status (table) failed" || return 1
+  lab_status >"$T_WORK/status.txt" || fail "status (table) failed" || return 1
   grep -q "^groups on dn1:" "$T_WORK/status.txt" || fail "the table has no groups of dn1" || return 1
 }
 
 answers_with_10000_groups() {
   [[ $SETUP_OK == 1 ]] || fail "no lab" || return 1
-  lab_exec "$LAB_H1" "$LAB_PYTHON" "$LAB_ROOT/tests/lab/upstream_many.py" --iface eth0 \
-    --prefix ff0e::7: --count 10000 --per-report 70 >/dev/null 2>&1 || fail "cannot send the reports" || return 1
+  lab_send_mld_report "$LAB_H1" --per-report 70 'to_ex:ff0e::7:*10000' >/dev/null 2>&1 || fail "cannot send the reports" || return 1
   local out=$T_WORK/many.json ms best=''
   lab_wait_for 20 eval '[[ $(status_json "$out" >/dev/null; json_query "$out" "len(s[\"upstream\"][\"groups\"])") -ge 10000 ]]' ||
     fail "the daemon holds $(json_query "$out" "len(s['upstream']['groups'])") groups, want 10,000 and more" || return 1
@@ -74,30 +64,23 @@ answers_with_10000_groups() {
 
 hostile_clients_leave_mld_on_time() {
   [[ $SETUP_OK == 1 ]] || fail "no lab" || return 1
-  local pcap=$T_WORK/dn2.pcap result gaps
-  lab_capture "$LAB_H2" eth0 "$pcap" || fail "no capture on dn2" || return 1
-  local cap=$LAB_CAPTURE_PID
+  local result gaps
+  mld_capture_start dn2 "$LAB_H2" eth0 || fail "no capture on dn2" || return 1
   result=$("$LAB_PYTHON" "$CLIENTS" hostile "$LAB_CONTROL_SOCKET" 13)
   say "hostile clients for 13 s: $result"
   t_daemon_alive || fail "the daemon ended under hostile clients" || return 1
   "$LAB_PYTHON" "$CLIENTS" ask "$LAB_CONTROL_SOCKET" status >"$T_WORK/after.txt" || fail "no answer after the hostile clients" || return 1
   grep -q '^links:' "$T_WORK/after.txt" || fail "the answer after the hostile clients is not the status" || return 1
-  t_stop "$cap"
+  lab_capture_stop
   # General queries on dn2 (query interval 4 s) kept coming: no gap above 5 s in 13 s.
-  gaps=$(lab_mld_lines "$pcap" | awk '/ type=130 / && / group=:: / { t = $1; if (p) printf "%.2f ", t - p; p = t }')
+  gaps=$(mld dn2 | awk '/ type=130 / && / group=:: / { t = $1; if (p) printf "%.2f ", t - p; p = t }')
   say "gaps between general queries on dn2: ${gaps:-none}"
   [[ -n $gaps ]] || fail "no general query on dn2 during the 13 s" || return 1
   awk -v g="$gaps" 'BEGIN { n = split(g, a, " "); for (i = 1; i <= n; i++) if (a[i] > 5) exit 1 }' || fail "a general query came late: $gaps" || return 1
-}
-
-cleanup() {
-  t_stop "$SEND_PID"
-  t_stop "$RECV_PID"
 }
 
 check status_lab_setup setup
 check status_json_shows_a_listened_group_and_its_forwarding listened_group_is_shown_with_its_forwarding
 check status_answers_with_10000_groups answers_with_10000_groups
 check hostile_control_clients_leave_mld_on_time hostile_clients_leave_mld_on_time
-cleanup
 exit 0

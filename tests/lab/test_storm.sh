@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# A report storm: h1 sends crafted MLDv2 reports as fast as it can for 30 s (tests/lab/
-# mld_storm.py: valid and malformed mixed — random groups, sources and reporter addresses,
+# A report storm: h1 sends crafted MLDv2 reports as fast as it can for 30 s (tools/mldlab.py
+# storm: valid and malformed mixed — random groups, sources and reporter addresses,
 # record and source counts beyond the packet, odd record types, aux data). The daemon must stay
 # up, keep its general queries on another link (dn2) on time (QUERY_INTERVAL ± 1 s), keep its
 # resident memory (VmRSS, /proc) under 16 MiB, and real hosts' joins afterwards (right after the
@@ -11,8 +11,8 @@
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
 LOG=$T_WORK/daemon.log
 STORM_SECONDS=30
@@ -21,31 +21,24 @@ RSS_LIMIT_KB=16384
 MIN_RATE=1000 # reports a second that must reach the router for the storm to count
 SEED=${MLD_STORM_SEED:-$((RANDOM * 32768 + RANDOM))}
 G=ff0e::5:1 P=5051
-SETUP_OK=0 STORM_OK=0 STORM_RAN=0 CAPTURE='' SAMPLER='' SEND_PID='' RECV_PID='' SEND2_PID='' RECV2_PID=''
+SETUP_OK=0 STORM_OK=0 STORM_RAN=0 SAMPLER=''
 T_START='' T_END='' RT_DN2='' CPU_END=0
 
-now_s() { printf '%s' "$EPOCHREALTIME"; }
 # raw_drops: what each raw ICMPv6 socket of the router (the daemon's: the router socket and one
 # per link, every one of them given each report) dropped for want of room, by inode.
 raw_drops() { ip netns exec "$(lab_ns "$LAB_RT")" awk 'NR > 1 { printf "%s%s:%s", (NR > 2 ? " " : ""), $(NF - 3), $NF }' /proc/net/raw6; }
-ms_between() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%d", (b - a) * 1000 }'; }
 
 # queries_dn2: times of the router's general queries on dn2.
-queries_dn2() { lab_mld_lines "$T_WORK/dn2.pcap" | grep " MLD src=$RT_DN2 .* type=130 .* group=:: " | cut -d' ' -f1; }
+queries_dn2() { mld dn2 | grep " MLD src=$RT_DN2 .* type=130 .* group=:: " | cut -d' ' -f1; }
 third_query_seen() { [[ $(queries_dn2 | wc -l) -ge 3 ]]; }
 query_after() { [[ -n $(queries_dn2 | awk -v t="$1" '$1 > t') ]]; }
 
 setup() {
-  t_need_daemon || return 1
   [[ -x $LAB_PYTHON ]] && "$LAB_PYTHON" -c 'import socket' || fail "$LAB_PYTHON cannot run" || return 1
-  lab_up || fail "the lab could not be built" || return 1
-  lab_add_source_addrs || fail "cannot give src its addresses" || return 1
-  lab_flood_upstream || fail "cannot make the bridge send all multicast to up0" || return 1
+  t_lab_up sources flood || return 1
   RT_DN2=$(lab_ll_addr "$LAB_RT" dn2)
-  lab_capture "$LAB_H2" eth0 "$T_WORK/dn2.pcap" "ip6 and not udp" || fail "no capture on dn2" || return 1
-  CAPTURE=$LAB_CAPTURE_PID
-  lab_start_daemon -l "$LOG" || fail "the daemon did not start" || return 1
-  lab_wait_started 40 || fail "the daemon did not take up its links; MIFs [$(t_mif_table)]" || return 1
+  mld_capture_start dn2 "$LAB_H2" eth0 || fail "no capture on dn2" || return 1
+  t_start 40 || return 1
   SETUP_OK=1
 }
 
@@ -66,9 +59,8 @@ storm() {
   # at the steady QUERY_INTERVAL.
   lab_wait_for 30 third_query_seen || fail "fewer than 3 general queries on dn2 within 30 s of the start" || return 1
   say "storm: $STORM_SECONDS s of crafted reports from h1 on dn1 (seed $SEED; MLD_STORM_SEED=$SEED repeats it)"
-  lab_exec "$LAB_H1" "$LAB_PYTHON" "$LAB_TESTS_DIR/mld_storm.py" --iface eth0 --duration "$STORM_SECONDS" --seed "$SEED" \
-    >"$T_WORK/storm.log" 2>&1 || fail "the storm sender failed: $(tail -c 300 "$T_WORK/storm.log")" || return 1
-  T_END=$(now_s)
+  lab_mldlab "$LAB_H1" storm --iface eth0 --seconds "$STORM_SECONDS" --seed "$SEED" >"$T_WORK/storm.log" 2>&1 || fail "the storm sender failed: $(tail -c 300 "$T_WORK/storm.log")" || return 1
+  T_END=$EPOCHREALTIME
   STORM_RAN=1
   T_START=$(awk '$1 == "START" { print $2 }' "$T_WORK/storm.log")
   [[ -n $T_START ]] || fail "the storm sender did not say when it started: $(head -c 300 "$T_WORK/storm.log")" || return 1
@@ -136,36 +128,29 @@ memory() {
   [[ -z $hwm || $hwm -lt $RSS_LIMIT_KB ]] || fail "VmHWM is $hwm kB (limit $RSS_LIMIT_KB kB)" || return 1
 }
 
-# got_datagrams [LOG]: the receiver (default h2's) got 10 datagrams.
-got_datagrams() { [[ $(grep -vc -e '^JOINED' -e '^LEFT' "${1:-$T_WORK/recv.log}" 2>/dev/null) -ge 10 ]]; }
-
 # The real host joins right after the storm, while the daemon still works off what the storm
 # left behind; whether its datagrams come is looked at after the other checks.
 start_join() {
-  ip netns exec "$(lab_ns "$LAB_SRC")" "$LAB_PYTHON" "$LAB_FLOW_PY" send --iface eth0 --rate 100 --hops 16 \
-    "$LAB_SRC_ADDR1,$G,$P" >"$T_WORK/send.log" 2>&1 &
-  SEND_PID=$!
-  ip netns exec "$(lab_ns "$LAB_H2")" "$LAB_PYTHON" "$LAB_FLOW_PY" recv --iface eth0 --group "$G" --port "$P" \
-    --log "$T_WORK/recv.log" 2>"$T_WORK/recv.err" &
-  RECV_PID=$!
+  flow_send_start "$LAB_SRC_ADDR1,$G,$P"
+  flow_recv_launch "$LAB_H2" "$G" "$P"
 }
 
 join_after_storm() {
   need_storm || return 1
   t_daemon_alive || fail "the daemon is gone" || return 1
-  [[ -n $RECV_PID ]] || fail "no receiver was started" || return 1
+  [[ -n ${FLOW_RECV_PID[$LAB_H2/$G]:-} ]] || fail "no receiver was started" || return 1
   local joined first limit=$((GMI + QUERY_INTERVAL + 2))
-  lab_wait_for 5 grep -qs '^JOINED' "$T_WORK/recv.log" || fail "h2's receiver did not start: $(head -c 200 "$T_WORK/recv.err")" || return 1
-  joined=$(awk '$1 == "JOINED" { print $2 }' "$T_WORK/recv.log")
-  say "h2 joined $G $(ms_between "$T_END" "$joined") ms after the storm ended"
+  flow_recv_joined "$LAB_H2" "$G" || return 1
+  joined=$(flow_joined_at "$LAB_H2" "$G")
+  say "h2 joined $G $(lab_ms "$T_END" "$joined") ms after the storm ended"
   # Groups the storm left behind may hold the database at its limit until their timers run out
   # (GMI); the host repeats its report in its answers to the general queries.
-  if ! lab_wait_for "$(awk -v j="$joined" -v l="$limit" -v now="$(now_s)" 'BEGIN { w = j + l - now; printf "%d", (w < 1 ? 1 : w + 0.999) }')" got_datagrams; then
+  if ! lab_wait_for "$(awk -v j="$joined" -v l="$limit" -v now="$EPOCHREALTIME" 'BEGIN { w = j + l - now; printf "%d", (w < 1 ? 1 : w + 0.999) }')" flow_has_received "$LAB_H2" "$G" 10; then
     fail "h2 got no forwarded datagram within $limit s of joining $G after the storm; kernel entry: [$(lab_mfc "$G")]; daemon CPU since the storm $(($(lab_cpu_ticks "$LAB_DAEMON_PID") - CPU_END)) ticks"
     return 1
   fi
-  first=$(grep -v -e '^JOINED' -e '^LEFT' "$T_WORK/recv.log" | head -n 1 | cut -d' ' -f1)
-  say "join after the storm to first forwarded datagram: $(ms_between "$joined" "$first") ms"
+  first=$(flow_received "$LAB_H2" "$G" | head -n 1)
+  say "join after the storm to first forwarded datagram: $(lab_ms "$joined" "$first") ms"
 }
 
 # Once the storm's groups have had their membership interval, h1, the storm's own host, joins
@@ -175,24 +160,18 @@ G2=ff0e::5:2 P2=5052
 later_join() {
   need_storm || return 1
   t_daemon_alive || fail "the daemon is gone" || return 1
-  local at joined first
-  at=$(awk -v t="$T_END" -v g="$GMI" 'BEGIN { printf "%.6f", t + g + 4 }')
-  sleep "$(awk -v a="$at" -v now="$(now_s)" 'BEGIN { d = a - now; printf "%.3f", (d > 0 ? d : 0) }')"
-  ip netns exec "$(lab_ns "$LAB_SRC")" "$LAB_PYTHON" "$LAB_FLOW_PY" send --iface eth0 --rate 100 --hops 16 \
-    "$LAB_SRC_ADDR1,$G2,$P2" >"$T_WORK/send2.log" 2>&1 &
-  SEND2_PID=$!
-  ip netns exec "$(lab_ns "$LAB_H1")" "$LAB_PYTHON" "$LAB_FLOW_PY" recv --iface eth0 --group "$G2" --port "$P2" \
-    --log "$T_WORK/recv2.log" 2>"$T_WORK/recv2.err" &
-  RECV2_PID=$!
-  lab_wait_for 5 grep -qs '^JOINED' "$T_WORK/recv2.log" || fail "h1's receiver did not start: $(head -c 200 "$T_WORK/recv2.err")" || return 1
-  joined=$(awk '$1 == "JOINED" { print $2 }' "$T_WORK/recv2.log")
-  say "h1 joined $G2 $(ms_between "$T_END" "$joined") ms after the storm ended (daemon CPU since the storm: $(($(lab_cpu_ticks "$LAB_DAEMON_PID") - CPU_END)) ticks of $(getconf CLK_TCK)/s)"
-  if ! lab_wait_for 3 got_datagrams "$T_WORK/recv2.log"; then
-    fail "h1 got no forwarded datagram within 3 s of joining $G2 $(ms_between "$T_END" "$joined") ms after the storm; kernel entry: [$(lab_mfc "$G2")]; daemon CPU since the storm $(($(lab_cpu_ticks "$LAB_DAEMON_PID") - CPU_END)) ticks"
+  local joined first
+  lab_sleep_until "$T_END" $((GMI + 4))
+  flow_send_start "$LAB_SRC_ADDR1,$G,$P" "$LAB_SRC_ADDR1,$G2,$P2" # the sender of G2 beside G's
+  flow_recv_start "$LAB_H1" "$G2" "$P2" || return 1
+  joined=$(flow_joined_at "$LAB_H1" "$G2")
+  say "h1 joined $G2 $(lab_ms "$T_END" "$joined") ms after the storm ended (daemon CPU since the storm: $(($(lab_cpu_ticks "$LAB_DAEMON_PID") - CPU_END)) ticks of $(getconf CLK_TCK)/s)"
+  if ! lab_wait_for 3 flow_has_received "$LAB_H1" "$G2" 10; then
+    fail "h1 got no forwarded datagram within 3 s of joining $G2 $(lab_ms "$T_END" "$joined") ms after the storm; kernel entry: [$(lab_mfc "$G2")]; daemon CPU since the storm $(($(lab_cpu_ticks "$LAB_DAEMON_PID") - CPU_END)) ticks"
     return 1
   fi
-  first=$(grep -v -e '^JOINED' -e '^LEFT' "$T_WORK/recv2.log" | head -n 1 | cut -d' ' -f1)
-  say "join $GMI s after the storm to first forwarded datagram: $(ms_between "$joined" "$first") ms"
+  first=$(flow_received "$LAB_H1" "$G2" | head -n 1)
+  say "join $GMI s after the storm to first forwarded datagram: $(lab_ms "$joined" "$first") ms"
 }
 
 check storm_setup setup
@@ -205,11 +184,7 @@ check resident_memory_stays_under_16MiB memory
 check real_join_right_after_the_storm_forwards join_after_storm
 check real_join_a_membership_interval_after_the_storm_forwards later_join
 
-t_stop "$RECV_PID"
-t_stop "$SEND_PID"
-t_stop "$RECV2_PID"
-t_stop "$SEND2_PID"
-lab_capture_stop "$CAPTURE"
+flow_stop_all
 
 # With the database full of the storm's groups, SIGTERM still ends the daemon cleanly and soon:
 # the last timer pass and the release of every link's groups are work on each group once.
@@ -223,7 +198,7 @@ stops_cleanly() {
   [[ $LAB_DAEMON_STATUS == 0 ]] || fail "exit status $LAB_DAEMON_STATUS (want 0)"
 }
 check sigterm_after_the_storm_ends_the_daemon_cleanly stops_cleanly
-t_stop "$SAMPLER"
+lab_stop "$SAMPLER"
 show_file "$LOG" 5 "daemon output"
 
 exit 0

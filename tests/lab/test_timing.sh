@@ -10,37 +10,26 @@
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
 CONF=$T_WORK/mld.conf
 SETUP_OK=0
 
-probe() { "$LAB_PYTHON" "$LAB_PROBE_PY" "$@"; }
-
-# value FILE KEY...: a number of the probe's JSON (nested keys), or "none".
-value() {
-  "$LAB_PYTHON" -c 'import json, sys
-d = json.load(open(sys.argv[1]))
-for k in sys.argv[2:]:
-    d = d.get(k) if isinstance(d, dict) else None
-print("none" if d is None else d)' "$@"
-}
-
-# at_most VALUE LIMIT
-at_most() { [[ $1 != none ]] && awk -v v="$1" -v l="$2" 'BEGIN { exit !(v <= l) }'; }
+# at_most VALUE LIMIT: VALUE (of the probe's JSON: None when it saw nothing) is a number, at most LIMIT.
+at_most() { [[ $1 =~ ^[0-9]+(\.[0-9]+)?$ ]] && awk -v v="$1" -v l="$2" 'BEGIN { exit !(v <= l) }'; }
 
 ready_within_1500_ms() {
   t_need_daemon || return 1
   lab_up || fail "the lab could not be built" || return 1
-  lab_write_conf "$CONF"
-  sed -i 's/^QUERY_INTERVAL .*/QUERY_INTERVAL 8/' "$CONF"
+  lab_write_conf "$CONF" QUERY_INTERVAL=8
   local out=$T_WORK/ready.txt ready gap1 gap2
-  lab_with_probe ready "$out" --rt "$(lab_ns "$LAB_RT")" --links dn1,dn2 -- lab_start_daemon -c "$CONF" ||
+  lab_with_probe ready "$out" --links dn1,dn2 -- lab_start_daemon -c "$CONF" ||
     fail "the probe or the daemon did not start: $(head -c 300 "$out.err")" || return 1
   SETUP_OK=1
-  ready=$(value "$out" ready_ms) gap1=$(value "$out" startup_query_gap_ms dn1) gap2=$(value "$out" startup_query_gap_ms dn2)
-  say "start -> ready ${ready} ms (MIFs at $(value "$out" mifs_ms) ms); start-up query interval ${gap1} / ${gap2} ms (want 2000)"
+  ready=$(json_query "$out" "s['ready_ms']") gap1=$(json_query "$out" "s['startup_query_gap_ms'].get('dn1')")
+  gap2=$(json_query "$out" "s['startup_query_gap_ms'].get('dn2')")
+  say "start -> ready ${ready} ms (MIFs at $(json_query "$out" "s['mifs_ms']") ms); start-up query interval ${gap1} / ${gap2} ms (want 2000)"
   at_most "$ready" 1500 || fail "ready ${ready} ms after the start (want at most 1500)" || return 1
   awk -v a="$gap1" -v b="$gap2" 'BEGIN { exit !(a >= 1900 && a <= 2200 && b >= 1900 && b <= 2200) }' ||
     fail "start-up queries ${gap1} / ${gap2} ms apart (want 2000: a quarter of the 8 s query interval)" || return 1
@@ -49,9 +38,9 @@ ready_within_1500_ms() {
 hotplugged_link_taken_up_at_once() {
   [[ $SETUP_OK == 1 ]] || fail "no daemon (the first check failed)" || return 1
   local out=$T_WORK/hotplug.txt mif query
-  lab_with_probe hotplug "$out" --rt "$(lab_ns "$LAB_RT")" --link dn3 -- lab_add_downstream dn3 h3 ||
+  lab_with_probe hotplug "$out" --link dn3 -- lab_add_downstream dn3 h3 ||
     fail "the probe did not start: $(head -c 300 "$out.err")" || return 1
-  mif=$(value "$out" mif_ms) query=$(value "$out" first_query_ms)
+  mif=$(json_query "$out" "s['mif_ms']") query=$(json_query "$out" "s['first_query_ms']")
   say "hot-plugged dn3 (from the start of making it): MIF after ${mif} ms, first general query after ${query} ms"
   at_most "$mif" 500 || fail "dn3's MIF came ${mif} ms after the link was made (want at most 500)" || return 1
   at_most "$query" 1000 || fail "dn3's first general query came ${query} ms after the link was made (want at most 1000)" || return 1
@@ -59,14 +48,9 @@ hotplugged_link_taken_up_at_once() {
 
 joins_reported_during_address_churn() {
   [[ $SETUP_OK == 1 ]] || fail "no daemon (the first check failed)" || return 1
-  local out=$T_WORK/churn.txt i max
-  (for ((i = 1; i <= 20; i++)); do ip -n "$(lab_ns "$LAB_RT")" addr add "2001:db8:77::$i/64" dev dn2 nodad; sleep 0.05; done) &
-  local churn=$!
-  probe churn --rt "$(lab_ns "$LAB_RT")" --h1 "$(lab_ns "$LAB_H1")" --prefix ff0e::e: --tries 8 --gap 0.05 >"$out" 2>"$out.err"
-  wait "$churn"
-  max=$("$LAB_PYTHON" -c 'import json, sys
-d = json.load(open(sys.argv[1]))
-print(max(d["join_report_ms"]) if d["join_report_ms"] and not d["failures"] else "none")' "$out")
+  local out=$T_WORK/churn.txt max
+  lab_joins_during_churn "$out"
+  max=$(json_query "$out" "max(s['join_report_ms']) if s['join_report_ms'] and not s['failures'] else None")
   say "joins on dn1 while dn2 gained 20 addresses 50 ms apart: join -> upstream report at most ${max} ms ($(tail -n 1 "$out"))"
   at_most "$max" 500 || fail "a join was reported upstream ${max} ms after it during address churn (want at most 500)" || return 1
 }
@@ -74,12 +58,8 @@ print(max(d["join_report_ms"]) if d["join_report_ms"] and not d["failures"] else
 # group_gone GROUP: neither a kernel entry nor a listener record of GROUP on any link (as
 # `mldproxyd status --json` shows the records); fails when the status cannot be read.
 group_gone() {
-  local json
-  [[ -z $(lab_mfc "$1") ]] || return 1
-  json=$(lab_exec "$LAB_RT" "$LAB_DAEMON" status --json -s "$LAB_CONTROL_SOCKET") || return 1
-  "$LAB_PYTHON" -c 'import json, sys
-s = json.loads(sys.argv[1])
-sys.exit(any(g["group"] == sys.argv[2] for l in s["links"] for g in l["groups"]))' "$json" "$1"
+  [[ -z $(lab_mfc "$1") ]] && status_json "$T_WORK/gone.json" >/dev/null &&
+    [[ $(json_query "$T_WORK/gone.json" "any(g['group'] == '$1' for l in s['links'] for g in l['groups'])") == False ]]
 }
 
 # No LAST_LISTENER_QUERY_INTERVAL line: the default 1 s applies, so after h1's leave the group
@@ -88,19 +68,15 @@ sys.exit(any(g["group"] == sys.argv[2] for l in s["links"] for g in l["groups"])
 # its listener timer would stay for 251 s), and the bound cannot be met that way.
 left_group_removed_without_llqi_line() {
   [[ $SETUP_OK == 1 ]] || fail "no lab (the first check failed)" || return 1
-  local conf=$T_WORK/no-llqi.conf g=ff0e::7603 recv t_leave ms limit=5000
-  printf 'UPSTREAM_IFNAME %s\nROBUSTNESS_VARIABLE 2\nQUERY_INTERVAL 125\nQUERY_RESPONSE_INTERVAL 1000\nLAST_LISTENER_QUERY_COUNT 2\n' \
-    "$LAB_UPSTREAM" >"$conf"
+  local conf=$T_WORK/no-llqi.conf g=ff0e::7603 t_leave ms limit=5000
+  lab_write_conf "$conf" QUERY_INTERVAL=125 LAST_LISTENER_QUERY_INTERVAL= VERBOSE=
   if t_daemon_alive; then lab_stop_daemon TERM 10 || fail "the previous daemon did not end" || return 1; fi
   lab_start_daemon -c "$conf" -l "$T_WORK/no-llqi.log" || fail "the daemon did not start" || return 1
   lab_wait_for 30 lab_all_links_are_mifs || fail "the daemon did not take up its links: [$(t_mif_table)]" || return 1
-  ip netns exec "$(lab_ns "$LAB_H1")" "$LAB_PYTHON" "$LAB_FLOW_PY" recv --iface eth0 --group "$g" --port 5603 \
-    >/dev/null 2>&1 &
-  recv=$!
-  lab_wait_for 10 t_has_mfc "$g" || { kill "$recv"; fail "h1's join of $g made no forwarding entry"; return 1; }
+  flow_recv_launch "$LAB_H1" "$g" 5603
+  lab_wait_for 10 t_has_mfc "$g" || fail "h1's join of $g made no forwarding entry" || return 1
   t_leave=$(lab_now_us)
-  kill "$recv"
-  wait "$recv" 2>/dev/null
+  flow_recv_stop "$LAB_H1" "$g"
   lab_wait_for 10 group_gone "$g"
   ms=$(elapsed_ms "$t_leave")
   say "$g left by h1: its record and forwarding entry went after $ms ms (want at most $limit)"
@@ -111,5 +87,5 @@ check daemon_ready_within_1500_ms_with_startup_queries_a_quarter_interval_apart 
 check hotplugged_link_gets_its_mif_and_query_at_once hotplugged_link_taken_up_at_once
 check join_reported_at_once_during_address_churn joins_reported_during_address_churn
 check left_group_removed_within_last_listener_time_without_its_interval_line left_group_removed_without_llqi_line
-if t_daemon_alive; then lab_stop_daemon TERM 10 || say "the daemon did not end on SIGTERM"; fi
+t_end
 exit 0

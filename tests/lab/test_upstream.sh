@@ -7,30 +7,20 @@
 #
 # The bridge's port toward the router has `mcast_flood off`: traffic for a group reaches up0
 # only once the bridge's mdb lists the group on that port, that is, once the daemon reported
-# it. What the daemon sends is seen in a capture of the router namespace decoded with scapy
+# it. What the daemon sends is seen in a capture of the router namespace decoded by tools/mldlab.py
 # (the daemon's raw-socket reports carry a non-zero flow label, the router kernel's own MLD
 # reports 0); what the bridge learned in `bridge mdb`; what flows in real UDP datagrams counted
-# by the listening applications on the hosts and by tcpdump on up0.
+# by the listening applications on the hosts and by tcpdump on the bridge side of up0.
 #
 # Lab configuration: robustness 2, query interval 4 s, query response interval 1 s, last
 # listener query interval 1 s and count 2.
 
 # Checks are run through `check NAME FUNCTION`, which shellcheck cannot follow.
 # shellcheck disable=SC2317
-# shellcheck source=tests/lab/lib.sh
-. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
-# shellcheck source=tests/lab/upstream_lib.sh
-. "$LAB_TESTS_DIR/upstream_lib.sh"
-
-# MLD_UPSTREAM_KEEP=DIR keeps the captures, logs and listener files of the run there.
-keep_work() {
-  [[ -n ${MLD_UPSTREAM_KEEP:-} ]] && mkdir -p "$MLD_UPSTREAM_KEEP" && cp -a "$T_WORK"/. "$MLD_UPSTREAM_KEEP"/
-  return 0
-}
-trap 'up_stop_all; keep_work; t_cleanup' EXIT
+# shellcheck source=tools/lab.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../tools/lab.sh" && lab_test_file
 
 LOG=$T_WORK/daemon.log
-UDP_UP=$T_WORK/udp-up0.txt
 
 G1=ff0e::7531 P1=5001 # h1 joins and leaves it (checks 1, 2)
 G2=ff0e::7532 P2=5002 # h2 joins it in check 3 and keeps it while up0 goes and comes back
@@ -40,17 +30,15 @@ MANY=ff0e::a:         # the 1,000 groups ff0e::a:1 .. ff0e::a:3e8
 N_MANY=1000
 RATE=20 # datagrams a second to each group from the source host
 
-LAB_OK=0
+SETUP_OK=0
 J1=0 L1=0
 
 # ---------------------------------------------------------------------------------------------
 # helpers of this file
 
-# show_reports SINCE_US: the daemon's reports on up0 since then, as commentary (for failures).
-show_reports() {
-  say "---- the daemon's reports on up0 since $1 (time if dir kind flowlabel src nrec records):"
-  up_daemon_reports | awk -v t="$1" '$1 >= t' | head -n 20 | sed 's/^/#   /'
-}
+# us TIME: seconds since the epoch with six decimals (the receivers' and the UDP captures'
+# times) as microseconds (the decoded MLD captures' times).
+us() { printf '%s' "${1/./}"; }
 
 # nth_record N TYPE GROUP SOURCES SINCE_US: time of the N-th such record of the daemon (or nothing).
 nth_record() {
@@ -76,12 +64,9 @@ wait_until_us() {
 # udp_quiet GROUP SECONDS: no datagram to GROUP reached up0 for SECONDS (the watch ran that long).
 udp_quiet() {
   local last
-  last=$(up_udp_times "$UDP_UP" "$1" | tail -n 1)
+  last=$(us "$(flow_wire up0 "$1" | tail -n 1)")
   [[ -n $last ]] && [[ $(($(lab_now_us) - last)) -ge $(($2 * 1000000)) ]]
 }
-
-# listener_left NAME: the listener has left its group.
-listener_left() { [[ $(up_listen_value "$1" leave_us) != 0 ]]; }
 
 # marked_query_seen MRC: a general query with that Maximum Response Code reached up0.
 marked_query_seen() {
@@ -99,11 +84,6 @@ router_general_query_after() {
 # log_lines_above PATTERN N: the daemon's log has more than N lines with PATTERN.
 log_lines_above() { [[ $(grep -c -- "$1" "$LOG") -gt $2 ]]; }
 
-need_lab() {
-  [[ $LAB_OK -eq 1 ]] || fail "no lab (the set-up failed)" || return 1
-  t_daemon_alive || fail "the daemon is not running" || return 1
-}
-
 # copies_a_second_apart FIRST_US SECOND_US: a retransmission follows its first copy an
 # Unsolicited Report Interval (1 s) later, never in the same instant (0.9-1.5 s: a loaded test
 # machine may hold the daemon back a little).
@@ -116,34 +96,34 @@ copies_a_second_apart() { [[ $(($2 - $1)) -ge 900000 && $(($2 - $1)) -le 1500000
 # twice, a second apart, and no more; the bridge lists G1 on the router's port; G1's
 # datagrams reach up0 only after that report and flow on to h1.
 join_reported_and_forwarded() {
-  need_lab || return 1
+  t_need_setup || return 1
   up_capture_start "$T_WORK/cap-12.pcap" || fail "cannot capture in the router namespace" || return 1
-  up_udp_watch_start "$UDP_UP" || fail "cannot watch UDP on up0" || return 1
-  up_listen l1 "$LAB_H1" "$G1" "$P1" || fail "the listener on h1 did not start" || return 1
-  J1=$(up_listen_value l1 join_us)
+  flow_wire_start up0 "$LAB_UP" "$LAB_RT_PORT" || fail "cannot watch UDP on up0" || return 1
+  flow_recv_start "$LAB_H1" "$G1" "$P1" || fail "the listener on h1 did not start" || return 1
+  J1=$(us "$(flow_joined_at "$LAB_H1" "$G1")")
   if ! lab_wait_for 5 up_has_records 2 4 "$G1" - "$J1"; then
     fail "5 s after h1 joined $G1 the daemon sent $(up_count_records 4 "$G1" - "$J1") CHANGE_TO_EXCLUDE{} records for it on up0 (want 2)"
-    show_reports "$J1"
+    up_show_reports "$J1"
     return 1
   fi
   local r1 r2 first_up first_host n
   r1=$(nth_record 1 4 "$G1" - "$J1") r2=$(nth_record 2 4 "$G1" - "$J1")
   lab_wait_for 10 up_mdb_has "$G1" ||
-    fail "10 s after the report the bridge's mdb has no $G1 on $UP_PORT: [$(up_mdb | tr '\n' ';')]" || return 1
-  lab_wait_for 15 up_has_traffic l1 count_since_join 10 ||
-    fail "h1 got $(up_listen_value l1 count_since_join) datagrams for $G1 in 15 s (want 10 or more)" || return 1
-  first_up=$(up_udp_times "$UDP_UP" "$G1" | head -n 1)
-  first_host=$(up_listen_value l1 first_since_join_us)
+    fail "10 s after the report the bridge's mdb has no $G1 on $LAB_RT_PORT: [$(up_mdb | tr '\n' ';')]" || return 1
+  lab_wait_for 15 flow_has_received "$LAB_H1" "$G1" 10 ||
+    fail "h1 got $(flow_received_count "$LAB_H1" "$G1") datagrams for $G1 in 15 s (want 10 or more)" || return 1
+  first_up=$(us "$(flow_wire up0 "$G1" | head -n 1)")
+  first_host=$(us "$(flow_received "$LAB_H1" "$G1" | head -n 1)")
   [[ -n $first_up ]] || fail "h1 got datagrams but none was seen on up0" || return 1
   # With flooding off, a datagram on up0 before the report would mean the bridge forwarded G1
   # for some other reason, and the check could not tell that the report made it do so.
   [[ $first_up -ge $r1 ]] ||
-    fail "a $G1 datagram reached up0 $(up_ms "$first_up" "$r1") ms before the daemon's report: the bridge floods to $UP_PORT" || return 1
+    fail "a $G1 datagram reached up0 $(up_ms "$first_up" "$r1") ms before the daemon's report: the bridge floods to $LAB_RT_PORT" || return 1
   copies_a_second_apart "$r1" "$r2" || fail "the two CHANGE_TO_EXCLUDE{} copies are $(up_ms "$r1" "$r2") ms apart (want 1 s)" || return 1
   # A third copy would come a second after the second: give it 3.5 s to show up.
   wait_until_us $((r1 + 3500000))
   n=$(up_count_records 4 "$G1" '*' "$J1")
-  [[ $n -eq 2 ]] || { fail "the daemon sent $n CHANGE_TO_EXCLUDE records for $G1 (want robustness = 2)"; show_reports "$J1"; return 1; }
+  [[ $n -eq 2 ]] || { fail "the daemon sent $n CHANGE_TO_EXCLUDE records for $G1 (want robustness = 2)"; up_show_reports "$J1"; return 1; }
   say "road of a join: h1 joined $G1 -> CHANGE_TO_EXCLUDE{} on up0 $(up_ms "$J1" "$r1") ms (copy 2 at $(up_ms "$J1" "$r2") ms)"
   say "road of a join: h1 joined $G1 -> first datagram on up0 $(up_ms "$J1" "$first_up") ms, at h1 $(up_ms "$J1" "$first_host") ms"
   say "mdb: $(up_mdb_line "$G1")"
@@ -153,15 +133,15 @@ join_reported_and_forwarded() {
 # reports CHANGE_TO_INCLUDE{} for G1 twice; the bridge prunes G1 from the router's port and
 # G1's datagrams stop reaching up0.
 leave_reported_and_traffic_stops() {
-  need_lab || return 1
-  [[ $J1 -gt 0 && -n ${UP_PIDS[l1]:-} ]] || fail "h1 never joined $G1 (check 1 failed)" || return 1
+  t_need_setup || return 1
+  [[ $J1 -gt 0 && -n ${FLOW_RECV_PID[$LAB_H1/$G1]:-} ]] || fail "h1 never joined $G1 (check 1 failed)" || return 1
   up_mdb_has "$G1" || fail "the bridge does not list $G1 before the leave (check 1 failed)" || return 1
-  up_listen_signal l1 USR1 || fail "cannot signal the listener" || return 1
-  lab_wait_for 5 listener_left l1 || fail "the listener did not leave" || return 1
-  L1=$(up_listen_value l1 leave_us)
+  flow_recv_stop "$LAB_H1" "$G1"
+  L1=$(us "$(flow_left_at "$LAB_H1" "$G1")")
+  [[ -n $L1 ]] || fail "the listener did not leave" || return 1
   if ! lab_wait_for 10 up_has_records 2 3 "$G1" - "$L1"; then
     fail "10 s after h1 left $G1 the daemon sent $(up_count_records 3 "$G1" - "$L1") CHANGE_TO_INCLUDE{} records for it (want 2)"
-    show_reports "$L1"
+    up_show_reports "$L1"
     return 1
   fi
   local c1 c2 nq n last pruned_us wild
@@ -174,16 +154,16 @@ leave_reported_and_traffic_stops() {
     fail "10 s after the CHANGE_TO_INCLUDE{} the bridge still lists $G1: $(up_mdb_line "$G1")" || return 1
   pruned_us=$(lab_now_us)
   lab_wait_for 15 udp_quiet "$G1" 2 ||
-    fail "$G1 datagrams still reach up0 15 s after the bridge pruned it (last at $(up_udp_times "$UDP_UP" "$G1" | tail -n 1))" || return 1
+    fail "$G1 datagrams still reach up0 15 s after the bridge pruned it (last at $(flow_wire up0 "$G1" | tail -n 1))" || return 1
   wait_until_us $((c1 + 3500000))
   n=$(up_count_records 3 "$G1" '*' "$L1")
-  [[ $n -eq 2 ]] || { fail "the daemon sent $n CHANGE_TO_INCLUDE records for $G1 (want 2)"; show_reports "$L1"; return 1; }
+  [[ $n -eq 2 ]] || { fail "the daemon sent $n CHANGE_TO_INCLUDE records for $G1 (want 2)"; up_show_reports "$L1"; return 1; }
   n=$(up_count_records 4 "$G1" '*' "$J1")
   [[ $n -eq 2 ]] || fail "$n CHANGE_TO_EXCLUDE records for $G1 between the join and now (want the 2 of the join)" || return 1
   # The daemon's whole-group mark (::) never goes upstream as a source, whatever its timer did.
   wild=$(up_daemon_reports | awk -v t="$L1" '$1 >= t' | tr ' ' '\n' | grep -E "^[1-6]/$G1/(.*,)?::(,|$)" | sort | uniq -c | awk '{ printf "%s%s copies of %s", (NR > 1 ? "; " : ""), $1, $2 }')
   [[ -z $wild ]] || fail "after the leave the daemon reported the unspecified address :: as a source of $G1 upstream: $wild" || return 1
-  last=$(up_udp_times "$UDP_UP" "$G1" | tail -n 1)
+  last=$(us "$(flow_wire up0 "$G1" | tail -n 1)")
   say "road of a leave: h1 left $G1 -> $nq group-specific queries on dn1 -> CHANGE_TO_INCLUDE{} on up0 $(up_ms "$L1" "$c1") ms (copy 2 at $(up_ms "$L1" "$c2") ms)"
   say "road of a leave: h1 left $G1 -> mdb entry gone by $(up_ms "$L1" "$pruned_us") ms -> last datagram on up0 $(up_ms "$L1" "$last") ms"
   up_capture_stop
@@ -191,24 +171,23 @@ leave_reported_and_traffic_stops() {
 
 # 3. The upstream querier's general query is answered within a second with current-state
 # records: MODE_IS_EXCLUDE{} for G2, which h2 listens to, and nothing EXCLUDE for G1, which
-# nobody wants any more. The query is sent with scapy from the bridge (its own periodic
+# nobody wants any more. The query is sent by tools/mldlab.py from the bridge (its own periodic
 # queries come every 125 s); an unusual Maximum Response Code marks it, and a source address
 # above the bridge's keeps the bridge the querier (the last check needs its queries). Any
 # query of the bridge's own seen meanwhile must be answered the same way.
 query_answered_with_current_state() {
-  need_lab || return 1
+  t_need_setup || return 1
   up_capture_start "$T_WORK/cap-3.pcap" || fail "cannot capture in the router namespace" || return 1
-  up_listen l2 "$LAB_H2" "$G2" "$P2" || fail "the listener on h2 did not start" || return 1
+  flow_recv_start "$LAB_H2" "$G2" "$P2" || fail "the listener on h2 did not start" || return 1
   local j2 tq tr answer q n=0 bad settled
-  j2=$(up_listen_value l2 join_us)
+  j2=$(us "$(flow_joined_at "$LAB_H2" "$G2")")
   lab_wait_for 5 up_has_records 2 4 "$G2" - "$j2" || fail "no CHANGE_TO_EXCLUDE{} for $G2 after h2 joined it" || return 1
   # The daemon's upstream state holds G2 from its report on; a query before that is answered
   # with the state before (the bridge may happen to ask then), so only later ones count.
   settled=$(nth_record 2 4 "$G2" - "$j2")
   lab_wait_for 10 up_mdb_has "$G2" || fail "the bridge does not list $G2" || return 1
   # The retransmission pass has run once the second copy is out: the next records are answers.
-  lab_exec "$LAB_UP" "$UP_PY" "$UP_DIR/upstream_query.py" --iface "$UP_BRIDGE" --mrc 1234 \
-    --src fe80::ffff:ffff:ffff:fffe >/dev/null 2>"$T_WORK/query.err" ||
+  up_query 1234 >/dev/null ||
     fail "cannot send a query from the bridge: $(tail -n 1 "$T_WORK/query.err")" || return 1
   lab_wait_for 5 marked_query_seen 1234 ||
     fail "the query from the bridge never reached up0" || return 1
@@ -218,7 +197,7 @@ query_answered_with_current_state() {
     n=$((n + 1))
     if ! lab_wait_for 3 up_has_records 1 2 "$G2" - "$tq"; then
       fail "no MODE_IS_EXCLUDE{} for $G2 within 3 s of the general query at $tq"
-      show_reports "$tq"
+      up_show_reports "$tq"
       return 1
     fi
     answer=$(up_daemon_reports | awk -v t="$tq" -v g="$G2" '$1 >= t && index($0 " ", " 2/" g "/ ") { print; exit }')
@@ -243,36 +222,36 @@ query_answered_with_current_state() {
 # drops it: the router's group-and-source-specific queries for S on dn1 go unanswered, S's timer
 # runs out and the daemon reports BLOCK_OLD_SOURCES{S} twice.
 source_specific_join_and_leave() {
-  need_lab || return 1
-  local s=$UP_SRC_ADDR j4 l4 a1 a2 b1 b2 nq n
+  t_need_setup || return 1
+  local s=$LAB_SRC_ADDR1 j4 l4 a1 a2 b1 b2 nq n
   up_capture_start "$T_WORK/cap-4.pcap" || fail "cannot capture in the router namespace" || return 1
-  up_listen l4 "$LAB_H1" "$G4" "$P4" "$s" || fail "the source-specific listener on h1 did not start" || return 1
-  j4=$(up_listen_value l4 join_us)
+  flow_recv_start "$LAB_H1" "$G4" "$P4" --source "$s" || fail "the source-specific listener on h1 did not start" || return 1
+  j4=$(us "$(flow_joined_at "$LAB_H1" "$G4")")
   if ! lab_wait_for 5 up_has_records 2 5 "$G4" "$s" "$j4"; then
     fail "5 s after h1 joined ($s, $G4) the daemon sent $(up_count_records 5 "$G4" "$s" "$j4") ALLOW_NEW_SOURCES{$s} records (want 2)"
-    show_reports "$j4"
+    up_show_reports "$j4"
     return 1
   fi
   a1=$(nth_record 1 5 "$G4" "$s" "$j4") a2=$(nth_record 2 5 "$G4" "$s" "$j4")
   copies_a_second_apart "$a1" "$a2" || fail "the two ALLOW copies are $(up_ms "$a1" "$a2") ms apart (want 1 s)" || return 1
-  if lab_wait_for 10 up_has_traffic l4; then
-    say "($s, $G4): $(up_listen_value l4 count) datagrams reached h1; mdb: $(up_mdb | awk -v g="$G4" '$2 == g' | tr '\n' ';')"
+  if lab_wait_for 10 flow_has_received "$LAB_H1" "$G4" 1; then
+    say "($s, $G4): $(flow_received_count "$LAB_H1" "$G4") datagrams reached h1; mdb: $(up_mdb | awk -v g="$G4" '$2 == g' | tr '\n' ';')"
   else
     say "($s, $G4): no datagram reached h1 within 10 s; mdb: $(up_mdb | awk -v g="$G4" '$2 == g' | tr '\n' ';')"
   fi
   wait_until_us $((a1 + 3500000))
   n=$(up_count_records 5 "$G4" '*' "$j4")
-  [[ $n -eq 2 ]] || { fail "$n ALLOW_NEW_SOURCES records for $G4 after the join (want 2)"; show_reports "$j4"; return 1; }
+  [[ $n -eq 2 ]] || { fail "$n ALLOW_NEW_SOURCES records for $G4 after the join (want 2)"; up_show_reports "$j4"; return 1; }
   for n in 2 4; do
     [[ $(up_count_records "$n" "$G4" '*' "$j4") -eq 0 ]] ||
-      fail "the daemon reported $G4 in EXCLUDE mode (record type $n) for a source-specific join" || { show_reports "$j4"; return 1; }
+      fail "the daemon reported $G4 in EXCLUDE mode (record type $n) for a source-specific join" || { up_show_reports "$j4"; return 1; }
   done
-  up_listen_signal l4 USR1 || fail "cannot signal the listener" || return 1
-  lab_wait_for 5 listener_left l4 || fail "the listener did not leave" || return 1
-  l4=$(up_listen_value l4 leave_us)
+  flow_recv_stop "$LAB_H1" "$G4"
+  l4=$(us "$(flow_left_at "$LAB_H1" "$G4")")
+  [[ -n $l4 ]] || fail "the listener did not leave" || return 1
   if ! lab_wait_for 10 up_has_records 2 6 "$G4" "$s" "$l4"; then
     fail "10 s after h1 dropped ($s, $G4) the daemon sent $(up_count_records 6 "$G4" "$s" "$l4") BLOCK_OLD_SOURCES{$s} records (want 2)"
-    show_reports "$l4"
+    up_show_reports "$l4"
     return 1
   fi
   b1=$(nth_record 1 6 "$G4" "$s" "$l4") b2=$(nth_record 2 6 "$G4" "$s" "$l4")
@@ -282,9 +261,8 @@ source_specific_join_and_leave() {
   copies_a_second_apart "$b1" "$b2" || fail "the two BLOCK copies are $(up_ms "$b1" "$b2") ms apart (want 1 s)" || return 1
   wait_until_us $((b1 + 3500000))
   n=$(up_count_records 6 "$G4" '*' "$l4")
-  [[ $n -eq 2 ]] || { fail "$n BLOCK_OLD_SOURCES records for $G4 after the leave (want 2)"; show_reports "$l4"; return 1; }
+  [[ $n -eq 2 ]] || { fail "$n BLOCK_OLD_SOURCES records for $G4 after the leave (want 2)"; up_show_reports "$l4"; return 1; }
   say "road of a source: join -> ALLOW{$s} $(up_ms "$j4" "$a1") ms; leave -> $nq queries for it on dn1 -> BLOCK{$s} $(up_ms "$l4" "$b1") ms"
-  up_stop l4
   up_capture_stop
 }
 
@@ -293,14 +271,13 @@ source_specific_join_and_leave() {
 # router's port.
 MANY_SENT=0
 thousand_groups_reach_the_mdb() {
-  need_lab || return 1
+  t_need_setup || return 1
   local t_all n first_in last_in first_out last_out
   up_capture_start "$T_WORK/cap-5.pcap" || fail "cannot capture in the router namespace" || return 1
-  lab_exec "$LAB_H1" "$UP_PY" "$UP_DIR/upstream_many.py" --iface eth0 --prefix "$MANY" --count "$N_MANY" \
-    --per-report 50 --type to_ex >/dev/null 2>"$T_WORK/many.err" || fail "cannot send the reports: $(tail -n 1 "$T_WORK/many.err")" || return 1
+  lab_send_mld_report "$LAB_H1" --per-report 50 "to_ex:$MANY*$N_MANY" 2>"$T_WORK/many.err" || fail "cannot send the reports: $(tail -n 1 "$T_WORK/many.err")" || return 1
   MANY_SENT=1
   if ! lab_wait_for 60 up_mdb_at_least "$MANY" "$N_MANY"; then
-    fail "60 s after the reports the bridge lists $(up_mdb_count_prefix "$MANY") of the $N_MANY groups on $UP_PORT"
+    fail "60 s after the reports the bridge lists $(up_mdb_count_prefix "$MANY") of the $N_MANY groups on $LAB_RT_PORT"
     return 1
   fi
   t_all=$(lab_now_us)
@@ -313,7 +290,7 @@ thousand_groups_reach_the_mdb() {
   [[ $first_in -gt 0 ]] || fail "the hand-made reports are not in the capture of dn1" || return 1
   say "$N_MANY groups: 20 reports of 50 records on dn1 within $(up_ms "$first_in" "$last_in") ms;" \
     "the daemon's CHANGE_TO_EXCLUDE{} reports on up0 from $(up_ms "$first_in" "$first_out") to $(up_ms "$first_in" "$last_out") ms;" \
-    "all $N_MANY in the bridge's mdb on $UP_PORT by $(up_ms "$first_in" "$t_all") ms (after the first report)"
+    "all $N_MANY in the bridge's mdb on $LAB_RT_PORT by $(up_ms "$first_in" "$t_all") ms (after the first report)"
   n=$(up_daemon_reports | awk -v p="4/$MANY" '{ for (i = 8; i <= NF; i++) if (index($i, p) == 1) print $i }' |
     sort | uniq -c | awk '{ c[$1]++ } END { for (k in c) printf "%s copies: %d groups; ", k, c[k] }')
   say "CHANGE_TO_EXCLUDE{} records for the $N_MANY groups on up0: $n"
@@ -324,14 +301,13 @@ thousand_groups_reach_the_mdb() {
 # 5b. The same host leaves the 1,000 groups (CHANGE_TO_INCLUDE{} records): after the router's
 # queries the daemon reports them left and the bridge empties its mdb of them.
 thousand_groups_leave_the_mdb() {
-  need_lab || return 1
+  t_need_setup || return 1
   [[ $MANY_SENT -eq 1 ]] || fail "the groups were never joined (check 5 failed)" || return 1
   local t0
   t0=$(lab_now_us)
-  lab_exec "$LAB_H1" "$UP_PY" "$UP_DIR/upstream_many.py" --iface eth0 --prefix "$MANY" --count "$N_MANY" \
-    --per-report 50 --type to_in >/dev/null 2>"$T_WORK/many.err" || fail "cannot send the reports: $(tail -n 1 "$T_WORK/many.err")" || return 1
+  lab_send_mld_report "$LAB_H1" --per-report 50 "to_in:$MANY*$N_MANY" 2>"$T_WORK/many.err" || fail "cannot send the reports: $(tail -n 1 "$T_WORK/many.err")" || return 1
   if ! lab_wait_for 60 up_mdb_at_most "$MANY" 0; then
-    fail "60 s after the leaves the bridge still lists $(up_mdb_count_prefix "$MANY") of the groups on $UP_PORT"
+    fail "60 s after the leaves the bridge still lists $(up_mdb_count_prefix "$MANY") of the groups on $LAB_RT_PORT"
     return 1
   fi
   say "$N_MANY groups left on dn1 -> none left in the bridge's mdb after $(up_ms "$t0" "$(lab_now_us)") ms"
@@ -350,11 +326,10 @@ thousand_groups_leave_the_mdb() {
 T_NEW=0 T_MIF=0
 REMADE=0
 upstream_relink_survived() {
-  need_lab || return 1
-  [[ -n ${UP_PIDS[l2]:-} ]] || fail "h2 does not listen to $G2 (check 3 failed)" || return 1
-  lab_wait_for 10 up_has_traffic l2 count_since_join 5 || fail "h2 gets no $G2 traffic before up0 goes" || return 1
+  t_need_setup || return 1
+  [[ -n ${FLOW_RECV_PID[$LAB_H2/$G2]:-} ]] || fail "h2 does not listen to $G2 (check 3 failed)" || return 1
+  lab_wait_for 10 flow_has_received "$LAB_H2" "$G2" 5 || fail "h2 gets no $G2 traffic before up0 goes" || return 1
   local n_del
-  up_udp_watch_stop
   up_capture_start "$T_WORK/cap-6.pcap" || fail "cannot capture in the router namespace" || return 1
   n_del=$(grep -c 'MRT_DEL_VIF' "$LOG")
   ip -n "$(lab_ns "$LAB_RT")" link del "$LAB_UPSTREAM" || fail "cannot delete up0" || return 1
@@ -364,7 +339,7 @@ upstream_relink_survived() {
     fail "15 s after up0 was deleted the daemon has not acted on it (no MRT_DEL_VIF line); MIFs [$(t_mif_table)]" || return 1
   t_daemon_alive || fail "the daemon ended after up0 was deleted" || return 1
   T_NEW=$(lab_now_us)
-  up_make_upstream || fail "cannot make a new up0" || return 1
+  lab_make_upstream up && up_learn_ifnames && lab_wait_ll "$LAB_RT" "$LAB_UPSTREAM" || fail "cannot make a new up0" || return 1
   REMADE=1
   lab_wait_for 30 lab_has_mif "$LAB_UPSTREAM" ||
     fail "30 s after the new up0 appeared it is no MIF; MIFs [$(t_mif_table)]" || return 1
@@ -385,11 +360,11 @@ g2_report_time() {
 # or the time is up; sets G2_REPORT_US and G2_TRAFFIC_US (0: not seen).
 G2_REPORT_US=0 G2_TRAFFIC_US=0 G2_COUNT_NEW=''
 wait_for_g2_again() {
-  [[ -n $G2_COUNT_NEW ]] || G2_COUNT_NEW=$(up_listen_value l2 count)
+  [[ -n $G2_COUNT_NEW ]] || G2_COUNT_NEW=$(flow_received_count "$LAB_H2" "$G2")
   while true; do
     [[ $G2_REPORT_US -eq 0 ]] && G2_REPORT_US=$(g2_report_time "$T_NEW") && G2_REPORT_US=${G2_REPORT_US:-0}
-    if [[ $G2_TRAFFIC_US -eq 0 ]] && up_has_traffic l2 count $((G2_COUNT_NEW + 3)); then
-      G2_TRAFFIC_US=$(up_listen_value l2 last_us)
+    if [[ $G2_TRAFFIC_US -eq 0 ]] && flow_has_received "$LAB_H2" "$G2" $((G2_COUNT_NEW + 3)); then
+      G2_TRAFFIC_US=$(us "$(flow_received "$LAB_H2" "$G2" | tail -n 1)")
     fi
     [[ $G2_REPORT_US -gt 0 && $G2_TRAFFIC_US -gt 0 ]] && return 0
     [[ $(lab_now_us) -ge $1 ]] && return 1
@@ -408,10 +383,9 @@ reported_again_on_new_upstream() {
     return 0
   fi
   # Ask as the querier would at its next turn (see above), for the check that follows.
-  lab_exec "$LAB_UP" "$UP_PY" "$UP_DIR/upstream_query.py" --iface "$UP_BRIDGE" --mrc 2345 \
-    --src fe80::ffff:ffff:ffff:fffe >/dev/null 2>"$T_WORK/query.err" || say "cannot send a query from the bridge"
+  up_query 2345 >/dev/null || say "cannot send a query from the bridge"
   fail "the daemon sent nothing for $G2 on the new up0 within 5 s of taking it up (MIF at +$(up_ms "$T_NEW" "$T_MIF") ms); it has the state (h2 still listens) but waits to be asked"
-  show_reports "$T_NEW"
+  up_show_reports "$T_NEW"
   return 1
 }
 
@@ -435,17 +409,16 @@ forwarded_again_after_upstream_returns() {
 # dump lists the new group; a host-state change prints "Group Host State for Group <addr>".
 # The reports heard on dn1 and dn2 are counted in a capture and must match the dumps.
 verbose_dumps() {
-  [[ $LAB_OK -eq 1 ]] || fail "no lab (the set-up failed)" || return 1
+  [[ $SETUP_OK == 1 ]] || fail "no lab (the set-up failed)" || return 1
   local conf=$T_WORK/mld-verbose.conf vlog=$T_WORK/daemon-verbose.log w0 off j7 summary
   local i pairs dumps heard bad
   # No traffic and no listener left from the checks before: forwarded datagrams count as the
   # router's multicast output, and start-up is over only once that is quiet.
-  up_stop_all
+  flow_stop_all
   if t_daemon_alive; then
     lab_stop_daemon TERM 10 || fail "the first daemon did not end on SIGTERM" || return 1
   fi
-  lab_write_conf "$conf"
-  sed -i 's/^VERBOSE 0$/VERBOSE 1/' "$conf"
+  lab_write_conf "$conf" VERBOSE=1
   grep -qx 'VERBOSE 1' "$conf" || fail "cannot write a VERBOSE 1 configuration" || return 1
   up_capture_start "$T_WORK/cap-7.pcap" || fail "cannot capture in the router namespace" || return 1
   lab_start_daemon -c "$conf" -l "$vlog" || fail "the daemon did not start with VERBOSE 1" || return 1
@@ -453,8 +426,8 @@ verbose_dumps() {
   # The router was quiet for 2.5 s: nothing is in flight; dumps from here on are counted.
   w0=$(lab_now_us)
   off=$(stat -c %s "$vlog")
-  up_listen l7 "$LAB_H1" "$G7" "$P7" || fail "the listener on h1 did not start" || return 1
-  j7=$(up_listen_value l7 join_us)
+  flow_recv_start "$LAB_H1" "$G7" "$P7" || fail "the listener on h1 did not start" || return 1
+  j7=$(us "$(flow_joined_at "$LAB_H1" "$G7")")
   lab_wait_for 10 up_mdb_has "$G7" || fail "the bridge does not list $G7 after h1 joined it" || return 1
   # End the window in a quiet moment: 1.5 s after a general query of the router on dn1 (the
   # hosts answer within the 1 s response interval; the next query is 4 s after it), at least
@@ -503,12 +476,9 @@ verbose_dumps() {
 # set-up and the run
 
 setup() {
-  t_need_daemon || return 1
-  up_lab_up || fail "the lab could not be built" || return 1
-  lab_start_daemon -l "$LOG" || fail "the daemon did not start" || return 1
-  lab_wait_started 40 || fail "the daemon did not finish starting up; MIFs [$(t_mif_table)]" || return 1
-  up_send_start src "$RATE" "$G1/$P1" "$G2/$P2" "$G4/$P4" "$G7/$P7"
-  LAB_OK=1
+  t_lab_up sources snoop && t_start 40 || return 1
+  flow_send_start --rate "$RATE" --hops 8 "$LAB_SRC_ADDR1,$G1,$P1" "$LAB_SRC_ADDR1,$G2,$P2" "$LAB_SRC_ADDR1,$G4,$P4" "$LAB_SRC_ADDR1,$G7,$P7"
+  SETUP_OK=1
 }
 
 START_US=$(lab_now_us)
@@ -531,11 +501,6 @@ check traffic_forwarded_again_after_upstream_returns forwarded_again_after_upstr
 up_capture_stop
 check verbose_dumps_around_messages_and_host_state_changes verbose_dumps
 
-up_stop_all
-if t_daemon_alive; then
-  lab_stop_daemon TERM 10 || say "the daemon did not end on SIGTERM"
-fi
-show_file "$LOG" 12 "daemon output"
-[[ -s $LOG && -n $(tail -c 1 "$LOG") ]] && echo # the daemon's last line may lack its newline
+t_end "$LOG"
 say "lab time: $(elapsed_ms "$START_US") ms"
 exit 0

@@ -12,7 +12,7 @@ every time is read from the same clock.
         then waits until every group is in the router's upstream reports and has a (*,G) entry
         forwarding to every reporting link. Prints one JSON object.
     probe.py storm --rt NS --pid PID --h1 NS --h2 NS --seconds S --qi QI
-        Runs storm_send.py in h1 for S seconds while watching the router's general queries on
+        Runs tools/mldlab.py storm (--mix bench) in h1 for S seconds while watching the router's general queries on
         both links, the daemon's memory and its receive drops. Prints one JSON object.
     probe.py ready --rt NS --links dn1,dn2 --start-file F
         From the time in F (written just before the daemon starts) to every link a MIF and a
@@ -32,6 +32,7 @@ import ctypes
 import ipaddress
 import json
 import os
+import re
 import select
 import socket
 import struct
@@ -40,12 +41,13 @@ import sys
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
-import mldwire  # noqa: E402
+sys.path.insert(0, os.path.dirname(HERE))
+sys.dont_write_bytecode = True  # no __pycache__ left in the work tree
+import mldlab  # noqa: E402
+from mldlab import IS_EX, TO_EX, TO_IN, membership  # noqa: E402
 
 CLONE_NEWNET = 0x40000000
 ETH_P_ALL = 0x0003
-ETH_P_IPV6 = 0x86DD
 PACKET_OUTGOING = 4
 SO_RCVBUFFORCE = 33
 SO_TIMESTAMPNS = 35  # also the type of its control message
@@ -91,8 +93,22 @@ def drain(s):
 
 
 def udp_to(frame, group):
-    ip = mldwire.ipv6_of(frame)
-    return ip is not None and ip["nh"] == 17 and ip["dst"] == group
+    d = mldlab.decode_frame(frame)
+    return d is not None and d["kind"] == "udp" and d["dst"] == group
+
+
+def report_records(frame, daemon_only=True):
+    """(type, group) of every record of an MLDv2 report; with daemon_only, only of the daemon's
+    reports (they carry a flow label; the router kernel's own reports do not)."""
+    d = mldlab.decode_frame(frame)
+    if d is None or d["kind"] != "mld" or d["type"] != 143 or (daemon_only and d["fl"] == 0):
+        return []
+    return [r[:2] for r in d["recs"]]
+
+
+def is_general_query(frame):
+    d = mldlab.decode_frame(frame)
+    return d is not None and d["kind"] == "mld" and d["type"] == 130 and d["group"] == "::"
 
 
 def udp_socket(ns, iface, port):
@@ -102,12 +118,6 @@ def udp_socket(ns, iface, port):
     s.bind(("::", port))
     s.setblocking(False)
     return s, socket.if_nametoindex(iface)
-
-
-def membership(s, ifindex, group, join):
-    mreq = socket.inet_pton(socket.AF_INET6, group) + struct.pack("@I", ifindex)
-    opt = socket.IPV6_JOIN_GROUP if join else socket.IPV6_LEAVE_GROUP
-    s.setsockopt(socket.IPPROTO_IPV6, opt, mreq)
 
 
 def first_datagram(s, timeout):
@@ -147,8 +157,8 @@ def watch_leave(wire1, wire2, up, group, t_leave, quiet):
                 last2 = t
         for t, kind, f in drain(up):
             if to_in is None and kind == PACKET_OUTGOING:
-                for rtype, g, _ in mldwire.daemon_records(f):
-                    if g == group and rtype == mldwire.TO_IN:
+                for rtype, g in report_records(f):
+                    if g == group and rtype == TO_IN:
                         to_in = t
         now = time.time()
         if to_in is not None and now - max(last1, last2) >= quiet:
@@ -160,7 +170,7 @@ def first_upstream_record(frames, group, rtypes):
     """The time of the daemon's first upstream record of one of `rtypes` for `group`."""
     for t, kind, f in frames:
         if kind == PACKET_OUTGOING:
-            for rtype, g, _ in mldwire.daemon_records(f):
+            for rtype, g in report_records(f):
                 if g == group and rtype in rtypes:
                     return t
     return None
@@ -192,10 +202,10 @@ def cmd_latency(a):
         t1 = first_datagram(r1, 5)
         # The report may come after the first datagram (an upstream that still forwards the
         # group from an earlier try): it is waited for, not missed.
-        joined = (mldwire.TO_EX, mldwire.IS_EX)
+        joined = (TO_EX, IS_EX)
         t_rep = first_upstream_record(drain(up), group, joined) or wait_upstream_record(up, group, joined, 2.5)
         t_host = next((t for t, kind, f in drain(wire1)
-                       if kind == PACKET_OUTGOING and group in mldwire.report_groups(f)), None)
+                       if kind == PACKET_OUTGOING and group in [g for _, g in report_records(f, False)]), None)
         time.sleep(0.2)
         t2 = time.time()
         membership(r2, if2, group, True)
@@ -277,7 +287,7 @@ def cmd_many(a):
     for i, ns in enumerate(hosts):
         s = packet_socket(ns, "eth0", big=False)
         src = "fe80::be:%x" % (i + 1)  # the reporting host, as the router records its member
-        senders.append((s, mldwire.reports(s.getsockname()[4], src, groups, mldwire.TO_EX)))
+        senders.append((s, mldlab.reports(s.getsockname()[4], src, groups, TO_EX)))
     drops0 = raw_drops(a.pid)
     drain(up)
     t0 = time.time()
@@ -290,10 +300,10 @@ def cmd_many(a):
     while time.time() < t0 + a.timeout and (t_up is None or t_fwd is None):
         select.select([up], [], [], 0.01)
         for t, kind, f in drain(up):
-            recs = mldwire.daemon_records(f) if kind == PACKET_OUTGOING else []
+            recs = report_records(f) if kind == PACKET_OUTGOING else []
             n_reports += 1 if recs else 0
-            for rtype, g, _ in recs:
-                if rtype in (mldwire.TO_EX, mldwire.IS_EX) and g in want:
+            for rtype, g in recs:
+                if rtype in (TO_EX, IS_EX) and g in want:
                     seen.add(g)
             if t_up is None and len(seen) == len(want):
                 t_up = t
@@ -319,7 +329,7 @@ def queries_on(frames, ifname=None):
     """Times of the router's general queries among captured frames (on `ifname` only, for a
     socket that sees every interface)."""
     return [t for t, kind, f, name in frames
-            if kind == PACKET_OUTGOING and (ifname is None or name == ifname) and mldwire.is_general_query(f)]
+            if kind == PACKET_OUTGOING and (ifname is None or name == ifname) and is_general_query(f)]
 
 
 def drain_named(s):
@@ -366,7 +376,7 @@ def cmd_ready(a):
     while time.time() < deadline and (t_mifs is None or len(second) < len(links)):
         select.select([s], [], [], 0.005)
         for t, kind, f, name in drain_named(s):
-            if kind == PACKET_OUTGOING and name in links and mldwire.is_general_query(f):
+            if kind == PACKET_OUTGOING and name in links and is_general_query(f):
                 (second if name in first else first).setdefault(name, t)
         if t_mifs is None and set(mif_indexes("self")) >= set(links) | {"up0"}:
             t_mifs = time.time()
@@ -412,7 +422,7 @@ def cmd_churn(a):
         drain(up)
         t0 = time.time()
         membership(r1, if1, group, True)
-        t = wait_upstream_record(up, group, (mldwire.TO_EX, mldwire.IS_EX), 5)
+        t = wait_upstream_record(up, group, (TO_EX, IS_EX), 5)
         if t is None:
             res["failures"] += 1
         else:
@@ -441,7 +451,7 @@ def cmd_stats(a):
 
 
 def general_queries(frames):
-    return [t for t, kind, f in frames if kind != PACKET_OUTGOING and mldwire.is_general_query(f)]
+    return [t for t, kind, f in frames if kind != PACKET_OUTGOING and is_general_query(f)]
 
 
 def cmd_storm(a):
@@ -449,8 +459,8 @@ def cmd_storm(a):
     q2 = packet_socket(a.h2, "eth0")
     times = {"dn1": [], "dn2": []}
     before = proc_stats(a.pid)
-    sender = subprocess.Popen(["ip", "netns", "exec", a.h1, sys.executable,
-                               os.path.join(HERE, "storm_send.py"), "--iface", "eth0",
+    sender = subprocess.Popen(["ip", "netns", "exec", a.h1, sys.executable, mldlab.__file__, "storm", "--iface", "eth0",
+                               "--mix", "bench", "--seed", "1", "--frames", "4000",
                                "--seconds", str(a.seconds), "--rate", str(a.rate)],
                               stdout=subprocess.PIPE, text=True)
     rss_max, alive = 0, True
@@ -464,7 +474,10 @@ def cmd_storm(a):
         except (FileNotFoundError, ProcessLookupError):
             alive = False
     t1 = time.time()
-    sent = json.loads(sender.stdout.read() or "{}")
+    m = re.search(r"^SENT (\d+) FRAMES .* RATE (\d+)/s ERRORS (\d+)", sender.stdout.read(), re.M)
+    n = int(m.group(1)) if m else 0
+    sent = {"reports": n, "valid": (n + 1) // 2, "malformed": n // 2, "send_errors": int(m.group(3)),
+            "rate": int(m.group(2))} if m else {}
     try:
         after = proc_stats(a.pid)
     except (FileNotFoundError, ProcessLookupError):
