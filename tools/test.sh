@@ -67,7 +67,7 @@ PACKAGES=(
   g++-mips-linux-gnu libc6-dev-mips-cross binutils-mips-linux-gnu qemu-user  # MIPS
   g++-mipsel-linux-gnu libc6-dev-mipsel-cross binutils-mipsel-linux-gnu     # little-endian MIPS
   musl musl-dev linux-libc-dev                                         # musl
-  iproute2 tcpdump python3-scapy strace util-linux procps iputils-ping man-db  # the lab
+  iproute2 tcpdump strace util-linux procps iputils-ping man-db  # the lab
   systemd                                                              # systemd-analyze (install)
 )
 
