@@ -237,7 +237,6 @@ void retransmit_due(Router* r, uint64_t now_ms) {
     while ((p = first_retransmission()) && p->due_ms <= now_ms) {
         ForwardingEntry* e = p->entry;
         forget_retransmission(p);
-        forget_changed(e);
         clean_host_state(r, e);
         if (state_change_pending(e)) {
             queue_retransmission(p, now_ms + kUnsolicitedReportIntervalMs);
