@@ -24,15 +24,6 @@ bool in_record(const uint8_t* rec_srcs, uint32_t nsrc, const uint8_t* addr) {
     return false;
 }
 
-bool in_result(const SourceSet* result, const uint8_t* addr) {
-    for (uint32_t i = 0; i < result->n; i++) {
-        if (same_address(result->entries[i].address, addr)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 // Appends an entry and links it behind the one before; false when the result is full, after
 // the limit's line. Every field is written, so nothing of an earlier result shows through.
 bool put_result(SourceSet* result, const uint8_t* addr, int32_t timer) {
@@ -63,29 +54,28 @@ uint32_t subtract_lists(SourceSet* result, const Source* a, const Source* b) {
     return result->n;
 }
 
-uint32_t subtract_record(SourceSet* result, const Source* list, const uint8_t* rec_srcs,
-                         uint32_t nsrc, int mode) {
+uint32_t record_minus_list(SourceSet* result, const Source* list, const uint8_t* rec_srcs,
+                           uint32_t nsrc) {
     result->n = 0;
-    if (mode == 0) {
-        for (uint32_t i = 0; i < nsrc; i++) {
-            const uint8_t* addr = rec_srcs + kAddrLen * i;
-            if (!list_has(list, addr) && !put_result(result, addr, 0)) {
-                break;
-            }
+    for (uint32_t i = 0; i < nsrc; i++) {
+        const uint8_t* addr = rec_srcs + kAddrLen * i;
+        if (!list_has(list, addr) && !put_result(result, addr, 0)) {
+            break;
         }
-        return result->n;
     }
-    if (mode == 1) {
-        for (; list; list = list->next) {
-            if (!in_record(rec_srcs, nsrc, list->address) &&
-                !put_result(result, list->address, list->timer)) {
-                break;
-            }
+    return result->n;
+}
+
+uint32_t list_minus_record(SourceSet* result, const Source* list, const uint8_t* rec_srcs,
+                           uint32_t nsrc) {
+    result->n = 0;
+    for (; list; list = list->next) {
+        if (!in_record(rec_srcs, nsrc, list->address) &&
+            !put_result(result, list->address, list->timer)) {
+            break;
         }
-        return result->n;
     }
-    log_message("\n FATAL: Invalid mode type passed\n");
-    return 0;
+    return result->n;
 }
 
 uint32_t intersect_with_record(SourceSet* result, const Source* list, const uint8_t* rec_srcs,
@@ -95,18 +85,6 @@ uint32_t intersect_with_record(SourceSet* result, const Source* list, const uint
         if (in_record(rec_srcs, nsrc, list->address) &&
             !put_result(result, list->address, list->timer)) {
             break;
-        }
-    }
-    return result->n;
-}
-
-uint32_t unite_lists(SourceSet* result, const Source* a, const Source* b) {
-    result->n = 0;
-    for (int pass = 0; pass < 2; pass++) {
-        for (const Source* s = pass == 0 ? a : b; s; s = s->next) {
-            if (!in_result(result, s->address) && !put_result(result, s->address, s->timer)) {
-                return result->n;
-            }
         }
     }
     return result->n;

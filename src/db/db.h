@@ -264,12 +264,14 @@ inline const Source* set_list(const SourceSet* res) {
 
 // Each returns the number of entries of its result; a timer not taken from a list is 0.
 uint32_t subtract_lists(SourceSet* result, const Source* a, const Source* b);
-// Mode 0: record addresses not in `list`; mode 1: entries of `list` not in the record.
-uint32_t subtract_record(SourceSet* result, const Source* list, const uint8_t* rec_srcs,
-                         uint32_t nsrc, int mode);
+// The addresses of the record that `list` does not hold.
+uint32_t record_minus_list(SourceSet* result, const Source* list, const uint8_t* rec_srcs,
+                           uint32_t nsrc);
+// The entries of `list` that the record does not name, with their timers.
+uint32_t list_minus_record(SourceSet* result, const Source* list, const uint8_t* rec_srcs,
+                           uint32_t nsrc);
 uint32_t intersect_with_record(SourceSet* result, const Source* list, const uint8_t* rec_srcs,
                                uint32_t nsrc);
-uint32_t unite_lists(SourceSet* result, const Source* a, const Source* b);
 int intersect_in_place(Source** a, const Source* b);
 bool intersect_group_list_with_record(Router* r, Group* g, ListKind kind, const uint8_t* rec_srcs,
                                       uint32_t nsrc, Link* ifp);

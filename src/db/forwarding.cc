@@ -76,9 +76,6 @@ bool remove_forwarding(Router* r, Group* g, const uint8_t* src, Link* ifp, uint8
     if (gone) {
         delete_forwarding_record(g, src);
     }
-    if (is_unspecified(src)) {
-        r->del_mifi = ifp->mifi;
-    }
     sync_kernel_forwarding(r, g->entry, src, gone);
     return true;
 }

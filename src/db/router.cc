@@ -31,7 +31,6 @@ void reset_router(Router* r) {
     r->last_listener_query_interval = 0;
     r->last_listener_query_count = 0;
     r->verbose = 0;
-    r->del_mifi = 0;
     std::memset(r->upstream_addr, 0, sizeof r->upstream_addr);
     std::memset(r->upstream_ifname, 0, sizeof r->upstream_ifname);
     std::memset(r->downstream_ifnames, 0, sizeof r->downstream_ifnames);

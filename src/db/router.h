@@ -60,7 +60,6 @@ struct Router {
     uint32_t last_listener_query_interval;
     uint32_t last_listener_query_count;
     uint32_t verbose;
-    uint32_t del_mifi;
     uint8_t upstream_addr[16];
     char upstream_ifname[kIfnameLen + 1];  // always terminated
     // The links chosen as downstream; none named means every multicast link is one.

@@ -20,8 +20,8 @@ void isex_on_include(Router* r, Group* g, const uint8_t* rec, Link* ifp) {
     uint32_t nb = record_source_count(rec);
     SourceSet both, added, gone;
     intersect_with_record(&both, g->include_list, b, nb);
-    subtract_record(&added, g->include_list, b, nb, 0);
-    subtract_record(&gone, g->include_list, b, nb, 1);
+    record_minus_list(&added, g->include_list, b, nb);
+    list_minus_record(&gone, g->include_list, b, nb);
     if (empty_group_list(r, g, g->entry, ListKind::Include, ifp) != 0) {
         log_message("\n Couldnt empty include list\n");
         return;
@@ -40,16 +40,16 @@ void isex_on_exclude(Router* r, Group* g, const uint8_t* rec, Link* ifp) {
     uint32_t nb = record_source_count(rec);
     int32_t gmi = static_cast<int32_t>(group_membership_interval(r));
     SourceSet wanted, fresh, dropped, unexcluded;
-    subtract_record(&wanted, g->excluded_list, b, nb, 0);
+    record_minus_list(&wanted, g->excluded_list, b, nb);
     take_requested_timers(g, &wanted);
     subtract_lists(&fresh, set_list(&wanted), g->requested_list);
-    subtract_record(&dropped, g->requested_list, b, nb, 1);
+    list_minus_record(&dropped, g->requested_list, b, nb);
     if (empty_group_list(r, g, g->entry, ListKind::Requested, ifp) != 0) {
         log_message("\n Couldnt rmpty req list\n");
         return;
     }
     add_set_sources(r, g, ListKind::Requested, &wanted, ifp);
-    subtract_record(&unexcluded, g->excluded_list, b, nb, 1);
+    list_minus_record(&unexcluded, g->excluded_list, b, nb);
     intersect_group_list_with_record(r, g, ListKind::Excluded, b, nb, ifp);
     set_requested_timers(g, &fresh, gmi);
     remove_from_requested_and_excluded(r, g, &dropped, ifp);

@@ -17,7 +17,7 @@ namespace {
 // INCLUDE (A) + TO_IN(B) -> INCLUDE(A+B), Q(G, A-B).
 void toin_on_include(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
     SourceSet left;
-    subtract_record(&left, g->include_list, record_sources(rec), record_source_count(rec), 1);
+    list_minus_record(&left, g->include_list, record_sources(rec), record_source_count(rec));
     add_record_sources(r, g, ListKind::Include, rec,
                        static_cast<int32_t>(group_membership_interval(r)), ifp);
     query_result(r, ifp, g, &left);
@@ -28,7 +28,7 @@ void toin_on_exclude(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
     const uint8_t* b = record_sources(rec);
     uint32_t nb = record_source_count(rec);
     SourceSet left;
-    subtract_record(&left, g->requested_list, b, nb, 1);
+    list_minus_record(&left, g->requested_list, b, nb);
     add_record_sources(r, g, ListKind::Requested, rec,
                        static_cast<int32_t>(group_membership_interval(r)), ifp);
     for (uint32_t i = 0; i < nb; i++) {
@@ -49,8 +49,8 @@ void toex_on_include(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
     uint32_t nb = record_source_count(rec);
     SourceSet both, added, gone;
     intersect_with_record(&both, g->include_list, b, nb);
-    subtract_record(&added, g->include_list, b, nb, 0);
-    subtract_record(&gone, g->include_list, b, nb, 1);
+    record_minus_list(&added, g->include_list, b, nb);
+    list_minus_record(&gone, g->include_list, b, nb);
     if (empty_group_list(r, g, g->entry, ListKind::Include, ifp) != 0) {
         log_message("\n Couldnt empty include list\n");
         return;
@@ -68,17 +68,17 @@ void toex_on_exclude(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
     const uint8_t* b = record_sources(rec);
     uint32_t nb = record_source_count(rec);
     SourceSet wanted, fresh, dropped, unexcluded;
-    subtract_record(&wanted, g->excluded_list, b, nb, 0);
+    record_minus_list(&wanted, g->excluded_list, b, nb);
     take_requested_timers(g, &wanted);
     subtract_lists(&fresh, set_list(&wanted), g->requested_list);
-    subtract_record(&dropped, g->requested_list, b, nb, 1);
+    list_minus_record(&dropped, g->requested_list, b, nb);
     if (empty_group_list(r, g, g->entry, ListKind::Requested, ifp) != 0) {
         log_message("\n Couldnt empty req list\n");
         return;
     }
     add_set_sources(r, g, ListKind::Requested, &wanted, ifp);
     query_result(r, ifp, g, &wanted);
-    subtract_record(&unexcluded, g->excluded_list, b, nb, 1);
+    list_minus_record(&unexcluded, g->excluded_list, b, nb);
     intersect_group_list_with_record(r, g, ListKind::Excluded, b, nb, ifp);
     remove_from_requested_and_excluded(r, g, &unexcluded, ifp);
     remove_from_requested_and_excluded(r, g, &dropped, ifp);

@@ -43,7 +43,7 @@ void block_on_include(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
 // the sources of X*B keep their timers.
 void block_on_exclude(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
     SourceSet blocked, fresh;
-    subtract_record(&blocked, g->excluded_list, record_sources(rec), record_source_count(rec), 0);
+    record_minus_list(&blocked, g->excluded_list, record_sources(rec), record_source_count(rec));
     take_requested_timers(g, &blocked);
     subtract_lists(&fresh, set_list(&blocked), g->requested_list);
     add_set_sources(r, g, ListKind::Requested, &blocked, ifp);
