@@ -194,7 +194,7 @@ unsigned take_startup_actions(Router* r) {
     unsigned result = 1;
     for (Link* ifp = r->interfaces; ifp; ifp = ifp->next) {
         if (ifp->is_upstream) {
-            ifp->started = 1;
+            ifp->started = true;
             continue;
         }
         // New interfaces sit at the head of the list, so the first started one ends the walk.
@@ -202,8 +202,8 @@ unsigned take_startup_actions(Router* r) {
             return 4;
         }
         start_announcing(r, ifp);
-        ifp->started = 1;
-        if (ifp->querier == 1) {
+        ifp->started = true;
+        if (ifp->querier) {
             result = static_cast<unsigned>(send_general_query(r, ifp));
         }
     }

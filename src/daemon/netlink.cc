@@ -110,7 +110,7 @@ void handle_one_message(Router* r, const nlmsghdr* hdr, const uint8_t* msg) {
             break;
         case RTM_NEWADDR:
         case RTM_DELADDR:
-            handle_address_message(hdr->nlmsg_type != RTM_DELADDR, msg, hdr->nlmsg_len, r);
+            handle_address_message(msg, hdr->nlmsg_len, r);
             break;
         default:
             break;
@@ -210,7 +210,7 @@ void parse_attributes(const rtattr** tb, int max, const rtattr* rta, uint32_t le
     }
 }
 
-void handle_link_message(int is_new, const uint8_t* msg, uint32_t len, Router* r) {
+void handle_link_message(bool is_new, const uint8_t* msg, uint32_t len, Router* r) {
     if (len < kNlHdrLen + kIfInfoLen) {
         return;
     }
@@ -251,7 +251,7 @@ void handle_link_message(int is_new, const uint8_t* msg, uint32_t len, Router* r
     }
 }
 
-void handle_address_message(int, const uint8_t* msg, uint32_t len, Router* r) {
+void handle_address_message(const uint8_t* msg, uint32_t len, Router* r) {
     if (len < kNlHdrLen + kIfAddrLen) {
         return;
     }
@@ -319,7 +319,7 @@ bool refresh_known_link(Router* r, const SystemLink* entry) {
         return false;
     }
     bool upstream_name = std::strcmp(entry->name, r->upstream_ifname) == 0;
-    if ((ifp->is_upstream == 1) != upstream_name) {
+    if (ifp->is_upstream != upstream_name) {
         handle_link_down(r, entry);
         return false;
     }

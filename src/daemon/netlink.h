@@ -25,8 +25,9 @@ int start_netlink(Router* r);
 // dump; lost notifications (ENOBUFS) ask for both dumps again. False when nothing was waiting.
 bool handle_link(Router* r);
 
-void handle_link_message(int is_new, const uint8_t* msg, uint32_t len, Router* r);
-void handle_address_message(int is_new, const uint8_t* msg, uint32_t len, Router* r);
+void handle_link_message(bool is_new, const uint8_t* msg, uint32_t len, Router* r);
+// New and deleted addresses alike: the table keeps what the kernel says the link has now.
+void handle_address_message(const uint8_t* msg, uint32_t len, Router* r);
 // Standard rtattr walk over `len` bytes at `rta`, keeping types up to `max` in tb[0..max].
 void parse_attributes(const rtattr** tb, int max, const rtattr* rta, uint32_t len);
 

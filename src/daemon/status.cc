@@ -114,7 +114,7 @@ void table_links(Router* r, Text* t, uint64_t now) {
         long next = next_query_s(ifp, now);
         text_add(t, "  %-16s %7u %4u %-10s  v%d %-7s ", ifp->name, ifp->ifindex, ifp->mifi,
                  ifp->is_upstream ? "upstream" : "downstream", ifp->mld_version,
-                 ifp->querier == 1 ? "yes" : "no");
+                 ifp->querier ? "yes" : "no");
         text_add(t, next < 0 ? "-\n" : "%ld s\n", next);
     }
 }
@@ -223,7 +223,7 @@ void json_link(Text* t, const Link* ifp, uint64_t now) {
              "{\"name\":\"%s\",\"ifindex\":%u,\"mif\":%u,\"upstream\":%s,\"version\":%d,"
              "\"querier\":%s,\"next_query\":%ld,\"groups\":[",
              ifp->name, ifp->ifindex, ifp->mifi, ifp->is_upstream ? "true" : "false",
-             ifp->mld_version, ifp->querier == 1 ? "true" : "false", next_query_s(ifp, now));
+             ifp->mld_version, ifp->querier ? "true" : "false", next_query_s(ifp, now));
     const char* sep = "";
     for (const Group* g = ifp->groups; g; g = g->next) {
         text_add(t, "%s{\"group\":\"%s\",\"mode\":\"%s\",\"filter_timer\":%d,", sep,

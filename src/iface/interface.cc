@@ -84,11 +84,11 @@ bool set_interface_options(Link* ifp) {
 void fill_record(Link* ifp, const LinkDesc* desc, uint16_t mifi, const LinkSettings& s) {
     copy_ifname(ifp->name, desc->name);
     if (s.upstream) {
-        ifp->is_upstream = 1;
-        ifp->querier = 0;
+        ifp->is_upstream = true;
+        ifp->querier = false;
     } else {
-        ifp->is_upstream = 0;
-        ifp->querier = 1;
+        ifp->is_upstream = false;
+        ifp->querier = true;
     }
     ifp->ifindex = desc->ifindex;
     ifp->query_interval = s.query_interval;

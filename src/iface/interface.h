@@ -27,10 +27,10 @@ struct Link {
     char name[kIfnameLen + 1];  // always terminated
     uint16_t mifi;
     uint32_t ifindex;
-    int32_t is_upstream;
+    bool is_upstream;
     int32_t sock;
     int32_t mld_version;  // 1 or 2: the last query heard on the link decides
-    int32_t querier;
+    bool querier;
     uint32_t query_interval;
     uint64_t query_due_ms;  // the next general query (monotonic milliseconds)
     uint32_t query_response_interval;
@@ -41,7 +41,7 @@ struct Link {
     AddressIndex<Group> group_index;  // beside groups
     Link* next;
     Link** pprev;
-    int32_t started;
+    bool started;
     uint8_t* buf;
     uint32_t buf_size;
     LinkCounters counters;

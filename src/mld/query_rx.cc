@@ -64,7 +64,7 @@ bool unheard_on_v1(const Link* ifp, const HostState* hs) {
 
 int handle_query(Router* r, Link* ifp, const uint8_t* src, const uint8_t* msg, uint32_t len) {
     (void)src;
-    if (ifp->is_upstream != 1) {
+    if (!ifp->is_upstream) {
         return 0;
     }
     const uint8_t* grp = msg + 8;

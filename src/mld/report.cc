@@ -30,7 +30,7 @@ constexpr uint32_t kReportRecordsOffset = 8;
 // Timeout (RFC 3810 sections 8.3.2 and 9.12; as long as the group membership interval).
 int handle_v1(Router* r, Link* ifp, const uint8_t* src, const uint8_t* msg, RecordType rec_type) {
     const uint8_t* grp = msg + 8;
-    if (ifp->is_upstream == 1 || grp[0] < 0xff) {
+    if (ifp->is_upstream || grp[0] < 0xff) {
         return 0;
     }
     uint8_t rec[kRecordHeaderLen] = {};
@@ -53,7 +53,7 @@ int handle_v1(Router* r, Link* ifp, const uint8_t* src, const uint8_t* msg, Reco
 // the walk ends at the first one that does not. A count that claims more records than arrived
 // is believed only as far as the bytes go.
 int handle_v2_report(Router* r, Link* ifp, const uint8_t* src, const uint8_t* msg, uint32_t len) {
-    if (ifp->is_upstream == 1) {
+    if (ifp->is_upstream) {
         return 0;
     }
     Cursor c{msg, len};

@@ -203,7 +203,7 @@ int send_query(Router* r, Link* ifp, const QueryParams* q) {
 }
 
 uint64_t general_query_due(const Link* ifp) {
-    return ifp->querier == 1 && ifp->started ? ifp->query_due_ms : kNever;
+    return ifp->querier && ifp->started ? ifp->query_due_ms : kNever;
 }
 
 int send_general_query(Router* r, Link* ifp) {

@@ -316,7 +316,7 @@ TEST_F(NetlinkTest, UpstreamActivatesTheRouterAndDeletedLinksLoseTheirMif) {
     int eth1_sock = eth1->sock;
     EXPECT_EQ(router.upstream, nullptr);
     EXPECT_EQ(router.active, 0);
-    eth1->started = 1;
+    eth1->started = true;
     eth1->query_due_ms = fake::monotonic_now_ms() + 60000;
     feed(cat({link(RTM_NEWLINK, 2, kUpMc, "up0"), ll_addr(2, "fe80::2")}));
     Link* up = find_link_by_name(router.interfaces, "up0");

@@ -75,7 +75,7 @@ class StatusTest : public UpstreamTest {
         make_group(eth3, grp(3), exclude({}, {{2, 0}}, 200), host);
         tick();
         tick();
-        eth1->started = 1;
+        eth1->started = true;
         eth1->query_due_ms = fake::monotonic_now_ms() + 3500;
         eth1->counters = {4, 1, 2, 3};
         router.counters = {5, 6, 7, 8};
