@@ -1,6 +1,6 @@
-// What the unit tests share: a router record torn down after each test (so that leak checkers
-// see nothing), addresses, group states built through the database's own operations, records
-// as they arrive, and what the daemon sent (queries, reports, kernel entries) as comparable text.
+// What the unit tests share: a router torn down after each test (leak checkers see nothing),
+// addresses, group states built through the database's own operations, messages as they
+// arrive, and what the daemon sent (queries, reports, kernel entries) as comparable text.
 #ifndef MLDPROXYD_TESTS_TEST_SUPPORT_H
 #define MLDPROXYD_TESTS_TEST_SUPPORT_H
 
@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -41,19 +42,16 @@ std::vector<T> operator+(std::vector<T> a, const std::vector<T>& b) {
     return a;
 }
 inline std::vector<int> upto(int first, int last) {
-    std::vector<int> v;
-    for (int n = first; n <= last; n++) {
-        v.push_back(n);
-    }
+    std::vector<int> v(static_cast<size_t>(last - first + 1));
+    std::iota(v.begin(), v.end(), first);
     return v;
 }
 inline std::vector<int> reversed(std::vector<int> v) {
     std::reverse(v.begin(), v.end());
     return v;
 }
-constexpr uint8_t code(RecordType type) {
-    return static_cast<uint8_t>(type);
-}
+// Record types as they are on the wire (RFC 3810 section 5.2.12).
+constexpr uint8_t IS_IN = 1, IS_EX = 2, TO_IN = 3, TO_EX = 4, ALLOW = 5, BLOCK = 6;
 
 // An IPv6 address from its text form (the test fails on a typo), and back.
 inline addr6 ip6(const char* text) {
@@ -96,8 +94,7 @@ inline Link* make_link(const char* name, uint32_t ifindex, uint16_t mifi) {
     return ifp;
 }
 
-// What `f` writes on standard output, with the once-a-second hold of repeated messages
-// forgotten, so that a case sees every message it causes (log_test.cc tests the hold itself).
+// What `f` prints, the once-a-second hold of repeated messages forgotten (log_test.cc tests it).
 inline std::string stdout_of(const std::function<void()>& f) {
     log_reset();
     testing::internal::CaptureStdout();
@@ -105,8 +102,7 @@ inline std::string stdout_of(const std::function<void()>& f) {
     return testing::internal::GetCapturedStdout();
 }
 
-// The 12 bytes of a mif6ctl for MIF `mifi` on interface `pifi`: flags, threshold and rate
-// limit 0, fields in host order.
+// The 12 bytes of a mif6ctl for MIF `mifi` on interface `pifi` (host order, the rest 0).
 inline bytes mif_bytes(uint16_t mifi, uint16_t pifi) {
     bytes v(12, 0);
     std::memcpy(&v[0], &mifi, 2);
@@ -148,7 +144,7 @@ inline texts mfc_calls() {
     return out;
 }
 
-// Forgets the kernel calls and transmissions made so far (by the set-up of a test).
+// Forgets the kernel calls and transmissions of the set-up.
 inline void forget_kernel_calls() {
     fake::kernel().sockopts.clear();
     fake::kernel().sent_msgs.clear();
@@ -231,9 +227,9 @@ inline std::string describe(const Group* g) {
     return describe(st);
 }
 
-// Builds `st` for group `g` on the link as reports from `host` would have: the join sequence,
-// the link's any-source mark in EXCLUDE mode, every source through the forwarding-aware list
-// operations (so the MIF marks and kernel entries are those of real traffic), mode and timer.
+// Builds `st` for group `g` on the link as reports from `host` would: the join, the any-source
+// mark in EXCLUDE mode, every source through the forwarding-aware list operations (so the MIF
+// marks and kernel entries are those of real traffic), mode and timer.
 inline Group* make_group(Link* ifp, const addr6& g, const group_state& st, const addr6& host) {
     Group* rec = st.exists ? join_group(&router, ifp, host.data(), g.data(), false) : nullptr;
     if (!rec) {
@@ -268,6 +264,20 @@ inline bytes record(uint8_t type, const addr6& g, const std::vector<int>& srcs) 
         std::memcpy(&r[kMcastRecHdrLen + kAddrLen * i], src(srcs[i]).data(), 16);
     }
     return r;
+}
+// An MLDv2 report of these records; a 24-byte MLDv1 message of `type` for `g`.
+inline bytes v2_report(const std::vector<bytes>& records) {
+    bytes m = {kTypeV2Report, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(records.size())};
+    for (const bytes& r : records) {
+        m = m + r;
+    }
+    return m;
+}
+inline bytes v1_message(uint8_t type, const addr6& g) {
+    bytes m(kQueryV1Len, 0);
+    m[0] = type;
+    std::memcpy(&m[8], g.data(), 16);
+    return m;
 }
 // An MLDv2 query for `g` (:: for a general query) listing `srcs`, with Number of Sources
 // `claimed` (the real count when negative): MRC 10000, QRV 2, QQIC 125.
@@ -395,6 +405,11 @@ inline void hear(Link* ifp, const bytes& msg, int len = -1, const addr6& from = 
     handle_mld_message(&router, ifp, router.buf, from.data(),
                        len < 0 ? static_cast<int>(msg.size()) : len);
 }
+// A report from `from` of one record of `type` (a record type, or an MLDv1 report or done).
+inline void hear_record(Link* ifp, const addr6& from, uint8_t type, const addr6& g,
+                        const std::vector<int>& srcs = {}) {
+    hear(ifp, type > BLOCK ? v1_message(type, g) : v2_report({record(type, g, srcs)}), -1, from);
+}
 
 // A fresh router: robustness 2, query interval 125 s, query response interval 10 s (GMI 260),
 // no links yet.
@@ -430,7 +445,7 @@ class ListenerTest : public RouterTest {
     virtual void start() {
         router.last_listener_query_interval = 1;
         router.last_listener_query_count = 2;
-        up = make_link("up0", 10, 0);
+        up = make_link("up0", 10, up_mif);
         router.upstream = up;
         router.active = 1;
         eth1 = make_link("eth1", 11, 1);
@@ -439,6 +454,7 @@ class ListenerTest : public RouterTest {
     Group* group(Link* ifp, const addr6& g) { return find_group(ifp, g.data()); }
     ForwardingEntry* entry(const addr6& g) { return find_forwarding_entry(&router, g.data()); }
 
+    uint16_t up_mif = 0;
     Link* up = nullptr;
     Link* eth1 = nullptr;
     const addr6 host = ip6("fe80::100:1");       // the member that reports

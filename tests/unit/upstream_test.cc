@@ -68,18 +68,11 @@ TEST_F(UpstreamReportTest, LinkScopeGroupsAreNeverProxied) {
         {"ff3e:40:2001:db8::1", true},
     };
     for (const auto& [name, proxied] : rows) {
-        for (uint8_t type : {kTypeV2Report, kTypeV1Report}) {
-            SCOPED_TRACE(std::string(name) + (type == kTypeV1Report ? " v1" : " v2"));
+        for (uint8_t type : {TO_EX, kTypeV1Report}) {
+            SCOPED_TRACE(std::string(name) + (type == TO_EX ? " v2" : " v1"));
             restart();
             const addr6 g = ip6(name);
-            bytes msg(kQueryV1Len);
-            msg[0] = type;
-            std::memcpy(&msg[8], g.data(), 16);
-            if (type == kTypeV2Report) {
-                msg = bytes{kTypeV2Report, 0, 0, 0, 0, 0, 0, 1} +
-                      record(code(RecordType::ChangeToExclude), g, {});
-            }
-            EXPECT_EQ(stdout_of([&] { hear(eth1, msg, -1, host); }), "");
+            EXPECT_EQ(stdout_of([&] { hear_record(eth1, host, type, g); }), "");
             const texts sent = tick();
             EXPECT_EQ(group(eth1, g) != nullptr, proxied);
             EXPECT_EQ(entry(g) != nullptr, proxied);
