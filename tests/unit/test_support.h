@@ -296,12 +296,15 @@ inline bytes v2_query(const addr6& g, const std::vector<int>& srcs, int claimed 
 }
 
 // The expected text of a query for group `g` with sources `srcs`, sent to the group itself.
-inline std::string query(const addr6& g, const std::vector<int>& srcs) {
-    std::string s = "Q(" + ip6_text(g.data()) + " {";
+inline std::string names(const std::vector<int>& srcs) {  // "{S1 S2}"
+    std::string s = "{";
     for (size_t i = 0; i < srcs.size(); i++) {
         s += (i ? " " : "") + src_name(src(srcs[i]).data());
     }
-    return s + "}) to " + ip6_text(g.data());
+    return s + "}";
+}
+inline std::string query(const addr6& g, const std::vector<int>& srcs) {
+    return "Q(" + ip6_text(g.data()) + " " + names(srcs) + ") to " + ip6_text(g.data());
 }
 
 // Every query sent so far: "Q(G {S1 S2}) to D" from the group at bytes 8..23, the Number of
