@@ -118,11 +118,11 @@ void run_second() {
     input_pass(&router, &next_tick);
 }
 
-std::vector<sockopt_call> sockopts(int level, int name) {
-    std::vector<sockopt_call> out;
+std::vector<std::vector<uint8_t>> sockopts(int level, int name) {
+    std::vector<std::vector<uint8_t>> out;
     for (const auto& c : g_kernel.sockopts) {
         if (c.level == level && c.name == name) {
-            out.push_back(c);
+            out.push_back(c.value);
         }
     }
     return out;

@@ -110,8 +110,8 @@ uint64_t monotonic_now_ms();
 // nothing to read (the membership tick, what else is due, the merge of the changes).
 void run_second();
 
-// The setsockopt calls at one level and option, in order.
-std::vector<sockopt_call> sockopts(int level, int name);
+// The values of the setsockopt calls at one level and option, in order.
+std::vector<std::vector<uint8_t>> sockopts(int level, int name);
 
 }  // namespace fake
 
