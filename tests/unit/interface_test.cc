@@ -26,12 +26,6 @@ LinkDesc desc_of(const char* name, uint32_t ifindex, const char* addr = "fe80::1
     return d;
 }
 
-std::vector<uint8_t> int_bytes(int v) {
-    std::vector<uint8_t> b(4);
-    std::memcpy(b.data(), &v, 4);
-    return b;
-}
-
 // ipv6_mreq: 16-byte group, then the interface index in host order.
 std::vector<uint8_t> mreq_bytes(const char* group, uint32_t ifindex) {
     addr6 g = ip6(group);

@@ -102,6 +102,11 @@ inline std::string stdout_of(const std::function<void()>& f) {
     return testing::internal::GetCapturedStdout();
 }
 
+inline bytes int_bytes(int v) {  // an int option value, host order
+    bytes b(4);
+    std::memcpy(b.data(), &v, 4);
+    return b;
+}
 // The 12 bytes of a mif6ctl for MIF `mifi` on interface `pifi` (host order, the rest 0).
 inline bytes mif_bytes(uint16_t mifi, uint16_t pifi) {
     bytes v(12, 0);
