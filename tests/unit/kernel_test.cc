@@ -189,8 +189,8 @@ TEST_F(KernelTest, EachCallWritesItsRecordAndNamesItsFailure) {
     const std::string s1g1 = "2001:db8::1 ff0e::1";
     // clang-format off
     const std::vector<Row> rows = {
-        {"start", none, [] { kernel_start_routing(router.router_sock); }, {"200 " + hex(int_bytes(1))},
-         "MLDRT: Setsockopt error on MRT6_INIT"},
+        {"start", none, [] { kernel_start_routing(router.router_sock); },
+         {"200 " + hex(int_bytes(1))}, "MLDRT: Setsockopt error on MRT6_INIT"},
         {"stop", none, [] { kernel_stop_routing(router.router_sock); }, {"201 null"},
          "MLDRT: Setsockopt error on MRT_DONE"},
         {"link up", none, link_up(0x1234), {"202 " + mif(0, 0x1234)}, add_mif},

@@ -33,32 +33,25 @@ TEST(CommandLineTest, OptionsAndCommands) {
         {{"--json"}, "bad" + d + "0 0 --json"},
         {{"status", "-f", "a"}, "bad" + d + "0 0 -f"},
         {{"status", "extra"}, "bad" + d + "0 0 extra"},
-        {{"-f", "/etc/good.conf", "--help"}, "help" + d + "0 0 -"},
         {{"--syslog", "-h"}, "help" + d + "0 0 -"},
         {{"-s", "/y", "--version"}, "version" + d + "0 0 -"},
         {{"-t"}, "check" + d + "0 0 -"},
         {{"-t", "-f", "/tmp/a.conf"}, "check /tmp/a.conf /run/mldproxyd.sock 0 0 -"},
-        {{"-f", "/tmp/a.conf", "-t"}, "check /tmp/a.conf /run/mldproxyd.sock 0 0 -"},
         {{"--syslog", "-f", "/tmp/a.conf"}, "run /tmp/a.conf /run/mldproxyd.sock 0 1 -"},
         {{"status", "-t"}, "bad" + d + "0 0 -t"},
         {{"status", "--syslog"}, "bad" + d + "0 0 --syslog"},
         {{"-syslog"}, "bad" + d + "0 0 -syslog"},
     };
-    const char* const names[] = {"run", "status", "help", "version", "check", "bad"};
-    const Command commands[] = {Command::run,     Command::status, Command::help,
-                                Command::version, Command::check,  Command::bad};
+    const char* const names[] = {"run", "check", "status", "help", "version", "bad"};  // Command
     for (const auto& [args, want] : rows) {
         std::vector<const char*> argv = {"mldproxyd"};
         argv.insert(argv.end(), args.begin(), args.end());
         SCOPED_TRACE(want);
         Options o = parse_options(static_cast<int>(argv.size()), argv.data());
-        std::string got = "?";
-        for (int i = 0; i < 6; i++) {
-            got = o.command == commands[i] ? names[i] : got;
-        }
-        got += std::string(" ") + o.config_path + " " + o.socket_path + " " +
-               std::to_string(o.json) + " " + std::to_string(o.syslog) + " " +
-               (o.bad_word ? o.bad_word : "-");
+        const auto c = static_cast<size_t>(o.command);
+        const std::string got = std::string(c < 6 ? names[c] : "?") + " " + o.config_path + " " +
+                                o.socket_path + " " + std::to_string(o.json) + " " +
+                                std::to_string(o.syslog) + " " + (o.bad_word ? o.bad_word : "-");
         EXPECT_EQ(got, want);
     }
 }
@@ -90,7 +83,8 @@ class StatusTest : public UpstreamTest {
     }
 };
 
-TEST_F(StatusTest, TableForAPerson) {
+// A table for a person, one JSON object for scripts.
+TEST_F(StatusTest, TableAndJson) {
     EXPECT_EQ(render(false),
               "links:\n"
               "  NAME             IFINDEX  MIF ROLE       MLD QUERIER NEXT QUERY\n"
@@ -132,51 +126,38 @@ TEST_F(StatusTest, TableForAPerson) {
               "  dropped: malformed 5, own 6, not ours 7\n"
               "  limit refusals: groups 0, members 0, sources 0\n"
               "  netlink events: 8\n");
-}
-
-TEST_F(StatusTest, OneJsonObjectForScripts) {
     fake::kernel().sg_counts.present = false;  // an entry the kernel does not have counts 0
     EXPECT_EQ(render(true),
-              "{\"links\":["
-              "{\"name\":\"eth3\",\"ifindex\":13,\"mif\":3,\"upstream\":false,\"version\":2,"
-              "\"querier\":true,\"next_query\":-1,\"groups\":[{\"group\":\"ff0e::103\","
-              "\"mode\":\"exclude\",\"filter_timer\":200,\"sources\":[],"
-              "\"excluded\":[\"2001:db8::2\"],\"hosts\":1}]},"
-              "{\"name\":\"eth2\",\"ifindex\":12,\"mif\":2,\"upstream\":false,\"version\":2,"
-              "\"querier\":true,\"next_query\":-1,\"groups\":[{\"group\":\"ff0e::102\","
-              "\"mode\":\"include\",\"filter_timer\":0,\"sources\":[{\"source\":\"2001:db8::1\","
-              "\"timer\":90}],\"excluded\":[],\"hosts\":1}]},"
-              "{\"name\":\"eth1\",\"ifindex\":11,\"mif\":1,\"upstream\":false,\"version\":2,"
-              "\"querier\":true,\"next_query\":4,\"groups\":[{\"group\":\"ff0e::101\","
-              "\"mode\":\"exclude\",\"filter_timer\":250,\"sources\":[],\"excluded\":[],"
-              "\"hosts\":1}]},"
-              "{\"name\":\"up0\",\"ifindex\":10,\"mif\":0,\"upstream\":true,\"version\":2,"
-              "\"querier\":false,\"next_query\":-1,\"groups\":[]}],"
-              "\"upstream\":{\"name\":\"up0\",\"groups\":["
-              "{\"group\":\"ff0e::103\",\"mode\":\"exclude\",\"sources\":[\"2001:db8::2\"],"
-              "\"pending\":0},"
-              "{\"group\":\"ff0e::102\",\"mode\":\"include\",\"sources\":[\"2001:db8::1\"],"
-              "\"pending\":0},"
+              "{\"links\":[{\"name\":\"eth3\",\"ifindex\":13,\"mif\":3,\"upstream\":false,"
+              "\"version\":2,\"querier\":true,\"next_query\":-1,"
+              "\"groups\":[{\"group\":\"ff0e::103\",\"mode\":\"exclude\",\"filter_timer\":200,"
+              "\"sources\":[],\"excluded\":[\"2001:db8::2\"],\"hosts\":1}]},{\"name\":\"eth2\","
+              "\"ifindex\":12,\"mif\":2,\"upstream\":false,\"version\":2,\"querier\":true,"
+              "\"next_query\":-1,\"groups\":[{\"group\":\"ff0e::102\",\"mode\":\"include\","
+              "\"filter_timer\":0,\"sources\":[{\"source\":\"2001:db8::1\",\"timer\":90}],"
+              "\"excluded\":[],\"hosts\":1}]},{\"name\":\"eth1\",\"ifindex\":11,\"mif\":1,"
+              "\"upstream\":false,\"version\":2,\"querier\":true,\"next_query\":4,"
+              "\"groups\":[{\"group\":\"ff0e::101\",\"mode\":\"exclude\",\"filter_timer\":250,"
+              "\"sources\":[],\"excluded\":[],\"hosts\":1}]},{\"name\":\"up0\",\"ifindex\":10,"
+              "\"mif\":0,\"upstream\":true,\"version\":2,\"querier\":false,\"next_query\":-1,"
+              "\"groups\":[]}],\"upstream\":{\"name\":\"up0\","
+              "\"groups\":[{\"group\":\"ff0e::103\",\"mode\":\"exclude\","
+              "\"sources\":[\"2001:db8::2\"],\"pending\":0},{\"group\":\"ff0e::102\","
+              "\"mode\":\"include\",\"sources\":[\"2001:db8::1\"],\"pending\":0},"
               "{\"group\":\"ff0e::101\",\"mode\":\"exclude\",\"sources\":[],\"pending\":0}]},"
-              "\"forwarding\":["
-              "{\"group\":\"ff0e::103\",\"source\":\"2001:db8::2\",\"parent_mif\":0,\"mifs\":[],"
-              "\"packets\":0,\"bytes\":0,\"wrong_if\":0},"
+              "\"forwarding\":[{\"group\":\"ff0e::103\",\"source\":\"2001:db8::2\","
+              "\"parent_mif\":0,\"mifs\":[],\"packets\":0,\"bytes\":0,\"wrong_if\":0},"
               "{\"group\":\"ff0e::103\",\"source\":\"*\",\"parent_mif\":0,\"mifs\":[3],"
-              "\"packets\":0,\"bytes\":0,\"wrong_if\":0},"
-              "{\"group\":\"ff0e::102\",\"source\":\"2001:db8::1\",\"parent_mif\":0,\"mifs\":[2],"
-              "\"packets\":0,\"bytes\":0,\"wrong_if\":0},"
-              "{\"group\":\"ff0e::101\",\"source\":\"*\",\"parent_mif\":0,\"mifs\":[1],"
-              "\"packets\":0,\"bytes\":0,\"wrong_if\":0}],"
-              "\"counters\":{\"links\":["
-              "{\"name\":\"eth3\",\"reports_in\":0,\"queries_in\":0,\"reports_out\":0,"
-              "\"queries_out\":0},"
-              "{\"name\":\"eth2\",\"reports_in\":0,\"queries_in\":0,\"reports_out\":0,"
-              "\"queries_out\":0},"
-              "{\"name\":\"eth1\",\"reports_in\":4,\"queries_in\":1,\"reports_out\":2,"
-              "\"queries_out\":3},"
+              "\"packets\":0,\"bytes\":0,\"wrong_if\":0},{\"group\":\"ff0e::102\","
+              "\"source\":\"2001:db8::1\",\"parent_mif\":0,\"mifs\":[2],\"packets\":0,"
+              "\"bytes\":0,\"wrong_if\":0},{\"group\":\"ff0e::101\",\"source\":\"*\","
+              "\"parent_mif\":0,\"mifs\":[1],\"packets\":0,\"bytes\":0,\"wrong_if\":0}],"
+              "\"counters\":{\"links\":[{\"name\":\"eth3\",\"reports_in\":0,\"queries_in\":0,"
+              "\"reports_out\":0,\"queries_out\":0},{\"name\":\"eth2\",\"reports_in\":0,"
+              "\"queries_in\":0,\"reports_out\":0,\"queries_out\":0},{\"name\":\"eth1\","
+              "\"reports_in\":4,\"queries_in\":1,\"reports_out\":2,\"queries_out\":3},"
               "{\"name\":\"up0\",\"reports_in\":0,\"queries_in\":0,\"reports_out\":2,"
-              "\"queries_out\":0}],"
-              "\"dropped\":{\"malformed\":5,\"own\":6,\"not_ours\":7},"
+              "\"queries_out\":0}],\"dropped\":{\"malformed\":5,\"own\":6,\"not_ours\":7},"
               "\"limit_refusals\":{\"groups\":0,\"members\":0,\"sources\":0},"
               "\"netlink_events\":8}}\n");
 }
