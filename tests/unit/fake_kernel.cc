@@ -180,8 +180,6 @@ int __wrap_bind(int fd, const sockaddr* addr, socklen_t len) {
         return __real_bind(fd, addr, len);
     }
     fake::log_call("bind");
-    const auto* p = reinterpret_cast<const uint8_t*>(addr);
-    g_kernel.bound.emplace_back(p, p + len);
     if (g_kernel.bind_result < 0) {
         errno = EADDRINUSE;
     }

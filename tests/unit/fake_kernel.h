@@ -74,10 +74,9 @@ struct kernel_state {
     int recv_errno = EAGAIN;  // errno of the next recv() that finds no batch, then EAGAIN again
     std::deque<datagram> datagrams;  // recvmsg()
     int bind_result = 0;
-    std::vector<std::vector<uint8_t>> bound;  // the address of every bind(), as passed
-    std::vector<int> recv_flags;              // flags of every recv() (netlink)
-    std::vector<int> recvmsg_flags;           // flags of every recvmsg()
-    int mtu = 1500;                           // SIOCGIFMTU answer; negative: the ioctl fails
+    std::vector<int> recv_flags;     // flags of every recv() (netlink)
+    std::vector<int> recvmsg_flags;  // flags of every recvmsg()
+    int mtu = 1500;                  // SIOCGIFMTU answer; negative: the ioctl fails
     sg_answer sg_counts{};
     // time() answers a fake clock plus this many seconds, the monotonic clock (clock_gettime) a
     // fake base plus this many milliseconds. Every reset() moves both an hour past their last
