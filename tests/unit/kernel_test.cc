@@ -138,7 +138,7 @@ TEST_F(KernelTest, EachCallWritesItsRecordAndNamesItsFailure) {
     struct Row {
         const char* name;
         std::function<void()> setup, call;
-        texts calls;  // "<option> <record bytes>", or the MFC calls as mfc_calls() gives them
+        texts calls;          // "<option> <record>", or the MFC calls as mfc_calls() gives them
         const char* failure;  // nullptr: refused without a call
     };
     auto link_up = [](uint32_t ifindex) {
@@ -160,24 +160,11 @@ TEST_F(KernelTest, EachCallWritesItsRecordAndNamesItsFailure) {
             }
         };
     };
-    auto hex = [](const bytes& v) {
-        std::string s;
-        for (uint8_t b : v) {
-            char h[3];
-            std::snprintf(h, sizeof h, "%02x", b);
-            s += h;
-        }
-        return s;
-    };
+    auto str = [](const bytes& v) { return std::string(v.begin(), v.end()); };
     const addr6 s1 = source("S1");
-    auto mif = [&](uint16_t m, uint16_t pifi) { return hex(mif_bytes(m, pifi)); };
+    auto mif = [&](uint16_t m, uint16_t pifi) { return str(mif_bytes(m, pifi)); };
     const std::string denied = ": setsockopt: Permission denied\n";
     const char* add_mif = "MLDRT: Setsockopt error on MRT_ADD_MIF";
-    auto link_down = [] {
-        SystemLink sl{};
-        sl.ifindex = 13;
-        handle_link_down(&router, &sl);
-    };
     auto add_s1 = [&] {
         add_to_group_list(&router, group(1), ListKind::Include, s1.data(), 9, links[1]);
     };
@@ -190,7 +177,7 @@ TEST_F(KernelTest, EachCallWritesItsRecordAndNamesItsFailure) {
     // clang-format off
     const std::vector<Row> rows = {
         {"start", none, [] { kernel_start_routing(router.router_sock); },
-         {"200 " + hex(int_bytes(1))}, "MLDRT: Setsockopt error on MRT6_INIT"},
+         {"200 " + str(int_bytes(1))}, "MLDRT: Setsockopt error on MRT6_INIT"},
         {"stop", none, [] { kernel_stop_routing(router.router_sock); }, {"201 null"},
          "MLDRT: Setsockopt error on MRT_DONE"},
         {"link up", none, link_up(0x1234), {"202 " + mif(0, 0x1234)}, add_mif},
@@ -198,7 +185,8 @@ TEST_F(KernelTest, EachCallWritesItsRecordAndNamesItsFailure) {
         {"link with index 65536", none, link_up(65536), {}, nullptr},
         {"link on MIF 31", fill_mifs(31), link_up(7), {"202 " + mif(31, 7)}, add_mif},
         {"link on MIF 32", fill_mifs(32), link_up(7), {}, nullptr},
-        {"down", none, link_down, {"203 " + mif(3, 13)}, "MLDRT: Setsockopt error on MRT_DEL_VIF"},
+        {"down", none, [] { SystemLink sl{}; sl.ifindex = 13; handle_link_down(&router, &sl); },
+         {"203 " + mif(3, 13)}, "MLDRT: Setsockopt error on MRT_DEL_VIF"},
         {"(S,G) added", none, add_s1, {"add " + s1g1 + " parent 5 mifs 1"},
          "MLDRT: Setsockopt error on MRT_ADD_MFC"},
         {"(*,G) deleted", [&] { forward_whole_group(&router, group(1), links[1]); },
@@ -213,8 +201,7 @@ TEST_F(KernelTest, EachCallWritesItsRecordAndNamesItsFailure) {
             if (fail && !row.failure) {
                 continue;
             }
-            TearDown();
-            SetUp();
+            restart();
             row.setup();
             forget_kernel_calls();
             fake::kernel().sockopt_result = [fail](const fake::sockopt_call& c) {
@@ -232,7 +219,7 @@ TEST_F(KernelTest, EachCallWritesItsRecordAndNamesItsFailure) {
                         continue;  // a new link's own socket options
                     }
                     calls.push_back(std::to_string(c.name) + " " +
-                                    (c.null_value ? "null" : hex(c.value)));
+                                    (c.null_value ? "null" : str(c.value)));
                 }
             }
             EXPECT_EQ(calls, row.calls);

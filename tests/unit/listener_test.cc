@@ -243,11 +243,6 @@ TEST_F(RecordHandlerTest, RepeatedAnySourceLeavesQueryTheGroupOnceQuietly) {
 // is served in full, only not recorded. When the recorded ones have left, its answer to the
 // last-listener query keeps the group; while the list is full its own leave is heard too.
 TEST_F(RecordHandlerTest, HostsBeyondTheMemberLimitAreServedButNotRecorded) {
-    auto host_n = [](int n) {
-        addr6 a = ip6("fe80::");
-        a[14] = static_cast<uint8_t>(n);
-        return a;
-    };
     Group* g = make_group(eth1, G1, exclude({}, {}, 260), host_n(1));
     for (int n = 2; n <= 64; n++) {
         ASSERT_NE(add_host(g, host_n(n).data()), nullptr);

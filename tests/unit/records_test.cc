@@ -14,11 +14,6 @@ TEST_F(RecordsTest, MembersAndSourcesBeyond64AreRefusedWithOneLineAMinute) {
         Limit limit;
         std::string line, every_time;
     };
-    auto host_n = [](int n) {
-        addr6 a = ip6("fe80::");
-        a[14] = static_cast<uint8_t>(n);
-        return a;
-    };
     auto source_row = [&](const char* name, ListKind kind) {
         return Row{name,
                    [this, kind](Group* g, int n) {

@@ -168,8 +168,7 @@ TEST_F(SendTest, QueriesCarryHeaderFieldsAndSources) {
     // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        TearDown();
-        SetUp();
+        restart();
         Link* ifp = link(row.mtu, row.version);
         router.last_listener_query_interval = row.llqi;
         std::vector<Source> srcs(static_cast<size_t>(row.nsrc) + 1);
@@ -263,8 +262,7 @@ TEST_F(SendTest, ReportsFitTheLinkAndFollowItsVersion) {
     // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        TearDown();
-        SetUp();
+        restart();
         Link* ifp = link(row.mtu, row.version);
         Link* dn = make_link("eth2", 12, 2);
         for (int n : row.listened) {  // a listener on eth2, merged (no upstream: nothing sent)

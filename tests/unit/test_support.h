@@ -419,6 +419,13 @@ inline void hear_record(Link* ifp, const addr6& from, uint8_t type, const addr6&
     hear(ifp, type > BLOCK ? v1_message(type, g) : v2_report({record(type, g, srcs)}), -1, from);
 }
 
+// A host's link-local address fe80::<n>00.
+inline addr6 host_n(int n) {
+    addr6 a = ip6("fe80::");
+    a[14] = static_cast<uint8_t>(n);
+    return a;
+}
+
 // A fresh router: robustness 2, query interval 125 s, query response interval 10 s (GMI 260),
 // no links yet.
 class RouterTest : public ::testing::Test {
@@ -435,6 +442,11 @@ class RouterTest : public ::testing::Test {
         system_link_reset(&router.system_links);
         g_stop_requested = 0;
     }
+    // A fresh router for the next row of a table.
+    void restart() {
+        TearDown();
+        SetUp();
+    }
 };
 
 // Besides RouterTest's: LLQI 1 and LLQC 2 (LLQT 2); upstream "up0" on MIF 0 and the downstream
@@ -444,11 +456,6 @@ class ListenerTest : public RouterTest {
     void SetUp() override {
         RouterTest::SetUp();
         start();
-    }
-    // A fresh router for the next row of a table.
-    void restart() {
-        TearDown();
-        SetUp();
     }
     virtual void start() {
         router.last_listener_query_interval = 1;

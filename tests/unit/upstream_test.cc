@@ -4,6 +4,8 @@
 // link's MTU - 48 bytes in one report (section 5.2.15). Links eth3, eth2, eth1 are merged in
 // that order; each tick sends what changed since the last one, then what falls due in the second
 // after it.
+#include <optional>
+
 #include "test_support.h"
 
 namespace {
@@ -127,18 +129,6 @@ TEST_F(UpstreamReportTest, EachChangeIsSentRobustnessTimesASecondApart) {
     }
 }
 
-struct Step {
-    bool change;
-    group_state st;
-    texts sent;
-};
-Step change(const group_state& st, texts sent) {
-    return {true, st, std::move(sent)};
-}
-Step wait(texts sent) {
-    return {false, {}, std::move(sent)};
-}
-
 // A later change replaces what is pending: every copy carries the records as they stand when it
 // leaves, so no retransmission contradicts a newer state.
 TEST_F(UpstreamReportTest, ALaterChangeReplacesAPendingOne) {
@@ -146,24 +136,25 @@ TEST_F(UpstreamReportTest, ALaterChangeReplacesAPendingOne) {
         const char* name;
         uint32_t robustness;
         group_state start;
-        std::vector<Step> steps;  // one tick each
+        std::vector<std::pair<std::optional<group_state>, texts>> steps;  // a change and a tick
     };
+    const std::nullopt_t wait = std::nullopt;
     const std::string to_ex_1 = "TO_EX G1 {S1}", to_ex_21 = "TO_EX G1 {S2 S1}";
     const std::string to_in_2 = "TO_IN G1 {S2}", to_in_32 = "TO_IN G1 {S3 S2}";
     const std::string swap = "ALLOW G1 {S2}; BLOCK G1 {S1}", back = "ALLOW G1 {S1}; BLOCK G1 {S2}";
     // clang-format off
     const std::vector<Row> rows = {
         {"an EXCLUDE change while TO_EX is pending restates the whole new list", 3, inc({}),
-         {change(exc({1}), {to_ex_1, to_ex_1}), change(exc({1, 2}), {to_ex_21, to_ex_21}),
-          wait({to_ex_21}), wait({})}},
+         {{exc({1}), {to_ex_1, to_ex_1}}, {exc({1, 2}), {to_ex_21, to_ex_21}}, {wait, {to_ex_21}},
+          {wait, {}}}},
         {"INCLUDE after EXCLUDE cancels the pending TO_EX", 4, inc({}),
-         {change(exc({1}), {to_ex_1, to_ex_1}), change(inc({2}), {to_in_2, to_in_2}),
-          change(inc({2, 3}), {to_in_32, to_in_32}), wait({to_in_32}), wait({to_in_32}), wait({})}},
+         {{exc({1}), {to_ex_1, to_ex_1}}, {inc({2}), {to_in_2, to_in_2}},
+          {inc({2, 3}), {to_in_32, to_in_32}}, {wait, {to_in_32}}, {wait, {to_in_32}}, {wait, {}}}},
         {"EXCLUDE after INCLUDE cancels the pending TO_IN", 3, exc({}),
-         {change(inc({}), {"TO_IN G1 {}", "TO_IN G1 {}"}), change(exc({1}), {to_ex_1, to_ex_1}),
-          wait({to_ex_1}), wait({})}},
+         {{inc({}), {"TO_IN G1 {}", "TO_IN G1 {}"}}, {exc({1}), {to_ex_1, to_ex_1}},
+          {wait, {to_ex_1}}, {wait, {}}}},
         {"a source allowed again is no longer blocked", 3, inc({1}),
-         {change(inc({2}), {swap, swap}), change(inc({1}), {back, back}), wait({back}), wait({})}},
+         {{inc({2}), {swap, swap}}, {inc({1}), {back, back}}, {wait, {back}}, {wait, {}}}},
     };
     // clang-format on
     for (const auto& row : rows) {
@@ -173,10 +164,10 @@ TEST_F(UpstreamReportTest, ALaterChangeReplacesAPendingOne) {
         settle(row.start);
         for (size_t i = 0; i < row.steps.size(); i++) {
             SCOPED_TRACE("tick " + std::to_string(i + 1));
-            if (row.steps[i].change) {
-                set_state(eth1, G1, row.steps[i].st);
+            if (row.steps[i].first) {
+                set_state(eth1, G1, *row.steps[i].first);
             }
-            EXPECT_EQ(tick(), row.steps[i].sent);
+            EXPECT_EQ(tick(), row.steps[i].second);
         }
         expect_spent();
     }
