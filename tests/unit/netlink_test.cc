@@ -121,6 +121,9 @@ TEST_F(NetlinkTest, DumpSocketFailuresAreNamedAndBothDumpsShareOneSocket) {
     EXPECT_EQ(requests(), (std::vector<int>{RTM_GETLINK, RTM_GETADDR}));
 }
 
+// A link-local address of a multicast link makes its record and MIF; links are applied where
+// they are read; the start-up dumps follow one another (the kernel runs one dump per socket at a
+// time), and lost notifications ask for both dumps again.
 TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
     const bytes eth1 = link(RTM_NEWLINK, 7, kUpMc, "eth1"), ll = ll_addr(7);
     const bytes bad_mtu_len = patched<uint16_t>(eth1, 44, 200),
@@ -131,7 +134,7 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
     ifinfomsg ifi{};
     ifi.ifi_index = 7;
     ifi.ifi_flags = kUpMc;
-    const bytes ifi_bytes = raw(ifi);
+    const bytes ifi_bytes = raw(ifi), done = nl(NLMSG_DONE, bytes(4, 0));
     const bytes header_only = nl(RTM_NEWLINK, bytes(ifi_bytes.begin(), ifi_bytes.begin() + 8));
     bytes twenty(20, 0);
     twenty[0] = 0xfe;
@@ -144,8 +147,9 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
     };
     struct Row {
         const char* name;
-        std::vector<bytes> batches;
+        std::vector<std::optional<bytes>> batches;  // none: the read fails with ENOBUFS
         std::string want;  // "<name> <ifindex>" of the one record made, or "" for none
+        std::vector<int> requests = {RTM_GETLINK};
         std::string out = "";
         const char* downstream = nullptr;  // the one DOWNSTREAM_IFNAME, if any
     };
@@ -183,31 +187,54 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
         {"address attribute of 4 bytes", {eth1, addr(7, rta(IFA_ADDRESS, nullptr, 0))}, ""},
         {"address attribute of 20 bytes", {eth1, addr(7, rta(IFA_ADDRESS, twenty.data(), 20))}, ""},
         {"address message shorter than its header", {eth1, nl(RTM_NEWADDR, bytes(4, 0))}, ""},
-        {"link named by DOWNSTREAM_IFNAME", {eth1, ll}, "eth1 7", "", "eth1"},
+        {"link named by DOWNSTREAM_IFNAME", {eth1, ll}, "eth1 7", {18}, "", "eth1"},
         {"link not named by DOWNSTREAM_IFNAME: no record, named once",
-         {eth1, ll, new_link(7, IFF_MULTICAST, "eth1"), eth1, ll}, "", not_named("eth1"), "eth2"},
+         {eth1, ll, new_link(7, IFF_MULTICAST, "eth1"), eth1, ll}, "", {18}, not_named("eth1"),
+         "eth2"},
         {"a name that only begins with a DOWNSTREAM_IFNAME", {new_link(7, kUpMc, "eth10"), ll}, "",
-         not_named("eth10"), "eth1"},
-        {"a DOWNSTREAM_IFNAME that only begins with the name", {eth1, ll}, "", not_named("eth1"),
-         "eth10"},
-        {"the upstream is not named", {new_link(2, kUpMc, "up0"), ll_addr(2)}, "up0 2", "", "eth1"},
+         {18}, not_named("eth10"), "eth1"},
+        {"a DOWNSTREAM_IFNAME that only begins with the name", {eth1, ll}, "", {18},
+         not_named("eth1"), "eth10"},
+        {"the upstream is not named", {new_link(2, kUpMc, "up0"), ll_addr(2)}, "up0 2", {18}, "",
+         "eth1"},
+        {"the link dump's end asks for the addresses", {eth1 + done}, "", {18, 22}},
+        {"the address dump's end asks for nothing", {eth1 + done, done}, "", {18, 22}},
+        {"a refused request ends its dump", {nl(NLMSG_ERROR, bytes(20, 0))}, "", {18, 22}},
+        {"what follows an end is still read", {done + eth1 + ll}, "eth1 7", {18, 22}},
+        {"a deleted link forgets its address: it comes back with its next one",
+         {eth1 + ll, link(RTM_DELLINK, 7, kUpMc, "eth1"), ll, eth1}, ""},
+        {"lost notifications during a dump: both again after it", {std::nullopt, done, done}, "",
+         {18, 22, 18}},
+        {"lost notifications afterwards: both again at once", {done, done, std::nullopt, done}, "",
+         {18, 22, 18, 22}},
     };
     // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         delete_all_links(&router);
         system_link_reset(&router.system_links);
-        fake::kernel().sockopts.clear();
-        fake::kernel().sockets.clear();
-        fake::kernel().closed.clear();
+        auto& k = fake::kernel();
+        k.sockopts.clear();
+        k.sockets.clear();
+        k.closed.clear();
+        k.sent.clear();
         router.downstream_count = row.downstream ? 1 : 0;
         copy_ifname(router.downstream_ifnames[0], row.downstream ? row.downstream : "");
+        ASSERT_EQ(start_netlink(&router), 0);  // also forgets the last row's dump
         EXPECT_EQ(stdout_of([&] {
-                      for (const auto& b : row.batches) {
-                          feed(b);
+                      for (const auto& batch : row.batches) {
+                          if (batch) {
+                              feed(*batch);
+                          } else {
+                              k.recv_errno = ENOBUFS;
+                              EXPECT_TRUE(handle_link(&router));  // more may wait behind the loss
+                          }
                       }
                   }),
                   row.out);
+        EXPECT_FALSE(handle_link(&router));  // nothing left: the loop may wait
+        EXPECT_EQ(k.recv_flags.back(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        EXPECT_EQ(requests(), row.requests);
         const Link* ifp = router.interfaces;
         EXPECT_EQ(ifp ? std::string(ifp->name, strnlen(ifp->name, sizeof ifp->name)) + " " +
                             std::to_string(ifp->ifindex)
@@ -218,61 +245,10 @@ TEST_F(NetlinkTest, LinkLocalAddressOfAMulticastLinkCreatesTheInterface) {
             EXPECT_EQ(fake::sockopts(41, 202), (std::vector<bytes>{mif_bytes(0, ifp->ifindex)}));
             continue;
         }
-        EXPECT_EQ(fake::sockopts(41, 202), std::vector<bytes>{});
-        for (const auto& s : fake::kernel().sockets) {  // a failed creation closed its socket
-            auto& closed = fake::kernel().closed;
-            EXPECT_EQ(std::count(closed.begin(), closed.end(), s.fd), 1);
+        EXPECT_EQ(fake::sockopts(41, 202).size(), fake::sockopts(41, 203).size());
+        for (const auto& s : k.sockets) {  // a failed creation or a deletion closed its socket
+            EXPECT_EQ(std::count(k.closed.begin(), k.closed.end(), s.fd), 1);
         }
-    }
-}
-
-// Links are applied where they are read; the start-up dumps follow one another (the kernel runs
-// one dump per socket at a time), and lost notifications ask for both dumps again.
-TEST_F(NetlinkTest, DumpsFollowOneAnotherAndLostNotificationsAskForThemAgain) {
-    struct Row {
-        const char* name;
-        std::vector<std::optional<bytes>> batches;  // none: the read fails with ENOBUFS
-        std::vector<int> requests;
-        bool eth1;  // a record for eth1 exists afterwards
-    };
-    const bytes eth1 = link(RTM_NEWLINK, 7, kUpMc, "eth1");
-    const bytes done = nl(NLMSG_DONE, bytes(4, 0)), error = nl(NLMSG_ERROR, bytes(20, 0));
-    const std::vector<Row> rows = {
-        {"the link dump's end asks for the addresses", {eth1 + done}, {18, 22}, false},
-        {"the address dump's end asks for nothing", {eth1 + done, done}, {18, 22}, false},
-        {"a refused request ends its dump", {error}, {18, 22}, false},
-        {"what follows an end is still read", {done + eth1 + ll_addr(7)}, {18, 22}, true},
-        {"a deleted link forgets its address: it comes back with its next one",
-         {eth1 + ll_addr(7), link(RTM_DELLINK, 7, kUpMc, "eth1"), ll_addr(7), eth1},
-         {18},
-         false},
-        {"lost notifications during a dump: both again after it",
-         {std::nullopt, done, done},
-         {18, 22, 18},
-         false},
-        {"lost notifications afterwards: both again at once",
-         {done, done, std::nullopt, done},
-         {18, 22, 18, 22},
-         false},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        fake::kernel().sent.clear();
-        ASSERT_EQ(start_netlink(&router), 0);  // also forgets the last row's dump
-        for (const auto& batch : row.batches) {
-            if (batch) {
-                feed(*batch);
-            } else {
-                fake::kernel().recv_errno = ENOBUFS;
-                EXPECT_TRUE(handle_link(&router));  // more may wait behind the loss
-            }
-        }
-        EXPECT_FALSE(handle_link(&router));  // nothing left: the loop may wait
-        EXPECT_EQ(requests(), row.requests);
-        EXPECT_EQ(find_link_by_name(router.interfaces, "eth1") != nullptr, row.eth1);
-        EXPECT_EQ(fake::kernel().recv_flags.back(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        delete_all_links(&router);
-        system_link_reset(&router.system_links);
     }
 }
 
