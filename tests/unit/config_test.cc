@@ -120,8 +120,6 @@ TEST_F(ConfigTest, FileTextSetsRouterFields) {
          NO_UP,
          at(1, "no value for \"UPSTREAM_IFNAME\"") + at(2, "no value for \"UPSTREAM_IFNAME\""),
          " 0 0 0 0 0 0"},
-        {"misspelt upstream keyword", "UPSTREAM_IFACE eth0\n", NO_UP,
-         at(1, "unknown keyword \"UPSTREAM_IFACE\""), " 0 0 0 0 0 0"},
         {"unknown, lower-case, KEY=value and comment-glued keywords each named",
          kUp + kR + "query_interval 7\nQUERY_INTERVAL=7\nQUERY_INTERVAL# 7\nMAX_GROUPS 5\n", LINES,
          at(3, "unknown keyword \"query_interval\"") +

@@ -81,7 +81,10 @@ class KernelTest : public RouterTest {
 
 // A source's entry lists the MIFs that want it and those of the group's (*,G) entry, less those
 // where it is excluded (RFC 3810 section 6.3); it goes when its last mark does, and then the
-// (*,G) entry forwards it. Every (S,G) entry follows a change of the (*,G) MIFs.
+// (*,G) entry forwards it. Every (S,G) entry follows a change of the (*,G) MIFs. Without an
+// upstream no entry can name its parent MIF, so none is written; a (*,G) entry whose last mark
+// goes is deleted all the same, so that none is left forwarding to whatever link takes its MIF
+// later.
 TEST_F(KernelTest, ListOperationsWriteTheEntriesOfTheirMarks) {
     run({
         {"add 1 inc S1", {"add S1 G1 mifs 1"}},
@@ -107,12 +110,7 @@ TEST_F(KernelTest, ListOperationsWriteTheEntriesOfTheirMarks) {
         {"del 1 inc S2", {"del S2 G1"}},
         {"del 1 any", {"add S1 G1 mifs 1", "del :: G1"}},
     });
-}
-
-// Without an upstream no entry can name its parent MIF, so none is written; a (*,G) entry
-// whose last mark goes is deleted all the same, so that none is left forwarding to whatever
-// link takes its MIF later.
-TEST_F(KernelTest, WithoutUpstreamMarksAreKeptAndWrittenWhenItAppears) {
+    restart();
     router.upstream = nullptr;
     run({
         {"add 1 inc S1", {}},
