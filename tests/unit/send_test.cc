@@ -1,6 +1,6 @@
 // Sending queries and reports, byte for byte: the exact sendmsg calls (destination, ICMPv6
-// bytes, ancillary data, flags), the encodings of MRC, QQIC and QRV, splitting to the link MTU,
-// MLDv1 conversion and the general-query schedule.
+// bytes, ancillary data, flags), the encodings of MRC, QQIC and QRV, splitting to the link MTU
+// and MLDv1 conversion.
 #include <netinet/in.h>
 #include <sys/socket.h>
 

@@ -22,9 +22,7 @@ TEST(CommandLineTest, OptionsAndCommands) {
     const std::string d = " /etc/mld/mld.conf /run/mldproxyd.sock ";
     const std::vector<std::pair<std::vector<const char*>, std::string>> rows = {
         {{}, "run" + d + "0 0 -"},
-        {{"-f", "/tmp/a.conf", "-s", "/tmp/s"}, "run /tmp/a.conf /tmp/s 0 0 -"},
         {{"status"}, "status" + d + "0 0 -"},
-        {{"status", "--json", "-s", "/x"}, "status /etc/mld/mld.conf /x 1 0 -"},
         {{"--help"}, "help" + d + "0 0 -"},
         {{"-h"}, "help" + d + "0 0 -"},
         {{"--version"}, "version" + d + "0 0 -"},

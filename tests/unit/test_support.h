@@ -87,7 +87,6 @@ inline std::string grp_name(const uint8_t* a) {
                                                                : ip6_text(a);
 }
 
-// A link of the router, link-local address fe80::<ifindex>, on MIF `mifi`.
 inline Link* make_link(const char* name, uint32_t ifindex, uint16_t mifi) {
     Link* ifp = fake::make_link(name, ifindex, mifi);
     EXPECT_NE(ifp, nullptr) << name;
@@ -426,8 +425,7 @@ inline addr6 host_n(int n) {
     return a;
 }
 
-// A fresh router: robustness 2, query interval 125 s, query response interval 10 s (GMI 260),
-// no links yet.
+// A fresh router without links: robustness 2, query interval 125 s, response interval 10 s.
 class RouterTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -487,8 +485,7 @@ class UpstreamTest : public ListenerTest {
         eth3 = make_link("eth3", 13, 3);
         forget_kernel_calls();
     }
-    // Gives the group on `ifp` the state `st` through the list operations (creating it if
-    // needed), keeping the entry's EXCLUDE count right.
+    // Gives the group on `ifp` the state `st` through the list operations, EXCLUDE count kept.
     void set_state(Link* ifp, const addr6& g, const group_state& st) {
         if (Group* rec = group(ifp, g)) {
             for (ListKind kind : {ListKind::Include, ListKind::Requested, ListKind::Excluded}) {

@@ -1,9 +1,7 @@
 // The upstream host side, as the upstream router hears it: the merged state of a group across
 // the downstream links (RFC 3810 section 4.2), the state-change reports with their
 // retransmissions (section 6.1), the answers to queries (section 6.2), never more than the
-// link's MTU - 48 bytes in one report (section 5.2.15). Links eth3, eth2, eth1 are merged in
-// that order; each tick sends what changed since the last one, then what falls due in the second
-// after it.
+// link's MTU - 48 bytes in one report (section 5.2.15).
 #include <optional>
 
 #include "test_support.h"
