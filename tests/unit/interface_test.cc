@@ -39,56 +39,39 @@ TEST_F(InterfaceTest, NoLoopbackAndOnlyMldThroughTheFilter) {
     EXPECT_EQ(pass, (std::vector<int>{130, 131, 132, 143}));
 }
 
+// Rows 0-8 refuse that option, row 9 the socket; in row 10 the MTU query takes FD_SETSIZE - 1
+// and the interface socket FD_SETSIZE, which select() could never watch.
 TEST_F(InterfaceTest, FailedCreationPrintsWhyAndReleasesEverything) {
-    struct Row {
-        const char* name;
-        std::function<void()> setup;
-        std::string out;
-    };
-    auto fail_option = [](int k) {
-        return [k] {
-            fake::kernel().sockopt_result = [k, n = 0](const fake::sockopt_call&) mutable {
-                return n++ == k ? -1 : 0;
-            };
-        };
-    };
     const char* const options[] = {
         "SO_REUSEADDR",    "IPV6_MULTICAST_HOPS",  "IPV6_MULTICAST_LOOP",
         "IP_MULTICAST_IF", "IPV6_ADD_MEMBERSHIP1", "IPV6_ADD_MEMBERSHIP2",
         "IPV6_CHECKSUM",   "IPV6_RECVPKTINFO",     "ICMP Filter"};
-    std::vector<Row> rows;
-    for (int k = 0; k < 9; k++) {
-        rows.push_back({options[k], fail_option(k),
-                        "MLDRT: SetSockOpt failed for " + std::string(options[k]) +
-                            ": setsockopt: Permission denied\n"});
-    }
-    rows = rows + std::vector<Row>{
-                      {"no socket", [] { fake::kernel().socket_result = -1; },
-                       "MLDRT: Cant open interface socket: socket: Operation not permitted\n"},
-                      // The MTU query takes FD_SETSIZE - 1, the interface socket FD_SETSIZE:
-                      // select() could never watch it.
-                      {"socket beyond FD_SETSIZE", [] { fake::kernel().next_fd = FD_SETSIZE - 1; },
-                       "MLDRT: Cant open interface socket\n"},
-                  };
-    for (size_t i = 0; i < rows.size(); i++) {
-        SCOPED_TRACE(rows[i].name);
-        auto& k = fake::kernel();
+    auto& k = fake::kernel();
+    for (int row = 0; row <= 10; row++) {
+        const std::string out =
+            row < 9 ? "MLDRT: SetSockOpt failed for " + std::string(options[row]) +
+                          ": setsockopt: Permission denied\n"
+            : row == 9 ? "MLDRT: Cant open interface socket: socket: Operation not permitted\n"
+                       : "MLDRT: Cant open interface socket\n";
+        SCOPED_TRACE(out);
         k.sockets.clear();
         k.closed.clear();
-        k.socket_result = 0;
-        k.next_fd = 600 + 10 * static_cast<int>(i);
-        rows[i].setup();
+        k.socket_result = row == 9 ? -1 : 0;
+        k.next_fd = row == 10 ? FD_SETSIZE - 1 : 600 + 10 * row;
+        k.sockopt_result = [row, n = 0](const fake::sockopt_call&) mutable {
+            return n++ == row ? -1 : 0;
+        };
         LinkDesc d = desc_of("eth1", 7);
         Link* ifp = nullptr;
-        EXPECT_EQ(stdout_of([&] { ifp = add_link(&router, &d, 0); }), rows[i].out);
+        EXPECT_EQ(stdout_of([&] { ifp = add_link(&router, &d, 0); }), out);
         EXPECT_EQ(ifp, nullptr);
         EXPECT_EQ(router.interfaces, nullptr);
         for (const auto& s : k.sockets) {
             EXPECT_EQ(std::count(k.closed.begin(), k.closed.end(), s.fd), 1) << s.fd;
         }
-        k.sockopt_result = nullptr;
     }
-    fake::kernel().socket_result = 0;
+    k.sockopt_result = nullptr;
+    k.socket_result = 0;
 }
 
 // Only the configured name exactly makes the upstream (whose address is the router's own

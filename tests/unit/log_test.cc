@@ -38,9 +38,8 @@ TEST_F(LogTest, EachTextAtMostOnceASecondAndOneSyslogRecordPerLine) {
     for (const auto& step : steps) {
         SCOPED_TRACE(testing::Message() << step.at_ms << " ms");
         fake::kernel().monotonic_ms = start + step.at_ms;
-        int n = 0;
         testing::internal::CaptureStdout();  // not stdout_of: it forgets what was held back
-        n = log_message(step.fmt, 1, 2);
+        const int n = log_message(step.fmt, 1, 2);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), step.printed);
         EXPECT_GT(n, 0);  // the text's length, printed or not
     }

@@ -68,10 +68,9 @@ class SendTest : public RouterTest {
         for (const auto& m : fake::kernel().sent_msgs) {
             EXPECT_EQ(m.fd, ifp->sock);
             EXPECT_EQ(m.flags, MSG_DONTROUTE);
-            EXPECT_EQ(m.dst.sin6_family, AF_INET6);
-            EXPECT_EQ(m.dst.sin6_port, 0);
-            EXPECT_EQ(m.dst.sin6_flowinfo, 0u);
-            EXPECT_EQ(m.dst.sin6_scope_id, 0u);
+            EXPECT_EQ(std::vector<uint32_t>({m.dst.sin6_family, m.dst.sin6_port,
+                                             m.dst.sin6_flowinfo, m.dst.sin6_scope_id}),
+                      (std::vector<uint32_t>{AF_INET6, 0, 0, 0}));
             EXPECT_EQ(m.control, control_of(ifp));
             EXPECT_LE(m.payload.size(), ifp->buf_size - 48u) << "no fragmentation";
             out.emplace_back(ip6_text(reinterpret_cast<const uint8_t*>(&m.dst.sin6_addr)),

@@ -313,7 +313,7 @@ inline std::string query(const addr6& g, const std::vector<int>& srcs) {
 
 // Every query sent so far: "Q(G {S1 S2}) to D" from the group at bytes 8..23, the Number of
 // Sources at 26..27 (network order) and the sources from byte 28; a 24-byte MLDv1 query as
-// "v1 Q(G) to D". Reports to ff02::16 are left out; anything else says what is wrong with it.
+// "v1 Q(G) to D". Reports to ff02::16 are left out; anything else is a "bad query".
 inline texts queries_sent() {
     texts out;
     for (const auto& m : fake::kernel().sent_msgs) {
@@ -322,13 +322,11 @@ inline texts queries_sent() {
         const uint32_t n = p.size() >= kQueryV2HdrLen ? (p[26] << 8 | p[27]) : 0;
         if (to == "ff02::16") {
             continue;
-        } else if (p.size() < kQueryV1Len || p[0] != kTypeQuery) {
-            out.push_back("not a query of " + std::to_string(p.size()) + " bytes to " + to);
-        } else if (p.size() == kQueryV1Len) {
+        } else if (p.size() == kQueryV1Len && p[0] == kTypeQuery) {
             out.push_back("v1 Q(" + ip6_text(&p[8]) + ") to " + to);
-        } else if (p.size() != kQueryV2HdrLen + kAddrLen * n) {
-            out.push_back("query of " + std::to_string(p.size()) + " bytes with N " +
-                          std::to_string(n));
+        } else if (p.size() < kQueryV2HdrLen || p[0] != kTypeQuery ||
+                   p.size() != kQueryV2HdrLen + kAddrLen * n) {
+            out.push_back("bad query of " + std::to_string(p.size()) + " bytes to " + to);
         } else {
             std::string s = "Q(" + ip6_text(&p[8]) + " {";
             for (uint32_t i = 0; i < n; i++) {
