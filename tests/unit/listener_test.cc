@@ -26,13 +26,10 @@ texts k(const std::string& notation) {
         const size_t dots = t.find("..");
         const int first = std::stoi(t.substr(1)),
                   last = dots != std::string::npos ? std::stoi(t.substr(dots + 2)) : first;
-        for (int n = first;; n += first <= last ? 1 : -1) {
+        for (int n = first, step = first <= last ? 1 : -1; n != last + step; n += step) {
             const std::string sg = ip6_text(src(n).data()) + " ff0e::101";
             v.push_back(t[0] == '-' ? "del " + sg
                                     : "add " + sg + " parent 0 mifs " + (t[0] == '+' ? "1" : ""));
-            if (n == last) {
-                break;
-            }
         }
     }
     return v;
@@ -80,9 +77,8 @@ class RecordHandlerTest : public ListenerTest {
     }
 };
 
-// Rows: name; state before, record type and sources, state after; queries sent; kernel calls;
-// then, where needed, the printed text and whether the record comes from a host that is not a
-// member.
+// Rows: name; state before, record and sources, state after; queries; kernel calls; then, where
+// needed, the text printed and whether a host that is not a member sent the record.
 // clang-format off
 TEST_F(RecordHandlerTest, CurrentStateRecordsFollowTheRfc3810Table) {
     const std::vector<Row> rows = {
@@ -220,10 +216,9 @@ TEST_F(RecordHandlerTest, StateChangeRecordsFollowTheRfc3810Table) {
 }
 // clang-format on
 
-// Hosts that listened to every source leave with TO_IN{}, and each repeats it (its robustness
-// copies, often before the router's first retransmission). The first leave queries the group;
-// a leave heard while that query is being retransmitted, the repeat of the same host's or
-// another's, neither sends another query nor touches the timer. Nothing is printed.
+// Hosts leave with TO_IN{} and repeat it, often before the router's first retransmission. The
+// first leave queries the group; a leave heard while that query is being retransmitted, the
+// same host's or another's, neither sends another query nor touches the timer, quietly.
 TEST_F(RecordHandlerTest, RepeatedAnySourceLeavesQueryTheGroupOnceQuietly) {
     Group* g = make_group(eth1, G1, exclude({}, {}, 260), host);
     ASSERT_NE(add_host(g, stranger.data()), nullptr);
@@ -465,11 +460,10 @@ TEST_F(TimerTest, OneSecondOfTimersFollowsTheRfc3810Table) {
 }
 
 // A deleted link's groups leave the forwarding database before its record is freed: the other
-// link's listening stays in the kernel, this link's goes, the EXCLUDE count drops once, and
-// later passes never reach the freed record (ASan). The upstream hears the leave at once
-// (robustness 2: the change and one retransmission); only the entry whose report is under way
-// stays, until its last copy is sent. (tests/lab/test_forwarding.sh deletes a link under a
-// listener and follows the kernel's entries to the last leave.)
+// link's listening stays in the kernel, this link's goes, the EXCLUDE count drops once (ASan:
+// later passes never reach the freed record). The upstream hears the leave at once, twice; the
+// entry whose report is under way stays until its last copy is sent. (tests/lab/
+// test_forwarding.sh deletes a link under a listener and follows the kernel's entries.)
 TEST_F(UpstreamTest, ADeletedLinkReleasesItsGroupsAndTheUpstreamHearsTheLeave) {
     make_group(eth1, G1, exclude({}, {}, 260), host);
     make_group(eth1, G2, include({{1, 260}}), host);

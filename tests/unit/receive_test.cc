@@ -193,11 +193,11 @@ TEST_F(ReceiveTest, MessagesAreTakenCountedAndSetTheVersionByTypeAndLength) {
     }
 }
 
-// RFC 3810 section 5.2: a record is handled only when its header, its sources and its
-// auxiliary data lie wholly inside what arrived; the walk ends at the first one that does not,
-// or at a record for an address that is not multicast, whatever the counts claim. Unknown
-// record types are stepped over. `len` is the length received; the buffer beyond it holds the
-// twelve ALLOW records of an earlier report, and nothing of the buffer is ever rewritten.
+// RFC 3810 section 5.2: a record is handled only when its header, sources and auxiliary data
+// lie wholly inside what arrived; the walk ends at the first one that does not, or at a record
+// for an address that is not multicast, whatever the counts claim; unknown types are stepped
+// over. The buffer beyond what arrived holds the twelve ALLOW records of an earlier report,
+// and nothing of the buffer is ever rewritten.
 struct Rec {
     uint8_t type;
     addr6 group;

@@ -113,8 +113,7 @@ TEST_F(UpstreamReportTest, EachChangeIsSentRobustnessTimesASecondApart) {
             set_state(eth1, G1, row.after);
             std::vector<texts> expected(robustness + 1);
             expected[0].push_back(row.first);
-            for (uint32_t copy = 2; copy <= robustness; copy++) {
-                // a second after the one before
+            for (uint32_t copy = 2; copy <= robustness; copy++) {  // a second apart
                 expected[copy - 2].push_back(row.again.empty() ? row.first : row.again);
             }
             std::vector<texts> got;
