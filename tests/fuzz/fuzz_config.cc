@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "daemon/config.h"
 #include "db/router.h"
@@ -15,11 +16,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) {
         return 0;
     }
-    void* copy = malloc(size);
-    std::memcpy(copy, data, size);
-    FILE* fp = fmemopen(copy, size, "r");
+    std::vector<uint8_t> copy(data, data + size);
+    FILE* fp = fmemopen(copy.data(), size, "r");
     if (!fp) {
-        free(copy);
         return 0;
     }
     reset_router(&router);
@@ -31,6 +30,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     fclose(fp);
     free(router.buf);
-    free(copy);
     return 0;
 }

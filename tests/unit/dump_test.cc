@@ -28,8 +28,10 @@ class DumpTest : public UpstreamTest {
 };
 
 // Every upcall prints eth1's database as "CACHE LOOKUP": groups in list order with their lists
-// and their entry's forwarding records, a MIF listed where its mark is exactly "wanted".
-TEST_F(DumpTest, LinkWithGroupsListsAndForwardingRecordsAtAnUpcall) {
+// and their entry's forwarding records, a MIF listed where its mark is exactly "wanted". A
+// change prints the host state last acted upon, the new one, and the records still pending from
+// the change before (one retransmission of ALLOW {S1 S2} is due when the group changes again).
+TEST_F(DumpTest, DatabaseAtAnUpcallAndHostStateAtEveryChange) {
     make_group(eth1, G2, include({{3, 30}}), host);
     make_group(eth1, G3, include({}), host);
     make_group(eth1, G1, exclude({{1, 100}, {5, 7}}, {{2, 0}}, 200), host);
@@ -67,11 +69,8 @@ TEST_F(DumpTest, LinkWithGroupsListsAndForwardingRecordsAtAnUpcall) {
                   "\n Include List :[ 2001:db8::3 time 30 ] "
                   "\n Req List : NULL \n Exc List : NULL " +
                   mfd(G2) + "\n \t\tSrcAddr  2001:db8::3\n \t\tMember MIF Idx 1" + kClosing);
-}
 
-// The state last acted upon, the new one, and the records still pending from the change before
-// (one retransmission of ALLOW {S1 S2} is due when the group changes again).
-TEST_F(DumpTest, HostStateAtEveryChangeWithThePendingRecords) {
+    restart();
     set_state(eth1, G1, inc({1, 2}));
     stdout_of([] { report_changes(&router); });
     set_state(eth1, G1, exc({3}));

@@ -5,6 +5,7 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
@@ -44,10 +45,6 @@ uint64_t g_monotonic_base = 5000000;  // milliseconds; likewise an hour on at ev
 
 bool is_fake(int fd) {
     return fd >= kFirstFakeFd;
-}
-
-void log_call(const std::string& what) {
-    g_kernel.log.push_back(what);
 }
 
 void fill_control(msghdr* msg, const datagram& d) {
@@ -118,11 +115,11 @@ void run_second() {
     input_pass(&router, &next_tick);
 }
 
-std::vector<sockopt_call> sockopts(int level, int name) {
-    std::vector<sockopt_call> out;
+std::vector<std::vector<uint8_t>> sockopts(int level, int name) {
+    std::vector<std::vector<uint8_t>> out;
     for (const auto& c : g_kernel.sockopts) {
         if (c.level == level && c.name == name) {
-            out.push_back(c);
+            out.push_back(c.value);
         }
     }
     return out;
@@ -141,7 +138,6 @@ void __wrap_openlog(const char* ident, int option, int facility) {
     g_kernel.syslog.push_back(std::string(ident) + " " + std::to_string(facility) + " " +
                               std::to_string(option));
 }
-
 void __wrap_syslog(int priority, const char* fmt, ...) {
     char text[1024];
     va_list ap;
@@ -150,13 +146,12 @@ void __wrap_syslog(int priority, const char* fmt, ...) {
     va_end(ap);
     g_kernel.syslog.push_back(std::to_string(priority) + " " + text);
 }
-
 void __wrap_closelog() {}
 int __wrap_socket(int domain, int type, int protocol) {
     if (domain == AF_UNIX) {
         return __real_socket(domain, type, protocol);  // the control socket is a real one
     }
-    fake::log_call("socket");
+    g_kernel.log.push_back("socket");
     if (g_kernel.socket_result != 0) {
         errno = EPERM;  // so that a message naming the failure shows the kernel's word
         return g_kernel.socket_result;
@@ -165,39 +160,33 @@ int __wrap_socket(int domain, int type, int protocol) {
     g_kernel.sockets.push_back({fd, domain, type, protocol});
     return fd;
 }
-
 int __wrap_close(int fd) {
     if (!is_fake(fd) && fd != 0) {
         return __real_close(fd);
     }
-    fake::log_call("close " + std::to_string(fd));
+    g_kernel.log.push_back("close " + std::to_string(fd));
     g_kernel.closed.push_back(fd);
     return 0;
 }
-
 int __wrap_bind(int fd, const sockaddr* addr, socklen_t len) {
     if (!is_fake(fd)) {
         return __real_bind(fd, addr, len);
     }
-    fake::log_call("bind");
-    const auto* p = reinterpret_cast<const uint8_t*>(addr);
-    g_kernel.bound.emplace_back(p, p + len);
+    g_kernel.log.push_back("bind");
     if (g_kernel.bind_result < 0) {
         errno = EADDRINUSE;
     }
     return g_kernel.bind_result;
 }
-
 ssize_t __wrap_send(int fd, const void* buf, size_t len, int flags) {
     if (!is_fake(fd)) {
         return __real_send(fd, buf, len, flags);
     }
-    fake::log_call("send");
+    g_kernel.log.push_back("send");
     const auto* p = static_cast<const uint8_t*>(buf);
     g_kernel.sent.emplace_back(p, p + len);
     return static_cast<ssize_t>(len);
 }
-
 ssize_t __wrap_recv(int fd, void* buf, size_t len, int flags) {
     if (!is_fake(fd)) {
         return __real_recv(fd, buf, len, flags);
@@ -210,26 +199,24 @@ ssize_t __wrap_recv(int fd, void* buf, size_t len, int flags) {
     }
     std::vector<uint8_t> batch = std::move(g_kernel.netlink_batches.front());
     g_kernel.netlink_batches.pop_front();
-    size_t n = batch.size() < len ? batch.size() : len;
+    const size_t n = std::min(batch.size(), len);
     if (n > 0) {
         std::memcpy(buf, batch.data(), n);
     }
     return static_cast<ssize_t>(n);
 }
-
 ssize_t __wrap_recvmsg(int fd, msghdr* msg, int flags) {
     if (!is_fake(fd)) {
         return __real_recvmsg(fd, msg, flags);
     }
-    fake::log_call("recvmsg");
+    g_kernel.log.push_back("recvmsg");
     g_kernel.recvmsg_flags.push_back(flags);
     if (g_kernel.datagrams.empty()) {
         return -1;
     }
     fake::datagram d = std::move(g_kernel.datagrams.front());
     g_kernel.datagrams.pop_front();
-    size_t n =
-        d.payload.size() < msg->msg_iov[0].iov_len ? d.payload.size() : msg->msg_iov[0].iov_len;
+    const size_t n = std::min(d.payload.size(), msg->msg_iov[0].iov_len);
     if (n > 0) {
         std::memcpy(msg->msg_iov[0].iov_base, d.payload.data(), n);
     }
@@ -242,12 +229,11 @@ ssize_t __wrap_recvmsg(int fd, msghdr* msg, int flags) {
     fake::fill_control(msg, d);
     return static_cast<ssize_t>(n);
 }
-
 ssize_t __wrap_sendmsg(int fd, const msghdr* msg, int flags) {
     if (!is_fake(fd)) {
         return __real_sendmsg(fd, msg, flags);
     }
-    fake::log_call("sendmsg");
+    g_kernel.log.push_back("sendmsg");
     fake::sent_message m{};
     m.fd = fd;
     m.flags = flags;
@@ -263,12 +249,11 @@ ssize_t __wrap_sendmsg(int fd, const msghdr* msg, int flags) {
     g_kernel.sent_msgs.push_back(m);
     return static_cast<ssize_t>(m.payload.size());
 }
-
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t len) {
     if (!is_fake(fd)) {
         return __real_setsockopt(fd, level, name, value, len);
     }
-    fake::log_call("setsockopt " + std::to_string(level) + "/" + std::to_string(name));
+    g_kernel.log.push_back("setsockopt " + std::to_string(level) + "/" + std::to_string(name));
     fake::sockopt_call call{fd, level, name, {}, value == nullptr};
     if (value) {
         const auto* p = static_cast<const uint8_t*>(value);
@@ -281,7 +266,6 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
     }
     return rc;
 }
-
 int __wrap_ioctl(int fd, unsigned long request, ...) {
     va_list ap;
     va_start(ap, request);
@@ -290,7 +274,7 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     if (!is_fake(fd)) {
         return __real_ioctl(fd, request, arg);
     }
-    fake::log_call("ioctl");
+    g_kernel.log.push_back("ioctl");
     if (request == 0x89e1) {  // SIOCGETSGCNT_IN6: the counts of one forwarding entry
         const fake::sg_answer& c = g_kernel.sg_counts;
         auto* words = reinterpret_cast<unsigned long*>(static_cast<uint8_t*>(arg) + 56);
@@ -305,19 +289,17 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     static_cast<ifreq*>(arg)->ifr_mtu = g_kernel.mtu;
     return 0;
 }
-
 int __wrap_select(int n, fd_set* r, fd_set* w, fd_set* e, timeval* t) {
     if (n <= fake::kFirstFakeFd) {
         return __real_select(n, r, w, e, t);
     }
-    fake::log_call("select");
+    g_kernel.log.push_back("select");
     if (t) {
         g_kernel.select_timeouts.push_back(*t);
         *t = timeval{0, 0};
     }
     return 0;
 }
-
 int __real_clock_gettime(clockid_t id, timespec* ts);
 int __wrap_clock_gettime(clockid_t id, timespec* ts) {
     if (id != CLOCK_MONOTONIC) {
@@ -328,7 +310,6 @@ int __wrap_clock_gettime(clockid_t id, timespec* ts) {
     ts->tv_nsec = static_cast<long>(ms % 1000u * 1000000u);
     return 0;
 }
-
 time_t __wrap_time(time_t* out) {
     time_t now = static_cast<time_t>(fake::g_clock_base + g_kernel.clock_seconds);
     if (out) {
@@ -336,7 +317,6 @@ time_t __wrap_time(time_t* out) {
     }
     return now;
 }
-
 int __wrap_usleep(useconds_t) {
     return 0;  // the daemon never waits on a fake clock
 }

@@ -31,21 +31,16 @@ constexpr int kFirstFakeFd = 500;
 struct socket_call {
     int fd, domain, type, protocol;
 };
-
 struct sockopt_call {
     int fd, level, name;
     std::vector<uint8_t> value;  // empty for a null option value
     bool null_value;
 };
-
 struct sent_message {
-    int fd;
-    int flags;
+    int fd, flags;
     sockaddr_in6 dst;
-    std::vector<uint8_t> payload;
-    std::vector<uint8_t> control;
+    std::vector<uint8_t> payload, control;
 };
-
 // One datagram for recvmsg(): payload, sender, and the arrival index as IPV6_PKTINFO.
 struct datagram {
     std::vector<uint8_t> payload;
@@ -53,7 +48,6 @@ struct datagram {
     uint32_t ifindex;
     bool with_pktinfo;
 };
-
 // What SIOCGETSGCNT_IN6 answers for every forwarding entry.
 struct sg_answer {
     bool present;
@@ -74,10 +68,9 @@ struct kernel_state {
     int recv_errno = EAGAIN;  // errno of the next recv() that finds no batch, then EAGAIN again
     std::deque<datagram> datagrams;  // recvmsg()
     int bind_result = 0;
-    std::vector<std::vector<uint8_t>> bound;  // the address of every bind(), as passed
-    std::vector<int> recv_flags;              // flags of every recv() (netlink)
-    std::vector<int> recvmsg_flags;           // flags of every recvmsg()
-    int mtu = 1500;                           // SIOCGIFMTU answer; negative: the ioctl fails
+    std::vector<int> recv_flags;     // flags of every recv() (netlink)
+    std::vector<int> recvmsg_flags;  // flags of every recvmsg()
+    int mtu = 1500;                  // SIOCGIFMTU answer; negative: the ioctl fails
     sg_answer sg_counts{};
     // time() answers a fake clock plus this many seconds, the monotonic clock (clock_gettime) a
     // fake base plus this many milliseconds. Every reset() moves both an hour past their last
@@ -93,25 +86,19 @@ struct kernel_state {
 
 kernel_state& kernel();
 void reset();
-
 // reset(), then the global router as start-up leaves it before the first interface: zeroed,
 // its buffers allocated, fake router and netlink sockets, upstream "up0", the process-wide flags
 // and the algebra's result arrays cleared. The caller sets the timer values it wants.
 void fresh_router(uint32_t robustness);
-
 // A link of the global router named `name`, link-local address fe80::<ifindex>, registered as
 // MIF `mifi`; null when the daemon refuses it.
 mldproxy::Link* make_link(const char* name, uint32_t ifindex, uint16_t mifi);
-
-// What the monotonic clock says now, in milliseconds.
 uint64_t monotonic_now_ms();
-
 // One second of the daemon's event loop: the clock moves on a second and one pass runs with
 // nothing to read (the membership tick, what else is due, the merge of the changes).
 void run_second();
-
-// The setsockopt calls at one level and option, in order.
-std::vector<sockopt_call> sockopts(int level, int name);
+// The values of the setsockopt calls at one level and option, in order.
+std::vector<std::vector<uint8_t>> sockopts(int level, int name);
 
 }  // namespace fake
 

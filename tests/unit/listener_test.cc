@@ -1,8 +1,7 @@
-// The router side of RFC 3810 (section 7) as this router applies it: the record handlers, one
-// table per summary (7.4.1 current-state, 7.4.2 state-change records), the MLDv1 mapping onto
-// them, the group- and source-specific queries after a possible leave with their
-// retransmissions (7.6.3), and the once-a-second timer pass (7.5). Each row starts from a fresh
-// router with one downstream link (MIF 1) and the upstream on MIF 0; GMI is 260 and LLQT 2.
+// The router side of RFC 3810 section 7: the record handlers, one table per summary (7.4.1,
+// 7.4.2), the MLDv1 mapping onto them, the queries after a possible leave (7.6.3) and the timer
+// pass (7.5). Each row starts from a fresh router with eth1 on MIF 1 and the upstream on MIF 0;
+// GMI is 260 and LLQT 2.
 #include <sstream>
 
 #include "test_support.h"
@@ -27,24 +26,15 @@ texts k(const std::string& notation) {
         const size_t dots = t.find("..");
         const int first = std::stoi(t.substr(1)),
                   last = dots != std::string::npos ? std::stoi(t.substr(dots + 2)) : first;
-        for (int n = first;; n += first <= last ? 1 : -1) {
+        for (int n = first, step = first <= last ? 1 : -1; n != last + step; n += step) {
             const std::string sg = ip6_text(src(n).data()) + " ff0e::101";
             v.push_back(t[0] == '-' ? "del " + sg
                                     : "add " + sg + " parent 0 mifs " + (t[0] == '+' ? "1" : ""));
-            if (n == last) {
-                break;
-            }
         }
     }
     return v;
 }
 
-constexpr uint8_t IS_IN = code(RecordType::ModeIsInclude);
-constexpr uint8_t IS_EX = code(RecordType::ModeIsExclude);
-constexpr uint8_t TO_IN = code(RecordType::ChangeToInclude);
-constexpr uint8_t TO_EX = code(RecordType::ChangeToExclude);
-constexpr uint8_t ALLOW = code(RecordType::AllowNewSources);
-constexpr uint8_t BLOCK = code(RecordType::BlockOldSources);
 constexpr uint8_t REPORT = kTypeV1Report, DONE = kTypeV1Done;  // a whole MLDv1 message
 
 struct Row {
@@ -60,23 +50,6 @@ struct Row {
     const char* group = "ff0e::101";
 };
 
-using record_handler = int (*)(Router*, Link*, const uint8_t*, const uint8_t*);
-const record_handler kHandler[7] = {nullptr,
-                                    handle_is_include_record,
-                                    handle_is_exclude_record,
-                                    handle_to_include_record,
-                                    handle_to_exclude_record,
-                                    handle_allow_record,
-                                    handle_block_record};
-
-// A 24-byte MLDv1 message of `type` for `g` from `from`, received on `ifp`.
-void receive(Link* ifp, uint8_t type, const addr6& g, const addr6& from) {
-    bytes m(kQueryV1Len, 0);
-    m[0] = type;
-    std::memcpy(&m[8], g.data(), 16);
-    hear(ifp, m, -1, from);
-}
-
 class RecordHandlerTest : public ListenerTest {
   protected:
     void check(const Row& row) {
@@ -86,15 +59,7 @@ class RecordHandlerTest : public ListenerTest {
         forget_kernel_calls();
         const addr6 g = ip6(row.group);
         const addr6& from = row.from_stranger ? stranger : host;
-        EXPECT_EQ(stdout_of([&] {
-                      if (row.type == REPORT || row.type == DONE) {
-                          receive(eth1, row.type, g, from);
-                      } else {
-                          kHandler[row.type](&router, eth1, from.data(),
-                                             record(row.type, g, row.srcs).data());
-                      }
-                  }),
-                  row.output);
+        EXPECT_EQ(stdout_of([&] { hear_record(eth1, from, row.type, g, row.srcs); }), row.output);
         EXPECT_EQ(describe(group(eth1, G1)), describe(row.after));
         EXPECT_EQ(group(eth1, g) == nullptr, !row.after.exists || g != G1);
         if (Group* rec = group(eth1, G1)) {
@@ -112,9 +77,8 @@ class RecordHandlerTest : public ListenerTest {
     }
 };
 
-// Rows: name; state before, record type and sources, state after; queries sent; kernel calls;
-// then, where needed, the printed text and whether the record comes from a host that is not a
-// member.
+// Rows: name; state before, record and sources, state after; queries; kernel calls; then, where
+// needed, the text printed and whether a host that is not a member sent the record.
 // clang-format off
 TEST_F(RecordHandlerTest, CurrentStateRecordsFollowTheRfc3810Table) {
     const std::vector<Row> rows = {
@@ -252,18 +216,16 @@ TEST_F(RecordHandlerTest, StateChangeRecordsFollowTheRfc3810Table) {
 }
 // clang-format on
 
-// Hosts that listened to every source leave with TO_IN{}, and each repeats it (its robustness
-// copies, often before the router's first retransmission). The first leave queries the group;
-// a leave heard while that query is being retransmitted, the repeat of the same host's or
-// another's, neither sends another query nor touches the timer. Nothing is printed.
+// Hosts leave with TO_IN{} and repeat it, often before the router's first retransmission. The
+// first leave queries the group; a leave heard while that query is being retransmitted, the
+// same host's or another's, neither sends another query nor touches the timer, quietly.
 TEST_F(RecordHandlerTest, RepeatedAnySourceLeavesQueryTheGroupOnceQuietly) {
     Group* g = make_group(eth1, G1, exclude({}, {}, 260), host);
     ASSERT_NE(add_host(g, stranger.data()), nullptr);
     forget_kernel_calls();
-    const bytes leave = record(TO_IN, G1, {});
     EXPECT_EQ(stdout_of([&] {
                   for (const addr6* from : {&host, &host, &stranger}) {
-                      handle_to_include_record(&router, eth1, from->data(), leave.data());
+                      hear_record(eth1, *from, TO_IN, G1);
                   }
                   age_link_groups(&router, eth1);  // the group query's retransmission
                   age_link_groups(&router, eth1);
@@ -273,58 +235,44 @@ TEST_F(RecordHandlerTest, RepeatedAnySourceLeavesQueryTheGroupOnceQuietly) {
 }
 
 // The member limit never costs a listener its traffic: once 64 hosts are recorded, the 65th
-// is served in full, only not recorded. When the recorded ones have left, its answer to the
-// last-listener query keeps the group; while the list is full its own leave is heard too.
+// is served, only not recorded, and while the list is full its own leave is heard too.
+// (tests/lab/test_filters.sh's member_limit shows 70 hosts served and the late ones recorded
+// once the first 64 have left.)
 TEST_F(RecordHandlerTest, HostsBeyondTheMemberLimitAreServedButNotRecorded) {
-    auto host_n = [](int n) {
-        addr6 a = ip6("fe80::");
-        a[14] = static_cast<uint8_t>(n);
-        return a;
-    };
     Group* g = make_group(eth1, G1, exclude({}, {}, 260), host_n(1));
     for (int n = 2; n <= 64; n++) {
         ASSERT_NE(add_host(g, host_n(n).data()), nullptr);
     }
-    const bytes is_ex = record(IS_EX, G1, {}), leave = record(TO_IN, G1, {});
     const addr6 late = host_n(65);
     g->filter_timer = 2;  // a last-listener query is under way
-    EXPECT_EQ(
-        stdout_of([&] { handle_is_exclude_record(&router, eth1, late.data(), is_ex.data()); }),
-        "MLDRT: Limit of 64 members per group reached, host served but not recorded\n");
+    EXPECT_EQ(stdout_of([&] { hear_record(eth1, late, IS_EX, G1); }),
+              "MLDRT: Limit of 64 members per group reached, host served but not recorded\n");
     EXPECT_EQ(describe(g), describe(exclude({}, {}, 260)));
     EXPECT_EQ(find_host(g, late.data()), nullptr);
     forget_kernel_calls();
-    handle_to_include_record(&router, eth1, late.data(), leave.data());
+    hear_record(eth1, late, TO_IN, G1);
     EXPECT_EQ(queries_sent(), texts{query(G1, {})});
     EXPECT_EQ(g->filter_timer, 2);
-    // The recorded hosts leave; each leave frees its place, so the 65th is recorded next time.
-    for (int n = 1; n <= 64; n++) {
-        handle_to_include_record(&router, eth1, host_n(n).data(), leave.data());
-    }
-    handle_is_exclude_record(&router, eth1, late.data(), is_ex.data());
-    EXPECT_NE(find_host(g, late.data()), nullptr);
-    EXPECT_EQ(g->hosts->next, nullptr);
 }
 
 // One MLDv1 report puts only its group in MLDv1 compatibility mode, for the Older Version Host
 // Present Timeout (RFC 3810 section 8.3.2): that group's source filters are void (TO_EX{S} is
 // TO_EX{}, BLOCK is ignored) while other groups keep theirs, and the link's queries stay MLDv2.
 TEST_F(RecordHandlerTest, OneMldv1HostPutsOnlyItsGroupInCompatibilityMode) {
-    receive(eth1, REPORT, G1, host);
+    hear_record(eth1, host, REPORT, G1);
     Group* g1 = group(eth1, G1);
     ASSERT_NE(g1, nullptr);
     EXPECT_EQ(g1->v1_host_timer, 260);
-    const bytes to_ex_s1 = record(TO_EX, G1, {1});
-    handle_to_exclude_record(&router, eth1, stranger.data(), to_ex_s1.data());
-    handle_block_record(&router, eth1, stranger.data(), record(BLOCK, G1, {2}).data());
-    handle_to_exclude_record(&router, eth1, stranger.data(), record(TO_EX, G2, {1}).data());
+    hear_record(eth1, stranger, TO_EX, G1, {1});
+    hear_record(eth1, stranger, BLOCK, G1, {2});
+    hear_record(eth1, stranger, TO_EX, G2, {1});
     EXPECT_EQ(describe(g1), describe(exclude({}, {}, 260)));
     EXPECT_EQ(describe(group(eth1, G2)), describe(exclude({}, {{1, 0}}, 260)));
     EXPECT_EQ(queries_sent(), texts{});
     EXPECT_EQ(eth1->mld_version, 2);
     g1->v1_host_timer = 1;  // the MLDv1 host has not been heard for the timeout
     age_link_groups(&router, eth1);
-    handle_to_exclude_record(&router, eth1, stranger.data(), to_ex_s1.data());
+    hear_record(eth1, stranger, TO_EX, G1, {1});
     EXPECT_EQ(describe(g1), describe(exclude({{1, 259}}, {}, 260)));  // filtered by the table
     EXPECT_EQ(queries_sent(), texts{query(G1, {1})});
 }
@@ -446,8 +394,7 @@ TEST_F(TimerTest, GroupOutlivesItsLastSourceUntilItsQueriesAreSent) {
     router.last_listener_query_count = 3;
     make_group(eth1, G1, include({{1, 1}}), host);
     forget_kernel_calls();
-    handle_block_record(&router, eth1, host.data(),
-                        record(code(RecordType::BlockOldSources), G1, {1}).data());
+    hear_record(eth1, host, BLOCK, G1, {1});
     EXPECT_EQ(queries_sent(), texts{query(G1, {1})});
     EXPECT_EQ(tick(), texts{query(G1, {1})});
     EXPECT_EQ(mfc_calls(), texts{"del 2001:db8::1 ff0e::101"});
@@ -513,15 +460,14 @@ TEST_F(TimerTest, OneSecondOfTimersFollowsTheRfc3810Table) {
 }
 
 // A deleted link's groups leave the forwarding database before its record is freed: the other
-// link's listening stays in the kernel, this link's goes, the EXCLUDE count drops once, and
-// later passes never reach the freed record (ASan). The upstream hears the leave at once
-// (robustness 2: the change and one retransmission); only the entry whose report is under way
-// stays, until its last copy is sent.
+// link's listening stays in the kernel, this link's goes, the EXCLUDE count drops once (ASan:
+// later passes never reach the freed record). The upstream hears the leave at once, twice; the
+// entry whose report is under way stays until its last copy is sent. (tests/lab/
+// test_forwarding.sh deletes a link under a listener and follows the kernel's entries.)
 TEST_F(UpstreamTest, ADeletedLinkReleasesItsGroupsAndTheUpstreamHearsTheLeave) {
     make_group(eth1, G1, exclude({}, {}, 260), host);
     make_group(eth1, G2, include({{1, 260}}), host);
     make_group(eth2, G1, exclude({}, {}, 260), host);
-    make_group(eth3, G3, exclude({}, {}, 260), host);
     tick();
     tick();
     forget_kernel_calls();
@@ -535,18 +481,6 @@ TEST_F(UpstreamTest, ADeletedLinkReleasesItsGroupsAndTheUpstreamHearsTheLeave) {
     ASSERT_NE(entry(G2), nullptr);  // kept until the merge after its last copy
     report_changes(&router);
     EXPECT_EQ(entry(G2), nullptr);
-
-    forget_kernel_calls();
-    SystemLink link{};
-    link.ifindex = 13;
-    handle_link_down(&router, &link);
-    EXPECT_EQ(find_link_by_name(router.interfaces, "eth3"), nullptr);
-    EXPECT_EQ(mfc_calls(), texts{"del :: ff0e::103"});
-    EXPECT_EQ(fake::sockopts(kKLevel, MRT6_DEL_MIF_OPT).size(), 1u);
-    EXPECT_EQ(tick(), (texts{"TO_IN G3 {}", "TO_IN G3 {}"}));
-    ASSERT_NE(entry(G3), nullptr);
-    report_changes(&router);
-    EXPECT_EQ(entry(G3), nullptr);
     EXPECT_NE(entry(G1), nullptr);
 }
 

@@ -13,7 +13,7 @@ class LogTest : public RouterTest {};
 const char* const kLine = "MLDRT: Couldnt add src to grp include list\n";
 const char* const kNoNewline = "\n Cannot send query, numSrc and list inconsistent %d %d";
 
-TEST_F(LogTest, EachTextAtMostOnceASecondWithTheCountOfTheHeldBack) {
+TEST_F(LogTest, EachTextAtMostOnceASecondAndOneSyslogRecordPerLine) {
     struct Step {
         uint64_t at_ms;  // since the start
         const char* fmt;
@@ -38,17 +38,14 @@ TEST_F(LogTest, EachTextAtMostOnceASecondWithTheCountOfTheHeldBack) {
     for (const auto& step : steps) {
         SCOPED_TRACE(testing::Message() << step.at_ms << " ms");
         fake::kernel().monotonic_ms = start + step.at_ms;
-        int n = 0;
         testing::internal::CaptureStdout();  // not stdout_of: it forgets what was held back
-        n = log_message(step.fmt, 1, 2);
+        const int n = log_message(step.fmt, 1, 2);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), step.printed);
         EXPECT_GT(n, 0);  // the text's length, printed or not
     }
-}
 
-// Messages begin with their newline or end with it, and the diagnostic dumps come in pieces:
-// syslog gets each line once it is whole, blank lines none, an overlong line in parts.
-TEST_F(LogTest, SyslogGetsOneRecordPerLine) {
+    // Messages begin with their newline or end with it, and the diagnostic dumps come in
+    // pieces: syslog gets each line once it is whole, blank lines none, an overlong line in parts.
     testing::internal::CaptureStdout();
     log_use_syslog(true);
     print_message("\n Couldnt empty include list\n");

@@ -11,38 +11,17 @@ namespace {
 class ReceiveTest : public ListenerTest {
   protected:
     void start() override {
-        router.last_listener_query_interval = 1;
-        router.last_listener_query_count = 2;
-        up = make_link("up0", 10, 2);
-        router.upstream = up;
-        router.active = 1;
-        eth1 = make_link("eth1", 11, 1);
+        up_mif = 2;
+        ListenerTest::start();
         eth3 = make_link("eth3", 13, 3);
         forget_kernel_calls();
     }
 
-  public:  // the table rows write messages through these
-    // A report header at the start of router.buf claiming `nrec` records (the rest of the
-    // buffer left as it is); the first record goes at the offset returned.
-    uint32_t report(uint16_t nrec) {
-        std::memset(router.buf, 0, kReportHeaderLen);
-        router.buf[0] = kTypeV2Report;
-        router.buf[7] = static_cast<uint8_t>(nrec);
-        return kReportHeaderLen;
-    }
-    // A record at `off` with Aux Data Len `aux`; returns the offset after its sources.
-    uint32_t put(uint32_t off, uint8_t type, const addr6& g, const std::vector<int>& srcs,
-                 uint8_t aux = 0) {
-        bytes r = record(type, g, srcs);
-        r[1] = aux;
-        EXPECT_LE(off + r.size(), router.buf_size);
-        std::memcpy(router.buf + off, r.data(), r.size());
-        return off + static_cast<uint32_t>(r.size());
-    }
-    texts groups(const Link* ifp) {
-        texts out;
+  protected:
+    static std::string groups(const Link* ifp) {
+        std::string out;
         for (const Group* g = ifp->groups; g; g = g->next) {
-            out.push_back(grp_name(g->address));
+            out += " " + grp_name(g->grp_addr);
         }
         return out;
     }
@@ -52,12 +31,10 @@ class ReceiveTest : public ListenerTest {
 // A 24-byte MLDv1 general query from another router: handed to the MLD handling, it sets the
 // arrival link's MLD version to 1 and does nothing else on a downstream link.
 fake::datagram v1_query(bool with_pktinfo, uint32_t ifindex) {
-    fake::datagram d{bytes(24, 0),
-                     {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x99},
-                     ifindex,
-                     with_pktinfo};
-    d.payload[0] = kTypeQuery;
-    return d;
+    return {v1_message(kTypeQuery, addr6{}),
+            {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x99},
+            ifindex,
+            with_pktinfo};
 }
 
 TEST_F(ReceiveTest, RouterSocketDatagramIsReadOnlyWhenItCanBeHandled) {
@@ -80,9 +57,9 @@ TEST_F(ReceiveTest, RouterSocketDatagramIsReadOnlyWhenItCanBeHandled) {
         {"unknown arrival index: dropped silently", true, 1, 58, true, 99, 1, 0, "", 2},
         {"known arrival link: handed on", true, 1, 58, true, 11, 1, 0, "", 1},
     };
+    auto& k = fake::kernel();
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        auto& k = fake::kernel();
         k.datagrams.clear();
         k.datagrams.push_back(v1_query(row.pktinfo, row.ifindex));
         k.recvmsg_flags.clear();
@@ -97,15 +74,13 @@ TEST_F(ReceiveTest, RouterSocketDatagramIsReadOnlyWhenItCanBeHandled) {
         EXPECT_TRUE(k.sockopts.empty());
     }
     // What arrives on an interface's own socket is read without waiting and dropped.
-    fake::kernel().recvmsg_flags.clear();
-    fake::kernel().datagrams.push_back(v1_query(true, 11));
+    k.recvmsg_flags.clear();
+    k.datagrams.push_back(v1_query(true, 11));
     EXPECT_EQ(handle_other_message(&router, eth1), 24);
     EXPECT_EQ(handle_other_message(&router, eth1), -1);
-    EXPECT_EQ(fake::kernel().recvmsg_flags, (std::vector<int>{MSG_DONTWAIT, MSG_DONTWAIT}));
+    EXPECT_EQ(k.recvmsg_flags, (std::vector<int>{MSG_DONTWAIT, MSG_DONTWAIT}));
     EXPECT_EQ(eth1->mld_version, 1);
 }
-
-constexpr uint8_t NOCACHE = 1, WRONGMIF = 2, WHOLEPKT = 3;
 
 // eth1 and eth3 take (S1, G1), eth1 the whole of G2. An upcall installs what the database
 // forwards, and only a whole mrt6msg is one: a datagram of 39 bytes that starts like one reaches
@@ -113,45 +88,28 @@ constexpr uint8_t NOCACHE = 1, WRONGMIF = 2, WHOLEPKT = 3;
 TEST_F(ReceiveTest, CacheMissUpcallsInstallWhatTheDatabaseForwards) {
     struct Row {
         const char* name;
-        uint8_t type;
+        uint8_t type;  // 1 NOCACHE, 2 WRONGMIF, 3 WHOLEPKT
         int source;
         const char* group;
         texts kernel;
         size_t len = 40;
     };
-    const std::string G1_S1 = "2001:db8::1 ff0e::101";
+    const std::string add = "add 2001:db8::1 ff0e::101 parent 2 mifs 1,3";
+    // clang-format off
     const std::vector<Row> rows = {
-        {"NOCACHE for a source with marks on MIFs 1 and 3: (S,G) to both, parent the upstream",
-         NOCACHE,
-         1,
-         "ff0e::101",
-         {"add " + G1_S1 + " parent 2 mifs 1,3"}},
-        {"longer than an mrt6msg: an upcall alike",
-         NOCACHE,
-         1,
-         "ff0e::101",
-         {"add " + G1_S1 + " parent 2 mifs 1,3"},
-         64},
-        {"39 bytes: no upcall", NOCACHE, 1, "ff0e::101", {}, 39},
-        {"NOCACHE for a source nobody asked for, in a group without (*,G): (S,G) deleted",
-         NOCACHE,
-         9,
-         "ff0e::101",
-         {"del 2001:db8::9 ff0e::101"}},
-        {"NOCACHE for a group with a (::) record: its (*,G) entry forwards, nothing installed",
-         NOCACHE,
-         1,
-         "ff0e::102",
-         {}},
-        {"NOCACHE for a group unknown to the database: (S,G) deleted",
-         NOCACHE,
-         1,
-         "ff0e::103",
+        {"NOCACHE for a source wanted on MIFs 1 and 3: (S,G) to both", 1, 1, "ff0e::101", {add}},
+        {"longer than an mrt6msg: an upcall alike", 1, 1, "ff0e::101", {add}, 64},
+        {"39 bytes: no upcall", 1, 1, "ff0e::101", {}, 39},
+        {"NOCACHE for a source nobody asked for, in a group without (*,G): (S,G) deleted", 1, 9,
+         "ff0e::101", {"del 2001:db8::9 ff0e::101"}},
+        {"NOCACHE in a group whose (*,G) entry forwards: nothing installed", 1, 1, "ff0e::102", {}},
+        {"NOCACHE for a group unknown to the database: (S,G) deleted", 1, 1, "ff0e::103",
          {"del 2001:db8::1 ff0e::103"}},
-        {"WRONGMIF changes nothing", WRONGMIF, 1, "ff0e::101", {}},
-        {"WHOLEPKT changes nothing", WHOLEPKT, 1, "ff0e::101", {}},
-        {"a destination that is not multicast does nothing", NOCACHE, 1, "2001:db8::ff", {}},
+        {"WRONGMIF changes nothing", 2, 1, "ff0e::101", {}},
+        {"WHOLEPKT changes nothing", 3, 1, "ff0e::101", {}},
+        {"a destination that is not multicast does nothing", 1, 1, "2001:db8::ff", {}},
     };
+    // clang-format on
     make_group(eth1, G1, include({{1, 260}}), host);
     make_group(eth3, G1, include({{1, 260}}), host);
     make_group(eth1, G2, exclude({}, {}, 260), host);
@@ -213,26 +171,17 @@ TEST_F(ReceiveTest, MessagesAreTakenCountedAndSetTheVersionByTypeAndLength) {
         forget_kernel_calls();
         ifp->mld_version = 7;
         const uint64_t due = ifp->query_due_ms = 17;
-        bytes msg(28, 0);
-        msg[0] = row.type;
-        if (row.type == kTypeV2Report) {  // one TO_EX{} record for G1
-            msg = bytes{kTypeV2Report, 0, 0, 0, 0, 0, 0, 1} +
-                  record(code(RecordType::ChangeToExclude), G1, {});
-        } else {
-            std::memcpy(&msg[8], G1.data(), 16);
-        }
-        hear(ifp, msg, row.len,
-             row.own ? addr6{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 11} : host);
+        bytes msg = row.type == kTypeV2Report ? v2_report({record(TO_EX, G1, {})})  // 28 bytes
+                                              : v1_message(row.type, G1);
+        msg.resize(28);
+        hear(ifp, msg, row.len, row.own ? ip6("fe80::b") : host);
         const LinkCounters& c = ifp->counters;
         const RouterCounters& rc = router.counters;
-        std::string after = "v" + std::to_string(ifp->mld_version) + " r" +
-                            std::to_string(c.reports_in) + " q" + std::to_string(c.queries_in) +
-                            " own" + std::to_string(rc.own) + " other" +
-                            std::to_string(rc.not_ours) + " bad" + std::to_string(rc.malformed);
-        for (const Group* g = ifp->groups; g; g = g->next) {
-            after += " " + grp_name(g->address);
-        }
-        EXPECT_EQ(after, row.after);
+        EXPECT_EQ("v" + std::to_string(ifp->mld_version) + " r" + std::to_string(c.reports_in) +
+                      " q" + std::to_string(c.queries_in) + " own" + std::to_string(rc.own) +
+                      " other" + std::to_string(rc.not_ours) + " bad" +
+                      std::to_string(rc.malformed) + groups(ifp),
+                  row.after);
         EXPECT_EQ(describe(group(eth1, G2)), g2);
         EXPECT_EQ(ifp->query_due_ms, due);
         EXPECT_TRUE(fake::kernel().sent_msgs.empty());
@@ -244,71 +193,65 @@ TEST_F(ReceiveTest, MessagesAreTakenCountedAndSetTheVersionByTypeAndLength) {
     }
 }
 
-constexpr uint8_t IS_IN = code(RecordType::ModeIsInclude);
-constexpr uint8_t TO_EX = code(RecordType::ChangeToExclude);
-constexpr uint8_t ALLOW = code(RecordType::AllowNewSources);
+// RFC 3810 section 5.2: a record is handled only when its header, sources and auxiliary data
+// lie wholly inside what arrived; the walk ends at the first one that does not, or at a record
+// for an address that is not multicast, whatever the counts claim; unknown types are stepped
+// over. The buffer beyond what arrived holds the twelve ALLOW records of an earlier report,
+// and nothing of the buffer is ever rewritten.
+struct Rec {
+    uint8_t type;
+    addr6 group;
+    std::vector<int> srcs;
+    uint8_t aux = 0;  // Aux Data Len, in 32-bit words (written as zeros)
+};
+// A report claiming `nrec` records written at the start of router.buf, the rest left as it
+// is; its length.
+uint32_t write_report(uint16_t nrec, const std::vector<Rec>& recs) {
+    bytes m = v2_report({});
+    m[7] = static_cast<uint8_t>(nrec);
+    for (const Rec& r : recs) {
+        bytes b = record(r.type, r.group, r.srcs);
+        b[1] = r.aux;
+        m = m + b + bytes(4u * r.aux, 0);
+    }
+    EXPECT_LE(m.size(), router.buf_size);
+    std::memcpy(router.buf, m.data(), m.size());
+    return static_cast<uint32_t>(m.size());
+}
 
-// RFC 3810 section 5.2: a record is handled only when its header, its sources and its
-// auxiliary data lie wholly inside what arrived; the walk ends at the first one that does not,
-// or at a record for an address that is not multicast, whatever the counts claim. Unknown
-// record types are stepped over. `len` is the length received; the buffer beyond it holds the
-// twelve ALLOW records of an earlier report, and nothing of the buffer is ever rewritten.
 TEST_F(ReceiveTest, RecordsAreHandledOnlyWhollyInsideWhatArrived) {
     struct Row {
         const char* name;
-        std::function<uint32_t(ReceiveTest*)> write;  // returns the length received
-        texts groups;                                 // groups on eth1 afterwards, newest first
+        uint16_t nrec;
+        std::vector<Rec> recs;
+        uint32_t cut;        // bytes of the report that did not arrive
+        std::string groups;  // on eth1 afterwards, newest first
     };
-    using T = ReceiveTest;
+    const addr6 G4 = grp(4), unicast = ip6("2001:db8::1");
+    // clang-format off
     const std::vector<Row> rows = {
-        {"a count of 12 with one record received",
-         [](T* t) { return t->put(t->report(12), TO_EX, grp(2), {}); },
-         {"G2"}},
-        {"sources running past the end",
-         [](T* t) {
-             return t->put(t->put(t->report(2), ALLOW, grp(2), {2}), ALLOW, grp(3), {3, 4}) - 8;
-         },
-         {"G2"}},
-        {"auxiliary data running past the end",
-         [](T* t) {  // 8 bytes of aux data, 4 arrived
-             return t->put(t->put(t->report(2), ALLOW, grp(2), {2}), ALLOW, grp(3), {3}, 2) + 4;
-         },
-         {"G2"}},
-        {"auxiliary data inside is stepped over",
-         [](T* t) {
-             return t->put(t->put(t->report(2), ALLOW, grp(2), {2}, 1) + 4, ALLOW, grp(3), {3});
-         },
-         {"G3", "G2"}},
-        {"a record ending exactly at the end",
-         [](T* t) {
-             return t->put(t->report(1), ALLOW, grp(2), {2, 3});
-         },
-         {"G2"}},
-        {"a header cut short",
-         [](T* t) { return t->put(t->report(1), TO_EX, grp(2), {}) - 1; },
-         {}},
-        {"no records", [](T* t) { return t->put(t->report(0), TO_EX, grp(2), {}); }, {}},
-        {"a record for a unicast address ends the report",
-         [](T* t) {
-             uint32_t off = t->put(t->report(3), TO_EX, grp(1), {});
-             return t->put(t->put(off, IS_IN, ip6("2001:db8::1"), {1}), TO_EX, grp(2), {});
-         },
-         {"G1"}},
-        {"unknown record types 7 and 0 are stepped over",
-         [](T* t) {
-             uint32_t off = t->put(t->put(t->report(4), ALLOW, grp(1), {1}), 7, grp(2), {2});
-             return t->put(t->put(off, 0, grp(3), {}), ALLOW, grp(4), {4});
-         },
-         {"G4", "G1"}},
+        {"a count of 12 with one record received", 12, {{TO_EX, G2, {}}}, 0, " G2"},
+        {"sources running past the end", 2, {{ALLOW, G2, {2}}, {ALLOW, G3, {3, 4}}}, 8, " G2"},
+        {"aux data running past the end", 2, {{ALLOW, G2, {2}}, {ALLOW, G3, {3}, 2}}, 4, " G2"},
+        {"aux data inside is skipped", 2, {{ALLOW, G2, {2}, 1}, {ALLOW, G3, {3}}}, 0, " G3 G2"},
+        {"a record ending exactly at the end", 1, {{ALLOW, G2, {2, 3}}}, 0, " G2"},
+        {"a header cut short", 1, {{TO_EX, G2, {}}}, 1, ""},
+        {"no records", 0, {{TO_EX, G2, {}}}, 0, ""},
+        {"a record for a unicast address ends the report", 3,
+         {{TO_EX, G1, {}}, {IS_IN, unicast, {1}}, {TO_EX, G2, {}}}, 0, " G1"},
+        {"unknown record types 7 and 0 are stepped over", 4,
+         {{ALLOW, G1, {1}}, {7, G2, {2}}, {0, G3, {}}, {ALLOW, G4, {4}}}, 0, " G4 G1"},
     };
+    // clang-format on
+    std::vector<Rec> earlier;
+    for (int i = 1; i <= 12; i++) {
+        earlier.push_back({ALLOW, ip6(("ff0e::a:" + std::to_string(i)).c_str()), {i}});
+    }
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         restart();
-        uint32_t off = report(12);
-        for (int i = 1; i <= 12; i++) {
-            off = put(off, ALLOW, ip6(("ff0e::a:" + std::to_string(i)).c_str()), {i});
-        }
-        const auto len = static_cast<int>(row.write(this));
+        write_report(12, earlier);
+        const auto len = static_cast<int>(write_report(row.nrec, row.recs) - row.cut);
         const bytes before(router.buf, router.buf + router.buf_size);
         handle_mld_message(&router, eth1, router.buf, host.data(), len);
         EXPECT_EQ(groups(eth1), row.groups);

@@ -1,6 +1,6 @@
 // Sending queries and reports, byte for byte: the exact sendmsg calls (destination, ICMPv6
-// bytes, ancillary data, flags), the encodings of MRC, QQIC and QRV, splitting to the link MTU,
-// MLDv1 conversion and the general-query schedule.
+// bytes, ancillary data, flags), the encodings of MRC, QQIC and QRV, splitting to the link MTU
+// and MLDv1 conversion.
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -68,10 +68,9 @@ class SendTest : public RouterTest {
         for (const auto& m : fake::kernel().sent_msgs) {
             EXPECT_EQ(m.fd, ifp->sock);
             EXPECT_EQ(m.flags, MSG_DONTROUTE);
-            EXPECT_EQ(m.dst.sin6_family, AF_INET6);
-            EXPECT_EQ(m.dst.sin6_port, 0);
-            EXPECT_EQ(m.dst.sin6_flowinfo, 0u);
-            EXPECT_EQ(m.dst.sin6_scope_id, 0u);
+            EXPECT_EQ(std::vector<uint32_t>({m.dst.sin6_family, m.dst.sin6_port,
+                                             m.dst.sin6_flowinfo, m.dst.sin6_scope_id}),
+                      (std::vector<uint32_t>{AF_INET6, 0, 0, 0}));
             EXPECT_EQ(m.control, control_of(ifp));
             EXPECT_LE(m.payload.size(), ifp->buf_size - 48u) << "no fragmentation";
             out.emplace_back(ip6_text(reinterpret_cast<const uint8_t*>(&m.dst.sin6_addr)),
@@ -84,15 +83,10 @@ class SendTest : public RouterTest {
 // Each row sets one configured value and expects bytes 4, 5, 24 and 25 of the query; the MRC
 // and the QQIC also as the encoders return them.
 TEST_F(SendTest, MrcFloatingFrom32768MsQqicFrom128QrvOnlyBelow8) {
-    struct Row {
-        uint32_t* field;
-        uint32_t value;
-        bytes fields;
-    };
     uint32_t *mrt = &router.query_response_interval, *qi = &router.query_interval;
     uint32_t* rv = &router.robustness;
     Link* ifp = link();
-    const std::vector<Row> rows = {
+    const std::vector<std::tuple<uint32_t*, uint32_t, bytes>> rows = {
         {mrt, 0, {0x00, 0x00, 2, 125}},
         {mrt, 32767, {0x7f, 0xff, 2, 125}},        // largest linear
         {mrt, 32768, {0x80, 0x00, 2, 125}},        // exponent 0, mantissa 0
@@ -117,25 +111,25 @@ TEST_F(SendTest, MrcFloatingFrom32768MsQqicFrom128QrvOnlyBelow8) {
         {rv, 8, {0x27, 0x10, 0, 125}},
         {rv, 10, {0x27, 0x10, 0, 125}},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << (row.field == mrt  ? "MRT "
-                                            : row.field == qi ? "QI "
-                                                              : "R ")
-                                        << row.value);
+    for (const auto& [field, value, fields] : rows) {
+        SCOPED_TRACE(testing::Message() << (field == mrt  ? "MRT "
+                                            : field == qi ? "QI "
+                                                          : "R ")
+                                        << value);
         router.query_response_interval = 10000;
         router.query_interval = 125;
         router.robustness = 2;
-        *row.field = row.value;
+        *field = value;
         fake::kernel().sent_msgs.clear();
         QueryParams q{};
         q.dst[0] = 0xff;
         send_query(&router, ifp, &q);
         const bytes p = sent(ifp).at(0).second;
-        EXPECT_EQ(bytes({p[4], p[5], p[24], p[25]}), row.fields);
-        if (row.field == mrt) {
-            EXPECT_EQ(encode_max_response_code(row.value), (row.fields[0] << 8) | row.fields[1]);
-        } else if (row.field == qi) {
-            EXPECT_EQ(encode_query_interval_code(row.value), row.fields[3]);
+        EXPECT_EQ(bytes({p[4], p[5], p[24], p[25]}), fields);
+        if (field == mrt) {
+            EXPECT_EQ(encode_max_response_code(value), (fields[0] << 8) | fields[1]);
+        } else if (field == qi) {
+            EXPECT_EQ(encode_query_interval_code(value), fields[3]);
         }
     }
 }
@@ -151,43 +145,29 @@ TEST_F(SendTest, QueriesCarryHeaderFieldsAndSources) {
         uint32_t llqi;
         const char* group;
         int nsrc;
-        std::vector<std::string> payloads;
+        std::vector<std::string> payloads;  // hex, or the number of sources of each query
     };
     const std::string zero16 = "00000000 00000000 00000000 00000000 ";
     const std::string g = "82 00 0000 03e8 0000 ff0e0000 00000000 00000000 00000001 ";
+    const std::string g1 = "ff0e0000 00000000 00000000 00000001 02 7d 0000";
+    const std::string s0s1 =
+        "0002 20010db8 00010000 00000000 00000000 20010db8 00010000 "
+        "00000000 00000001";
+    // clang-format off
     const std::vector<Row> rows = {
         {"general v2", 2, 1500, 1, "::", 0, {"82 00 0000 2710 0000 " + zero16 + "02 7d 0000"}},
         {"general v1", 1, 1500, 1, "::", 0, {"82 00 0000 2710 0000 " + zero16}},
         {"group LLQI 1", 2, 1500, 1, "ff0e::1", 0, {g + "02 7d 0000"}},
-        {"group LLQI 33 is not floating",
-         2,
-         1500,
-         33,
-         "ff0e::1",
-         0,
-         {"82 00 0000 80e8 0000 ff0e0000 00000000 00000000 00000001 02 7d 0000"}},
-        {"group LLQI 66 wraps",
-         2,
-         1500,
-         66,
-         "ff0e::1",
-         0,
-         {"82 00 0000 01d0 0000 ff0e0000 00000000 00000000 00000001 02 7d 0000"}},
+        {"group LLQI 33 not floating", 2, 1500, 33, "ff0e::1", 0, {"82 00 0000 80e8 0000 " + g1}},
+        {"group LLQI 66 wraps", 2, 1500, 66, "ff0e::1", 0, {"82 00 0000 01d0 0000 " + g1}},
         {"group v1", 1, 1500, 1, "ff0e::1", 0, {g}},
-        {"sources",
-         2,
-         1500,
-         1,
-         "ff0e::1",
-         2,
-         {g +
-          "02 7d 0002 20010db8 00010000 00000000 00000000 20010db8 00010000 00000000 00000001"}},
+        {"sources", 2, 1500, 1, "ff0e::1", 2, {g + "02 7d " + s0s1}},
         {"100 sources on a 1280-byte link", 2, 1280, 1, "ff0e::1", 100, {"75", "25"}},
     };
+    // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        TearDown();
-        SetUp();
+        restart();
         Link* ifp = link(row.mtu, row.version);
         router.last_listener_query_interval = row.llqi;
         std::vector<Source> srcs(static_cast<size_t>(row.nsrc) + 1);
@@ -223,97 +203,76 @@ TEST_F(SendTest, QueriesCarryHeaderFieldsAndSources) {
     }
 }
 
-// Record of `type` for group ff0e::<grp> with sources src(grp, first..first+n-1).
-std::vector<uint8_t> rec(uint8_t type, int grp, int n, int first = 0, uint8_t aux = 0) {
-    std::vector<uint8_t> r = {type, aux, static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
+addr6 gn(int n) {  // ff0e::<n>
     addr6 g = ip6("ff0e::");
-    g[15] = static_cast<uint8_t>(grp);
-    r.insert(r.end(), g.begin(), g.end());
+    g[15] = static_cast<uint8_t>(n);
+    return g;
+}
+// Record of `type` for ff0e::<grp> with sources src(grp, first..first+n-1).
+bytes rec(uint8_t type, int grp, int n, int first = 0, uint8_t aux = 0) {
+    bytes r = record(type, gn(grp), {});
+    r[1] = aux;
+    r[2] = static_cast<uint8_t>(n >> 8);
+    r[3] = static_cast<uint8_t>(n);
     for (int i = first; i < first + n; i++) {
         const addr6 s = src(grp, i);
         r.insert(r.end(), s.begin(), s.end());
     }
     return r;
 }
-
-using msgs = std::vector<std::pair<std::string, bytes>>;  // destination and payload, in order
-
-struct ReportRow {
-    const char* name;
-    int version, mtu;
-    std::vector<bytes> records;
-    msgs sent;
-    std::vector<int> listened;  // groups ff0e::<n> whose upstream state has listeners
-};
-ReportRow row(const char* name, int version, int mtu, std::vector<bytes> records, msgs sent,
-              std::vector<int> listened = {}) {
-    return {name, version, mtu, std::move(records), std::move(sent), std::move(listened)};
+using msg = std::pair<std::string, bytes>;  // destination and payload
+msg v1(const char* dst, uint8_t type, int grp) {
+    return {dst, v1_message(type, gn(grp))};
 }
-
-// A 24-byte MLDv1 message of `type` for ff0e::<grp>.
-std::pair<std::string, bytes> v1(const char* dst, uint8_t type, int grp) {
-    bytes m(24, 0);
-    m[0] = type;
-    m[8] = 0xff;
-    m[9] = 0x0e;
-    m[23] = static_cast<uint8_t>(grp);
-    return {dst, m};
-}
-
-// An MLDv2 report to ff02::16: the header, then `records` as they are.
-std::pair<std::string, bytes> v2(const std::vector<bytes>& records) {
-    bytes m = {143, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(records.size())};
-    for (const auto& r : records) {
-        m.insert(m.end(), r.begin(), r.end());
-    }
-    return {"ff02::16", m};
+msg v2(const std::vector<bytes>& records) {
+    return {"ff02::16", v2_report(records)};
 }
 
 TEST_F(SendTest, ReportsFitTheLinkAndFollowItsVersion) {
-    const std::vector<ReportRow> rows = {
-        row("V2RecordsCopiedAfterHeader", 2, 1500, {rec(2, 1, 0), rec(5, 2, 2)},
-            {v2({rec(2, 1, 0), rec(5, 2, 2)})}),
+    struct Row {
+        const char* name;
+        int version, mtu;
+        std::vector<bytes> records;
+        std::vector<msg> sent;
+        std::vector<int> listened = {};  // groups ff0e::<n> whose upstream state has listeners
+    };
+    // clang-format off
+    const std::vector<Row> rows = {
+        {"V2RecordsCopiedAfterHeader", 2, 1500, {rec(2, 1, 0), rec(5, 2, 2)},
+         {v2({rec(2, 1, 0), rec(5, 2, 2)})}},
         // An MLDv1 router hears a report for a group with listeners and a done for one without,
         // whatever record told of the change: the last source blocked is a done too.
-        row("V1OneMessagePerRecordByWhetherTheGroupIsListened", 1, 1500,
-            {rec(3, 1, 0), rec(2, 2, 0), rec(3, 3, 2), rec(6, 4, 1), rec(5, 5, 1)},
-            {v1("ff02::2", 132, 1), v1("ff0e::2", 131, 2), v1("ff0e::3", 131, 3),
-             v1("ff02::2", 132, 4), v1("ff0e::5", 131, 5)},
-            {2, 3, 5}),
-        row("V1ToIncludeWithAuxByteIsStillDone", 1, 1500, {rec(3, 1, 0, 0, 1)},
-            {v1("ff02::2", 132, 1)}),
-        row("V2RecordSetSplitAtRecords", 2, 1280,
-            {rec(5, 1, 15), rec(5, 2, 15), rec(5, 3, 15), rec(5, 4, 15), rec(5, 5, 15)},
-            {v2({rec(5, 1, 15), rec(5, 2, 15), rec(5, 3, 15), rec(5, 4, 15)}),
-             v2({rec(5, 5, 15)})}),
-        row("V2AllowSplitCarriesEverySource", 2, 1280, {rec(5, 1, 100)},
-            {v2({rec(5, 1, 75)}), v2({rec(5, 1, 25, 75)})}),
-        row("V2BlockAfterSmallRecord", 2, 1280, {rec(1, 2, 1), rec(6, 1, 100)},
-            {v2({rec(1, 2, 1)}), v2({rec(6, 1, 75)}), v2({rec(6, 1, 25, 75)})}),
-        row("V2ToExcludeKeepsFirstSourcesThatFit", 2, 1280, {rec(4, 1, 100)},
-            {v2({rec(4, 1, 75)})}),
-        row("V2IsExcludeKeepsFirstSourcesThatFit", 2, 1280, {rec(2, 1, 100), rec(1, 2, 0)},
-            {v2({rec(2, 1, 75)}), v2({rec(1, 2, 0)})}),
+        {"V1OneMessagePerRecordByWhetherTheGroupIsListened", 1, 1500,
+         {rec(3, 1, 0), rec(2, 2, 0), rec(3, 3, 2), rec(6, 4, 1), rec(5, 5, 1)},
+         {v1("ff02::2", 132, 1), v1("ff0e::2", 131, 2), v1("ff0e::3", 131, 3),
+          v1("ff02::2", 132, 4), v1("ff0e::5", 131, 5)}, {2, 3, 5}},
+        {"V1ToInWithAuxByteIsStillDone", 1, 1500, {rec(3, 1, 0, 0, 1)}, {v1("ff02::2", 132, 1)}},
+        {"V2RecordSetSplitAtRecords", 2, 1280,
+         {rec(5, 1, 15), rec(5, 2, 15), rec(5, 3, 15), rec(5, 4, 15), rec(5, 5, 15)},
+         {v2({rec(5, 1, 15), rec(5, 2, 15), rec(5, 3, 15), rec(5, 4, 15)}), v2({rec(5, 5, 15)})}},
+        {"V2AllowSplitCarriesEverySource", 2, 1280, {rec(5, 1, 100)},
+         {v2({rec(5, 1, 75)}), v2({rec(5, 1, 25, 75)})}},
+        {"V2BlockAfterSmallRecord", 2, 1280, {rec(1, 2, 1), rec(6, 1, 100)},
+         {v2({rec(1, 2, 1)}), v2({rec(6, 1, 75)}), v2({rec(6, 1, 25, 75)})}},
+        {"V2ToExcludeKeepsFirstSourcesThatFit", 2, 1280, {rec(4, 1, 100)}, {v2({rec(4, 1, 75)})}},
+        {"V2IsExcludeKeepsFirstSourcesThatFit", 2, 1280, {rec(2, 1, 100), rec(1, 2, 0)},
+         {v2({rec(2, 1, 75)}), v2({rec(1, 2, 0)})}},
     };
+    // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        TearDown();
-        SetUp();
+        restart();
         Link* ifp = link(row.mtu, row.version);
         Link* dn = make_link("eth2", 12, 2);
         for (int n : row.listened) {  // a listener on eth2, merged (no upstream: nothing sent)
-            addr6 g = ip6("ff0e::");
-            g[15] = static_cast<uint8_t>(n);
-            make_group(dn, g, exclude({}, {}, 260), ip6("fe80::100:1"));
+            make_group(dn, gn(n), exclude({}, {}, 260), ip6("fe80::100:1"));
         }
         report_changes(&router);
         fake::kernel().sent_msgs.clear();
-        std::vector<uint8_t> all;
-        for (const auto& r : row.records) {
-            all.insert(all.end(), r.begin(), r.end());
-        }
-        send_report(&router, ifp, ip6("ff02::16").data(), all.data(),
-                    static_cast<uint32_t>(row.records.size()), static_cast<uint32_t>(all.size()));
+        const bytes all = v2_report(row.records);
+        send_report(&router, ifp, ip6("ff02::16").data(), &all[kReportHdrLen],
+                    static_cast<uint32_t>(row.records.size()),
+                    static_cast<uint32_t>(all.size() - kReportHdrLen));
         EXPECT_EQ(sent(ifp), row.sent);
     }
 }

@@ -1,6 +1,6 @@
-// What the unit tests share: a router record torn down after each test (so that leak checkers
-// see nothing), addresses, group states built through the database's own operations, records
-// as they arrive, and what the daemon sent (queries, reports, kernel entries) as comparable text.
+// What the unit tests share: a router torn down after each test (leak checkers see nothing),
+// addresses, group states built through the database's own operations, messages as they
+// arrive, and what the daemon sent (queries, reports, kernel entries) as comparable text.
 #ifndef MLDPROXYD_TESTS_TEST_SUPPORT_H
 #define MLDPROXYD_TESTS_TEST_SUPPORT_H
 
@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -41,19 +42,16 @@ std::vector<T> operator+(std::vector<T> a, const std::vector<T>& b) {
     return a;
 }
 inline std::vector<int> upto(int first, int last) {
-    std::vector<int> v;
-    for (int n = first; n <= last; n++) {
-        v.push_back(n);
-    }
+    std::vector<int> v(static_cast<size_t>(last - first + 1));
+    std::iota(v.begin(), v.end(), first);
     return v;
 }
 inline std::vector<int> reversed(std::vector<int> v) {
     std::reverse(v.begin(), v.end());
     return v;
 }
-constexpr uint8_t code(RecordType type) {
-    return static_cast<uint8_t>(type);
-}
+// Record types as they are on the wire (RFC 3810 section 5.2.12).
+constexpr uint8_t IS_IN = 1, IS_EX = 2, TO_IN = 3, TO_EX = 4, ALLOW = 5, BLOCK = 6;
 
 // An IPv6 address from its text form (the test fails on a typo), and back.
 inline addr6 ip6(const char* text) {
@@ -89,15 +87,13 @@ inline std::string grp_name(const uint8_t* a) {
                                                                : ip6_text(a);
 }
 
-// A link of the router, link-local address fe80::<ifindex>, on MIF `mifi`.
 inline Link* make_link(const char* name, uint32_t ifindex, uint16_t mifi) {
     Link* ifp = fake::make_link(name, ifindex, mifi);
     EXPECT_NE(ifp, nullptr) << name;
     return ifp;
 }
 
-// What `f` writes on standard output, with the once-a-second hold of repeated messages
-// forgotten, so that a case sees every message it causes (log_test.cc tests the hold itself).
+// What `f` prints, the once-a-second hold of repeated messages forgotten (log_test.cc tests it).
 inline std::string stdout_of(const std::function<void()>& f) {
     log_reset();
     testing::internal::CaptureStdout();
@@ -105,8 +101,12 @@ inline std::string stdout_of(const std::function<void()>& f) {
     return testing::internal::GetCapturedStdout();
 }
 
-// The 12 bytes of a mif6ctl for MIF `mifi` on interface `pifi`: flags, threshold and rate
-// limit 0, fields in host order.
+inline bytes int_bytes(int v) {  // an int option value, host order
+    bytes b(4);
+    std::memcpy(b.data(), &v, 4);
+    return b;
+}
+// The 12 bytes of a mif6ctl for MIF `mifi` on interface `pifi` (host order, the rest 0).
 inline bytes mif_bytes(uint16_t mifi, uint16_t pifi) {
     bytes v(12, 0);
     std::memcpy(&v[0], &mifi, 2);
@@ -148,7 +148,7 @@ inline texts mfc_calls() {
     return out;
 }
 
-// Forgets the kernel calls and transmissions made so far (by the set-up of a test).
+// Forgets the kernel calls and transmissions of the set-up.
 inline void forget_kernel_calls() {
     fake::kernel().sockopts.clear();
     fake::kernel().sent_msgs.clear();
@@ -231,9 +231,9 @@ inline std::string describe(const Group* g) {
     return describe(st);
 }
 
-// Builds `st` for group `g` on the link as reports from `host` would have: the join sequence,
-// the link's any-source mark in EXCLUDE mode, every source through the forwarding-aware list
-// operations (so the MIF marks and kernel entries are those of real traffic), mode and timer.
+// Builds `st` for group `g` on the link as reports from `host` would: the join, the any-source
+// mark in EXCLUDE mode, every source through the forwarding-aware list operations (so the MIF
+// marks and kernel entries are those of real traffic), mode and timer.
 inline Group* make_group(Link* ifp, const addr6& g, const group_state& st, const addr6& host) {
     Group* rec = st.exists ? join_group(&router, ifp, host.data(), g.data(), false) : nullptr;
     if (!rec) {
@@ -269,6 +269,20 @@ inline bytes record(uint8_t type, const addr6& g, const std::vector<int>& srcs) 
     }
     return r;
 }
+// An MLDv2 report of these records; a 24-byte MLDv1 message of `type` for `g`.
+inline bytes v2_report(const std::vector<bytes>& records) {
+    bytes m = {kTypeV2Report, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(records.size())};
+    for (const bytes& r : records) {
+        m = m + r;
+    }
+    return m;
+}
+inline bytes v1_message(uint8_t type, const addr6& g) {
+    bytes m(kQueryV1Len, 0);
+    m[0] = type;
+    std::memcpy(&m[8], g.data(), 16);
+    return m;
+}
 // An MLDv2 query for `g` (:: for a general query) listing `srcs`, with Number of Sources
 // `claimed` (the real count when negative): MRC 10000, QRV 2, QQIC 125.
 inline bytes v2_query(const addr6& g, const std::vector<int>& srcs, int claimed = -1) {
@@ -286,17 +300,20 @@ inline bytes v2_query(const addr6& g, const std::vector<int>& srcs, int claimed 
 }
 
 // The expected text of a query for group `g` with sources `srcs`, sent to the group itself.
-inline std::string query(const addr6& g, const std::vector<int>& srcs) {
-    std::string s = "Q(" + ip6_text(g.data()) + " {";
+inline std::string names(const std::vector<int>& srcs) {  // "{S1 S2}"
+    std::string s = "{";
     for (size_t i = 0; i < srcs.size(); i++) {
         s += (i ? " " : "") + src_name(src(srcs[i]).data());
     }
-    return s + "}) to " + ip6_text(g.data());
+    return s + "}";
+}
+inline std::string query(const addr6& g, const std::vector<int>& srcs) {
+    return "Q(" + ip6_text(g.data()) + " " + names(srcs) + ") to " + ip6_text(g.data());
 }
 
 // Every query sent so far: "Q(G {S1 S2}) to D" from the group at bytes 8..23, the Number of
 // Sources at 26..27 (network order) and the sources from byte 28; a 24-byte MLDv1 query as
-// "v1 Q(G) to D". Reports to ff02::16 are left out; anything else says what is wrong with it.
+// "v1 Q(G) to D". Reports to ff02::16 are left out; anything else is a "bad query".
 inline texts queries_sent() {
     texts out;
     for (const auto& m : fake::kernel().sent_msgs) {
@@ -305,13 +322,11 @@ inline texts queries_sent() {
         const uint32_t n = p.size() >= kQueryV2HeaderLen ? (p[26] << 8 | p[27]) : 0;
         if (to == "ff02::16") {
             continue;
-        } else if (p.size() < kQueryV1Len || p[0] != kTypeQuery) {
-            out.push_back("not a query of " + std::to_string(p.size()) + " bytes to " + to);
-        } else if (p.size() == kQueryV1Len) {
+        } else if (p.size() == kQueryV1Len && p[0] == kTypeQuery) {
             out.push_back("v1 Q(" + ip6_text(&p[8]) + ") to " + to);
-        } else if (p.size() != kQueryV2HeaderLen + kAddrLen * n) {
-            out.push_back("query of " + std::to_string(p.size()) + " bytes with N " +
-                          std::to_string(n));
+        } else if (p.size() < kQueryV2HdrLen || p[0] != kTypeQuery ||
+                   p.size() != kQueryV2HdrLen + kAddrLen * n) {
+            out.push_back("bad query of " + std::to_string(p.size()) + " bytes to " + to);
         } else {
             std::string s = "Q(" + ip6_text(&p[8]) + " {";
             for (uint32_t i = 0; i < n; i++) {
@@ -396,9 +411,20 @@ inline void hear(Link* ifp, const bytes& msg, int len = -1, const addr6& from = 
     handle_mld_message(&router, ifp, router.buf, from.data(),
                        len < 0 ? static_cast<int>(msg.size()) : len);
 }
+// A report from `from` of one record of `type` (a record type, or an MLDv1 report or done).
+inline void hear_record(Link* ifp, const addr6& from, uint8_t type, const addr6& g,
+                        const std::vector<int>& srcs = {}) {
+    hear(ifp, type > BLOCK ? v1_message(type, g) : v2_report({record(type, g, srcs)}), -1, from);
+}
 
-// A fresh router: robustness 2, query interval 125 s, query response interval 10 s (GMI 260),
-// no links yet.
+// A host's link-local address fe80::<n>00.
+inline addr6 host_n(int n) {
+    addr6 a = ip6("fe80::");
+    a[14] = static_cast<uint8_t>(n);
+    return a;
+}
+
+// A fresh router without links: robustness 2, query interval 125 s, response interval 10 s.
 class RouterTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -413,6 +439,11 @@ class RouterTest : public ::testing::Test {
         system_link_reset(&router.system_links);
         g_stop_requested = 0;
     }
+    // A fresh router for the next row of a table.
+    void restart() {
+        TearDown();
+        SetUp();
+    }
 };
 
 // Besides RouterTest's: LLQI 1 and LLQC 2 (LLQT 2); upstream "up0" on MIF 0 and the downstream
@@ -423,15 +454,10 @@ class ListenerTest : public RouterTest {
         RouterTest::SetUp();
         start();
     }
-    // A fresh router for the next row of a table.
-    void restart() {
-        TearDown();
-        SetUp();
-    }
     virtual void start() {
         router.last_listener_query_interval = 1;
         router.last_listener_query_count = 2;
-        up = make_link("up0", 10, 0);
+        up = make_link("up0", 10, up_mif);
         router.upstream = up;
         router.active = 1;
         eth1 = make_link("eth1", 11, 1);
@@ -440,6 +466,7 @@ class ListenerTest : public RouterTest {
     Group* group(Link* ifp, const addr6& g) { return find_group(ifp, g.data()); }
     ForwardingEntry* entry(const addr6& g) { return find_forwarding_entry(&router, g.data()); }
 
+    uint16_t up_mif = 0;
     Link* up = nullptr;
     Link* eth1 = nullptr;
     const addr6 host = ip6("fe80::100:1");       // the member that reports
@@ -457,8 +484,7 @@ class UpstreamTest : public ListenerTest {
         eth3 = make_link("eth3", 13, 3);
         forget_kernel_calls();
     }
-    // Gives the group on `ifp` the state `st` through the list operations (creating it if
-    // needed), keeping the entry's EXCLUDE count right.
+    // Gives the group on `ifp` the state `st` through the list operations, EXCLUDE count kept.
     void set_state(Link* ifp, const addr6& g, const group_state& st) {
         if (Group* rec = group(ifp, g)) {
             for (ListKind kind : {ListKind::Include, ListKind::Requested, ListKind::Excluded}) {
