@@ -115,8 +115,8 @@ TEST_F(NetlinkTest, DumpSocketFailuresAreNamedAndBothDumpsShareOneSocket) {
     EXPECT_EQ(sock, 0);
     k.bind_result = 0;
     k.sockets.clear();
-    ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETLINK, 0), 0);
-    ASSERT_EQ(scan_available_interfaces(&sock, RTM_GETADDR, 1), 0);
+    ASSERT_EQ(request_netlink_dump(&sock, RTM_GETLINK, 0), 0);
+    ASSERT_EQ(request_netlink_dump(&sock, RTM_GETADDR, 1), 0);
     EXPECT_EQ(k.sockets.size(), 1u);
     EXPECT_EQ(requests(), (std::vector<int>{RTM_GETLINK, RTM_GETADDR}));
 }

@@ -21,7 +21,7 @@ class ReceiveTest : public ListenerTest {
     static std::string groups(const Link* ifp) {
         std::string out;
         for (const Group* g = ifp->groups; g; g = g->next) {
-            out += " " + grp_name(g->grp_addr);
+            out += " " + grp_name(g->address);
         }
         return out;
     }

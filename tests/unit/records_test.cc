@@ -17,7 +17,7 @@ TEST_F(RecordsTest, RecordsBeyondTheLimitsAreRefusedWithOneLineAMinute) {
     auto source_row = [&](const char* name, ListKind kind) {
         return Row{name,
                    [this, kind](Group* g, int n) {
-                       return add_to_group_list(&router, g, kind, host_n(n).data(), 5, eth1) == 0;
+                       return add_to_group_list(&router, g, kind, host_n(n).data(), 5, eth1);
                    },
                    Limit::Sources,
                    "MLDRT: Limit of 64 sources per list reached, request not handled\n",

@@ -270,9 +270,9 @@ TEST_F(SendTest, ReportsFitTheLinkAndFollowItsVersion) {
         report_changes(&router);
         fake::kernel().sent_msgs.clear();
         const bytes all = v2_report(row.records);
-        send_report(&router, ifp, ip6("ff02::16").data(), &all[kReportHdrLen],
+        send_report(&router, ifp, ip6("ff02::16").data(), &all[kReportHeaderLen],
                     static_cast<uint32_t>(row.records.size()),
-                    static_cast<uint32_t>(all.size() - kReportHdrLen));
+                    static_cast<uint32_t>(all.size() - kReportHeaderLen));
         EXPECT_EQ(sent(ifp), row.sent);
     }
 }

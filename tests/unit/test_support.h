@@ -324,8 +324,8 @@ inline texts queries_sent() {
             continue;
         } else if (p.size() == kQueryV1Len && p[0] == kTypeQuery) {
             out.push_back("v1 Q(" + ip6_text(&p[8]) + ") to " + to);
-        } else if (p.size() < kQueryV2HdrLen || p[0] != kTypeQuery ||
-                   p.size() != kQueryV2HdrLen + kAddrLen * n) {
+        } else if (p.size() < kQueryV2HeaderLen || p[0] != kTypeQuery ||
+                   p.size() != kQueryV2HeaderLen + kAddrLen * n) {
             out.push_back("bad query of " + std::to_string(p.size()) + " bytes to " + to);
         } else {
             std::string s = "Q(" + ip6_text(&p[8]) + " {";
