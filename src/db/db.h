@@ -63,7 +63,8 @@ struct Group {
     Group* hnext;
 };
 
-// List codes by which every list operation names a source list.
+// The source lists a list operation can name: a group's three (RFC 3810 section 7.2), its
+// query retransmission lists, the entry's host states and its pending state-change sources.
 enum class ListKind : uint8_t {
     Include,
     Requested,
@@ -188,8 +189,8 @@ void remove_from_list(Source** list, const uint8_t* src);
 bool remove_source_from_group(Group* g, ForwardingEntry* e, ListKind kind, const uint8_t* src);
 void delete_group(Link* ifp, Group* g);
 void delete_host(Group* g, Host* m);
-// The list a code names (codes 0-4 in the group, 5-10 in the entry), or nullptr after the
-// unknown-code message; also nullptr when the entry has no such host-state pair.
+// The list a kind names (the first five in the group, the others in the entry); nullptr when
+// the entry has no new host state, or when the record holding the list could not be made.
 Source** select_list(Group* g, ForwardingEntry* e, ListKind kind);
 // Frees every entry of a list.
 void free_list(Source** list);
