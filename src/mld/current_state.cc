@@ -13,26 +13,6 @@ namespace mldproxy {
 
 namespace {
 
-// INCLUDE (A) + IS_EX(B) -> EXCLUDE(A*B, B-A), filter timer GMI. The mode comes first, so
-// that the excluded sources are held back from a (*,G) entry that already lists the link.
-void isex_on_include(Router* r, Group* g, const uint8_t* rec, Link* ifp) {
-    const uint8_t* b = record_sources(rec);
-    uint32_t nb = record_source_count(rec);
-    SourceSet both, added, gone;
-    intersect_with_record(&both, g->include_list, b, nb);
-    record_minus_list(&added, g->include_list, b, nb);
-    list_minus_record(&gone, g->include_list, b, nb);
-    if (empty_group_list(r, g, g->entry, ListKind::Include, ifp) != 0) {
-        log_message("\n Couldnt empty include list\n");
-        return;
-    }
-    enter_exclude(r, g, ifp);
-    add_set_sources(r, g, ListKind::Requested, &both, ifp);
-    add_set_with_timer(r, g, ListKind::Excluded, &added, 0, ifp);
-    set_requested_timers(g, &added, 0);
-    remove_from_requested_and_excluded(r, g, &gone, ifp);
-}
-
 // EXCLUDE (X, Y) + IS_EX(B), B non-empty -> EXCLUDE(B-Y, Y*B), B-X-Y at GMI, filter timer
 // GMI; the sources of X*B keep their timers.
 void isex_on_exclude(Router* r, Group* g, const uint8_t* rec, Link* ifp) {
@@ -92,7 +72,7 @@ int handle_is_exclude_record(Router* r, Link* ifp, const uint8_t* src, const uin
         return 0;
     }
     if (g->filter_mode == FilterMode::Include) {
-        isex_on_include(r, g, rec, ifp);
+        exclude_from_include(r, g, rec, ifp);
     } else if (record_source_count(rec) > 0) {
         isex_on_exclude(r, g, rec, ifp);
     } else {

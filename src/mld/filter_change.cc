@@ -41,27 +41,6 @@ void toin_on_exclude(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
     lower_timers_and_query(r, ifp, g, g->address, nullptr, 0);
 }
 
-// INCLUDE (A) + TO_EX(B), B non-empty -> EXCLUDE(A*B, B-A), filter timer GMI. RFC 3810 also
-// asks Q(G, A*B) here; the routers this one replaces send none (their query looked for A*B in
-// the include list they had just emptied), and neither does this one.
-void toex_on_include(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
-    const uint8_t* b = record_sources(rec);
-    uint32_t nb = record_source_count(rec);
-    SourceSet both, added, gone;
-    intersect_with_record(&both, g->include_list, b, nb);
-    record_minus_list(&added, g->include_list, b, nb);
-    list_minus_record(&gone, g->include_list, b, nb);
-    if (empty_group_list(r, g, g->entry, ListKind::Include, ifp) != 0) {
-        log_message("\n Couldnt empty include list\n");
-        return;
-    }
-    enter_exclude(r, g, ifp);
-    add_set_sources(r, g, ListKind::Requested, &both, ifp);
-    add_set_with_timer(r, g, ListKind::Excluded, &added, 0, ifp);
-    set_requested_timers(g, &added, 0);
-    remove_from_requested_and_excluded(r, g, &gone, ifp);
-}
-
 // EXCLUDE (X, Y) + TO_EX(B), B non-empty -> EXCLUDE(B-Y, Y*B), Q(G, B-Y), B-X-Y at the filter
 // timer, filter timer GMI; the sources of X*B keep their timers.
 void toex_on_exclude(Router* r, Link* ifp, Group* g, const uint8_t* rec) {
@@ -140,7 +119,9 @@ int handle_to_exclude_record(Router* r, Link* ifp, const uint8_t* src, const uin
     if (record_source_count(rec) == 0 || g->v1_host_timer > 0) {
         toex_all(r, ifp, g);
     } else if (g->filter_mode == FilterMode::Include) {
-        toex_on_include(r, ifp, g, rec);
+        // RFC 3810 also asks Q(G, A*B) here; the routers this one replaces send none (their
+        // query looked for A*B in the include list they had just emptied), nor does this one.
+        exclude_from_include(r, g, rec, ifp);
     } else {
         toex_on_exclude(r, ifp, g, rec);
     }

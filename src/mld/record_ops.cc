@@ -118,4 +118,22 @@ void enter_exclude(Router* r, Group* g, Link* ifp) {
     forward_whole_group(r, g, ifp);
 }
 
+void exclude_from_include(Router* r, Group* g, const uint8_t* rec, Link* ifp) {
+    const uint8_t* b = record_sources(rec);
+    uint32_t nb = record_source_count(rec);
+    SourceSet both, added, gone;
+    intersect_with_record(&both, g->include_list, b, nb);
+    record_minus_list(&added, g->include_list, b, nb);
+    list_minus_record(&gone, g->include_list, b, nb);
+    if (empty_group_list(r, g, g->entry, ListKind::Include, ifp) != 0) {
+        log_message("\n Couldnt empty include list\n");
+        return;
+    }
+    enter_exclude(r, g, ifp);
+    add_set_sources(r, g, ListKind::Requested, &both, ifp);
+    add_set_with_timer(r, g, ListKind::Excluded, &added, 0, ifp);
+    set_requested_timers(g, &added, 0);
+    remove_from_requested_and_excluded(r, g, &gone, ifp);
+}
+
 }  // namespace mldproxy

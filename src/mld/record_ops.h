@@ -33,6 +33,11 @@ void remove_from_requested_and_excluded(Router* r, Group* g, const SourceSet* re
 void query_result(Router* r, Link* ifp, Group* g, const SourceSet* res);
 // Enters EXCLUDE mode: counted in the forwarding entry, filter timer GMI, and every source the
 // link does not exclude forwarded to it (RFC 3810 section 6.3).
+// INCLUDE (A) + IS_EX(B) or TO_EX(B), B non-empty -> EXCLUDE(A*B, B-A), filter timer GMI: RFC
+// 3810 section 7.4 gives both records the same new state from INCLUDE mode. The mode comes
+// first, so that the excluded sources are held back from a (*,G) entry that already lists the
+// link.
+void exclude_from_include(Router* r, Group* g, const uint8_t* rec, Link* ifp);
 void enter_exclude(Router* r, Group* g, Link* ifp);
 
 }  // namespace mldproxy
